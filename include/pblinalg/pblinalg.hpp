@@ -1,0 +1,9 @@
+// Everything that pblinalg offers.
+#pragma once
+
+#include <pblinalg/circuit.hpp>
+#include <pblinalg/export.hpp>
+#include <pblinalg/observable.hpp>
+#include <pblinalg/state_vector.hpp>
+#include <pblinalg/state_vector_cpu.hpp>
+#include <pblinalg/threads.hpp>

@@ -1,0 +1,226 @@
+// Compiled once per instruction set, PBLINALG_INSTRUCTION_SET naming it, with contraction of
+// multiply and add. As in exact_blocks.cpp, nothing of the standard library may be instantiated.
+#include "kernels/blocks/fused_blocks.hpp"
+
+#include "kernels/blocks/values.hpp"
+#include "kernels/blocks/vector_walk.hpp"
+#include "kernels/blocks/walk_groups.hpp"
+
+namespace pblinalg::cpu {
+namespace {
+
+constexpr InstructionSet this_set = InstructionSet::PBLINALG_INSTRUCTION_SET;
+
+/// Steps of the walk that are multiplied together: each matrix entry, once in a register, serves
+/// all of them. With `max_tile_rows` rows this fills the registers with accumulators.
+constexpr int steps_at_once = this_set == InstructionSet::avx512 ? 4 : 2;
+constexpr unsigned int max_tile_rows = 4;
+
+/// Where a worker keeps what it needs, cut from its scratch.
+template <class V, class T>
+struct Scratch {
+    T* matrix;       ///< the worker's copy: per tile of rows, column by column, one entry per row
+    V* old;          ///< gathered amplitudes, [row][step], each followed by i times itself
+    V* fresh;        ///< results, [step][row]
+    Index* offsets;  ///< amplitudes from a step's base to the vector of each row
+
+    static std::size_t bytes(unsigned int n_targets) {
+        const std::size_t rows = std::size_t{1} << n_targets;
+        return rows * rows * 2 * sizeof(T) + rows * steps_at_once * 3 * sizeof(V) +
+               rows * sizeof(Index) + 64;
+    }
+
+    Scratch(void* memory, unsigned int n_targets) {
+        const std::size_t rows = std::size_t{1} << n_targets;
+        old = static_cast<V*>(memory);
+        fresh = old + rows * steps_at_once * 2;
+        matrix = reinterpret_cast<T*>(fresh + rows * steps_at_once);
+        offsets = reinterpret_cast<Index*>(matrix + 2 * rows * rows);
+    }
+};
+
+template <class T>
+void pack_matrix(T* to, const T* matrix, Index rows, unsigned int tile_rows) {
+    for (Index tile = 0; tile < rows; tile += tile_rows) {
+        for (Index c = 0; c < rows; ++c) {
+            for (unsigned int r = 0; r < tile_rows; ++r, to += 2) {
+                to[0] = matrix[2 * ((tile + r) * rows + c)];
+                to[1] = matrix[2 * ((tile + r) * rows + c) + 1];
+            }
+        }
+    }
+}
+
+/// fresh = matrix * old for one tile of rows and `steps` steps.
+template <unsigned int tile_rows, int steps, class V, class T>
+PBLINALG_ALWAYS_INLINE void multiply_tile(const T* packed, const V* old, V* fresh, Index rows) {
+    typename V::Elements sums[tile_rows][steps] = {};
+    for (Index c = 0; c < rows; ++c, packed += 2 * tile_rows, old += 2 * steps) {
+        for (unsigned int r = 0; r < tile_rows; ++r) {
+            for (int s = 0; s < steps; ++s)
+                sums[r][s] += packed[2 * r] * old[2 * s].v;
+            for (int s = 0; s < steps; ++s)
+                sums[r][s] += packed[2 * r + 1] * old[2 * s + 1].v;
+        }
+    }
+    for (unsigned int r = 0; r < tile_rows; ++r) {
+        for (int s = 0; s < steps; ++s)
+            fresh[s * rows + r].v = sums[r][s];
+    }
+}
+
+/// Recomputes the step that `old` and `fresh` point at, lane by lane, with the full product.
+template <int steps, class V, class T>
+[[gnu::noinline, gnu::cold]] void redo_with_recovery(const T* matrix, const V* old, V* fresh,
+                                                     Index rows) {
+    using S = Scalar<this_set, T>;
+    for (int lane = 0; lane < V::lanes; ++lane) {
+        for (Index r = 0; r < rows; ++r) {
+            S sum(0, 0);
+            for (Index c = 0; c < rows; ++c) {
+                const V& x = old[2 * steps * c];
+                sum = sum + cmul(S::load(matrix + 2 * (r * rows + c)),
+                                 S(x.v[2 * lane], x.v[2 * lane + 1]));
+            }
+            fresh[r].v[2 * lane] = sum.re;
+            fresh[r].v[2 * lane + 1] = sum.im;
+        }
+    }
+}
+
+template <class V>
+struct MatrixVectors : VectorWalk<V> {
+    const MatrixWalk& walk;
+    Index* offsets;
+
+    MatrixVectors(const MatrixWalk& walk, Index* offsets)
+        : VectorWalk<V>(walk.groups), walk(walk), offsets(offsets) {
+        offsets[0] = 0;
+        Index filled = 1;
+        for (unsigned int p = walk.n_targets; p-- > 0; filled *= 2) {
+            const Index target_bit = this->take_target(walk.targets[p]);
+            for (Index r = 0; r < filled; ++r)
+                offsets[filled + r] = offsets[r] | target_bit;
+        }
+    }
+
+    void transpose(V* a) const {
+        for (unsigned int p = 0; p < walk.n_targets; ++p) {
+            if (this->in_lanes(walk.targets[p])) {
+                this->transpose_target(a, walk.targets[p], p, walk.n_targets);
+            }
+        }
+    }
+};
+
+/// Gathers, multiplies and stores `steps` steps of the walk.
+template <unsigned int tile_rows, int steps, class V, class T>
+void multiply_steps(T* state, const MatrixVectors<V>& vectors, const Index* bases, const T* matrix,
+                    const Scratch<V, T>& scratch) {
+    const Index rows = Index{1} << vectors.walk.n_targets;
+    for (int s = 0; s < steps; ++s) {
+        V* const gathered = scratch.fresh;
+        for (Index r = 0; r < rows; ++r) {
+            gathered[r] = V::load(state + 2 * (bases[s] + vectors.offsets[r]));
+        }
+        vectors.transpose(gathered);
+        for (Index r = 0; r < rows; ++r) {
+            scratch.old[2 * (steps * r + s)] = gathered[r];
+            scratch.old[2 * (steps * r + s) + 1] = times_i(gathered[r]);
+        }
+    }
+    for (Index tile = 0; tile < rows; tile += tile_rows) {
+        multiply_tile<tile_rows, steps>(scratch.matrix + 2 * tile * rows, scratch.old,
+                                        scratch.fresh + tile, rows);
+    }
+    const typename V::Bits chosen = V::lanes_with(vectors.control_lanes);
+    for (int s = 0; s < steps; ++s) {
+        V* const fresh = scratch.fresh + s * rows;
+        bool nan = false;
+        for (Index r = 0; r < rows; ++r)
+            nan |= V::holds_nan(fresh[r], fresh[r]);
+        if (nan) [[unlikely]]
+            redo_with_recovery<steps>(matrix, scratch.old + 2 * s, fresh, rows);
+        if (vectors.control_lanes != 0) {
+            for (Index r = 0; r < rows; ++r) {
+                fresh[r] = V::select(chosen, fresh[r], scratch.old[2 * (steps * r + s)]);
+            }
+        }
+        vectors.transpose(fresh);
+        for (Index r = 0; r < rows; ++r) {
+            fresh[r].store(state + 2 * (bases[s] + vectors.offsets[r]));
+        }
+    }
+}
+
+template <unsigned int tile_rows, class V, class T>
+void multiply_vectors(T* state, const MatrixVectors<V>& vectors, Index begin, Index end,
+                      const T* matrix, const Scratch<V, T>& scratch) {
+    pack_matrix(scratch.matrix, matrix, Index{1} << vectors.walk.n_targets, tile_rows);
+    Index bases[steps_at_once];
+    int waiting = 0;
+    walk_groups(vectors.free_mask, vectors.fixed_bits, begin, end, [&](Index base) {
+        bases[waiting++] = base;
+        if (waiting < steps_at_once) return;
+        multiply_steps<tile_rows, steps_at_once>(state, vectors, bases, matrix, scratch);
+        waiting = 0;
+    });
+    for (int s = 0; s < waiting; ++s) {
+        multiply_steps<tile_rows, 1>(state, vectors, bases + s, matrix, scratch);
+    }
+}
+
+template <class T>
+void multiply_scalars(T* state, const MatrixWalk& walk, Index begin, Index end, const T* matrix,
+                      void* scratch) {
+    using S = Scalar<this_set, T>;
+    const Index rows = Index{1} << walk.n_targets;
+    S* const old = static_cast<S*>(scratch);
+    walk_groups(walk.groups.free_mask, walk.groups.fixed_bits, begin, end, [&](Index base) {
+        for (Index r = 0; r < rows; ++r)
+            old[r] = S::load(state + 2 * (base | walk.offsets[r]));
+        for (Index r = 0; r < rows; ++r) {
+            S sum(0, 0);
+            for (Index c = 0; c < rows; ++c) {
+                sum = sum + cmul(S::load(matrix + 2 * (r * rows + c)), old[c]);
+            }
+            sum.store(state + 2 * (base | walk.offsets[r]));
+        }
+    });
+}
+
+}  // namespace
+
+template <InstructionSet set, class T>
+std::size_t matrix_scratch_bytes(unsigned int n_targets) {
+    return Scratch<Vector<set, T>, T>::bytes(n_targets);
+}
+
+template <InstructionSet set, class T>
+void multiply_matrix(T* state, const MatrixWalk& walk, Index begin, Index end, const T* matrix,
+                     void* memory) {
+    using V = Vector<set, T>;
+    const Scratch<V, T> scratch(memory, walk.n_targets);
+    const MatrixVectors<V> vectors(walk, scratch.offsets);
+    const VectorRange range(walk.groups, begin, end, vectors.group_bits);
+    if (begin < range.begin) multiply_scalars(state, walk, begin, range.begin, matrix, memory);
+    if (!range.empty()) {
+        const Index first = range.first_step();
+        const Index last = range.last_step();
+        if (walk.n_targets >= 2) {
+            multiply_vectors<max_tile_rows>(state, vectors, first, last, matrix, scratch);
+        } else {
+            multiply_vectors<2>(state, vectors, first, last, matrix, scratch);
+        }
+    }
+    if (range.end < end) multiply_scalars(state, walk, range.end, end, matrix, memory);
+}
+
+#define PBLINALG_INSTANTIATE(T)                                                               \
+    template std::size_t matrix_scratch_bytes<this_set, T>(unsigned int);                     \
+    template void multiply_matrix<this_set, T>(T*, const MatrixWalk&, Index, Index, const T*, \
+                                               void*);
+PBLINALG_INSTANTIATE(float)
+PBLINALG_INSTANTIATE(double)
+
+}  // namespace pblinalg::cpu

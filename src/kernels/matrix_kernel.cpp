@@ -1,0 +1,80 @@
+#include "kernels/matrix_kernel.hpp"
+
+#include <algorithm>
+#include <memory>
+#include <new>
+
+#include "core/parallel.hpp"
+#include "kernels/blocks/fused_blocks.hpp"
+#include "kernels/gate_kernels.hpp"
+
+namespace pblinalg::cpu {
+namespace {
+
+using orb::core::iterator::StateIterator;
+
+struct AlignedDelete {
+    void operator()(std::byte* memory) const { ::operator delete[](memory, std::align_val_t{64}); }
+};
+
+/// One worker's scratch for the matrix kernel.
+template <InstructionSet set, class T>
+std::unique_ptr<std::byte[], AlignedDelete> new_scratch(unsigned int n_targets) {
+    const std::size_t bytes = matrix_scratch_bytes<set, T>(n_targets);
+    return std::unique_ptr<std::byte[], AlignedDelete>(
+        static_cast<std::byte*>(::operator new[](bytes, std::align_val_t{64})));
+}
+
+template <class T>
+void _apply_nqbit_gate(std::complex<T>* amplitudes, const StateIterator& iterator, QubitSpan qubits,
+                       MatrixSpan<T> matrix, int nthreads) {
+    const MatrixWalk walk{iterator, qubits.data(), static_cast<unsigned int>(qubits.size()),
+                          iterator.offsets.data()};
+    const Index work = iterator.count * iterator.n_offsets * iterator.n_offsets;
+    for_each_block(iterator.count, work, nthreads, [&](Index begin, Index end) {
+        dispatch([&]<InstructionSet set>() {
+            const auto scratch = new_scratch<set, T>(walk.n_targets);
+            multiply_matrix<set, T>(parts(amplitudes), walk, begin, end, parts(matrix.data()),
+                                    scratch.get());
+        });
+    });
+}
+
+}  // namespace
+
+template <class T>
+bool is_diagonal(MatrixSpan<T> matrix, Index rows) {
+    for (Index r = 0; r < rows; ++r) {
+        for (Index c = 0; c < rows; ++c) {
+            const std::complex<T>& entry = matrix[r * rows + c];
+            if (r != c && !(entry.real() == 0 && entry.imag() == 0)) return false;
+        }
+    }
+    return true;
+}
+
+template <class T>
+std::vector<std::complex<T>> diagonal_of(MatrixSpan<T> matrix, Index rows) {
+    std::vector<std::complex<T>> diagonal(rows);
+    for (Index r = 0; r < rows; ++r)
+        diagonal[r] = matrix[r * (rows + 1)];
+    return diagonal;
+}
+
+template <class T>
+void apply_nbqbit_gate(std::complex<T>* amplitudes, QubitSpan qubits, QubitSpan controls,
+                       MatrixSpan<T> matrix, unsigned long long nqbits, int nthreads) {
+    _apply_nqbit_gate(amplitudes, StateIterator(qubits, controls, nqbits), qubits, matrix,
+                      nthreads);
+}
+
+#define PBLINALG_INSTANTIATE(T)                                                               \
+    template bool is_diagonal<T>(MatrixSpan<T>, Index);                                       \
+    template std::vector<std::complex<T>> diagonal_of<T>(MatrixSpan<T>, Index);               \
+    template void apply_nbqbit_gate<T>(std::complex<T>*, QubitSpan, QubitSpan, MatrixSpan<T>, \
+                                       unsigned long long, int);
+PBLINALG_INSTANTIATE(float)
+PBLINALG_INSTANTIATE(double)
+#undef PBLINALG_INSTANTIATE
+
+}  // namespace pblinalg::cpu
