@@ -100,9 +100,9 @@ TYPED_TEST(Circuits, RunAsTheirMembersDoToTheLastBit) {
         }
     }
     for (const int workers : {1, 2, 0})
-        this->check_random_circuit(17, 60, Filling::ordinary, seed++, workers);
-    this->check_random_circuit(18, 40, Filling::signed_zeros, seed++, 2);
-    this->check_random_circuit(18, 40, Filling::extremes, seed, 2);
+        this->check_random_circuit(17, 40, Filling::ordinary, seed++, workers);
+    this->check_random_circuit(17, 30, Filling::signed_zeros, seed++, 2);
+    this->check_random_circuit(17, 30, Filling::extremes, seed, 2);
 }
 
 TYPED_TEST(Circuits, PrepareABellState) {

@@ -88,7 +88,7 @@ TYPED_TEST(ExactGates, HaveTheSameBitsForEveryWorkerCount) {
     for (const auto& gate : this->cases) {
         for (const Qubits& targets : {Qubits{15, 0, 7}, Qubits{2, 14, 9}}) {
             const Qubits used(targets.begin(), targets.begin() + gate.n_targets);
-            this->check(gate, used, std::nullopt, before, {1, 2, 64, 0, -3});
+            this->check(gate, used, std::nullopt, before, {1, 2, -1});
         }
         if (gate.takes_controls)
             this->check(gate, gate.n_targets == 1 ? Qubits{9} : Qubits{1, 9}, Qubits{4}, before,
@@ -118,7 +118,7 @@ void check_splits(const std::string& name, const Qubits& targets, const Qubits& 
         });
     };
     for_each_instruction_set([&] {
-        for (const int team : {2, 3, 5, 7}) {
+        for (const int team : {3, 7}) {
             load(state, before);
             cpu::for_each_block_of_team(walk.groups.count, team, block);
             EXPECT_TRUE(same_bits(state, expected)) << gate->name << ", team of " << team;
@@ -141,11 +141,11 @@ TYPED_TEST(ExactGates, HaveTheSameBitsForOddTeamsAndAnyCut) {
         check_splits<cpu::GateZtoY, T>("ZtoY", {q}, {7, 4}, this->cases);
         check_splits<cpu::GateT, T>("T", {q}, {}, this->cases);
         check_splits<cpu::GateZ, T>("Z", {q}, {3}, this->cases);
-        check_splits<cpu::_Gate1QB<true>, T>("matrix ordinary on 1", {q}, {6}, this->cases, m2);
+        check_splits<cpu::_Gate1QB<true>, T>("matrix on 1", {q}, {6}, this->cases, m2);
         check_splits<cpu::GateSWAP, T>("SWAP", {q, 3}, {}, this->cases);
         check_splits<cpu::GateISWAP, T>("ISWAP", {6, q}, {4}, this->cases);
         check_splits<cpu::GateHH, T>("HH", {q, 4}, {3}, this->cases);
-        check_splits<cpu::_Gate2QB<true>, T>("matrix ordinary on 2", {3, q}, {}, this->cases, m4);
+        check_splits<cpu::_Gate2QB<true>, T>("matrix on 2", {3, q}, {}, this->cases, m4);
     }
 }
 
