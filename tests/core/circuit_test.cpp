@@ -35,35 +35,57 @@ class Circuits : public ::testing::Test {
         {"SWAP", false, 2, [](S& s, const Qubits& q, T) { s.apply_SWAP(q[0], q[1]); }},
     };
 
+    /// States on which different shortcuts hold, some of them only in parts of the state.
+    static std::vector<Amplitudes<T>> starts(unsigned int n, std::uint64_t seed) {
+        const std::size_t size = std::size_t{1} << n;
+        std::vector<Amplitudes<T>> states{Amplitudes<T>(size)};
+        states[0][0] = 1;
+        for (const Filling filling : all_fillings)
+            states.push_back(filled<T>(size, filling, seed));
+        for (const T special : {-T(0), std::numeric_limits<T>::infinity()}) {
+            states.push_back(filled<T>(size, Filling::ordinary, seed));
+            states.back()[seed * 7919 % size] = {special, T(0.5)};
+        }
+        return states;
+    }
+
     /// Runs random gates through the driver and, one by one, through the members.
-    void check_random_circuit(unsigned int n, int n_gates, Filling filling, std::uint64_t seed,
-                              int num_threads) {
+    void check_random_circuit(unsigned int n, int n_gates, const Amplitudes<T>& before,
+                              std::uint64_t seed, int num_threads) {
+        static constexpr T angles[] = {0, T(0.3), T(-1.7), T(3.141592653589793), T(1e-4)};
         std::mt19937_64 generator(seed);
-        const auto before = filled<T>(std::size_t{1} << n, filling, seed);
+        const auto below = [&](unsigned int n) {
+            return static_cast<unsigned int>(generator() % n);
+        };
         S by_circuit(n), by_members(n);
         load(by_circuit, before);
         load(by_members, before);
         by_circuit.set_num_threads(num_threads);
         Circuit<T> circuit(n);
-        for (int g = 0; g < n_gates; ++g) {
-            const Gate& gate = vocabulary[generator() % (n > 1 ? 11 : 9)];
-            const auto first = static_cast<unsigned int>(generator() % n);
-            Qubits qubits{first};
-            if (gate.n_qubits == 2) {
-                qubits.push_back(
-                    static_cast<unsigned int>((first + 1 + generator() % (n - 1)) % n));
-            }
-            static constexpr T angles[] = {0, T(0.3), T(-1.7), T(3.141592653589793)};
-            const T angle = angles[generator() % 4];
+        const auto add = [&](const Gate& gate, const Qubits& qubits) {
+            const T angle =
+                below(1000) == 0 ? std::numeric_limits<T>::infinity() : angles[below(5)];
             circuit.add_gate(gate.name, gate.has_angle ? std::vector<T>{angle} : std::vector<T>{},
                              qubits);
             gate.apply(by_members, qubits, angle);
+        };
+        for (int g = 0; g < n_gates; ++g) {
+            const unsigned int first = below(n);
+            const unsigned int second = n == 1 ? 0 : (first + 1 + below(n - 1)) % n;
+            const Gate& gate = vocabulary[below(n == 1 ? 9 : 11)];
+            // Diagonals between equal CNOTs depend on a parity.
+            const bool on_parity = n > 1 && gate.n_qubits == 1 && below(6) == 0;
+            if (on_parity) add(vocabulary[9], {first, second});
+            add(gate, on_parity            ? Qubits{second}
+                      : gate.n_qubits == 1 ? Qubits{first}
+                                           : Qubits{first, second});
+            if (on_parity) add(vocabulary[9], {first, second});
         }
         by_circuit.simulate_circuit(circuit);
         const Amplitudes<T> expected(&by_members.state[0], &by_members.state[0] + before.size());
         EXPECT_TRUE(same_bits(by_circuit, expected))
-            << n << " qubits, " << n_gates << " gates, filling " << static_cast<int>(filling)
-            << ", seed " << seed << ", workers " << num_threads;
+            << n << " qubits, " << n_gates << " gates, seed " << seed << ", workers "
+            << num_threads;
     }
 };
 TYPED_TEST_SUITE(Circuits, Precisions);
@@ -92,17 +114,22 @@ TYPED_TEST(Circuits, RecordCopiesOfWhatTheyAreGiven) {
 
 TYPED_TEST(Circuits, RunAsTheirMembersDoToTheLastBit) {
     std::uint64_t seed = 0;
-    for (unsigned int n = 1; n <= 8; ++n) {
-        for (const Filling filling : all_fillings) {
-            for (int repeat = 0; repeat < 10; ++repeat)
+    for (unsigned int n = 1; n <= 13; ++n) {
+        for (int repeat = 0; repeat < (n < 10 ? 12 : 2); ++repeat) {
+            for (const auto& before : this->starts(n, seed)) {
                 for_each_instruction_set(
-                    [&] { this->check_random_circuit(n, 40, filling, seed++, 1); });
+                    [&] { this->check_random_circuit(n, 10 << repeat % 5, before, seed++, 1); });
+            }
         }
     }
-    for (const int workers : {1, 2, 0})
-        this->check_random_circuit(17, 40, Filling::ordinary, seed++, workers);
-    this->check_random_circuit(17, 30, Filling::signed_zeros, seed++, 2);
-    this->check_random_circuit(17, 30, Filling::extremes, seed, 2);
+}
+
+TYPED_TEST(Circuits, RunAsTheirMembersDoOnStatesLargerThanACache) {
+    std::uint64_t seed = 100;
+    for (const auto& before : this->starts(17, seed)) {
+        for (const int workers : {1, 2, 0})
+            this->check_random_circuit(17, 30, before, seed++, workers);
+    }
 }
 
 TYPED_TEST(Circuits, PrepareABellState) {
