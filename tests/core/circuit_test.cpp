@@ -70,16 +70,17 @@ class Circuits : public ::testing::Test {
             gate.apply(by_members, qubits, angle);
         };
         for (int g = 0; g < n_gates; ++g) {
-            const unsigned int first = below(n);
-            const unsigned int second = n == 1 ? 0 : (first + 1 + below(n - 1)) % n;
             const Gate& gate = vocabulary[below(n == 1 ? 9 : 11)];
-            // Diagonals between equal CNOTs depend on a parity.
-            const bool on_parity = n > 1 && gate.n_qubits == 1 && below(6) == 0;
-            if (on_parity) add(vocabulary[9], {first, second});
-            add(gate, on_parity            ? Qubits{second}
-                      : gate.n_qubits == 1 ? Qubits{first}
-                                           : Qubits{first, second});
-            if (on_parity) add(vocabulary[9], {first, second});
+            Qubits qubits{below(n)};
+            if (gate.n_qubits == 2) qubits.push_back((qubits[0] + 1 + below(n - 1)) % n);
+            add(gate, qubits);
+            // CNOT, diagonal gates, the same CNOT: a diagonal on the parity of two qubits.
+            if (std::string(gate.name) != "CNOT" || below(2) == 0) continue;
+            for (unsigned int d = below(3) + 1; d > 0; --d) {
+                static constexpr int diagonals[] = {3, 6, 7, 8};
+                add(vocabulary[diagonals[below(4)]], {qubits[below(2)]});
+            }
+            add(gate, qubits);
         }
         by_circuit.simulate_circuit(circuit);
         const Amplitudes<T> expected(&by_members.state[0], &by_members.state[0] + before.size());
@@ -114,22 +115,28 @@ TYPED_TEST(Circuits, RecordCopiesOfWhatTheyAreGiven) {
 
 TYPED_TEST(Circuits, RunAsTheirMembersDoToTheLastBit) {
     std::uint64_t seed = 0;
-    for (unsigned int n = 1; n <= 13; ++n) {
-        for (int repeat = 0; repeat < (n < 10 ? 12 : 2); ++repeat) {
+    for (unsigned int n = 1; n <= 8; ++n) {
+        // In short circuits special values stay few, in long ones they spread.
+        for (const int n_gates : {3, 5, 8, 40, 150}) {
             for (const auto& before : this->starts(n, seed)) {
                 for_each_instruction_set(
-                    [&] { this->check_random_circuit(n, 10 << repeat % 5, before, seed++, 1); });
+                    [&] { this->check_random_circuit(n, n_gates, before, seed++, 1); });
             }
         }
     }
+    this->check_random_circuit(6, 20000, this->starts(6, seed)[0], seed, 1);
 }
 
-TYPED_TEST(Circuits, RunAsTheirMembersDoOnStatesLargerThanACache) {
-    std::uint64_t seed = 100;
-    for (const auto& before : this->starts(17, seed)) {
-        for (const int workers : {1, 2, 0})
-            this->check_random_circuit(17, 30, before, seed++, workers);
+TYPED_TEST(Circuits, RunAsTheirMembersDoAroundTheSizesOfCaches) {
+    // Blocks have 11 or 12 qubits, tiles 15 or 16.
+    std::uint64_t seed = 1000;
+    for (unsigned int n = 10; n <= 18; ++n) {
+        for (const auto& before : this->starts(n, seed))
+            this->check_random_circuit(n, n < 16 ? 60 : 25, before, seed++,
+                                       static_cast<int>(n % 3));
     }
+    this->check_random_circuit(17, 0, this->starts(17, seed)[1], seed, 2);
+    this->check_random_circuit(17, 3, this->starts(17, seed)[1], seed, 2);
 }
 
 TYPED_TEST(Circuits, PrepareABellState) {
