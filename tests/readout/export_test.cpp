@@ -64,7 +64,9 @@ class Export : public ::testing::Test {
             const bool kept =
                 elements[k] != V() && probability(elements[k]) > threshold * threshold;
             ASSERT_EQ(entry != map->end(), kept) << "index " << k << ", threshold " << threshold;
-            if (kept) EXPECT_TRUE(same_bits(entry->second, elements[k]));
+            if (kept) {
+                EXPECT_TRUE(same_bits(entry->second, elements[k]));
+            }
             n_kept += kept;
         }
         EXPECT_EQ(map->size(), n_kept);
