@@ -26,7 +26,8 @@ find_program(PKG_CONFIG pkg-config REQUIRED)
 add_test(NAME consumer.PkgConfig
     COMMAND sh -ec "export PKG_CONFIG_PATH='${prefix}/${CMAKE_INSTALL_LIBDIR}/pkgconfig'
         test \"$('${PKG_CONFIG}' --modversion pblinalg)\" = '${PROJECT_VERSION}'
-        '${CMAKE_CXX_COMPILER}' ${CMAKE_CXX_FLAGS} -std=c++20 '${consumer_source}/every_member.cpp' \
+        '${CMAKE_CXX_COMPILER}' ${CMAKE_CXX_FLAGS} -std=c++20 \
+            '${consumer_source}/every_member.cpp' \
             $('${PKG_CONFIG}' --cflags --libs pblinalg) -o '${consumer_build}/with_pkg_config'
         LD_LIBRARY_PATH='${prefix}/${CMAKE_INSTALL_LIBDIR}' '${consumer_build}/with_pkg_config'")
 
