@@ -21,13 +21,13 @@ T marginal(const std::vector<T>& elements, const Qubits& qubits, std::uint64_t o
     return sum;
 }
 
-/// First listed qubit most significant.
+/// First listed qubit most significant; negative sums of a matrix do not exceed a threshold of 0.
 template <class T>
 std::vector<T> distribution(const std::vector<T>& elements, Qubits qubits) {
     std::reverse(qubits.begin(), qubits.end());
     std::vector<T> sums(std::size_t{1} << qubits.size());
     for (std::size_t v = 0; v < sums.size(); ++v)
-        sums[v] = marginal(elements, qubits, v);
+        sums[v] = std::max(marginal(elements, qubits, v), T(0));
     return sums;
 }
 
