@@ -88,7 +88,8 @@ T sum_over_blocks(Index count, Index amplitudes, int requested, const Work& work
     std::vector<T> sums(static_cast<std::size_t>(workers > 0 ? workers : omp_get_max_threads()));
     run_team(workers, [&](int id, int team) {
         const Block block(count, static_cast<Index>(id), static_cast<Index>(team));
-        if (block.begin < block.end) sums[static_cast<std::size_t>(id)] = work(block.begin, block.end);
+        if (block.begin < block.end)
+            sums[static_cast<std::size_t>(id)] = work(block.begin, block.end);
     });
     T total = 0;
     for (const T& sum : sums)

@@ -59,8 +59,7 @@ constexpr unsigned int wanted_chain_bits = 3;
 /// numbered by their listed index bits, compacted.
 class TileWalk {
   public:
-    TileWalk(unsigned int n, const Marginal& marginal)
-        : run_bits(std::min(n, tile_bits)) {
+    TileWalk(unsigned int n, const Marginal& marginal) : run_bits(std::min(n, tile_bits)) {
         Index above = marginal.listed & ~low_mask(run_bits);
         if (count_bits(marginal.listed & low_mask(run_bits)) < wanted_chain_bits && above != 0) {
             run_bits = short_run_bits;
@@ -212,9 +211,9 @@ typename S::proba_type cumulative_probability(S view, unsigned long long outcome
                                               int num_threads) {
     using T = typename S::proba_type;
     const IndexWalk walk{Marginal(view.nqubits, qubits).free, fixed_pattern(outcome, qubits)};
-    return sum_over_blocks<T>(
-        walk.count(), walk.count(), num_threads,
-        [&](Index begin, Index end) { return sum_probabilities(view, walk, begin, end); });
+    return sum_over_blocks<T>(walk.count(), walk.count(), num_threads, [&](Index begin, Index end) {
+        return sum_probabilities(view, walk, begin, end);
+    });
 }
 
 template <sequence S>
@@ -252,12 +251,12 @@ std::map<unsigned long long, T>* map_marginal_distribution(S view, const T& thre
     return map.release();
 }
 
-#define PBLINALG_INSTANTIATE_VIEW(T, S)                                                         \
-    template T cumulative_probability<S>(S, unsigned long long, QubitSpan, int);                \
-    template void outcome_probabilities<S>(S, QubitSpan, int, T*);                              \
-    template void compute_marginal_distribution<T, S, false>(S, T*, const T&, QubitSpan, int,   \
-                                                             unsigned long long);               \
-    template std::map<unsigned long long, T>* map_marginal_distribution<T, S>(S, const T&,      \
+#define PBLINALG_INSTANTIATE_VIEW(T, S)                                                       \
+    template T cumulative_probability<S>(S, unsigned long long, QubitSpan, int);              \
+    template void outcome_probabilities<S>(S, QubitSpan, int, T*);                            \
+    template void compute_marginal_distribution<T, S, false>(S, T*, const T&, QubitSpan, int, \
+                                                             unsigned long long);             \
+    template std::map<unsigned long long, T>* map_marginal_distribution<T, S>(S, const T&,    \
                                                                               QubitSpan, int);
 PBLINALG_INSTANTIATE_VIEW(float, SVSequence<std::complex<float>>)
 PBLINALG_INSTANTIATE_VIEW(double, SVSequence<std::complex<double>>)
@@ -293,11 +292,11 @@ std::map<unsigned long long, T>* PybindLinAlgStateVectorCPU<T>::get_mapped_distr
     });
 }
 
-#define PBLINALG_INSTANTIATE(T)                                                               \
-    template T PybindLinAlgStateVectorCPU<T>::probability(const unsigned long long&,          \
-                                                          OptionalQubits);                    \
+#define PBLINALG_INSTANTIATE(T)                                                                 \
+    template T PybindLinAlgStateVectorCPU<T>::probability(const unsigned long long&,            \
+                                                          OptionalQubits);                      \
     template void PybindLinAlgStateVectorCPU<T>::get_distribution(T*, const T&, const Qubits&); \
-    template std::map<unsigned long long, T>*                                                 \
+    template std::map<unsigned long long, T>*                                                   \
     PybindLinAlgStateVectorCPU<T>::get_mapped_distribution(const T&, const Qubits&);
 PBLINALG_INSTANTIATE(float)
 PBLINALG_INSTANTIATE(double)

@@ -3,8 +3,8 @@
 
 #include <map>
 
-#include "readout/views.hpp"
 #include "kernels/state_iterator.hpp"
+#include "readout/views.hpp"
 
 namespace pblinalg::cpu {
 

@@ -38,22 +38,6 @@ std::vector<T> read_distribution(StateVector<T>& state, const Qubits& qubits, T 
     return got;
 }
 
-/// Lists of every length and order, among them every subset of few qubits.
-std::vector<Qubits> lists_of(unsigned int n) {
-    std::vector<Qubits> lists;
-    std::mt19937 random(n);
-    for (unsigned int subset = 0; subset < (1u << n); ++subset) {
-        if (n > 6 && random() % 64 != 0) continue;
-        Qubits list;
-        for (unsigned int q = 0; q < n; ++q) {
-            if (subset >> q & 1) list.push_back(q);
-        }
-        std::shuffle(list.begin(), list.end(), random);
-        lists.push_back(list);
-    }
-    return lists;
-}
-
 template <class T>
 class Distribution : public ::testing::Test {};
 TYPED_TEST_SUITE(Distribution, Precisions);
@@ -65,7 +49,7 @@ TYPED_TEST(Distribution, HasTheBitsOfTheSumInIndexOrderOnOneWorker) {
             for (const unsigned int n : {0u, 1u, 2u, 3u, 4u, 5u, 6u, 9u}) {
                 auto state = random_readout_state<T>(density_matrix ? 2 * n : n, density_matrix);
                 const std::vector<T> elements = probabilities(*state);
-                for (const Qubits& list : lists_of(n)) {
+                for (const Qubits& list : every_list(n)) {
                     EXPECT_EQ(read_distribution(*state, list), distribution(elements, list));
                 }
             }
@@ -165,7 +149,7 @@ TYPED_TEST(Probability, DeliberatelyReadsTheOutcomeFromItsLeastSignificantBit) {
             for (const unsigned int n : {0u, 1u, 3u, 5u, 8u}) {
                 auto state = random_readout_state<T>(density_matrix ? 2 * n : n, density_matrix);
                 const std::vector<T> elements = probabilities(*state);
-                for (const Qubits& list : lists_of(n)) {
+                for (const Qubits& list : every_list(n)) {
                     for (std::size_t v = 0; v < std::size_t{1} << list.size(); v += 1 + v / 3) {
                         EXPECT_NEAR(state->probability(v, list), marginal(elements, list, v), 1e-5);
                     }

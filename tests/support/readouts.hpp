@@ -22,6 +22,22 @@ std::unique_ptr<StateVector<T>> random_readout_state(unsigned int n, bool densit
     return state;
 }
 
+/// One list of qubits below n, in random order, for every subset; above 6 qubits only for some.
+inline std::vector<Qubits> every_list(unsigned int n) {
+    std::vector<Qubits> lists;
+    std::mt19937 random(n);
+    for (unsigned int subset = 0; subset < (1u << n); ++subset) {
+        if (n > 6 && random() % 64 != 0) continue;
+        Qubits list;
+        for (unsigned int q = 0; q < n; ++q) {
+            if (subset >> q & 1) list.push_back(q);
+        }
+        std::shuffle(list.begin(), list.end(), random);
+        lists.push_back(list);
+    }
+    return lists;
+}
+
 /// The probability of every element that readouts see, in index order.
 template <class T>
 std::vector<T> probabilities(const StateVector<T>& state) {

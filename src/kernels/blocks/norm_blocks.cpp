@@ -47,14 +47,13 @@ T sum_square_magnitudes(const T* amplitudes, Index size, const IndexWalk& walk, 
     constexpr Index lane_mask = width - 1;
     T sum = 0;
     if (size < width) {
-        walk_groups(walk.free_mask, walk.fixed_bits, begin, end, [&](Index i) {
-            sum += Scalar<set, T>::load(amplitudes + 2 * i).norm();
-        });
+        walk_groups(walk.free_mask, walk.fixed_bits, begin, end,
+                    [&](Index i) { sum += Scalar<set, T>::load(amplitudes + 2 * i).norm(); });
         return sum;
     }
     const unsigned int group_bits = count_bits(walk.free_mask & lane_mask);
     const typename V<T>::Bits chosen =
-        V<T>::elements_with(~walk.free_mask & lane_mask, walk.fixed_bits & lane_mask);
+        V<T>::elements_with(~walk.free_mask & lane_mask, walk.fixed_bits & lane_mask, 0);
     V<T> sums{};
     walk_groups(walk.free_mask & ~lane_mask, walk.fixed_bits & ~lane_mask, begin >> group_bits,
                 end >> group_bits, [&](Index base) {
@@ -110,11 +109,39 @@ void add_by_outcome(T* sums, const T* values, const OutcomeTile& tile) {
     }
 }
 
-#define PBLINALG_INSTANTIATE(T)                                                              \
-    template void square_magnitudes<this_set, T>(const T*, Index, T*);                       \
-    template T sum_square_magnitudes<this_set, T>(const T*, Index, const IndexWalk&, Index,  \
-                                                  Index);                                    \
-    template void add_by_outcome<this_set, T>(T*, const T*, const OutcomeTile&);
+template <InstructionSet set, class T>
+void divide_matching(T* amplitudes, Index size, const Selection& kept, Index begin, Index end,
+                     T by) {
+    using S = Scalar<set, T>;
+    const T cleared = T(0) / by;
+    if (size < V<T>::lanes) {
+        for (Index i = begin; i < end; ++i) {
+            T* const at = amplitudes + 2 * i;
+            (kept.holds(i) ? divide(S::load(at), by) : S(cleared, cleared)).store(at);
+        }
+        return;
+    }
+    constexpr Index lane_mask = V<T>::lanes - 1;
+    const Selection high{kept.mask & ~lane_mask, kept.pattern & ~lane_mask};
+    const typename V<T>::Bits chosen =
+        V<T>::elements_with(kept.mask & lane_mask, kept.pattern & lane_mask, 1);
+    const V<T> none = V<T>{cleared - typename V<T>::Elements{}};
+    for (Index i = begin; i < end; i += V<T>::lanes) {
+        T* const at = amplitudes + 2 * i;
+        if (high.holds(i)) {
+            V<T>::select(chosen, divide(V<T>::load(at), by), none).store(at);
+        } else {
+            none.store(at);
+        }
+    }
+}
+
+#define PBLINALG_INSTANTIATE(T)                                                             \
+    template void square_magnitudes<this_set, T>(const T*, Index, T*);                      \
+    template T sum_square_magnitudes<this_set, T>(const T*, Index, const IndexWalk&, Index, \
+                                                  Index);                                   \
+    template void add_by_outcome<this_set, T>(T*, const T*, const OutcomeTile&);            \
+    template void divide_matching<this_set, T>(T*, Index, const Selection&, Index, Index, T);
 PBLINALG_INSTANTIATE(float)
 PBLINALG_INSTANTIATE(double)
 

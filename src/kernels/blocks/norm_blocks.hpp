@@ -1,4 +1,5 @@
-// Serial kernels on squared magnitudes: one by one, summed, and added up by measurement outcome.
+// Serial kernels on squared magnitudes: one by one, summed, added up by measurement outcome, and
+// the division that makes them sum to 1 again.
 // The order of additions is part of each contract. The parallel split is left to the readouts.
 #pragma once
 
@@ -26,6 +27,22 @@ struct IndexWalk {
 template <InstructionSet set, class T>
 T sum_square_magnitudes(const T* amplitudes, Index size, const IndexWalk& walk, Index begin,
                         Index end);
+
+/// The indices with `pattern` under `mask`.
+struct Selection {
+    Index mask;
+    Index pattern;
+
+    PBLINALG_ALWAYS_INLINE bool holds(Index index) const { return (index & mask) == pattern; }
+};
+
+/// Divides both parts of the amplitudes in `kept` by `by` and sets those of all others to 0 / by,
+/// at indices [begin, end).
+/// @param size   the number of amplitudes, a power of two.
+/// @param begin  a multiple of 64, as is `end` unless it is `size`.
+template <InstructionSet set, class T>
+void divide_matching(T* amplitudes, Index size, const Selection& kept, Index begin, Index end,
+                     T by);
 
 /// Where the values of an outcome lie in a tile: that of outcome s and free pattern f at position
 /// outcome_offsets[s] + free_offsets[f]. Both counts are powers of two.

@@ -51,6 +51,7 @@ struct Scalar {
     }
     PBLINALG_ALWAYS_INLINE friend Scalar operator-(Scalar a) { return {-a.re, -a.im}; }
     PBLINALG_ALWAYS_INLINE friend Scalar scale(Scalar a, T by) { return {a.re * by, a.im * by}; }
+    PBLINALG_ALWAYS_INLINE friend Scalar divide(Scalar a, T by) { return {a.re / by, a.im / by}; }
     PBLINALG_ALWAYS_INLINE friend Scalar times_i(Scalar a) { return {-a.im, a.re}; }
     PBLINALG_ALWAYS_INLINE friend Scalar times_minus_i(Scalar a) { return {a.im, -a.re}; }
     PBLINALG_ALWAYS_INLINE friend Scalar cmul(Scalar f, Scalar a) {
@@ -122,6 +123,7 @@ struct Vector {
         return a.flip_signs(Register<T, bytes>::sign - Bits{});
     }
     PBLINALG_ALWAYS_INLINE friend Vector scale(Vector a, T by) { return {a.v * by}; }
+    PBLINALG_ALWAYS_INLINE friend Vector divide(Vector a, T by) { return {a.v / by}; }
     PBLINALG_ALWAYS_INLINE friend Vector times_i(Vector a) {
         return a.swap_parts().flip_signs(sign_of_parts(0, Iota()));
     }
@@ -176,11 +178,12 @@ struct Vector {
         return chosen;
     }
 
-    /// All bits set in the elements whose number has `pattern` under `mask`.
-    PBLINALG_ALWAYS_INLINE static Bits elements_with(Index mask, Index pattern) {
+    /// All bits set in the elements whose number, shifted right by `shift`, has `pattern` under
+    /// `mask`: a shift of 1 compares amplitudes, 0 single elements.
+    PBLINALG_ALWAYS_INLINE static Bits elements_with(Index mask, Index pattern, int shift) {
         Bits chosen{};
         for (int e = 0; e < n_elements; ++e) {
-            if ((static_cast<Index>(e) & mask) == pattern) chosen[e] = -1;
+            if ((static_cast<Index>(e >> shift) & mask) == pattern) chosen[e] = -1;
         }
         return chosen;
     }
