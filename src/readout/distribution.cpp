@@ -198,9 +198,19 @@ void write_outcomes(const S& view, QubitSpan qubits, int num_threads, typename S
             out[v] = keep(all[extract_bits(fixed_pattern(v, qubits), marginal.listed)]);
         return;
     }
+    // Where the outcomes of a tile go relative to its first one.
+    const unsigned int table_bits = std::min(count_bits(marginal.listed), tile_bits);
+    std::vector<Index> places(bit(table_bits));
+    for (Index s = 0; s < places.size(); ++s)
+        places[s] = outcome_of(deposit_bits(s, marginal.listed), qubits);
     sum_outcomes<T>(view, marginal, num_threads, [&](Index first, const T* sums, Index count) {
-        for (Index s = 0; s < count; ++s)
-            out[outcome_of(deposit_bits(first + s, marginal.listed), qubits)] = keep(sums[s]);
+        for (Index done = 0; done < count;) {
+            T* const to = out + outcome_of(deposit_bits(first + done, marginal.listed), qubits);
+            const Index end = std::min<Index>(count - done, places.size());
+            for (Index s = 0; s < end; ++s)
+                to[places[s]] = keep(sums[done + s]);
+            done += end;
+        }
     });
 }
 

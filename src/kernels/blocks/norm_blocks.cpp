@@ -53,7 +53,7 @@ T sum_square_magnitudes(const T* amplitudes, Index size, const IndexWalk& walk, 
     }
     const unsigned int group_bits = count_bits(walk.free_mask & lane_mask);
     const typename V<T>::Bits chosen =
-        V<T>::elements_with(~walk.free_mask & lane_mask, walk.fixed_bits & lane_mask, 0);
+        V<T>::elements_where(~walk.free_mask & lane_mask, walk.fixed_bits & lane_mask);
     V<T> sums{};
     walk_groups(walk.free_mask & ~lane_mask, walk.fixed_bits & ~lane_mask, begin >> group_bits,
                 end >> group_bits, [&](Index base) {
@@ -115,16 +115,16 @@ void divide_matching(T* amplitudes, Index size, const Selection& kept, Index beg
     using S = Scalar<set, T>;
     const T cleared = T(0) / by;
     if (size < V<T>::lanes) {
+        const InterleavedMemory<T> memory{amplitudes};
         for (Index i = begin; i < end; ++i) {
-            T* const at = amplitudes + 2 * i;
-            (kept.holds(i) ? divide(S::load(at), by) : S(cleared, cleared)).store(at);
+            (kept.holds(i) ? divide(S::load(memory, i), by) : S(cleared, cleared)).store(memory, i);
         }
         return;
     }
     constexpr Index lane_mask = V<T>::lanes - 1;
     const Selection high{kept.mask & ~lane_mask, kept.pattern & ~lane_mask};
     const typename V<T>::Bits chosen =
-        V<T>::elements_with(kept.mask & lane_mask, kept.pattern & lane_mask, 1);
+        V<T>::lanes_where(kept.mask & lane_mask, kept.pattern & lane_mask);
     const V<T> none = V<T>{cleared - typename V<T>::Elements{}};
     for (Index i = begin; i < end; i += V<T>::lanes) {
         T* const at = amplitudes + 2 * i;

@@ -282,14 +282,11 @@ struct Vector {
         return (lane_numbers & static_cast<Lane>(mask)) == static_cast<Lane>(value);
     }
 
-    /// All bits set in the elements whose number, shifted right by `shift`, has `pattern` under
-    /// `mask`: a shift of 1 compares amplitudes, 0 single elements.
-    PBLINALG_ALWAYS_INLINE static Bits elements_with(Index mask, Index pattern, int shift) {
-        Bits chosen{};
-        for (int e = 0; e < n_elements; ++e) {
-            if ((static_cast<Index>(e >> shift) & mask) == pattern) chosen[e] = -1;
-        }
-        return chosen;
+    /// All bits set in the elements whose number has the bits `value` under `mask`.
+    PBLINALG_ALWAYS_INLINE static Bits elements_where(Index mask, Index value) {
+        using Lane = typename Register<T, bytes>::Lane;
+        return (number_elements<Bits>(Iota()) & static_cast<Lane>(mask)) ==
+               static_cast<Lane>(value);
     }
 
     /// `fresh` where `chosen`, `old` elsewhere.
@@ -360,9 +357,10 @@ struct Vector {
 /// back, so that no product is checked on its own.
 ///
 /// @tparam drop_zeros  products with a part that is known to be 0 are left out of RX and RY. That
-///                     changes nothing but signs of parts that are 0, and what becomes of infinities
-///                     and NaN. A wrong sign of 0 only ever makes other wrong signs of 0, and
-///                     infinities stay, so the caller looks at the final parts (`all_ordinary`).
+///                     changes nothing but signs of parts that are 0, and what becomes of
+///                     infinities and NaN. A wrong sign of 0 only ever makes other wrong signs of
+///                     0, and infinities stay, so the caller looks at the final parts
+///                     (`all_ordinary`).
 template <InstructionSet set, class T, bool drop_zeros>
 struct Planar {
     using Real = T;
