@@ -6,6 +6,7 @@
 #include <optional>
 #include <pblinalg/state_vector_cpu.hpp>
 #include <random>
+#include <span>
 #include <vector>
 
 #include "core/parallel.hpp"
@@ -53,10 +54,8 @@ class OutcomeTable {
     Index of_all_ones_ = 0;
 };
 
-constexpr unsigned int scan_bits = 8;
-constexpr Index scan_size = Index{1} << scan_bits;
-
 /// sums[i] = sum + values[0] + ... + values[i], added one by one.
+/// @return the last of them.
 template <class T>
 T add_running(const T* values, Index count, T sum, T* sums) {
     for (Index i = 0; i < count; ++i) {
@@ -66,58 +65,84 @@ T add_running(const T* values, Index count, T sum, T* sums) {
     return sum;
 }
 
-/// The running sums of a view, kept at the borders of blocks of `scan_size` elements and replayed
-/// inside a block on demand.
-///
-/// The first element whose sum is at least u is found by running maxima: the sums themselves fall
-/// where a matrix has negative diagonal entries, and a sum that is NaN, which all later ones then
-/// are, compares with nothing.
+/// Running sums are kept at the start of every block and replayed for a page of blocks at once:
+/// chains of additions that advance side by side hide each other's latency.
+constexpr Index block_size = 128;
+constexpr Index blocks_per_page = 8;
+constexpr Index page_size = block_size * blocks_per_page;
+
+/// The running sums of a view. The first element whose sum is at least u is found by running
+/// maxima: the sums themselves fall where a matrix has negative diagonal entries, and a sum that is
+/// NaN, which all later ones then are, compares with nothing.
 template <class S>
 class RunningSums {
   public:
     using T = typename S::proba_type;
 
     explicit RunningSums(const S& view) : view_(view) {
-        const Index blocks = (view.size + scan_size - 1) / scan_size;
-        starts_.reserve(blocks);
-        maxima_.reserve(blocks);
+        const Index pages = (view.size + page_size - 1) / page_size;
+        starts_.reserve(pages * blocks_per_page);
+        maxima_.reserve(pages);
     }
 
     /// Scans on until some sum is at least `u` or all elements are added.
     void extend_to(T u) {
-        while (!(maximum_ >= u) && starts_.size() * scan_size < view_.size) {
-            starts_.push_back(sum_);
-            alignas(64) T sums[scan_size];
-            const Index count = replay(starts_.size() - 1, sums);
-            sum_ = sums[count - 1];
-            for (Index i = 0; i < count; ++i)
-                maximum_ = sums[i] > maximum_ ? sums[i] : maximum_;
+        alignas(64) T values[page_size];
+        alignas(64) T sums[page_size];
+        while (!reach(u) && maxima_.size() * page_size < view_.size) {
+            const Index count = read_page(maxima_.size(), values);
+            for (Index first = 0; first < page_size; first += block_size) {
+                starts_.push_back(sum_);
+                if (first >= count) continue;
+                const Index length = std::min(block_size, count - first);
+                sum_ = add_running(values + first, length, sum_, sums + first);
+            }
+            if (S::never_negative && sum_ >= maximum_) {
+                maximum_ = sum_;
+            } else {
+                for (Index i = 0; i < count; ++i)
+                    maximum_ = sums[i] > maximum_ ? sums[i] : maximum_;
+            }
             maxima_.push_back(maximum_);
         }
     }
 
-    /// The first block at or after `block` that holds a sum of at least `u`.
-    Index find_block(Index block, T u) const {
-        if (maxima_[block] >= u) return block;
-        return static_cast<Index>(
-            std::lower_bound(maxima_.begin() + static_cast<std::ptrdiff_t>(block), maxima_.end(),
-                             u) -
-            maxima_.begin());
-    }
-
+    /// True when a sum of at least `u` has been scanned.
     bool reach(T u) const { return maximum_ >= u; }
 
-    /// Writes the running sums of `block`.
-    /// @return their number.
-    Index replay(Index block, T* sums) const {
-        alignas(64) T values[scan_size];
-        const Index count = std::min(scan_size, Index{view_.size});
-        copy_probabilities(view_, block * scan_size, count, values);
-        add_running(values, count, starts_[block], sums);
-        return count;
+    /// The first page at or after `page` that holds a sum of at least `u`.
+    Index find_page(Index page, T u) const {
+        if (maxima_[page] >= u) return page;
+        const auto first = maxima_.begin() + static_cast<std::ptrdiff_t>(page);
+        return static_cast<Index>(std::lower_bound(first, maxima_.end(), u) - maxima_.begin());
+    }
+
+    /// Writes the running sums of the scanned `page`.
+    void replay(Index page, T* sums) const {
+        alignas(64) T values[page_size];
+        const Index count = read_page(page, values);
+        const T* const starts = starts_.data() + page * blocks_per_page;
+        if (count < page_size) {
+            add_running(values, count, starts[0], sums);
+            return;
+        }
+        T running[blocks_per_page];
+        std::copy_n(starts, blocks_per_page, running);
+        for (Index i = 0; i < block_size; ++i) {
+            for (Index b = 0; b < blocks_per_page; ++b) {
+                running[b] += values[b * block_size + i];
+                sums[b * block_size + i] = running[b];
+            }
+        }
     }
 
   private:
+    Index read_page(Index page, T* values) const {
+        const Index count = std::min<Index>(page_size, view_.size);
+        copy_probabilities(view_, page * page_size, count, values);
+        return count;
+    }
+
     S view_;
     T sum_ = 0;
     T maximum_ = 0;
@@ -130,7 +155,7 @@ struct Draw {
     std::uint32_t shot;
 };
 
-/// Draws in increasing order of value, coarsely: those of a later bucket are larger.
+/// Draws sorted coarsely: those of a later bucket are larger.
 class DrawBuckets {
   public:
     explicit DrawBuckets(const std::vector<std::uint64_t>& draws) : draws_(draws.size()) {
@@ -144,18 +169,26 @@ class DrawBuckets {
         for (Index b = 1; b < ends_.size(); ++b)
             ends_[b] += ends_[b - 1];
         std::vector<std::uint32_t> next(ends_.begin(), ends_.end() - 1);
-        for (std::size_t shot = 0; shot < draws.size(); ++shot)
+        for (std::size_t shot = 0; shot < draws.size(); ++shot) {
             draws_[next[bucket_of(draws[shot])]++] = {draws[shot],
                                                       static_cast<std::uint32_t>(shot)};
+        }
     }
 
     Index count() const { return ends_.size() - 1; }
-    Draw* begin(Index bucket) { return draws_.data() + ends_[bucket]; }
-    Draw* end(Index bucket) { return draws_.data() + ends_[bucket + 1]; }
+
+    /// The draws of one bucket in increasing order.
+    std::span<const Draw> sorted(Index bucket) {
+        const std::span<Draw> own(draws_.data() + ends_[bucket], draws_.data() + ends_[bucket + 1]);
+        std::sort(own.begin(), own.end(),
+                  [](const Draw& x, const Draw& y) { return x.value < y.value; });
+        return own;
+    }
 
   private:
-    static constexpr std::size_t mean_bucket = 64;
-    static constexpr unsigned int max_bits = 16;
+    // Buckets that `std::sort` finishes by insertion alone.
+    static constexpr std::size_t mean_bucket = 8;
+    static constexpr unsigned int max_bits = 17;
     std::vector<std::uint32_t> ends_;
     std::vector<Draw> draws_;
 };
@@ -166,61 +199,137 @@ void answer_buckets(const S& view, const RunningSums<S>& sums, const OutcomeTabl
                     DrawBuckets& buckets, Index begin, Index end, unsigned long long* out) {
     using T = typename S::proba_type;
     constexpr Index none = ~Index{0};
-    alignas(64) T block_sums[scan_size];
-    Index block = none;
+    alignas(64) T page_sums[page_size];
+    Index page = none;
     Index i = 0;
     for (Index b = begin; b < end; ++b) {
-        std::sort(buckets.begin(b), buckets.end(b),
-                  [](const Draw& x, const Draw& y) { return x.value < y.value; });
-        for (const Draw* draw = buckets.begin(b); draw != buckets.end(b); ++draw) {
-            const T u = unit_interval<T>(draw->value);
+        for (const Draw& draw : buckets.sorted(b)) {
+            const T u = unit_interval<T>(draw.value);
             if (!(u > 0)) {
-                out[draw->shot] = outcome_of.of_all_ones();
+                out[draw.shot] = outcome_of.of_all_ones();
             } else if (!sums.reach(u)) {
-                out[draw->shot] = outcome_of(view.size - 1);
+                out[draw.shot] = outcome_of(view.size - 1);
             } else {
-                const Index found = sums.find_block(block == none ? 0 : block, u);
-                if (found != block) {
-                    block = found;
-                    sums.replay(block, block_sums);
+                const Index found = sums.find_page(page == none ? 0 : page, u);
+                if (found != page) {
+                    page = found;
+                    sums.replay(page, page_sums);
                     i = 0;
                 }
-                while (!(block_sums[i] >= u))
+                while (!(page_sums[i] >= u))
                     ++i;
-                out[draw->shot] = outcome_of(block * scan_size + i);
+                out[draw.shot] = outcome_of(page * page_size + i);
             }
         }
     }
 }
 
+/// For states with few elements: the running maxima of all, and for each of `guide_size` equal
+/// parts of [0, 1) the first element that a draw in it can select.
+template <class S>
+class OutcomeGuide {
+  public:
+    using T = typename S::proba_type;
+    static constexpr unsigned int guide_bits = 12;
+    static constexpr Index guide_size = Index{1} << guide_bits;
+
+    /// @param view  at most `guide_size` elements.
+    explicit OutcomeGuide(const S& view) : size_(view.size) {
+        copy_probabilities(view, 0, size_, maxima_);
+        add_running(maxima_, size_, T(0), maxima_);
+        for (Index k = 0; k < size_; ++k) {
+            const T before = k > 0 ? maxima_[k - 1] : T(0);
+            maxima_[k] = maxima_[k] > before ? maxima_[k] : before;
+        }
+        Index element = 0;
+        for (Index part = 0; part < guide_size; ++part) {
+            element = find(element, static_cast<T>(part) / T(guide_size));
+            first_[part] = static_cast<std::uint32_t>(element);
+        }
+    }
+
+    Index select(std::uint64_t draw, T u) const {
+        return find(first_[draw >> (64 - guide_bits)], u);
+    }
+
+  private:
+    /// The first element at or after `element` whose sum is at least `u`, or the last element.
+    Index find(Index element, T u) const {
+        while (element + 1 < size_ && !(maxima_[element] >= u))
+            ++element;
+        return element;
+    }
+
+    Index size_;
+    alignas(64) T maxima_[guide_size];
+    std::uint32_t first_[guide_size];
+};
+
 /// Draws held at once, so that memory does not grow with the number of shots.
 constexpr Index max_draws = Index{1} << 22;
+
+/// Takes `nshots` draws in chunks and calls `answer(draws, out)` for each chunk.
+template <class RNG, class Answer>
+void for_each_chunk(RNG& rng, unsigned long long nshots, unsigned long long* out,
+                    const Answer& answer) {
+    std::vector<std::uint64_t> draws;
+    for (Index first = 0; first < nshots; first += draws.size()) {
+        draws.resize(std::min<Index>(max_draws, nshots - first));
+        take_draws(rng, draws.data(), draws.size());
+        answer(draws, out + first);
+    }
+}
+
+/// Many shots of few elements: each is looked up by itself.
+template <class RNG, class S>
+void pick_by_guide(const S& view, unsigned long long* out, RNG& rng, unsigned long long nshots,
+                   int num_threads, const OutcomeTable& outcome_of) {
+    const OutcomeGuide<S> guide(view);
+    for_each_chunk(rng, nshots, out, [&](const auto& draws, unsigned long long* own) {
+        for_each_block(draws.size(), draws.size(), num_threads, [&](Index begin, Index end) {
+            for (Index shot = begin; shot < end; ++shot) {
+                const auto u = unit_interval<typename S::proba_type>(draws[shot]);
+                own[shot] =
+                    u > 0 ? outcome_of(guide.select(draws[shot], u)) : outcome_of.of_all_ones();
+            }
+        });
+    });
+}
+
+/// Any other shots: one scan answers all of a chunk, in increasing order.
+template <class RNG, class S>
+void pick_by_scan(const S& view, unsigned long long* out, RNG& rng, unsigned long long nshots,
+                  int num_threads, const OutcomeTable& outcome_of) {
+    using T = typename S::proba_type;
+    RunningSums<S> sums(view);
+    for_each_chunk(rng, nshots, out, [&](const auto& draws, unsigned long long* own) {
+        const T largest = unit_interval<T>(*std::max_element(draws.begin(), draws.end()));
+        const Index work = std::max<Index>(view.size, draws.size());
+        const int workers = work < min_parallel_amplitudes ? 1 : get_num_threads(num_threads);
+        std::optional<DrawBuckets> buckets;
+        run_team(workers, [&](int id, int team) {
+            if (id == 0) sums.extend_to(largest);
+            if (id == team - 1) buckets.emplace(draws);
+        });
+        run_team(workers, [&](int id, int team) {
+            const Block share(buckets->count(), static_cast<Index>(id), static_cast<Index>(team),
+                              1);
+            answer_buckets(view, sums, outcome_of, *buckets, share.begin, share.end, own);
+        });
+    });
+}
 
 }  // namespace
 
 template <class RNG, sequence S>
 void pick_shots_state(S view, unsigned long long* out, RNG& rng, unsigned long long nshots,
                       int num_threads, QubitSpan qubits) {
-    using T = typename S::proba_type;
     const OutcomeTable outcome_of(view.nqubits, qubits);
-    RunningSums<S> sums(view);
-    std::vector<std::uint64_t> draws;
-    for (Index first = 0; first < nshots; first += draws.size()) {
-        draws.resize(std::min<Index>(max_draws, nshots - first));
-        take_draws(rng, draws.data(), draws.size());
-        const T largest = unit_interval<T>(*std::max_element(draws.begin(), draws.end()));
-        std::optional<DrawBuckets> buckets;
-        const int workers = std::max<Index>(view.size, draws.size()) < min_parallel_amplitudes
-                                ? 1
-                                : get_num_threads(num_threads);
-        run_team(workers, [&](int id, int team) {
-            if (id == 0) sums.extend_to(largest);
-            if (id == team - 1) buckets.emplace(draws);
-        });
-        run_team(workers, [&](int id, int team) {
-            const Block own(buckets->count(), static_cast<Index>(id), static_cast<Index>(team), 1);
-            answer_buckets(view, sums, outcome_of, *buckets, own.begin, own.end, out + first);
-        });
+    constexpr Index guide_size = OutcomeGuide<S>::guide_size;
+    if (view.size <= guide_size && nshots >= guide_size) {
+        pick_by_guide(view, out, rng, nshots, num_threads, outcome_of);
+    } else {
+        pick_by_scan(view, out, rng, nshots, num_threads, outcome_of);
     }
 }
 

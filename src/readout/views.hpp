@@ -18,6 +18,7 @@ template <class T>
 struct SVSequence<std::complex<T>> {
     using element_type = std::complex<T>;
     using proba_type = T;
+    static constexpr bool never_negative = true;  ///< probabilities are at least 0, or NaN
 
     const std::complex<T>* amplitudes;
     unsigned int nqubits;
@@ -32,6 +33,7 @@ template <class T>
 struct DMDiagSequence {
     using element_type = T;
     using proba_type = T;
+    static constexpr bool never_negative = false;
 
     const std::complex<T>* amplitudes;
     unsigned int nqubits;

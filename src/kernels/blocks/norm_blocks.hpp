@@ -9,7 +9,8 @@
 namespace pblinalg::cpu {
 
 /// norms[i] = squared magnitude of amplitude i, for i in [0, count).
-/// @param amplitudes  interleaved parts.
+/// @param amplitudes  interleaved parts, the first one at an index that is a multiple of 64 or 0.
+/// @param norms       64-byte aligned.
 template <InstructionSet set, class T>
 void square_magnitudes(const T* amplitudes, Index count, T* norms);
 
