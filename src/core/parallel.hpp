@@ -62,9 +62,10 @@ void run_team(int workers, const Work& work) {
 
 /// Calls `work(begin, end)` on blocks that together cover [0, count), one per worker of the team.
 template <class Work>
-void for_each_block_of_team(Index count, int workers, const Work& work) {
+void for_each_block_of_team(Index count, int workers, const Work& work,
+                            Index granule = block_granule) {
     run_team(workers, [&](int id, int team) {
-        const Block block(count, static_cast<Index>(id), static_cast<Index>(team));
+        const Block block(count, static_cast<Index>(id), static_cast<Index>(team), granule);
         if (block.begin < block.end) work(block.begin, block.end);
     });
 }
@@ -72,10 +73,11 @@ void for_each_block_of_team(Index count, int workers, const Work& work) {
 /// Calls `work(begin, end)` on blocks that together cover [0, count), one per worker of a region of
 /// `get_num_threads(requested)`. Jobs that touch few `amplitudes` run on the caller alone.
 template <class Work>
-void for_each_block(Index count, Index amplitudes, int requested, const Work& work) {
+void for_each_block(Index count, Index amplitudes, int requested, const Work& work,
+                    Index granule = block_granule) {
     if (count == 0) return;
     if (amplitudes < min_parallel_amplitudes) return work(Index{0}, count);
-    for_each_block_of_team(count, get_num_threads(requested), work);
+    for_each_block_of_team(count, get_num_threads(requested), work, granule);
 }
 
 /// The sum of `work(begin, end)` over the blocks of `for_each_block`, in the order of the blocks.

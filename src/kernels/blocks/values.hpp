@@ -221,6 +221,14 @@ struct Vector {
     PBLINALG_ALWAYS_INLINE void store(T* to) const { *reinterpret_cast<Aliasing*>(to) = v; }
     PBLINALG_ALWAYS_INLINE void store(Memory to, Index index) const { store(to.parts + 2 * index); }
 
+    /// As `load` and `store` for addresses that are aligned as single parts.
+    PBLINALG_ALWAYS_INLINE static Vector load_unaligned(const T* from) {
+        return {*reinterpret_cast<const Unaligned*>(from)};
+    }
+    PBLINALG_ALWAYS_INLINE void store_unaligned(T* to) const {
+        *reinterpret_cast<Unaligned*>(to) = v;
+    }
+
     PBLINALG_ALWAYS_INLINE ScalarValue lane(int i) const { return {v[2 * i], v[2 * i + 1]}; }
     PBLINALG_ALWAYS_INLINE void set_lane(int i, ScalarValue a) {
         v[2 * i] = a.re;
@@ -269,6 +277,16 @@ struct Vector {
         return {fused_multiply_add(re, re, im * im)};
     }
 
+    /// As `plain_norms` for the amplitudes of one vector, each norm in both parts of its lane.
+    PBLINALG_ALWAYS_INLINE static Vector plain_norm_pairs(Vector a) {
+        const Vector squares{a.v * a.v};
+        const Vector sums{fused_multiply_add(a.v, a.v, squares.swap_parts().v)};
+        return {sums.pick([](int e) { return e & ~1; }, Iota())};
+    }
+
+    /// All bits set in the elements that are greater than `limit`.
+    PBLINALG_ALWAYS_INLINE static Bits exceeds(Vector a, T limit) { return a.v > limit; }
+
     /// Exchanges lane bit `lane_bit` with the bit that tells two vectors apart: afterwards `low`
     /// holds all amplitudes with that lane bit 0, `high` those with 1. Its own inverse.
     PBLINALG_ALWAYS_INLINE static void transpose(Vector& low, Vector& high, unsigned int lane_bit) {
@@ -302,6 +320,7 @@ struct Vector {
 
   private:
     typedef Elements Aliasing __attribute__((may_alias));
+    typedef Elements Unaligned __attribute__((may_alias, aligned(sizeof(T))));
 
     template <int... E>
     PBLINALG_ALWAYS_INLINE static Elements alternate(T even, T odd,
