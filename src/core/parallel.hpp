@@ -25,12 +25,12 @@ struct Block {
     Index begin;
     Index end;
 
-    Block(Index count, Index id, Index team) {
-        const Index granules = (count + block_granule - 1) / block_granule;
+    Block(Index count, Index id, Index team, Index granule = block_granule) {
+        const Index granules = (count + granule - 1) / granule;
         const Index share = granules / team;
         const Index longer = granules % team;
-        begin = std::min(count, (id * share + std::min(id, longer)) * block_granule);
-        end = std::min(count, begin + (share + (id < longer ? 1 : 0)) * block_granule);
+        begin = std::min(count, (id * share + std::min(id, longer)) * granule);
+        end = std::min(count, begin + (share + (id < longer ? 1 : 0)) * granule);
     }
 };
 
@@ -61,20 +61,23 @@ void run_team(int workers, const Work& work) {
 
 /// Calls `work(begin, end)` on blocks that together cover [0, count), one per worker of the team.
 template <class Work>
-void for_each_block_of_team(Index count, int workers, const Work& work) {
+void for_each_block_of_team(Index count, int workers, const Work& work,
+                            Index granule = block_granule) {
     run_team(workers, [&](int id, int team) {
-        const Block block(count, static_cast<Index>(id), static_cast<Index>(team));
+        const Block block(count, static_cast<Index>(id), static_cast<Index>(team), granule);
         if (block.begin < block.end) work(block.begin, block.end);
     });
 }
 
 /// Calls `work(begin, end)` on blocks that together cover [0, count), one per worker of a region of
-/// `get_num_threads(requested)`. Jobs that touch few `amplitudes` run on the caller alone.
+/// `get_num_threads(requested)`. Jobs that touch few `amplitudes` run on the caller alone. A count
+/// of jobs that are large each wants a `granule` of 1.
 template <class Work>
-void for_each_block(Index count, Index amplitudes, int requested, const Work& work) {
+void for_each_block(Index count, Index amplitudes, int requested, const Work& work,
+                    Index granule = block_granule) {
     if (count == 0) return;
     if (amplitudes < min_parallel_amplitudes) return work(Index{0}, count);
-    for_each_block_of_team(count, get_num_threads(requested), work);
+    for_each_block_of_team(count, get_num_threads(requested), work, granule);
 }
 
 }  // namespace pblinalg::cpu

@@ -132,6 +132,12 @@ struct Vector {
         return {pick([](int e) { return e ^ 1; }, Iota())};
     }
 
+    /// Element e of the result is element e ^ mask.
+    template <int mask>
+    PBLINALG_ALWAYS_INLINE Vector xor_elements() const {
+        return {pick([](int e) { return e ^ mask; }, Iota())};
+    }
+
     /// Exchanges lane bit `lane_bit` with the bit that tells two vectors apart: afterwards `low`
     /// holds all amplitudes with that lane bit 0, `high` those with 1. Its own inverse.
     PBLINALG_ALWAYS_INLINE static void transpose(Vector& low, Vector& high, unsigned int lane_bit) {
@@ -153,6 +159,12 @@ struct Vector {
             if (((e >> 1) & lane_mask) == lane_mask) chosen[e] = -1;
         }
         return chosen;
+    }
+
+    /// All bits set in the lanes whose bit of `lane_set` is 1.
+    PBLINALG_ALWAYS_INLINE static Bits lanes_in(Index lane_set) {
+        const Bits lane_bits = bits_of_lanes(Iota());
+        return ((static_cast<int>(lane_set & (bit(lanes) - 1)) + Bits{}) & lane_bits) == lane_bits;
     }
 
     /// `fresh` where `chosen`, `old` elsewhere.
@@ -201,6 +213,11 @@ struct Vector {
     template <int... E>
     PBLINALG_ALWAYS_INLINE static Bits sign_of_parts(int part, std::integer_sequence<int, E...>) {
         return Bits{((E & 1) == part ? Register<T, bytes>::sign : 0)...};
+    }
+
+    template <int... E>
+    PBLINALG_ALWAYS_INLINE static Bits bits_of_lanes(std::integer_sequence<int, E...>) {
+        return Bits{(1 << (E >> 1))...};
     }
 
     PBLINALG_ALWAYS_INLINE Vector flip_signs(Bits signs) const {
