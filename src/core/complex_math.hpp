@@ -40,17 +40,21 @@ inline std::complex<T> cmul(std::complex<T> a, std::complex<T> b) {
     return {re, im};
 }
 
-/// The squared magnitude: infinite when a part is, else re*re fused onto im*im.
+/// Amplitudes as the interleaved parts that serial kernels work on.
 template <class T>
-PBLINALG_ALWAYS_INLINE T squared_magnitude(T re, T im) {
-    if (__builtin_isinf(re) || __builtin_isinf(im)) return INFINITY;
-    if constexpr (sizeof(T) == sizeof(float)) return __builtin_fmaf(re, re, im * im);
-    return __builtin_fma(re, re, im * im);
+T* parts(std::complex<T>* amplitudes) {
+    return reinterpret_cast<T*>(amplitudes);
+}
+template <class T>
+const T* parts(const std::complex<T>* amplitudes) {
+    return reinterpret_cast<const T*>(amplitudes);
 }
 
+/// The squared magnitude: infinite when a part is, else re*re fused onto im*im.
 template <class T>
 inline T squared_magnitude(std::complex<T> a) {
-    return squared_magnitude(a.real(), a.imag());
+    if (std::isinf(a.real()) || std::isinf(a.imag())) return INFINITY;
+    return std::fma(a.real(), a.real(), a.imag() * a.imag());
 }
 
 }  // namespace pblinalg::cpu

@@ -8,6 +8,7 @@
 #include <algorithm>
 #include <exception>
 #include <pblinalg/threads.hpp>
+#include <vector>
 
 #include "core/bits.hpp"
 
@@ -78,6 +79,24 @@ void for_each_block(Index count, Index amplitudes, int requested, const Work& wo
     if (count == 0) return;
     if (amplitudes < min_parallel_amplitudes) return work(Index{0}, count);
     for_each_block_of_team(count, get_num_threads(requested), work, granule);
+}
+
+/// The sum of `work(begin, end)` over the blocks of `for_each_block`, in the order of the blocks.
+template <class T, class Work>
+T sum_over_blocks(Index count, Index amplitudes, int requested, const Work& work) {
+    if (count == 0) return T(0);
+    if (amplitudes < min_parallel_amplitudes) return work(Index{0}, count);
+    const int workers = get_num_threads(requested);
+    if (workers == 1) return work(Index{0}, count);
+    std::vector<T> sums(static_cast<std::size_t>(workers > 0 ? workers : omp_get_max_threads()));
+    run_team(workers, [&](int id, int team) {
+        const Block block(count, static_cast<Index>(id), static_cast<Index>(team));
+        if (block.begin < block.end) sums[static_cast<std::size_t>(id)] = work(block.begin, block.end);
+    });
+    T total = 0;
+    for (const T& sum : sums)
+        total += sum;
+    return total;
 }
 
 }  // namespace pblinalg::cpu

@@ -65,4 +65,11 @@ DMDiagSequence<T> diagonal_view(const std::complex<T>* amplitudes, unsigned int 
     return {amplitudes, nqubits / 2, bit(nqubits / 2)};
 }
 
+/// Calls `body` with the view that the state's density-matrix flag selects.
+template <class State, class Body>
+decltype(auto) with_view(const State& state, const Body& body) {
+    if (state.density_matrix) return body(diagonal_view(state.state.get(), state.nqubits));
+    return body(amplitude_view(state.state.get(), state.nqubits));
+}
+
 }  // namespace pblinalg::cpu

@@ -23,8 +23,7 @@ PBLINALG_ALWAYS_INLINE void sum_norms(const T* state, const Index* bases, const 
     T own[count] = {};
     for (Index j = 0; j < n_offsets; ++j) {
         for (unsigned int b = 0; b < count; ++b) {
-            const T* const at = state + 2 * (bases[b] | offsets[j]);
-            own[b] += squared_magnitude(at[0], at[1]);
+            own[b] += Scalar<this_set, T>::load(state + 2 * (bases[b] | offsets[j])).norm();
         }
     }
     for (unsigned int b = 0; b < count; ++b)

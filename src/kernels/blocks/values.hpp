@@ -31,6 +31,18 @@ struct Scalar {
         to[1] = im;
     }
 
+    /// The squared magnitude, with the infinity rule of core/complex_math.hpp.
+    PBLINALG_ALWAYS_INLINE T norm() const {
+        if (__builtin_isinf(re) || __builtin_isinf(im)) return T(__builtin_inf());
+        return fused_multiply_add(re, re, im * im);
+    }
+
+    /// a * b + c with one rounding.
+    PBLINALG_ALWAYS_INLINE static T fused_multiply_add(T a, T b, T c) {
+        if constexpr (sizeof(T) == 4) return __builtin_fmaf(a, b, c);
+        return __builtin_fma(a, b, c);
+    }
+
     PBLINALG_ALWAYS_INLINE friend Scalar operator+(Scalar a, Scalar b) {
         return {a.re + b.re, a.im + b.im};
     }
@@ -138,6 +150,15 @@ struct Vector {
         return {pick([](int e) { return e ^ mask; }, Iota())};
     }
 
+    /// The squared magnitudes re*re + round(im*im), summed with one rounding, of the amplitudes of
+    /// `low` and then of `high`. An infinite part next to a NaN shows as NaN here; the caller
+    /// checks and redoes such vectors with `squared_magnitude`.
+    PBLINALG_ALWAYS_INLINE static Vector plain_norms(Vector low, Vector high) {
+        const Elements re = take_parts<0>(low, high, Iota());
+        const Elements im = take_parts<1>(low, high, Iota());
+        return {fused_multiply_add(re, re, im * im)};
+    }
+
     /// Exchanges lane bit `lane_bit` with the bit that tells two vectors apart: afterwards `low`
     /// holds all amplitudes with that lane bit 0, `high` those with 1. Its own inverse.
     PBLINALG_ALWAYS_INLINE static void transpose(Vector& low, Vector& high, unsigned int lane_bit) {
@@ -165,6 +186,15 @@ struct Vector {
     PBLINALG_ALWAYS_INLINE static Bits lanes_in(Index lane_set) {
         const Bits lane_bits = bits_of_lanes(Iota());
         return ((static_cast<int>(lane_set & (bit(lanes) - 1)) + Bits{}) & lane_bits) == lane_bits;
+    }
+
+    /// All bits set in the elements whose number has `pattern` under `mask`.
+    PBLINALG_ALWAYS_INLINE static Bits elements_with(Index mask, Index pattern) {
+        Bits chosen{};
+        for (int e = 0; e < n_elements; ++e) {
+            if ((static_cast<Index>(e) & mask) == pattern) chosen[e] = -1;
+        }
+        return chosen;
     }
 
     /// `fresh` where `chosen`, `old` elsewhere.
@@ -222,6 +252,32 @@ struct Vector {
 
     PBLINALG_ALWAYS_INLINE Vector flip_signs(Bits signs) const {
         return {reinterpret_cast<Elements>(reinterpret_cast<Bits>(v) ^ signs)};
+    }
+
+    /// a * b + c with one rounding.
+    PBLINALG_ALWAYS_INLINE static Elements fused_multiply_add(Elements a, Elements b, Elements c) {
+#if defined(__AVX512F__)
+        if constexpr (bytes == 64 && sizeof(T) == 8)
+            return Elements(_mm512_fmadd_pd(__m512d(a), __m512d(b), __m512d(c)));
+        if constexpr (bytes == 64 && sizeof(T) == 4)
+            return Elements(_mm512_fmadd_ps(__m512(a), __m512(b), __m512(c)));
+#endif
+#if defined(__FMA__)
+        if constexpr (bytes == 32 && sizeof(T) == 8)
+            return Elements(_mm256_fmadd_pd(__m256d(a), __m256d(b), __m256d(c)));
+        if constexpr (bytes == 32 && sizeof(T) == 4)
+            return Elements(_mm256_fmadd_ps(__m256(a), __m256(b), __m256(c)));
+#endif
+        for (int e = 0; e < n_elements; ++e)
+            c[e] = Scalar<set, T>::fused_multiply_add(a[e], b[e], c[e]);
+        return c;
+    }
+
+    /// The real (`part` = 0) or imaginary (1) parts of `low`, then those of `high`.
+    template <int part, int... E>
+    PBLINALG_ALWAYS_INLINE static Elements take_parts(Vector low, Vector high,
+                                                      std::integer_sequence<int, E...>) {
+        return __builtin_shufflevector(low.v, high.v, (2 * E + part)...);
     }
 
     /// Element e of the result is element source(e).
