@@ -1,6 +1,10 @@
 // The exact observables.
 #include "observables/expectation.hpp"
 
+#include <algorithm>
+#include <cmath>
+#include <iterator>
+#include <limits>
 #include <map>
 #include <pblinalg/state_vector_cpu.hpp>
 
@@ -38,10 +42,70 @@ std::complex<T> phase_of(unsigned int power) {
 template <class T>
 std::vector<T> all_term_values(std::complex<T>* amplitudes, WObservable<T>& observable, Index size,
                                int num_threads) {
-    std::vector<T> values = pauli_sums(amplitudes, observable, size, num_threads);
-    if (!values.empty()) return values;
-    for (Index t = 0; t < observable.flip_masks.size(); ++t) {
-        values.push_back(_term_value(amplitudes, observable, size, num_threads, t).real());
+    const Index n_terms = observable.flip_masks.size();
+    std::vector<T> values(n_terms, std::numeric_limits<T>::quiet_NaN());
+    if (size >= min_pauli_sums_size && n_terms > 0) {
+        values = pauli_sums(amplitudes, observable, size, num_threads);
+    }
+    for (Index t = 0; t < n_terms; ++t) {
+        if (std::isfinite(values[t])) continue;
+        values[t] = _term_value(amplitudes, observable, size, num_threads, t).real();
+    }
+    return values;
+}
+
+/// Adds to sums[t], for each term t, the entries (i ^ flip) * dim + i with the signs of the term,
+/// for i in [begin, end). Entries are read once for all `terms`, which flip the same bits.
+template <class T>
+void add_signed_entries(const std::complex<T>* amplitudes, Index dim, Index begin, Index end,
+                        Index flip, const std::vector<Index>& terms,
+                        const std::vector<unsigned long long>& sign_masks, std::complex<T>* sums) {
+    std::complex<T> entries[256];
+    for (Index first = begin; first < end; first += std::size(entries)) {
+        const Index count = std::min<Index>(end - first, std::size(entries));
+        for (Index k = 0; k < count; ++k) {
+            const Index i = first + k;
+            entries[k] = amplitudes[(i ^ flip) * dim + i];
+        }
+        for (const Index t : terms) {
+            std::complex<T> sum = 0;
+            for (Index k = 0; k < count; ++k) {
+                const bool odd = __builtin_parityll(sign_masks[t] & (first + k));
+                sum += odd ? -entries[k] : entries[k];
+            }
+            sums[t] += sum;
+        }
+    }
+}
+
+/// <P> of every term on a density matrix.
+template <class T>
+std::vector<std::complex<T>> all_term_values_density_matrix(std::complex<T>* amplitudes,
+                                                            WObservable<T>& observable, Index dim,
+                                                            int num_threads) {
+    const Index n_terms = observable.flip_masks.size();
+    std::map<Index, std::vector<Index>> terms_by_flip;
+    for (Index t = 0; t < n_terms; ++t)
+        terms_by_flip[observable.flip_masks[t]].push_back(t);
+    std::map<Index, std::vector<std::complex<T>>> sums_of_blocks;
+    for_each_block(dim, dim * terms_by_flip.size(), num_threads, [&](Index begin, Index end) {
+        std::vector<std::complex<T>> own(n_terms);
+        for (const auto& [flip, terms] : terms_by_flip) {
+            add_signed_entries(amplitudes, dim, begin, end, flip, terms, observable.sign_masks,
+                               own.data());
+        }
+#pragma omp critical(pblinalg_sums_of_blocks)
+        sums_of_blocks[begin] = std::move(own);
+    });
+    std::vector<std::complex<T>> values(n_terms);
+    for (const auto& [begin, own] : sums_of_blocks) {
+        for (Index t = 0; t < n_terms; ++t)
+            values[t] += own[t];
+    }
+    for (Index t = 0; t < n_terms; ++t) {
+        values[t] = cmul(values[t], phase_of<T>(observable.phase_powers[t]));
+        if (std::isfinite(values[t].real()) && std::isfinite(values[t].imag())) continue;
+        values[t] = _term_value_density_matrix(amplitudes, observable, dim, num_threads, t);
     }
     return values;
 }
@@ -95,11 +159,11 @@ template <class T>
 std::complex<T> _expectation_value_density_matrix(std::complex<T>* amplitudes,
                                                   WObservable<T> observable, unsigned long long dim,
                                                   int num_threads) {
+    const std::vector<std::complex<T>> values =
+        all_term_values_density_matrix(amplitudes, observable, dim, num_threads);
     std::complex<T> total = 0;
-    for (std::size_t t = 0; t < observable.flip_masks.size(); ++t) {
-        total += cmul(observable.coefficients[t],
-                      _term_value_density_matrix(amplitudes, observable, dim, num_threads, t));
-    }
+    for (std::size_t t = 0; t < values.size(); ++t)
+        total += cmul(observable.coefficients[t], values[t]);
     return observable.constant + total;
 }
 
@@ -117,10 +181,8 @@ std::vector<std::complex<T>> PybindLinAlgStateVectorCPU<T>::terms_expectations_v
     WObservable<T> observable) {
     std::vector<std::complex<T>> values;
     if (density_matrix) {
-        for (std::size_t t = 0; t < observable.flip_masks.size(); ++t) {
-            values.push_back(_term_value_density_matrix(state.get(), observable, bit(nqubits / 2),
-                                                        num_threads, t));
-        }
+        values =
+            all_term_values_density_matrix(state.get(), observable, bit(nqubits / 2), num_threads);
     } else {
         for (const T value : all_term_values(state.get(), observable, size, num_threads))
             values.emplace_back(value);

@@ -3,7 +3,6 @@
 #include "observables/pauli_sums.hpp"
 
 #include <algorithm>
-#include <cmath>
 #include <map>
 #include <utility>
 
@@ -81,18 +80,12 @@ class Batch {
     std::vector<Index> span_;  ///< reduced, by increasing pivot
 };
 
-/// A term contributes only when the two halves of each pair i, i ^ flip do not cancel.
-bool contributes(Index flip, Index sign_mask, bool imaginary) {
-    return (count_bits(flip & sign_mask) % 2 != 0) == imaginary;
-}
-
 template <class T>
 std::vector<Group> group_terms(const WObservable<T>& observable) {
     std::map<std::pair<Index, bool>, Group> groups;
     for (Index t = 0; t < observable.flip_masks.size(); ++t) {
         const Index flip = observable.flip_masks[t];
         const bool imaginary = observable.phase_powers[t] % 2 != 0;
-        if (!contributes(flip, observable.sign_masks[t], imaginary)) continue;
         Group& group = groups[{flip, imaginary}];
         group.flip = flip;
         group.imaginary = imaginary;
@@ -186,15 +179,21 @@ class Worker {
     void fold(const Batch& batch) {
         const TermSums<T>* sums = sums_.data();
         for (const Group* group : batch.groups) {
-            const bool halved = group->flip >> block_bits_ != 0;
             for (std::size_t k = 0; k < group->terms.size(); ++k, ++sums) {
                 const T sum = dispatch([&]<InstructionSet set>() {
                     return fold_signed_sums<set, T>(sums->parts, group->sign_masks[k],
                                                     group->imaginary);
                 });
-                values_[group->terms[k]] += halved ? 2 * sum : sum;
+                values_[group->terms[k]] += whole_sum(*group, group->sign_masks[k], sum);
             }
         }
+    }
+
+    /// The sum over all indices, given that over one of each pair of blocks.
+    T whole_sum(const Group& group, Index sign_mask, T sum) const {
+        if (group.flip >> block_bits_ == 0) return sum;
+        const bool halves_add = (count_bits(group.flip & sign_mask) % 2 != 0) == group.imaginary;
+        return halves_add ? sum + sum : sum - sum;
     }
 
     const T* state_;
@@ -215,22 +214,17 @@ T with_phase(T value, unsigned int power) {
 template <class T>
 std::vector<T> pauli_sums(const std::complex<T>* amplitudes, const WObservable<T>& observable,
                           unsigned long long size, int num_threads) {
-    if (size < bit(min_pauli_block_bits)) return {};
+    static_assert(min_pauli_sums_size == bit(min_pauli_block_bits));
     const unsigned int size_bits = count_bits(size - 1);
     const unsigned int block_bits = std::min(size_bits, max_block_bits<T>);
     const Index n_terms = observable.flip_masks.size();
 
-    // One more value, the summed squared magnitudes: while it is finite every product is.
-    std::vector<Group> groups = group_terms(observable);
-    const bool has_diagonal = !groups.empty() && groups[0].flip == 0;
-    if (!has_diagonal) groups.insert(groups.begin(), Group{0, false, {}, {}});
-    groups[0].sign_masks.push_back(0);
-    groups[0].terms.push_back(n_terms);
+    const std::vector<Group> groups = group_terms(observable);
     const std::vector<Batch> batches = batch_groups(groups, block_bits);
 
     std::map<int, std::vector<T>> values_of_workers;
     const auto work = [&](int id, int team) {
-        Worker<T> worker(parts(amplitudes), block_bits, n_terms + 1);
+        Worker<T> worker(parts(amplitudes), block_bits, n_terms);
         for (const Batch& batch : batches) {
             const Index free_mask = low_mask(size_bits - block_bits) & ~batch.pivots();
             const Block tiles(bit(count_bits(free_mask)), static_cast<Index>(id),
@@ -244,13 +238,11 @@ std::vector<T> pauli_sums(const std::complex<T>* amplitudes, const WObservable<T
     run_team(small ? 1 : get_num_threads(num_threads), work);
 
     // Added in the order of the workers, so that a result repeats from run to run.
-    std::vector<T> values(n_terms + 1);
+    std::vector<T> values(n_terms);
     for (const auto& [id, own] : values_of_workers) {
-        for (Index t = 0; t <= n_terms; ++t)
+        for (Index t = 0; t < n_terms; ++t)
             values[t] += own[t];
     }
-    if (!std::isfinite(values[n_terms])) return {};
-    values.pop_back();
     for (Index t = 0; t < n_terms; ++t)
         values[t] = with_phase(values[t], observable.phase_powers[t]);
     return values;
