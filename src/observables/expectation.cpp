@@ -15,17 +15,24 @@
 namespace pblinalg::cpu {
 namespace {
 
-/// Sum of `part(begin, end)` over blocks that cover [0, count), in the order of the blocks.
-template <class Sum, class Part>
-Sum sum_of_blocks(Index count, int num_threads, const Part& part) {
-    std::map<Index, Sum> sums;
-    for_each_block(count, count, num_threads, [&](Index begin, Index end) {
-        const Sum own = part(begin, end);
-#pragma omp critical(pblinalg_sum_of_blocks)
-        sums[begin] = own;
+/// The results of `part(begin, end)` on blocks that cover [0, count), by `begin`: added up in this
+/// order, sums repeat from run to run.
+template <class Part, class Work>
+std::map<Index, Part> parts_of_blocks(Index count, Index amplitudes, int num_threads,
+                                      const Work& part) {
+    std::map<Index, Part> results;
+    for_each_block(count, amplitudes, num_threads, [&](Index begin, Index end) {
+        Part own = part(begin, end);
+#pragma omp critical(pblinalg_parts_of_blocks)
+        results[begin] = std::move(own);
     });
+    return results;
+}
+
+template <class Sum, class Work>
+Sum sum_of_blocks(Index count, int num_threads, const Work& part) {
     Sum total{};
-    for (const auto& [begin, own] : sums)
+    for (const auto& [begin, own] : parts_of_blocks<Sum>(count, count, num_threads, part))
         total += own;
     return total;
 }
@@ -87,18 +94,18 @@ std::vector<std::complex<T>> all_term_values_density_matrix(std::complex<T>* amp
     std::map<Index, std::vector<Index>> terms_by_flip;
     for (Index t = 0; t < n_terms; ++t)
         terms_by_flip[observable.flip_masks[t]].push_back(t);
-    std::map<Index, std::vector<std::complex<T>>> sums_of_blocks;
-    for_each_block(dim, dim * terms_by_flip.size(), num_threads, [&](Index begin, Index end) {
-        std::vector<std::complex<T>> own(n_terms);
+    using Sums = std::vector<std::complex<T>>;
+    const auto sums = [&](Index begin, Index end) {
+        Sums own(n_terms);
         for (const auto& [flip, terms] : terms_by_flip) {
             add_signed_entries(amplitudes, dim, begin, end, flip, terms, observable.sign_masks,
                                own.data());
         }
-#pragma omp critical(pblinalg_sums_of_blocks)
-        sums_of_blocks[begin] = std::move(own);
-    });
-    std::vector<std::complex<T>> values(n_terms);
-    for (const auto& [begin, own] : sums_of_blocks) {
+        return own;
+    };
+    Sums values(n_terms);
+    const Index reads = dim * terms_by_flip.size();
+    for (const auto& [begin, own] : parts_of_blocks<Sums>(dim, reads, num_threads, sums)) {
         for (Index t = 0; t < n_terms; ++t)
             values[t] += own[t];
     }
