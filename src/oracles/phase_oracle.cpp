@@ -4,6 +4,7 @@
 #include "core/parallel.hpp"
 #include "kernels/blocks/loading_blocks.hpp"
 #include "kernels/gate_kernels.hpp"
+#include "oracles/bit_placement.hpp"
 
 namespace pblinalg::cpu {
 namespace {
@@ -32,9 +33,22 @@ class MarkedAmplitudes {
             place = next_subset(place, unread);
         } while (place != 0);
 
+        // Key bits to array bits and back. A value that does not come back unchanged has no index:
+        // it is too large, sets a qubit that reads 0, or contradicts itself on a repeated one.
+        BitPlacement index_of_key;
+        BitPlacement key_of_index;
+        unsigned int key_bit = 0;
+        // The last listed qubit is the least significant bit of the key.
+        for (auto qubit = qubits.rbegin(); qubit != qubits.rend() && key_bit < 64; ++qubit) {
+            if (*qubit < nqubits) {
+                index_of_key.add(key_bit, nqubits - 1 - *qubit);
+                key_of_index.add(nqubits - 1 - *qubit, key_bit);
+            }
+            ++key_bit;
+        }
         for (const Index value : marked) {
-            Index index = 0;
-            if (!find_index(value, qubits, nqubits, index)) continue;
+            const Index index = index_of_key(value);
+            if (key_of_index(index) != value) continue;
             words_[extract_bits(index >> marks_bits, chunk_mask_)] |=
                 neighbours << (index & (marks_per_word - 1));
         }
@@ -44,23 +58,6 @@ class MarkedAmplitudes {
     Index chunk_mask() const { return chunk_mask_; }
 
   private:
-    /// The listed bits of the array indices whose key is `value`, if there are any.
-    static bool find_index(Index value, const std::vector<unsigned int>& qubits,
-                           unsigned int nqubits, Index& index) {
-        Index zeros = 0;
-        // The last listed qubit is the least significant bit of the key.
-        for (std::size_t p = qubits.size(); p-- > 0; value >>= 1) {
-            const Index place = qubits[p] < nqubits ? bit(nqubits - 1 - qubits[p]) : 0;
-            if (value & 1) {
-                if (place == 0) return false;
-                index |= place;
-            } else {
-                zeros |= place;
-            }
-        }
-        return value == 0 && (index & zeros) == 0;
-    }
-
     Index chunk_mask_;
     std::vector<Index> words_;
 };

@@ -9,57 +9,75 @@ namespace {
 
 constexpr InstructionSet this_set = InstructionSet::PBLINALG_INSTRUCTION_SET;
 
-PBLINALG_ALWAYS_INLINE float square_root(float x) {
-    return __builtin_sqrtf(x);
-}
-PBLINALG_ALWAYS_INLINE double square_root(double x) {
-    return __builtin_sqrt(x);
+/// The squared magnitude; the test for infinities waits until a NaN calls for it.
+template <class T>
+PBLINALG_ALWAYS_INLINE T squared_norm(const T* at) {
+    using S = Scalar<this_set, T>;
+    const T plain = S::fused_multiply_add(at[0], at[0], at[1] * at[1]);
+    return plain == plain ? plain : S::load(at).norm();
 }
 
-/// @tparam count  number of bases; known to the compiler, so that the sums stay in registers.
+// In both, `count` is the number of bases, known to the compiler so that sums and roots stay in
+// registers.
+
 template <unsigned int count, class T>
-PBLINALG_ALWAYS_INLINE void sum_norms(const T* state, const Index* bases, const Index* offsets,
-                                      Index n_offsets, T* sums) {
-    T own[count] = {};
+PBLINALG_ALWAYS_INLINE void add_norms_of(const T* state, const Index* bases, const Index* offsets,
+                                         Index n_offsets, T* sums) {
+    T own[count];
+    for (unsigned int b = 0; b < count; ++b)
+        own[b] = sums[b];
     for (Index j = 0; j < n_offsets; ++j) {
-        for (unsigned int b = 0; b < count; ++b) {
-            own[b] += Scalar<this_set, T>::load(state + 2 * (bases[b] | offsets[j])).norm();
-        }
+        for (unsigned int b = 0; b < count; ++b)
+            own[b] += squared_norm(state + 2 * (bases[b] | offsets[j]));
     }
     for (unsigned int b = 0; b < count; ++b)
         sums[b] = own[b];
 }
 
+template <unsigned int count, class T>
+PBLINALG_ALWAYS_INLINE void write_scaled(T* state, const Index* bases, Index mask,
+                                         const double* amplitudes, const T* roots, Index begin,
+                                         Index end) {
+    T own[count];
+    T* at[count];
+    for (unsigned int b = 0; b < count; ++b) {
+        own[b] = roots[b];
+        at[b] = state + 2 * bases[b];
+    }
+    Index place = deposit_bits(begin, mask);
+    for (Index s = begin; s < end; ++s) {
+        const T re = static_cast<T>(amplitudes[2 * s]);
+        const T im = static_cast<T>(amplitudes[2 * s + 1]);
+        for (unsigned int b = 0; b < count; ++b) {
+            at[b][2 * place] = re * own[b];
+            at[b][2 * place + 1] = im * own[b];
+        }
+        place = next_subset(place, mask);
+    }
+}
+
 }  // namespace
 
 template <InstructionSet set, class T>
-void norms_of_groups(const T* state, const Index* bases, unsigned int n_bases, const Index* offsets,
-                     Index n_offsets, T* roots) {
+void add_norms(const T* state, const Index* bases, unsigned int n_bases, const Index* offsets,
+               Index n_offsets, T* sums) {
     if (n_bases == groups_at_once) {
-        sum_norms<groups_at_once>(state, bases, offsets, n_offsets, roots);
-    } else {
-        for (unsigned int b = 0; b < n_bases; ++b) {
-            sum_norms<1>(state, bases + b, offsets, n_offsets, roots + b);
-        }
+        add_norms_of<groups_at_once>(state, bases, offsets, n_offsets, sums);
+        return;
     }
     for (unsigned int b = 0; b < n_bases; ++b)
-        roots[b] = square_root(roots[b]);
+        add_norms_of<1>(state, bases + b, offsets, n_offsets, sums + b);
 }
 
 template <InstructionSet set, class T>
 void write_groups(T* state, const Index* bases, unsigned int n_bases, Index mask,
                   const double* amplitudes, const T* roots, Index begin, Index end) {
-    Index place = deposit_bits(begin, mask);
-    for (Index s = begin; s < end; ++s) {
-        const T re = static_cast<T>(amplitudes[2 * s]);
-        const T im = static_cast<T>(amplitudes[2 * s + 1]);
-        for (unsigned int b = 0; b < n_bases; ++b) {
-            T* const at = state + 2 * (bases[b] | place);
-            at[0] = re * roots[b];
-            at[1] = im * roots[b];
-        }
-        place = next_subset(place, mask);
+    if (n_bases == groups_at_once) {
+        write_scaled<groups_at_once>(state, bases, mask, amplitudes, roots, begin, end);
+        return;
     }
+    for (unsigned int b = 0; b < n_bases; ++b)
+        write_scaled<1>(state, bases + b, mask, amplitudes, roots + b, begin, end);
 }
 
 template <InstructionSet set, class T>
@@ -76,11 +94,11 @@ void negate_marked(T* state, const Index* marks, Index chunk_mask, Index begin, 
     }
 }
 
-#define PBLINALG_INSTANTIATE(T)                                                                    \
-    template void norms_of_groups<this_set, T>(const T*, const Index*, unsigned int, const Index*, \
-                                               Index, T*);                                         \
-    template void write_groups<this_set, T>(T*, const Index*, unsigned int, Index, const double*,  \
-                                            const T*, Index, Index);                               \
+#define PBLINALG_INSTANTIATE(T)                                                                   \
+    template void add_norms<this_set, T>(const T*, const Index*, unsigned int, const Index*,      \
+                                         Index, T*);                                              \
+    template void write_groups<this_set, T>(T*, const Index*, unsigned int, Index, const double*, \
+                                            const T*, Index, Index);                              \
     template void negate_marked<this_set, T>(T*, const Index*, Index, Index, Index);
 PBLINALG_INSTANTIATE(float)
 PBLINALG_INSTANTIATE(double)

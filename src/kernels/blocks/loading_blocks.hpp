@@ -11,11 +11,11 @@ namespace pblinalg::cpu {
 /// overlaps them, and they are few enough for their cache lines not to displace each other.
 inline constexpr unsigned int groups_at_once = 8;
 
-/// roots[b] = sqrt(sum over j, in this order, of |state[bases[b] | offsets[j]]|^2).
+/// sums[b] += |state[bases[b] | offsets[j]]|^2 for each j in turn.
 /// @param n_bases  at most `groups_at_once`.
 template <InstructionSet set, class T>
-void norms_of_groups(const T* state, const Index* bases, unsigned int n_bases, const Index* offsets,
-                     Index n_offsets, T* roots);
+void add_norms(const T* state, const Index* bases, unsigned int n_bases, const Index* offsets,
+               Index n_offsets, T* sums);
 
 /// state[bases[b] | deposit_bits(s, mask)] = amplitudes[s] * roots[b] for s in [begin, end).
 /// @param amplitudes  interleaved parts, converted to T one by one before the product.
