@@ -76,7 +76,13 @@ template <class T>
 void _DiagGate<true>::apply_controlled(std::complex<T>* amplitudes, QubitSpan qubits,
                                        unsigned long long nqbits, int nthreads, QubitSpan ctrls,
                                        MatrixSpan<T> diag) {
-    const orb::core::iterator::GroupMasks groups(QubitSpan(), ctrls, nqbits);
+    orb::core::iterator::GroupMasks groups(QubitSpan(), ctrls, nqbits);
+    if (qubits.size() == 1 && groups.counts_through(qubits[0])) {
+        // One qubit: two streams of amplitudes, each with its factor in a register.
+        groups.take_out(qubits[0]);
+        update_all_groups<GateDiagonal, T>(amplitudes, {groups, {qubits[0], 0}}, nthreads, diag);
+        return;
+    }
     const Index mask = gate_mask(qubits);
     const std::size_t slots = std::max<std::size_t>(diag.size(), bit(count_bits(mask)));
     if (slots <= 2) {
