@@ -68,6 +68,13 @@ struct GateY : GateShape<1, 0, false> {
 /// [[f0, f1], [f1, f0]] with f0 = cos(theta/2), f1 = -i sin(theta/2).
 struct GateRX : GateShape<1, 2, true> {
     static constexpr bool has_zero_products = true;
+
+    template <class T>
+    static std::array<std::complex<T>, 2> factors(T theta) {
+        const T half = theta * T(0.5);
+        return {std::complex<T>(std::cos(half), 0), std::complex<T>(0, -std::sin(half))};
+    }
+
     template <class V>
     PBLINALG_ALWAYS_INLINE static void update(V* a, const typename V::Factor* f) {
         const V a0 = a[0];
@@ -80,6 +87,13 @@ struct GateRX : GateShape<1, 2, true> {
 /// [[f0, -f1], [f1, f0]] with f0 = cos(theta/2), f1 = sin(theta/2).
 struct GateRY : GateShape<1, 2, true> {
     static constexpr bool has_zero_products = true;
+
+    template <class T>
+    static std::array<std::complex<T>, 2> factors(T theta) {
+        const T half = theta * T(0.5);
+        return {std::complex<T>(std::cos(half), 0), std::complex<T>(std::sin(half), 0)};
+    }
+
     template <class V>
     PBLINALG_ALWAYS_INLINE static void update(V* a, const typename V::Factor* f) {
         const V a0 = a[0];

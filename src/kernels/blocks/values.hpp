@@ -101,6 +101,35 @@ struct Register<float, bytes> {
     static constexpr Lane sign = static_cast<Lane>(1u << 31);
 };
 
+/// True when any element of either register is NaN.
+template <class T, int bytes>
+PBLINALG_ALWAYS_INLINE bool any_nan(typename Register<T, bytes>::Elements a,
+                                    typename Register<T, bytes>::Elements b) {
+#if defined(__AVX512F__)
+    if constexpr (bytes == 64 && sizeof(T) == 8)
+        return _mm512_cmp_pd_mask(__m512d(a), __m512d(b), _CMP_UNORD_Q) != 0;
+    if constexpr (bytes == 64 && sizeof(T) == 4)
+        return _mm512_cmp_ps_mask(__m512(a), __m512(b), _CMP_UNORD_Q) != 0;
+#endif
+#if defined(__AVX2__)
+    if constexpr (bytes == 32 && sizeof(T) == 8)
+        return _mm256_movemask_pd(_mm256_cmp_pd(__m256d(a), __m256d(b), _CMP_UNORD_Q));
+    if constexpr (bytes == 32 && sizeof(T) == 4)
+        return _mm256_movemask_ps(_mm256_cmp_ps(__m256(a), __m256(b), _CMP_UNORD_Q));
+#endif
+#if defined(__SSE2__)
+    if constexpr (bytes == 16 && sizeof(T) == 8)
+        return _mm_movemask_pd(_mm_cmpunord_pd(__m128d(a), __m128d(b)));
+    if constexpr (bytes == 16 && sizeof(T) == 4)
+        return _mm_movemask_ps(_mm_cmpunord_ps(__m128(a), __m128(b)));
+#endif
+    const typename Register<T, bytes>::Bits nan = (a != a) | (b != b);
+    for (int e = 0; e < bytes / static_cast<int>(sizeof(T)); ++e) {
+        if (nan[e]) return true;
+    }
+    return false;
+}
+
 /// The smallest magnitude of all parts shown to it.
 template <InstructionSet set, class T>
 struct SmallestPart {
@@ -283,29 +312,7 @@ struct Vector {
 
     /// True when any part of either vector is NaN.
     PBLINALG_ALWAYS_INLINE static bool holds_nan(Vector a, Vector b) {
-#if defined(__AVX512F__)
-        if constexpr (bytes == 64 && sizeof(T) == 8)
-            return _mm512_cmp_pd_mask(__m512d(a.v), __m512d(b.v), _CMP_UNORD_Q) != 0;
-        if constexpr (bytes == 64 && sizeof(T) == 4)
-            return _mm512_cmp_ps_mask(__m512(a.v), __m512(b.v), _CMP_UNORD_Q) != 0;
-#endif
-#if defined(__AVX2__)
-        if constexpr (bytes == 32 && sizeof(T) == 8)
-            return _mm256_movemask_pd(_mm256_cmp_pd(__m256d(a.v), __m256d(b.v), _CMP_UNORD_Q));
-        if constexpr (bytes == 32 && sizeof(T) == 4)
-            return _mm256_movemask_ps(_mm256_cmp_ps(__m256(a.v), __m256(b.v), _CMP_UNORD_Q));
-#endif
-#if defined(__SSE2__)
-        if constexpr (bytes == 16 && sizeof(T) == 8)
-            return _mm_movemask_pd(_mm_cmpunord_pd(__m128d(a.v), __m128d(b.v)));
-        if constexpr (bytes == 16 && sizeof(T) == 4)
-            return _mm_movemask_ps(_mm_cmpunord_ps(__m128(a.v), __m128(b.v)));
-#endif
-        const Bits nan = (a.v != a.v) | (b.v != b.v);
-        for (int e = 0; e < n_elements; ++e) {
-            if (nan[e]) return true;
-        }
-        return false;
+        return any_nan<T, bytes>(a.v, b.v);
     }
 
   private:
@@ -405,6 +412,12 @@ struct Planar {
     PBLINALG_ALWAYS_INLINE friend Planar cmul_imaginary(const Factor& f, Planar a) {
         if constexpr (!drop_zeros) return cmul(f, a);
         return {-(f.im * a.im), f.im * a.re};
+    }
+
+    PBLINALG_ALWAYS_INLINE static bool holds_nan(Planar a) { return any_nan<T, bytes>(a.re, a.im); }
+    PBLINALG_ALWAYS_INLINE static bool all_finite(Planar a) {
+        // Infinity minus itself is NaN.
+        return !any_nan<T, bytes>(a.re - a.re, a.im - a.im);
     }
 
     PBLINALG_ALWAYS_INLINE static void transpose(Planar& low, Planar& high, unsigned int lane_bit) {
