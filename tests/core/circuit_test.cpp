@@ -45,6 +45,11 @@ class Circuits : public ::testing::Test {
         load(by_members, before);
         by_circuit.set_num_threads(num_threads);
         Circuit<T> circuit(n);
+        const auto add = [&](const Gate& gate, const Qubits& qubits, T angle) {
+            circuit.add_gate(gate.name, gate.has_angle ? std::vector<T>{angle} : std::vector<T>{},
+                             qubits);
+            gate.apply(by_members, qubits, angle);
+        };
         for (int g = 0; g < n_gates; ++g) {
             const Gate& gate = vocabulary[generator() % (n > 1 ? 11 : 9)];
             const auto first = static_cast<unsigned int>(generator() % n);
@@ -55,9 +60,14 @@ class Circuits : public ::testing::Test {
             }
             static constexpr T angles[] = {0, T(0.3), T(-1.7), T(3.141592653589793)};
             const T angle = angles[generator() % 4];
-            circuit.add_gate(gate.name, gate.has_angle ? std::vector<T>{angle} : std::vector<T>{},
-                             qubits);
-            gate.apply(by_members, qubits, angle);
+            add(gate, qubits, angle);
+            // CNOT, diagonal gates, the same CNOT: a diagonal on the parity of two qubits.
+            if (std::string(gate.name) != "CNOT" || generator() % 2) continue;
+            for (int d = static_cast<int>(generator() % 3); d >= 0; --d) {
+                static constexpr int diagonals[] = {3, 6, 7, 8};
+                add(vocabulary[diagonals[generator() % 4]], {qubits[generator() % 2]}, angle);
+            }
+            add(gate, qubits, angle);
         }
         by_circuit.simulate_circuit(circuit);
         const Amplitudes<T> expected(&by_members.state[0], &by_members.state[0] + before.size());
@@ -94,15 +104,20 @@ TYPED_TEST(Circuits, RunAsTheirMembersDoToTheLastBit) {
     std::uint64_t seed = 0;
     for (unsigned int n = 1; n <= 8; ++n) {
         for (const Filling filling : all_fillings) {
-            for (int repeat = 0; repeat < 10; ++repeat)
+            // In short circuits special values stay few, in long ones they spread.
+            for (const int n_gates : {3, 4, 5, 6, 8, 40})
                 for_each_instruction_set(
-                    [&] { this->check_random_circuit(n, 40, filling, seed++, 1); });
+                    [&] { this->check_random_circuit(n, n_gates, filling, seed++, 1); });
         }
     }
-    for (const int workers : {1, 2, 0})
-        this->check_random_circuit(17, 60, Filling::ordinary, seed++, workers);
-    this->check_random_circuit(18, 40, Filling::signed_zeros, seed++, 2);
-    this->check_random_circuit(18, 40, Filling::extremes, seed, 2);
+    // Around the sizes of blocks (11 and 12 qubits) and tiles (15 and 16), and beyond.
+    for (unsigned int n = 10; n <= 18; ++n) {
+        for (const Filling filling : all_fillings)
+            this->check_random_circuit(n, 60, filling, seed++, n % 3);
+    }
+    this->check_random_circuit(17, 0, Filling::ordinary, seed++, 2);
+    this->check_random_circuit(17, 3, Filling::ordinary, seed++, 2);
+    this->check_random_circuit(6, 20000, Filling::ordinary, seed, 1);
 }
 
 TYPED_TEST(Circuits, PrepareABellState) {

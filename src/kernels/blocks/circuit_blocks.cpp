@@ -11,8 +11,6 @@ constexpr InstructionSet this_set = InstructionSet::PBLINALG_INSTRUCTION_SET;
 
 template <class T>
 using Exact = Planar<this_set, T, false>;
-template <class T>
-using Shortcut = Planar<this_set, T, true>;
 
 /// How a block was run: each way is exact where the one before it might not be.
 enum class Way {
@@ -21,19 +19,16 @@ enum class Way {
     recovered,  ///< one amplitude at a time, products with recovery of infinities
 };
 
-/// @return false when the result might differ from the definition.
 template <Way way, class T>
-PBLINALG_ALWAYS_INLINE bool run_step(PlanarMemory<T> block, const CircuitStep<T>& step) {
-    return visit_gate<T>(step.kind, [&]<class Gate>() {
+PBLINALG_ALWAYS_INLINE void run_step(PlanarMemory<T> block, const CircuitStep<T>& step) {
+    visit_gate<T>(step.kind, [&]<class Gate>() {
+        const Index count = step.walk.groups.count;
         if constexpr (way == Way::recovered) {
-            update_scalars<Gate, Scalar<this_set, T>>(block, step.walk, 0, step.walk.groups.count,
-                                                      step.factors);
-            return true;
+            update_scalars<Gate, Scalar<this_set, T>>(block, step.walk, 0, count, step.factors);
         } else {
             constexpr bool drops = way == Way::shortcut && Gate::has_zero_products;
             const GateVectors<Gate, Planar<this_set, T, drops>> vectors(step.walk);
-            return update_vectors(block, vectors, 0, step.walk.groups.count >> vectors.group_bits,
-                                  step.factors);
+            update_vectors(block, vectors, 0, count >> vectors.group_bits, step.factors);
         }
     });
 }
@@ -74,14 +69,17 @@ template <Way way, class T>
                                      count_bits(outer_base & operation.outer_parity)) &
                                     1;
         for (unsigned int s = operation.steps[parity]; s < operation.steps[parity + 1]; ++s) {
-            if (!run_step<way>(block, pass.steps[s])) return false;
+            run_step<way>(block, pass.steps[s]);
         }
     }
-    // What went wrong on the way has stayed: no gate turns NaN, or an infinity, into a number.
+    // What went wrong on the way shows at the end: no gate turns NaN, an infinity or a wrong sign of
+    // 0 into an ordinary number.
     using V = Exact<T>;
-    for (Index i = 0; i < size && way != Way::recovered; i += V::lanes) {
-        const V last = V::load(block, i);
-        if (way == Way::shortcut ? !V::all_finite(last) : V::holds_nan(last)) return false;
+    if constexpr (way == Way::shortcut) return V::all_ordinary(block, size);
+    if constexpr (way == Way::products) {
+        for (Index i = 0; i < size; i += V::lanes) {
+            if (V::holds_nan(V::load(block, i))) return false;
+        }
     }
     return true;
 }

@@ -92,11 +92,9 @@ template <class Gate, class V, class T>
 
 /// @tparam in_lanes   some target lies inside a vector.
 /// @tparam chooses    some held bit lies inside a vector.
-/// @return false when a product was left out whose sign of zero might have mattered.
 template <class Gate, bool in_lanes, bool chooses, class V, class T>
-bool update_vectors_of_shape(typename V::Memory memory, const GateVectors<Gate, V>& walk,
+void update_vectors_of_shape(typename V::Memory memory, const GateVectors<Gate, V>& walk,
                              Index begin, Index end, const T* factors) {
-    constexpr bool leaves_out = V::drops_zero_products && Gate::has_zero_products;
     constexpr auto moves = [](unsigned int r) { return in_lanes || Gate::touches(r); };
 
     typename V::Factor f[Gate::n_factors + 1];
@@ -104,11 +102,14 @@ bool update_vectors_of_shape(typename V::Memory memory, const GateVectors<Gate, 
         f[i] = typename V::Factor(factors[2 * i], factors[2 * i + 1]);
     }
     const typename V::Bits chosen = walk.chosen_lanes();
-    typename V::Smallest smallest;
+    // Copies, which stores to the amplitudes cannot be suspected of changing.
+    Index offsets[Gate::n_rows];
+    for (unsigned int r = 0; r < Gate::n_rows; ++r)
+        offsets[r] = walk.offsets[r];
     walk_groups(walk.free_mask, walk.fixed_bits, begin, end, [&](Index base) {
         V old[Gate::n_rows];
         for (unsigned int r = 0; r < Gate::n_rows; ++r) {
-            if (moves(r)) old[r] = V::load(memory, base + walk.offsets[r]);
+            if (moves(r)) old[r] = V::load(memory, base + offsets[r]);
         }
         if constexpr (in_lanes) walk.transpose_targets(old);
         V fresh[Gate::n_rows];
@@ -124,10 +125,6 @@ bool update_vectors_of_shape(typename V::Memory memory, const GateVectors<Gate, 
                 redo_with_recovery<Gate>(old, fresh, factors);
             }
         }
-        if constexpr (leaves_out) {
-            for (unsigned int r = 0; r < Gate::n_rows; ++r)
-                smallest.see(fresh[r]);
-        }
         if constexpr (chooses) {
             for (unsigned int r = 0; r < Gate::n_rows; ++r) {
                 if (moves(r)) fresh[r] = V::select(chosen, fresh[r], old[r]);
@@ -135,28 +132,28 @@ bool update_vectors_of_shape(typename V::Memory memory, const GateVectors<Gate, 
         }
         if constexpr (in_lanes) walk.transpose_targets(fresh);
         for (unsigned int r = 0; r < Gate::n_rows; ++r) {
-            if (moves(r)) fresh[r].store(memory, base + walk.offsets[r]);
+            if (moves(r)) fresh[r].store(memory, base + offsets[r]);
         }
     });
-    return !leaves_out || !smallest.is_zero();
 }
 
 /// The gate on the steps [begin, end) of its vector walk.
-/// @return false when a product was left out whose sign of zero might have mattered.
 template <class Gate, class V, class T>
-bool update_vectors(typename V::Memory memory, const GateVectors<Gate, V>& walk, Index begin,
+void update_vectors(typename V::Memory memory, const GateVectors<Gate, V>& walk, Index begin,
                     Index end, const T* factors) {
     const bool chooses = walk.chooses_lanes();
     if constexpr (Gate::n_targets > 0) {
+        if (walk.has_lane_targets && chooses) {
+            return update_vectors_of_shape<Gate, true, true>(memory, walk, begin, end, factors);
+        }
         if (walk.has_lane_targets) {
-            return chooses ? update_vectors_of_shape<Gate, true, true>(memory, walk, begin, end,
-                                                                       factors)
-                           : update_vectors_of_shape<Gate, true, false>(memory, walk, begin, end,
-                                                                        factors);
+            return update_vectors_of_shape<Gate, true, false>(memory, walk, begin, end, factors);
         }
     }
-    return chooses ? update_vectors_of_shape<Gate, false, true>(memory, walk, begin, end, factors)
-                   : update_vectors_of_shape<Gate, false, false>(memory, walk, begin, end, factors);
+    if (chooses) {
+        return update_vectors_of_shape<Gate, false, true>(memory, walk, begin, end, factors);
+    }
+    update_vectors_of_shape<Gate, false, false>(memory, walk, begin, end, factors);
 }
 
 }  // namespace pblinalg::cpu

@@ -130,49 +130,6 @@ PBLINALG_ALWAYS_INLINE bool any_nan(typename Register<T, bytes>::Elements a,
     return false;
 }
 
-/// The smallest magnitude of all parts shown to it.
-template <InstructionSet set, class T>
-struct SmallestPart {
-    static constexpr int bytes = register_bytes<set>;
-    using Elements = typename Register<T, bytes>::Elements;
-    using Bits = typename Register<T, bytes>::Bits;
-    static constexpr int n_elements = bytes / static_cast<int>(sizeof(T));
-
-    Elements smallest = T(1) - Elements{};
-
-    PBLINALG_ALWAYS_INLINE void see(Elements part) {
-#if defined(__AVX512F__)
-        constexpr int smaller_magnitude = 0b1010;
-        if constexpr (bytes == 64 && sizeof(T) == 8) {
-            smallest =
-                Elements(_mm512_range_pd(__m512d(smallest), __m512d(part), smaller_magnitude));
-            return;
-        }
-        if constexpr (bytes == 64 && sizeof(T) == 4) {
-            smallest = Elements(_mm512_range_ps(__m512(smallest), __m512(part), smaller_magnitude));
-            return;
-        }
-#endif
-        const Elements magnitude =
-            reinterpret_cast<Elements>(reinterpret_cast<Bits>(part) & ~Register<T, bytes>::sign);
-        smallest = magnitude < smallest ? magnitude : smallest;
-    }
-
-    template <class Value>
-    PBLINALG_ALWAYS_INLINE void see(const Value& value) {
-        see(value.re);
-        see(value.im);
-    }
-
-    PBLINALG_ALWAYS_INLINE bool is_zero() const {
-        const Bits zero = smallest == T(0);
-        for (int e = 0; e < n_elements; ++e) {
-            if (zero[e]) return true;
-        }
-        return false;
-    }
-};
-
 template <class Bits, int... E>
 PBLINALG_ALWAYS_INLINE Bits number_elements(std::integer_sequence<int, E...>) {
     return Bits{E...};
@@ -227,9 +184,7 @@ struct Vector {
     static constexpr int lanes = n_elements / 2;
     static constexpr unsigned int lane_bits = log2_of(lanes);
     static constexpr bool recovers_products = true;
-    static constexpr bool drops_zero_products = false;
     using Iota = std::make_integer_sequence<int, n_elements>;
-    using Smallest = SmallestPart<set, T>;
 
     Elements v;
 
@@ -346,8 +301,9 @@ struct Vector {
 /// back, so that no product is checked on its own.
 ///
 /// @tparam drop_zeros  products with a part that is known to be 0 are left out of RX and RY. That
-///                     changes nothing but the sign of a result that is 0, and what becomes of
-///                     infinities and NaN; the caller looks out for both (`SmallestPart`).
+///                     changes nothing but signs of parts that are 0, and what becomes of infinities
+///                     and NaN. A wrong sign of 0 only ever makes other wrong signs of 0, and
+///                     infinities stay, so the caller looks at the final parts (`all_ordinary`).
 template <InstructionSet set, class T, bool drop_zeros>
 struct Planar {
     using Real = T;
@@ -359,9 +315,7 @@ struct Planar {
     static constexpr int lanes = bytes / static_cast<int>(sizeof(T));
     static constexpr unsigned int lane_bits = log2_of(lanes);
     static constexpr bool recovers_products = false;
-    static constexpr bool drops_zero_products = drop_zeros;
     using Iota = std::make_integer_sequence<int, lanes>;
-    using Smallest = SmallestPart<set, T>;
 
     Elements re, im;
 
@@ -415,9 +369,19 @@ struct Planar {
     }
 
     PBLINALG_ALWAYS_INLINE static bool holds_nan(Planar a) { return any_nan<T, bytes>(a.re, a.im); }
-    PBLINALG_ALWAYS_INLINE static bool all_finite(Planar a) {
-        // Infinity minus itself is NaN.
-        return !any_nan<T, bytes>(a.re - a.re, a.im - a.im);
+
+    /// True when all parts of `n` values are finite and none is 0.
+    PBLINALG_ALWAYS_INLINE static bool all_ordinary(Memory values, Index n) {
+        Elements not_finite{};
+        Elements smallest = T(1) - Elements{};
+        for (Index i = 0; i < n; i += lanes) {
+            const Planar a = load(values, i);
+            // An infinity minus itself is NaN, and NaN stays in the sum.
+            not_finite += (a.re - a.re) + (a.im - a.im);
+            smallest = smaller(smallest, smaller(a.re, a.im));
+        }
+        // 0 / 0 is NaN.
+        return !any_nan<T, bytes>(not_finite, smallest / smallest);
     }
 
     PBLINALG_ALWAYS_INLINE static void transpose(Planar& low, Planar& high, unsigned int lane_bit) {
@@ -435,6 +399,21 @@ struct Planar {
 
   private:
     typedef Elements Aliasing __attribute__((may_alias));
+
+    /// The smaller magnitude of each element.
+    PBLINALG_ALWAYS_INLINE static Elements smaller(Elements a, Elements b) {
+#if defined(__AVX512F__)
+        constexpr int smaller_magnitude = 0b1010;
+        if constexpr (bytes == 64 && sizeof(T) == 8)
+            return Elements(_mm512_range_pd(__m512d(a), __m512d(b), smaller_magnitude));
+        if constexpr (bytes == 64 && sizeof(T) == 4)
+            return Elements(_mm512_range_ps(__m512(a), __m512(b), smaller_magnitude));
+#endif
+        const Bits without_sign = ~(Register<T, bytes>::sign - Bits{});
+        const Elements left = reinterpret_cast<Elements>(reinterpret_cast<Bits>(a) & without_sign);
+        const Elements right = reinterpret_cast<Elements>(reinterpret_cast<Bits>(b) & without_sign);
+        return left < right ? left : right;
+    }
 
     PBLINALG_ALWAYS_INLINE static Elements choose(Bits chosen, Elements fresh, Elements old) {
         return reinterpret_cast<Elements>((reinterpret_cast<Bits>(fresh) & chosen) |
