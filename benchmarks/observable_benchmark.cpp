@@ -1,27 +1,18 @@
 // Exact and sampled observables, read against a pass that only reads the state.
 #include <benchmark/benchmark.h>
 
-#include <pblinalg/pblinalg.hpp>
 #include <random>
 
 #include "core/bits.hpp"
 #include "core/parallel.hpp"
+#include "shared_state.hpp"
 
-namespace pblinalg::cpu {
+namespace pblinalg::benchmarks {
 namespace {
 
-/// A state of random amplitudes, not normalised.
-template <class T>
-struct RandomState : PybindLinAlgStateVectorCPU<T> {
-    explicit RandomState(const benchmark::State& run)
-        : PybindLinAlgStateVectorCPU<T>(static_cast<unsigned int>(run.range(0))) {
-        std::mt19937_64 generator(1);
-        std::uniform_real_distribution<T> part(-1, 1);
-        for (Index i = 0; i < this->size; ++i)
-            this->state[i] = {part(generator), part(generator)};
-        this->set_num_threads(static_cast<int>(run.range(1)));
-    }
-};
+using cpu::count_bits;
+using cpu::Index;
+using cpu::low_mask;
 
 /// Random Hermitian terms over `n_masks` random flip masks; over none, diagonal terms.
 template <class T>
@@ -44,24 +35,25 @@ WObservable<T> random_observable(unsigned int n, Index n_terms, Index n_masks) {
 
 template <class T>
 void BM_ReadPass(benchmark::State& run) {
-    const RandomState<T> state(run);
+    State<T>& state = shared_state<T>(run.range(0), run.range(1));
     const T* const parts = reinterpret_cast<const T*>(state.state.get());
     for (auto _ : run) {
-        for_each_block(2 * state.size, state.size, state.num_threads, [=](Index begin, Index end) {
-            T sums[64 / sizeof(T)] = {};
-            for (Index i = begin; i < end; i += std::size(sums)) {
-                for (Index k = 0; k < std::size(sums); ++k)
-                    sums[k] += parts[i + k];
-            }
-            benchmark::DoNotOptimize(sums);
-        });
+        cpu::for_each_block(2 * state.size, state.size, state.num_threads,
+                            [=](Index begin, Index end) {
+                                T sums[64 / sizeof(T)] = {};
+                                for (Index i = begin; i < end; i += std::size(sums)) {
+                                    for (Index k = 0; k < std::size(sums); ++k)
+                                        sums[k] += parts[i + k];
+                                }
+                                benchmark::DoNotOptimize(sums);
+                            });
     }
     run.SetBytesProcessed(run.iterations() * state.size * sizeof(std::complex<T>));
 }
 
 template <class T>
 void BM_Expectation(benchmark::State& run) {
-    RandomState<T> state(run);
+    State<T>& state = shared_state<T>(run.range(0), run.range(1));
     const auto observable = random_observable<T>(state.nqubits, static_cast<Index>(run.range(2)),
                                                  static_cast<Index>(run.range(3)));
     for (auto _ : run)
@@ -71,7 +63,7 @@ void BM_Expectation(benchmark::State& run) {
 /// Nine terms of three letters each.
 template <class T>
 void BM_EvaluateTerms(benchmark::State& run) {
-    RandomState<T> state(run);
+    State<T>& state = shared_state<T>(run.range(0), run.range(1));
     std::vector<SimpleTerm<T>> terms;
     for (unsigned int t = 0; t < 9; ++t)
         terms.push_back({{t, t + 3, t + 7}, "XYZ", T(1)});
@@ -81,26 +73,26 @@ void BM_EvaluateTerms(benchmark::State& run) {
 }
 
 template <class Benchmark>
-void with_threads(Benchmark* benchmark) {
+void in_milliseconds(Benchmark* benchmark) {
     benchmark->UseRealTime()->Unit(benchmark::kMillisecond);
 }
 
-#define PBLINALG_BENCHMARK(T)                                    \
-    BENCHMARK(BM_ReadPass<T>)                                    \
-        ->ArgNames({"qubits", "threads"})                        \
-        ->ArgsProduct({{22}, {1, 2}})                            \
-        ->Apply(with_threads);                                   \
-    BENCHMARK(BM_Expectation<T>)                                 \
-        ->ArgNames({"qubits", "threads", "terms", "flip_masks"}) \
-        ->ArgsProduct({{22}, {1, 2}, {1}, {1}})                  \
-        ->ArgsProduct({{22}, {1, 2}, {200}, {0, 20, 200}})       \
-        ->Apply(with_threads);                                   \
-    BENCHMARK(BM_EvaluateTerms<T>)                               \
-        ->ArgNames({"qubits", "threads", "shots"})               \
-        ->ArgsProduct({{16, 22}, {1, 2}, {1000, 1000000}})       \
-        ->Apply(with_threads);
+#define PBLINALG_BENCHMARK(T)                                       \
+    BENCHMARK(BM_ReadPass<T>)                                       \
+        ->ArgNames({"qubits", "threads"})                           \
+        ->ArgsProduct({{22}, thread_counts()})                      \
+        ->Apply(in_milliseconds);                                   \
+    BENCHMARK(BM_Expectation<T>)                                    \
+        ->ArgNames({"qubits", "threads", "terms", "flip_masks"})    \
+        ->ArgsProduct({{22}, thread_counts(), {1}, {1}})            \
+        ->ArgsProduct({{22}, thread_counts(), {200}, {0, 20, 200}}) \
+        ->Apply(in_milliseconds);                                   \
+    BENCHMARK(BM_EvaluateTerms<T>)                                  \
+        ->ArgNames({"qubits", "threads", "shots"})                  \
+        ->ArgsProduct({{16, 22}, thread_counts(), {1000, 1000000}}) \
+        ->Apply(in_milliseconds);
 PBLINALG_BENCHMARK(float)
 PBLINALG_BENCHMARK(double)
 
 }  // namespace
-}  // namespace pblinalg::cpu
+}  // namespace pblinalg::benchmarks

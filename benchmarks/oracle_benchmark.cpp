@@ -3,22 +3,15 @@
 
 #include <algorithm>
 #include <numeric>
-#include <pblinalg/pblinalg.hpp>
 #include <random>
 
 #include "core/bits.hpp"
+#include "shared_state.hpp"
 
-namespace pblinalg::cpu {
+namespace pblinalg::benchmarks {
 namespace {
 
-template <class T>
-struct FlatState : PybindLinAlgStateVectorCPU<T> {
-    explicit FlatState(const benchmark::State& run)
-        : PybindLinAlgStateVectorCPU<T>(static_cast<unsigned int>(run.range(0))) {
-        this->reset_to_str(std::string(this->nqubits, '+'));
-        this->set_num_threads(static_cast<int>(run.range(1)));
-    }
-};
+using cpu::bit;
 
 /// The `count` lowest qubits upwards, or the highest ones downwards.
 std::vector<unsigned int> qubits_of(unsigned int n, unsigned int count, bool high) {
@@ -32,50 +25,48 @@ std::vector<unsigned int> qubits_of(unsigned int n, unsigned int count, bool hig
 }
 
 template <class T>
-void count_bytes(benchmark::State& run, Index amplitudes) {
-    run.SetBytesProcessed(run.iterations() * 2 * amplitudes * sizeof(std::complex<T>));
-}
-
-template <class T>
 void BM_StatePreparation(benchmark::State& run) {
-    FlatState<T> state(run);
+    State<T>& state = shared_state<T>(run.range(0), run.range(1));
     const auto listed = static_cast<unsigned int>(run.range(2));
     const auto qubits = qubits_of(state.nqubits, listed, run.range(3) != 0);
     std::vector<std::complex<double>> input(bit(listed), std::pow(2.0, -0.5 * listed));
     for (auto _ : run)
         state.apply_state_preparation(input.data(), qubits);
-    count_bytes<T>(run, state.size);
+    report_amplitudes<T>(run, static_cast<std::int64_t>(state.size));
 }
 
 template <class T>
 void BM_PhaseOracle(benchmark::State& run) {
-    FlatState<T> state(run);
+    State<T>& state = shared_state<T>(run.range(0), run.range(1));
     const auto qubits = qubits_of(state.nqubits, state.nqubits, false);
     std::mt19937_64 generator(1);
     std::vector<unsigned long long> marked(static_cast<std::size_t>(run.range(2)));
     std::generate(marked.begin(), marked.end(), [&] { return generator() % state.size; });
     for (auto _ : run)
         state.apply_phase_oracle(marked, qubits);
-    count_bytes<T>(run, state.size);
+    report_amplitudes<T>(run, static_cast<std::int64_t>(state.size));
 }
 
 /// All qubits are listed, the data register being the highest of them.
 template <class T>
 void BM_Qram(benchmark::State& run) {
-    FlatState<T> state(run);
+    State<T>& state = shared_state<T>(run.range(0), run.range(1));
     const auto width = static_cast<unsigned int>(run.range(2));
     const auto qubits = qubits_of(state.nqubits, state.nqubits, false);
-    const std::vector<std::complex<double>> table(state.size, 0.5);
+    // Rows that keep an amplitude where it is, so that repeated loading does not end in denormals.
+    std::vector<std::complex<double>> table(state.size);
+    for (std::size_t entry = 0; entry < table.size(); entry += bit(width))
+        table[entry] = 1;
     for (auto _ : run) {
         state.apply_qram(table.data(), qubits, width);
         benchmark::ClobberMemory();
     }
-    count_bytes<T>(run, state.size);
+    report_amplitudes<T>(run, static_cast<std::int64_t>(state.size));
 }
 
 template <class T>
 void BM_BinaryQram(benchmark::State& run) {
-    FlatState<T> state(run);
+    State<T>& state = shared_state<T>(run.range(0), run.range(1));
     const auto width = static_cast<unsigned int>(run.range(2));
     const auto qubits = qubits_of(state.nqubits, state.nqubits, false);
     std::mt19937_64 generator(1);
@@ -83,33 +74,33 @@ void BM_BinaryQram(benchmark::State& run) {
     std::generate(words.begin(), words.end(), [&] { return generator(); });
     for (auto _ : run)
         state.apply_binary_qram(words.data(), qubits, width);
-    count_bytes<T>(run, state.size);
+    report_amplitudes<T>(run, static_cast<std::int64_t>(state.size));
 }
 
 template <class Benchmark>
-void in_real_time(Benchmark* benchmark) {
+void in_milliseconds(Benchmark* benchmark) {
     benchmark->UseRealTime()->Unit(benchmark::kMillisecond);
 }
 
-#define PBLINALG_BENCHMARK(T)                                 \
-    BENCHMARK(BM_StatePreparation<T>)                         \
-        ->ArgNames({"qubits", "threads", "listed", "high"})   \
-        ->ArgsProduct({{22}, {1, 2}, {0, 3, 12, 22}, {0, 1}}) \
-        ->Apply(in_real_time);                                \
-    BENCHMARK(BM_PhaseOracle<T>)                              \
-        ->ArgNames({"qubits", "threads", "marked"})           \
-        ->ArgsProduct({{22}, {1, 2}, {1, 1000, 1000000}})     \
-        ->Apply(in_real_time);                                \
-    BENCHMARK(BM_Qram<T>)                                     \
-        ->ArgNames({"qubits", "threads", "width"})            \
-        ->ArgsProduct({{22}, {1, 2}, {0, 2, 11, 20}})         \
-        ->Apply(in_real_time);                                \
-    BENCHMARK(BM_BinaryQram<T>)                               \
-        ->ArgNames({"qubits", "threads", "width"})            \
-        ->ArgsProduct({{22}, {1, 2}, {2, 11}})                \
-        ->Apply(in_real_time);
+#define PBLINALG_BENCHMARK(T)                                          \
+    BENCHMARK(BM_StatePreparation<T>)                                  \
+        ->ArgNames({"qubits", "threads", "listed", "high"})            \
+        ->ArgsProduct({{22}, thread_counts(), {0, 3, 12, 22}, {0, 1}}) \
+        ->Apply(in_milliseconds);                                      \
+    BENCHMARK(BM_PhaseOracle<T>)                                       \
+        ->ArgNames({"qubits", "threads", "marked"})                    \
+        ->ArgsProduct({{22}, thread_counts(), {1, 1000, 1000000}})     \
+        ->Apply(in_milliseconds);                                      \
+    BENCHMARK(BM_Qram<T>)                                              \
+        ->ArgNames({"qubits", "threads", "width"})                     \
+        ->ArgsProduct({{22}, thread_counts(), {0, 2, 11, 20}})         \
+        ->Apply(in_milliseconds);                                      \
+    BENCHMARK(BM_BinaryQram<T>)                                        \
+        ->ArgNames({"qubits", "threads", "width"})                     \
+        ->ArgsProduct({{22}, thread_counts(), {2, 11}})                \
+        ->Apply(in_milliseconds);
 PBLINALG_BENCHMARK(float)
 PBLINALG_BENCHMARK(double)
 
 }  // namespace
-}  // namespace pblinalg::cpu
+}  // namespace pblinalg::benchmarks
