@@ -3,7 +3,7 @@ size, circuits in passes over the state."""
 
 from html import escape
 
-WIDTH, HEIGHT = 960, 860
+WIDTH, HEIGHT = 960, 850
 COLOURS = ("#1f77b4", "#d62728", "#2ca02c", "#9467bd", "#ff7f0e", "#17becf", "#8c564b", "#7f7f7f")
 PRECISIONS = ("double", "float")
 
@@ -72,6 +72,7 @@ class Panel:
 
 def gate_panel(results, box, precision, threads):
     gates = results.select("Gate", qubits=24, threads=threads, precision=precision)
+    # Those measured at every target, and not just at a few.
     subjects = sorted({gate.subject for gate in gates if gate.arguments.get("target") == 7})
     panel = Panel(box, f"One gate on 24 qubits, {precision}: share of the memory limit",
                   (0, 23), (0, 125), " %")
@@ -88,7 +89,7 @@ def gate_panel(results, box, precision, threads):
 
 
 def dense_panel(results, box, threads):
-    panel = Panel(box, "Dense gate on k of 24 qubits: share of the limit that binds",
+    panel = Panel(box, "Dense gate on k of 24 qubits: share of the limit",
                   (1, 6), (0, 125), " %")
     names = []
     for precision in PRECISIONS:
@@ -111,8 +112,11 @@ def circuit_panel(results, box, threads):
     circuits = results.select("Circuit", qubits=24, threads=threads)
     subjects = list(dict.fromkeys(circuit.subject for circuit in circuits))
     most = max((results.passes(circuit) or 0 for circuit in circuits), default=0) or 1
-    panel = Panel(box, "Circuits on 24 qubits: time in passes over the state",
-                  (0, max(1, len(subjects))), (0, 1.1 * most), "")
+    # Five steps of a round number.
+    round_numbers = (factor * 10**power for power in range(9) for factor in (1, 2, 5))
+    step = next(number for number in round_numbers if 5 * number >= most)
+    panel = Panel(box, "Circuits on 24 qubits: passes over the state",
+                  (0, max(1, len(subjects))), (0, 5 * step), "")
     for position, subject in enumerate(subjects):
         for circuit in circuits:
             if circuit.subject == subject and results.passes(circuit):
@@ -120,8 +124,9 @@ def circuit_panel(results, box, threads):
                 panel.bar(position + offset, 0.36, results.passes(circuit),
                           COLOURS[PRECISIONS.index(circuit.precision)])
         gates = next(c.gates for c in circuits if c.subject == subject)
-        panel.text(panel.place(position + 0.5, 0)[0], panel.top + panel.height + 16,
-                   f"{subject} ({gates:.0f} gates)")
+        middle = panel.place(position + 0.5, 0)[0]
+        panel.text(middle, panel.top + panel.height + 16, subject)
+        panel.text(middle, panel.top + panel.height + 33, f"{gates:.0f} gates")
     panel.legend(PRECISIONS)
     return panel
 
@@ -131,8 +136,8 @@ def draw(results, threads):
     panels = [
         gate_panel(results, (70, 60, 740, 160), "double", threads),
         gate_panel(results, (70, 300, 740, 160), "float", threads),
-        dense_panel(results, (70, 540, 290, 230), threads),
-        circuit_panel(results, (500, 540, 370, 230), threads),
+        dense_panel(results, (70, 540, 250, 230), threads),
+        circuit_panel(results, (520, 540, 340, 230), threads),
     ]
     body = "\n".join(part for panel in panels for part in panel.parts)
     return f"""<svg xmlns="http://www.w3.org/2000/svg" viewBox="0 0 {WIDTH} {HEIGHT}">
