@@ -67,7 +67,8 @@ class Planner {
         for (; i < operations_.size() && pass.operations.size() < max_pass_length; ++i) {
             const Operation<T>& operation = operations_[i];
             const Index targets = operation.target_bits();
-            const bool fits = count_bits(pass.active | targets) <= tile_bits_;
+            const bool fits =
+                !(targets & ~pass.active) || count_bits(pass.active | targets) <= tile_bits_;
             const bool commutes = !(targets & (moved | selected)) && !(operation.selects & moved) &&
                                   (operation.is_permutation() || !arithmetic_blocked);
             if (fits && commutes) {
@@ -119,10 +120,10 @@ CompiledPass<T> compile(const Pass<T>& pass, Index inactive) {
     const unsigned int n_bits = count_bits(pass.active);
     compiled.operations.reserve(pass.operations.size());
     compiled.steps.reserve(2 * pass.operations.size());
+    const Relocation relocate(pass.active);
     for (const Operation<T>& operation : pass.operations) {
         CircuitOperation<T> compiled_operation{0, operation.outer_selects, {}};
-        const Operation<T> local =
-            relocate(operation, pass.active, compiled_operation.block_parity);
+        const Operation<T> local = relocate(operation, compiled_operation.block_parity);
         const bool elsewhere = compiled_operation.block_parity | compiled_operation.outer_parity;
         const bool everywhere = !elsewhere && local.selects == 0;
         const auto n_steps = [&] { return static_cast<unsigned int>(compiled.steps.size()); };
@@ -208,9 +209,10 @@ template <class T>
 void run_tiles(std::complex<T>* amplitudes, const Pass<T>& pass, Index inactive, int num_threads) {
     std::vector<Operation<T>> local;
     local.reserve(pass.operations.size());
+    const Relocation relocate(pass.active);
     for (const Operation<T>& operation : pass.operations) {
         Index outside = 0;
-        local.push_back(relocate(operation, pass.active, outside));
+        local.push_back(relocate(operation, outside));
         local.back().outer_selects = outside;
     }
     const unsigned int tile_bits = count_bits(pass.active);
@@ -251,7 +253,7 @@ void run_alone(std::complex<T>* amplitudes, unsigned int nqubits, const Operatio
 /// What a gate on its own costs, in passes that read and write the whole state.
 template <class T>
 double cost_alone(const Operation<T>& operation) {
-    const bool half = operation.selects != 0 && !operation.multiplies_both;
+    const bool half = operation.selects != 0 && !operation.multiplies_both();
     return half || operation.kind == GateKind::SWAP ? 0.5 : 1.0;
 }
 
