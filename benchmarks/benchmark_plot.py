@@ -27,10 +27,9 @@ class Panel:
             self.text(self.left - 6, at + 4, f"{value:.3g}{y_unit}", "end")
 
     def place(self, x, y):
-        return (
-            self.left + self.width * (x - self.x[0]) / ((self.x[1] - self.x[0]) or 1),
-            self.top + self.height * (1 - (min(y, self.y[1]) - self.y[0]) / (self.y[1] - self.y[0])),
-        )
+        across = (x - self.x[0]) / (self.x[1] - self.x[0])
+        up = (min(y, self.y[1]) - self.y[0]) / (self.y[1] - self.y[0])
+        return self.left + self.width * across, self.top + self.height * (1 - up)
 
     def text(self, x, y, words, anchor="middle"):
         self.parts.append(
