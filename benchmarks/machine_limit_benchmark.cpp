@@ -17,29 +17,36 @@ namespace {
 #define EVERY_INSTRUCTION_SET
 #endif
 
-EVERY_INSTRUCTION_SET void flip_signs(std::uint64_t* words, std::uint64_t signs,
-                                      unsigned long long begin, unsigned long long end) {
-    for (unsigned long long i = begin; i < end; ++i)
-        words[i] ^= signs;
+/// One cache line, the unit that memory moves.
+typedef std::uint64_t Line __attribute__((vector_size(64), may_alias));
+
+/// Asking for lines one page ahead of the hardware gains a few percent.
+EVERY_INSTRUCTION_SET void flip_signs(Line* lines, std::uint64_t signs, unsigned long long begin,
+                                      unsigned long long end) {
+    const Line mask = Line{} + signs;
+    for (unsigned long long i = begin; i < end; ++i) {
+        __builtin_prefetch(lines + i + 64, 1);
+        lines[i] ^= mask;
+    }
 }
 
 /// An in-place pass that reads and writes every amplitude once: what a gate cannot beat.
 template <class T>
 void BM_ReadWritePass(benchmark::State& run) {
     State<T>& state = shared_state<T>(run.range(0), run.range(1));
-    auto* const words = reinterpret_cast<std::uint64_t*>(state.state.get());
+    auto* const lines = reinterpret_cast<Line*>(state.state.get());
     constexpr std::uint64_t signs = sizeof(T) == 8 ? 0x8000'0000'0000'0000 : 0x8000'0000'8000'0000;
-    const unsigned long long n_words = state.size * sizeof(std::complex<T>) / sizeof(*words);
+    const unsigned long long n_lines = state.size * sizeof(std::complex<T>) / sizeof(Line);
     for (auto _ : run) {
         cpu::for_each_block(
-            n_words, state.size, state.num_threads,
-            [=](cpu::Index begin, cpu::Index end) { flip_signs(words, signs, begin, end); });
+            n_lines, state.size, state.num_threads,
+            [=](cpu::Index begin, cpu::Index end) { flip_signs(lines, signs, begin, end); });
         benchmark::ClobberMemory();
     }
     report_amplitudes<T>(run, static_cast<std::int64_t>(state.size));
 }
 
-constexpr int n_rounds = 20'000;
+constexpr int n_rounds = 500'000;
 
 /// `n_rounds` fused multiply-adds on each of 1 KiB of accumulators, which stay in registers.
 template <class T>
