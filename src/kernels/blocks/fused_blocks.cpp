@@ -91,6 +91,7 @@ template <class V>
 struct MatrixVectors : VectorWalk<V> {
     const MatrixWalk& walk;
     Index* offsets;
+    Index target_bits = 0;  ///< union of the offsets
 
     MatrixVectors(const MatrixWalk& walk, Index* offsets)
         : VectorWalk<V>(walk.groups), walk(walk), offsets(offsets) {
@@ -98,6 +99,7 @@ struct MatrixVectors : VectorWalk<V> {
         Index filled = 1;
         for (unsigned int p = walk.n_targets; p-- > 0; filled *= 2) {
             const Index target_bit = this->take_target(walk.targets[p]);
+            target_bits |= target_bit;
             for (Index r = 0; r < filled; ++r)
                 offsets[filled + r] = offsets[r] | target_bit;
         }
@@ -176,10 +178,14 @@ void multiply_steps(T* state, const MatrixVectors<V>& vectors, const Index* base
 template <unsigned int tile_rows, bool plain, class V, class T>
 void multiply_vectors(T* state, const MatrixVectors<V>& vectors, Index begin, Index end,
                       const T* matrix, const Scratch<V, T>& scratch) {
-    pack_matrix(scratch.matrix, matrix, Index{1} << vectors.walk.n_targets, tile_rows);
     Index bases[steps_at_once];
     int waiting = 0;
+    const Index rows = Index{1} << vectors.walk.n_targets;
+    pack_matrix(scratch.matrix, matrix, rows, tile_rows);
+    LinesAhead<V> ahead(vectors.free_mask, vectors.fixed_bits, vectors.target_bits,
+                        vectors.walk.groups.count * rows, begin);
     walk_groups(vectors.free_mask, vectors.fixed_bits, begin, end, [&](Index base) {
+        ahead.fetch(state, rows);
         bases[waiting++] = base;
         if (waiting < steps_at_once) return;
         multiply_steps<tile_rows, steps_at_once, plain>(state, vectors, bases, matrix, scratch);
