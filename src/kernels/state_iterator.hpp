@@ -45,8 +45,11 @@ struct GroupMasks {
 
     /// True when both values of `qubit` occur in the base indices.
     bool counts_through(unsigned int qubit) const {
-        // Controls at or above the qubit count leave the upper free bits at 0.
-        return pblinalg::cpu::deposit_bits(count - 1, free_mask) & pblinalg::cpu::bit(qubit);
+        using namespace pblinalg::cpu;
+        if (!(free_mask & bit(qubit))) return false;
+        // Controls at or above the qubit count leave the counter short of the upper free bits.
+        const unsigned int counter_bit = count_bits(free_mask & low_mask(qubit));
+        return count >> counter_bit > 1;
     }
 
     /// Takes a free bit that `counts_through` out of the walk: half the groups, the bit 0 in all.
