@@ -1,39 +1,30 @@
-// The circuit driver: gate names to members.
+// The circuit driver: reads gates by name and hands them on to be run together.
 #include <pblinalg/state_vector_cpu.hpp>
 #include <stdexcept>
 
+#include "core/circuit_passes.hpp"
+
 namespace pblinalg::cpu {
+namespace {
+
+/// Gates read before they are run; long circuits go in pieces of this length.
+constexpr std::size_t piece_length = 8192;
+
+}  // namespace
 
 template <class T>
 void PybindLinAlgStateVectorCPU<T>::simulate_circuit(PybindLinAlgWCircuit<T>& circuit) {
-    for (std::size_t i = 0; i < circuit.gate_names.size(); ++i) {
-        const std::string& name = circuit.gate_names[i];
-        const std::vector<unsigned int>& qubits = circuit.gate_qubits[i];
-        const std::vector<T>& params = circuit.gate_params[i];
-        if (name == "H") {
-            apply_H(qubits[0]);
-        } else if (name == "X") {
-            apply_X(qubits[0]);
-        } else if (name == "Y") {
-            apply_Y(qubits[0]);
-        } else if (name == "Z") {
-            apply_Z(qubits[0]);
-        } else if (name == "RX") {
-            apply_RX(qubits[0], params[0]);
-        } else if (name == "RY") {
-            apply_RY(qubits[0], params[0]);
-        } else if (name == "RZ") {
-            apply_RZ(qubits[0], params[0]);
-        } else if (name == "PH") {
-            apply_PH(qubits[0], params[0]);
-        } else if (name == "T") {
-            apply_T(qubits[0]);
-        } else if (name == "CNOT") {
-            apply_CNOT(qubits[0], qubits[1]);
-        } else if (name == "SWAP") {
-            apply_SWAP(qubits[0], qubits[1]);
-        } else {
-            throw std::invalid_argument("Gate " + name +
+    const std::size_t n_gates = circuit.gate_names.size();
+    std::vector<Operation<T>> operations;
+    for (std::size_t i = 0; i < n_gates; ++i) {
+        const std::optional<Operation<T>> operation = read_operation(circuit, i);
+        if (operation) operations.push_back(*operation);
+        if (!operation || operations.size() == piece_length || i + 1 == n_gates) {
+            run_operations(state.get(), nqubits, std::move(operations), num_threads);
+            operations.clear();
+        }
+        if (!operation) {
+            throw std::invalid_argument("Gate " + circuit.gate_names[i] +
                                         " is not supported by the pybinded circuit");
         }
     }

@@ -55,8 +55,9 @@ void fill_sorted_diag(Amplitude* out, QubitSpan qubits, std::span<const Amplitud
     }
     if (diag.empty()) return;
     const std::vector<std::uint32_t> rows = get_sorted_indices(qubits, mask);
-    for (Index slot = 0; slot < bit(count_bits(mask)); ++slot)
-        out[slot] = diag[rows[slot]];
+    for (Index slot = 0; slot < bit(count_bits(mask)); ++slot) {
+        if (rows[slot] < diag.size()) out[slot] = diag[rows[slot]];
+    }
 }
 
 template void fill_sorted_diag<std::complex<float>>(std::complex<float>*, QubitSpan,
@@ -75,15 +76,22 @@ template <class T>
 void _DiagGate<true>::apply_controlled(std::complex<T>* amplitudes, QubitSpan qubits,
                                        unsigned long long nqbits, int nthreads, QubitSpan ctrls,
                                        MatrixSpan<T> diag) {
-    const orb::core::iterator::GroupMasks groups(QubitSpan(), ctrls, nqbits);
+    orb::core::iterator::GroupMasks groups(QubitSpan(), ctrls, nqbits);
+    if (qubits.size() == 1 && groups.counts_through(qubits[0])) {
+        // One qubit: two streams of amplitudes, each with its factor in a register.
+        groups.take_out(qubits[0]);
+        update_all_groups<GateDiagonal, T>(amplitudes, {groups, {qubits[0], 0}}, nthreads, diag);
+        return;
+    }
     const Index mask = gate_mask(qubits);
-    if (diag.size() <= 2) {
+    const std::size_t slots = std::max<std::size_t>(diag.size(), bit(count_bits(mask)));
+    if (slots <= 2) {
         std::complex<T> sorted_diag[2];
         fill_sorted_diag(sorted_diag, qubits, diag, mask);
         multiply_all(amplitudes, groups, nthreads, sorted_diag, mask);
         return;
     }
-    std::vector<std::complex<T>> sorted_diag(diag.size());
+    std::vector<std::complex<T>> sorted_diag(slots);
     fill_sorted_diag(sorted_diag.data(), qubits, diag, mask);
     multiply_all(amplitudes, groups, nthreads, sorted_diag.data(), mask);
 }

@@ -21,7 +21,7 @@ Index gate_mask(QubitSpan qubits);
 std::vector<std::uint32_t> get_sorted_indices(QubitSpan qubits, Index mask);
 
 /// Writes the entries of `diag` in slot order: out[s] belongs to the gate bits s, read in
-/// increasing bit position. An empty `diag` writes nothing.
+/// increasing bit position. Slots whose entry a short `diag` lacks are left as they are.
 template <class Amplitude>
 void fill_sorted_diag(Amplitude* out, QubitSpan qubits, std::span<const Amplitude> diag,
                       Index mask);

@@ -25,11 +25,14 @@ struct GateShape {
     static constexpr unsigned int n_rows = 1u << Targets;
     static constexpr unsigned int n_factors = Factors;
     static constexpr bool has_products = Products;
+    /// True when some coefficients are real or imaginary, known as such to the formula.
+    static constexpr bool has_zero_products = false;
     static constexpr bool touches(unsigned int row) { return (Rows >> row) & 1; }
 };
 
 // In every `update`, a[r] is the amplitude of local index r (first listed target is the most
-// significant bit) and f[i] is coefficient i.
+// significant bit) and f[i] is coefficient i. `cmul_real` and `cmul_imaginary` are `cmul` by a
+// coefficient whose other part is 0, whose products a value type may leave out.
 
 /// [[1, 1], [1, -1]] / sqrt(2).
 struct GateH : GateShape<1, 0, false> {
@@ -64,23 +67,39 @@ struct GateY : GateShape<1, 0, false> {
 
 /// [[f0, f1], [f1, f0]] with f0 = cos(theta/2), f1 = -i sin(theta/2).
 struct GateRX : GateShape<1, 2, true> {
+    static constexpr bool has_zero_products = true;
+
+    template <class T>
+    static std::array<std::complex<T>, 2> factors(T theta) {
+        const T half = theta * T(0.5);
+        return {std::complex<T>(std::cos(half), 0), std::complex<T>(0, -std::sin(half))};
+    }
+
     template <class V>
     PBLINALG_ALWAYS_INLINE static void update(V* a, const typename V::Factor* f) {
         const V a0 = a[0];
         const V a1 = a[1];
-        a[0] = cmul(f[0], a0) + cmul(f[1], a1);
-        a[1] = cmul(f[1], a0) + cmul(f[0], a1);
+        a[0] = cmul_real(f[0], a0) + cmul_imaginary(f[1], a1);
+        a[1] = cmul_imaginary(f[1], a0) + cmul_real(f[0], a1);
     }
 };
 
 /// [[f0, -f1], [f1, f0]] with f0 = cos(theta/2), f1 = sin(theta/2).
 struct GateRY : GateShape<1, 2, true> {
+    static constexpr bool has_zero_products = true;
+
+    template <class T>
+    static std::array<std::complex<T>, 2> factors(T theta) {
+        const T half = theta * T(0.5);
+        return {std::complex<T>(std::cos(half), 0), std::complex<T>(std::sin(half), 0)};
+    }
+
     template <class V>
     PBLINALG_ALWAYS_INLINE static void update(V* a, const typename V::Factor* f) {
         const V a0 = a[0];
         const V a1 = a[1];
-        a[0] = cmul(f[0], a0) - cmul(f[1], a1);
-        a[1] = cmul(f[1], a0) + cmul(f[0], a1);
+        a[0] = cmul_real(f[0], a0) - cmul_real(f[1], a1);
+        a[1] = cmul_real(f[1], a0) + cmul_real(f[0], a1);
     }
 };
 
@@ -148,6 +167,15 @@ struct GatePH : GateShape<0, 1, true> {
     template <class V>
     PBLINALG_ALWAYS_INLINE static void update(V* a, const typename V::Factor* f) {
         a[0] = cmul(f[0], a[0]);
+    }
+};
+
+/// diag(f0, f1), both rows multiplied.
+struct GateDiagonal : GateShape<1, 2, true> {
+    template <class V>
+    PBLINALG_ALWAYS_INLINE static void update(V* a, const typename V::Factor* f) {
+        a[0] = cmul(f[0], a[0]);
+        a[1] = cmul(f[1], a[1]);
     }
 };
 

@@ -58,18 +58,14 @@ void PybindLinAlgStateVectorCPU<T>::apply_PH(unsigned int qubit, T theta, Option
 
 template <class T>
 void PybindLinAlgStateVectorCPU<T>::apply_RX(unsigned int qubit, T theta, OptionalQubits ctrls) {
-    const T half = theta * T(0.5);
-    const std::complex<T> stay(std::cos(half), 0);
-    const std::complex<T> flip(0, -std::sin(half));
+    const auto [stay, flip] = GateRX::factors(theta);
     Template1QBGate<GateRX>::apply_controlled(state.get(), qubit, nqubits, num_threads,
                                               listed(ctrls), stay, flip);
 }
 
 template <class T>
 void PybindLinAlgStateVectorCPU<T>::apply_RY(unsigned int qubit, T theta, OptionalQubits ctrls) {
-    const T half = theta * T(0.5);
-    const std::complex<T> stay(std::cos(half), 0);
-    const std::complex<T> flip(std::sin(half), 0);
+    const auto [stay, flip] = GateRY::factors(theta);
     Template1QBGate<GateRY>::apply_controlled(state.get(), qubit, nqubits, num_threads,
                                               listed(ctrls), stay, flip);
 }

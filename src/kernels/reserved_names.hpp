@@ -71,7 +71,7 @@ struct _TemplatePartialDiagGate {
 /// Multiplies every amplitude by the diagonal entry that its target bits select.
 ///
 /// `diag` has 2^k entries for k targets, the first listed one being the most significant bit of an
-/// entry's number. A qubit listed twice cancels: neither copy selects an entry.
+/// entry's number; missing ones count as 0. A qubit listed twice cancels: neither copy selects.
 template <bool>
 struct _DiagGate;
 template <>

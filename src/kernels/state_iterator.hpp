@@ -43,17 +43,25 @@ struct GroupMasks {
         return fixed_bits | pblinalg::cpu::deposit_bits(group, free_mask);
     }
 
+    /// True when both values of `qubit` occur in the base indices.
+    bool counts_through(unsigned int qubit) const {
+        // Controls at or above the qubit count leave the upper free bits at 0.
+        return pblinalg::cpu::deposit_bits(count - 1, free_mask) & pblinalg::cpu::bit(qubit);
+    }
+
+    /// Takes a free bit that `counts_through` out of the walk: half the groups, the bit 0 in all.
+    void take_out(unsigned int qubit) {
+        free_mask &= ~pblinalg::cpu::bit(qubit);
+        count /= 2;
+    }
+
     /// Keeps only the groups whose base index has `qubit` set.
     /// @return false when there are none.
     bool require(unsigned int qubit) {
-        using pblinalg::cpu::bit;
-        if (fixed_bits & bit(qubit)) return true;
-        // Controls at or above the qubit count leave the upper free bits at 0.
-        const Index reached = pblinalg::cpu::deposit_bits(count - 1, free_mask);
-        if (!(reached & bit(qubit))) return false;
-        free_mask &= ~bit(qubit);
-        fixed_bits |= bit(qubit);
-        count /= 2;
+        if (fixed_bits & pblinalg::cpu::bit(qubit)) return true;
+        if (!counts_through(qubit)) return false;
+        take_out(qubit);
+        fixed_bits |= pblinalg::cpu::bit(qubit);
         return true;
     }
 };

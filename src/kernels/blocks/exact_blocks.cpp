@@ -4,9 +4,7 @@
 // this set and run it on a processor without.
 #include "kernels/blocks/exact_blocks.hpp"
 
-#include "kernels/blocks/values.hpp"
-#include "kernels/blocks/vector_walk.hpp"
-#include "kernels/blocks/walk_groups.hpp"
+#include "kernels/blocks/gate_vectors.hpp"
 #include "kernels/gates.hpp"
 #include "kernels/reserved_names.hpp"
 
@@ -17,155 +15,23 @@ using orb::core::iterator::GroupMasks;
 
 constexpr InstructionSet this_set = InstructionSet::PBLINALG_INSTRUCTION_SET;
 
-template <class Gate, class T>
-[[gnu::noinline]] void update_scalars(T* state, const GateWalk& walk, Index begin, Index end,
-                                      const T* factors) {
-    using S = Scalar<this_set, T>;
-    Index offsets[Gate::n_rows] = {};
-    for (unsigned int r = 0; r < Gate::n_rows; ++r) {
-        for (unsigned int p = 0; p < Gate::n_targets; ++p) {
-            if (r >> (Gate::n_targets - 1 - p) & 1) offsets[r] |= bit(walk.targets[p]);
-        }
-    }
-    S f[Gate::n_factors + 1];
-    for (unsigned int i = 0; i < Gate::n_factors; ++i)
-        f[i] = S::load(factors + 2 * i);
-    walk_groups(walk.groups.free_mask, walk.groups.fixed_bits, begin, end, [&](Index base) {
-        S a[Gate::n_rows];
-        for (unsigned int r = 0; r < Gate::n_rows; ++r) {
-            if (Gate::touches(r)) a[r] = S::load(state + 2 * (base | offsets[r]));
-        }
-        Gate::update(a, f);
-        for (unsigned int r = 0; r < Gate::n_rows; ++r) {
-            if (Gate::touches(r)) a[r].store(state + 2 * (base | offsets[r]));
-        }
-    });
-}
-
-/// Recomputes one step lane by lane with the full complex product.
-template <class Gate, class T, class V>
-[[gnu::noinline, gnu::cold]] void redo_with_recovery(const V* old, V* fresh, const T* factors) {
-    using S = Scalar<this_set, T>;
-    S f[Gate::n_factors + 1];
-    for (unsigned int i = 0; i < Gate::n_factors; ++i)
-        f[i] = S::load(factors + 2 * i);
-    for (int lane = 0; lane < V::lanes; ++lane) {
-        S a[Gate::n_rows];
-        for (unsigned int r = 0; r < Gate::n_rows; ++r) {
-            a[r] = S(old[r].v[2 * lane], old[r].v[2 * lane + 1]);
-        }
-        Gate::update(a, f);
-        for (unsigned int r = 0; r < Gate::n_rows; ++r) {
-            fresh[r].v[2 * lane] = a[r].re;
-            fresh[r].v[2 * lane + 1] = a[r].im;
-        }
-    }
-}
-
-template <class Gate, class V>
-PBLINALG_ALWAYS_INLINE bool any_nan(const V* a) {
-    if constexpr (Gate::n_rows == 1) return V::holds_nan(a[0], a[0]);
-    if constexpr (Gate::n_rows == 2) return V::holds_nan(a[0], a[1]);
-    if constexpr (Gate::n_rows == 4 && !Gate::touches(0)) return V::holds_nan(a[1], a[2]);
-    if constexpr (Gate::n_rows == 4 && Gate::touches(0)) {
-        return V::holds_nan(a[0], a[1]) || V::holds_nan(a[2], a[3]);
-    }
-}
-
-/// The vectors of one step of a gate.
-template <class Gate, class V>
-struct GateVectors : VectorWalk<V> {
-    const unsigned int* targets;
-    Index offsets[Gate::n_rows];  ///< amplitudes from the base to the vector of local index r
-    bool has_lane_targets = false;
-
-    PBLINALG_ALWAYS_INLINE explicit GateVectors(const GateWalk& walk)
-        : VectorWalk<V>(walk.groups), targets(walk.targets), offsets{} {
-        for (unsigned int p = 0; p < Gate::n_targets; ++p) {
-            has_lane_targets |= this->in_lanes(targets[p]);
-            const Index target_bit = this->take_target(targets[p]);
-            for (unsigned int r = 0; r < Gate::n_rows; ++r) {
-                if (r >> (Gate::n_targets - 1 - p) & 1) offsets[r] |= target_bit;
-            }
-        }
-    }
-};
-
-/// @tparam in_lanes   some target lies inside a vector.
-/// @tparam chooses    some control lies inside a vector.
-template <class Gate, bool in_lanes, bool chooses, class T, class V>
-void update_vectors(T* state, const GateVectors<Gate, V>& walk, Index begin, Index end,
-                    const T* factors) {
-    const auto transpose_targets = [&](V* a) {
-        for (unsigned int p = 0; p < Gate::n_targets; ++p) {
-            if (walk.in_lanes(walk.targets[p])) {
-                walk.transpose_target(a, walk.targets[p], p, Gate::n_targets);
-            }
-        }
-    };
-    constexpr auto moves = [](unsigned int r) { return in_lanes || Gate::touches(r); };
-
-    typename V::Factor f[Gate::n_factors + 1];
-    for (unsigned int i = 0; i < Gate::n_factors; ++i) {
-        f[i] = typename V::Factor(factors[2 * i], factors[2 * i + 1]);
-    }
-    const typename V::Bits chosen = V::lanes_with(walk.control_lanes);
-    walk_groups(walk.free_mask, walk.fixed_bits, begin, end, [&](Index base) {
-        T* const at = state + 2 * base;
-        V old[Gate::n_rows];
-        for (unsigned int r = 0; r < Gate::n_rows; ++r) {
-            if (moves(r)) old[r] = V::load(at + 2 * walk.offsets[r]);
-        }
-        if constexpr (in_lanes) transpose_targets(old);
-        V fresh[Gate::n_rows];
-        for (unsigned int r = 0; r < Gate::n_rows; ++r) {
-            if (moves(r)) fresh[r] = old[r];
-        }
-        Gate::update(fresh, f);
-        if constexpr (Gate::has_products) {
-            if (any_nan<Gate>(fresh)) [[unlikely]] {
-                for (unsigned int r = 0; r < Gate::n_rows; ++r) {
-                    if (!moves(r)) fresh[r] = old[r] = V{};
-                }
-                redo_with_recovery<Gate>(old, fresh, factors);
-            }
-        }
-        if constexpr (chooses) {
-            for (unsigned int r = 0; r < Gate::n_rows; ++r) {
-                if (moves(r)) fresh[r] = V::select(chosen, fresh[r], old[r]);
-            }
-        }
-        if constexpr (in_lanes) transpose_targets(fresh);
-        for (unsigned int r = 0; r < Gate::n_rows; ++r) {
-            if (moves(r)) fresh[r].store(at + 2 * walk.offsets[r]);
-        }
-    });
-}
-
 }  // namespace
 
 template <InstructionSet set, class Gate, class T>
 void update_groups(T* state, const GateWalk& walk, Index begin, Index end, const T* factors) {
     using V = Vector<set, T>;
+    const InterleavedMemory<T> memory{state};
     const GateVectors<Gate, V> vectors(walk);
     const VectorRange range(walk.groups, begin, end, vectors.group_bits);
-    if (begin < range.begin) update_scalars<Gate>(state, walk, begin, range.begin, factors);
-    if (!range.empty()) {
-        const Index first = range.first_step();
-        const Index last = range.last_step();
-        const bool in_lanes = vectors.has_lane_targets;
-        const bool chooses = vectors.control_lanes != 0;
-        if (!in_lanes && !chooses) {
-            update_vectors<Gate, false, false>(state, vectors, first, last, factors);
-        } else if (!in_lanes) {
-            update_vectors<Gate, false, true>(state, vectors, first, last, factors);
-        } else if (!chooses) {
-            update_vectors<Gate, true, false>(state, vectors, first, last, factors);
-        } else {
-            update_vectors<Gate, true, true>(state, vectors, first, last, factors);
-        }
+    if (begin < range.begin) {
+        update_scalars<Gate, Scalar<set, T>>(memory, walk, begin, range.begin, factors);
     }
-    if (range.end < end) update_scalars<Gate>(state, walk, range.end, end, factors);
+    if (!range.empty()) {
+        update_vectors(memory, vectors, range.first_step(), range.last_step(), factors);
+    }
+    if (range.end < end) {
+        update_scalars<Gate, Scalar<set, T>>(memory, walk, range.end, end, factors);
+    }
 }
 
 namespace {
@@ -219,9 +85,10 @@ template <class T>
 [[gnu::noinline]] void multiply_diagonal_scalars(T* state, const GroupMasks& groups, Index begin,
                                                  Index end, const T* diagonal, Index target_mask) {
     using S = Scalar<this_set, T>;
+    const InterleavedMemory<T> memory{state};
     walk_groups(groups.free_mask, groups.fixed_bits, begin, end, [&](Index index) {
         const S factor = S::load(diagonal + 2 * extract_bits(index, target_mask));
-        cmul(factor, S::load(state + 2 * index)).store(state + 2 * index);
+        cmul(factor, S::load(memory, index)).store(memory, index);
     });
 }
 
@@ -239,7 +106,7 @@ void multiply_diagonal(T* state, const GroupMasks& groups, Index begin, Index en
     }
     if (!range.empty()) {
         DiagonalRows<V, T> rows(diagonal, target_mask);
-        const typename V::Bits chosen = V::lanes_with(vectors.control_lanes);
+        const typename V::Bits chosen = vectors.chosen_lanes();
         walk_groups(vectors.free_mask, vectors.fixed_bits, range.first_step(), range.last_step(),
                     [&](Index base) {
                         T* const at = state + 2 * base;
@@ -249,9 +116,8 @@ void multiply_diagonal(T* state, const GroupMasks& groups, Index begin, Index en
                             for (Index lane = 0; lane < V::lanes; ++lane) {
                                 const Index entry = extract_bits(base | lane, target_mask);
                                 const S product = cmul(S::load(diagonal + 2 * entry),
-                                                       S(old.v[2 * lane], old.v[2 * lane + 1]));
-                                fresh.v[2 * lane] = product.re;
-                                fresh.v[2 * lane + 1] = product.im;
+                                                       old.lane(static_cast<int>(lane)));
+                                fresh.set_lane(static_cast<int>(lane), product);
                             }
                         }
                         V::select(chosen, fresh, old).store(at);
@@ -288,6 +154,7 @@ int compiled_register_bytes() {
     PBLINALG_INSTANTIATE_GATE(GateZ, T)                                                         \
     PBLINALG_INSTANTIATE_GATE(GateS, T)                                                         \
     PBLINALG_INSTANTIATE_GATE(GateT, T)                                                         \
+    PBLINALG_INSTANTIATE_GATE(GateDiagonal, T)                                                  \
     PBLINALG_INSTANTIATE_GATE(GatePH<T>, T)                                                     \
     PBLINALG_INSTANTIATE_GATE(GateSWAP, T)                                                      \
     PBLINALG_INSTANTIATE_GATE(GateSQRTSWAP, T)                                                  \

@@ -79,11 +79,9 @@ template <int steps, class V, class T>
             S sum(0, 0);
             for (Index c = 0; c < rows; ++c) {
                 const V& x = old[2 * steps * c];
-                sum = sum + cmul(S::load(matrix + 2 * (r * rows + c)),
-                                 S(x.v[2 * lane], x.v[2 * lane + 1]));
+                sum = sum + cmul(S::load(matrix + 2 * (r * rows + c)), x.lane(lane));
             }
-            fresh[r].v[2 * lane] = sum.re;
-            fresh[r].v[2 * lane + 1] = sum.im;
+            fresh[r].set_lane(lane, sum);
         }
     }
 }
@@ -133,7 +131,7 @@ void multiply_steps(T* state, const MatrixVectors<V>& vectors, const Index* base
         multiply_tile<tile_rows, steps>(scratch.matrix + 2 * tile * rows, scratch.old,
                                         scratch.fresh + tile, rows);
     }
-    const typename V::Bits chosen = V::lanes_with(vectors.control_lanes);
+    const typename V::Bits chosen = vectors.chosen_lanes();
     for (int s = 0; s < steps; ++s) {
         V* const fresh = scratch.fresh + s * rows;
         bool nan = false;
@@ -141,7 +139,7 @@ void multiply_steps(T* state, const MatrixVectors<V>& vectors, const Index* base
             nan |= V::holds_nan(fresh[r], fresh[r]);
         if (nan) [[unlikely]]
             redo_with_recovery<steps>(matrix, scratch.old + 2 * s, fresh, rows);
-        if (vectors.control_lanes != 0) {
+        if (vectors.chooses_lanes()) {
             for (Index r = 0; r < rows; ++r) {
                 fresh[r] = V::select(chosen, fresh[r], scratch.old[2 * (steps * r + s)]);
             }
@@ -184,7 +182,7 @@ void multiply_scalars(T* state, const MatrixWalk& walk, Index begin, Index end, 
             for (Index c = 0; c < rows; ++c) {
                 sum = sum + cmul(S::load(matrix + 2 * (r * rows + c)), old[c]);
             }
-            sum.store(state + 2 * (base | walk.offsets[r]));
+            sum.store(InterleavedMemory<T>{state}, base | walk.offsets[r]);
         }
     });
 }

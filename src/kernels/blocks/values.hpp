@@ -14,6 +14,19 @@
 
 namespace pblinalg::cpu {
 
+/// Amplitudes with their parts interleaved, as the state keeps them: re, im, re, im, ...
+template <class T>
+struct InterleavedMemory {
+    T* parts;
+};
+
+/// Amplitudes with their real and imaginary parts in arrays of their own.
+template <class T>
+struct PlanarMemory {
+    T* re;
+    T* im;
+};
+
 /// One amplitude, with the full complex product.
 template <InstructionSet set, class T>
 struct Scalar {
@@ -26,9 +39,19 @@ struct Scalar {
     PBLINALG_ALWAYS_INLINE Scalar(T re, T im) : re(re), im(im) {}
 
     PBLINALG_ALWAYS_INLINE static Scalar load(const T* from) { return {from[0], from[1]}; }
-    PBLINALG_ALWAYS_INLINE void store(T* to) const {
-        to[0] = re;
-        to[1] = im;
+    PBLINALG_ALWAYS_INLINE static Scalar load(InterleavedMemory<T> from, Index index) {
+        return load(from.parts + 2 * index);
+    }
+    PBLINALG_ALWAYS_INLINE static Scalar load(PlanarMemory<T> from, Index index) {
+        return {from.re[index], from.im[index]};
+    }
+    PBLINALG_ALWAYS_INLINE void store(InterleavedMemory<T> to, Index index) const {
+        to.parts[2 * index] = re;
+        to.parts[2 * index + 1] = im;
+    }
+    PBLINALG_ALWAYS_INLINE void store(PlanarMemory<T> to, Index index) const {
+        to.re[index] = re;
+        to.im[index] = im;
     }
 
     PBLINALG_ALWAYS_INLINE friend Scalar operator+(Scalar a, Scalar b) {
@@ -46,6 +69,8 @@ struct Scalar {
         multiply(f.re, f.im, a.re, a.im, product.re, product.im);
         return product;
     }
+    PBLINALG_ALWAYS_INLINE friend Scalar cmul_real(Scalar f, Scalar a) { return cmul(f, a); }
+    PBLINALG_ALWAYS_INLINE friend Scalar cmul_imaginary(Scalar f, Scalar a) { return cmul(f, a); }
 };
 
 /// Bytes of a vector register.
@@ -54,6 +79,10 @@ inline constexpr int register_bytes = set == InstructionSet::avx512 ? 64
                                       : set == InstructionSet::avx2 ? 32
                                                                     : 16;
 
+constexpr unsigned int log2_of(int power_of_two) {
+    return static_cast<unsigned int>(__builtin_ctz(static_cast<unsigned int>(power_of_two)));
+}
+
 /// The vector types of one register: elements and same-sized integers for their bits.
 template <class T, int bytes>
 struct Register;
@@ -61,14 +90,82 @@ template <int bytes>
 struct Register<double, bytes> {
     typedef double Elements __attribute__((vector_size(bytes)));
     typedef long long Bits __attribute__((vector_size(bytes)));
-    static constexpr long long sign = static_cast<long long>(1ull << 63);
+    using Lane = long long;
+    static constexpr Lane sign = static_cast<Lane>(1ull << 63);
 };
 template <int bytes>
 struct Register<float, bytes> {
     typedef float Elements __attribute__((vector_size(bytes)));
     typedef int Bits __attribute__((vector_size(bytes)));
-    static constexpr int sign = static_cast<int>(1u << 31);
+    using Lane = int;
+    static constexpr Lane sign = static_cast<Lane>(1u << 31);
 };
+
+/// True when any element of either register is NaN.
+template <class T, int bytes>
+PBLINALG_ALWAYS_INLINE bool any_nan(typename Register<T, bytes>::Elements a,
+                                    typename Register<T, bytes>::Elements b) {
+#if defined(__AVX512F__)
+    if constexpr (bytes == 64 && sizeof(T) == 8)
+        return _mm512_cmp_pd_mask(__m512d(a), __m512d(b), _CMP_UNORD_Q) != 0;
+    if constexpr (bytes == 64 && sizeof(T) == 4)
+        return _mm512_cmp_ps_mask(__m512(a), __m512(b), _CMP_UNORD_Q) != 0;
+#endif
+#if defined(__AVX2__)
+    if constexpr (bytes == 32 && sizeof(T) == 8)
+        return _mm256_movemask_pd(_mm256_cmp_pd(__m256d(a), __m256d(b), _CMP_UNORD_Q));
+    if constexpr (bytes == 32 && sizeof(T) == 4)
+        return _mm256_movemask_ps(_mm256_cmp_ps(__m256(a), __m256(b), _CMP_UNORD_Q));
+#endif
+#if defined(__SSE2__)
+    if constexpr (bytes == 16 && sizeof(T) == 8)
+        return _mm_movemask_pd(_mm_cmpunord_pd(__m128d(a), __m128d(b)));
+    if constexpr (bytes == 16 && sizeof(T) == 4)
+        return _mm_movemask_ps(_mm_cmpunord_ps(__m128(a), __m128(b)));
+#endif
+    const typename Register<T, bytes>::Bits nan = (a != a) | (b != b);
+    for (int e = 0; e < bytes / static_cast<int>(sizeof(T)); ++e) {
+        if (nan[e]) return true;
+    }
+    return false;
+}
+
+template <class Bits, int... E>
+PBLINALG_ALWAYS_INLINE Bits number_elements(std::integer_sequence<int, E...>) {
+    return Bits{E...};
+}
+
+template <int element_bit, class Elements, int... E>
+PBLINALG_ALWAYS_INLINE void exchange_element_bit(Elements& low, Elements& high,
+                                                 std::integer_sequence<int, E...>) {
+    constexpr int n_elements = sizeof...(E);
+    const Elements zeros = __builtin_shufflevector(
+        low, high, ((E & element_bit ? n_elements : 0) + (E & ~element_bit))...);
+    const Elements ones = __builtin_shufflevector(
+        low, high, ((E & element_bit ? n_elements : 0) + (E | element_bit))...);
+    low = zeros;
+    high = ones;
+}
+
+/// Exchanges bit `lane_bit` of the lane number, a lane being `per_lane` elements, with the bit that
+/// tells `low` from `high`.
+template <int per_lane, int n_elements, class Elements>
+PBLINALG_ALWAYS_INLINE void exchange_bit(Elements& low, Elements& high, unsigned int lane_bit) {
+    using Iota = std::make_integer_sequence<int, n_elements>;
+    constexpr unsigned int lane_bits = log2_of(n_elements / per_lane);
+    if constexpr (lane_bits > 0) {
+        if (lane_bit == 0) return exchange_element_bit<per_lane>(low, high, Iota());
+    }
+    if constexpr (lane_bits > 1) {
+        if (lane_bit == 1) return exchange_element_bit<2 * per_lane>(low, high, Iota());
+    }
+    if constexpr (lane_bits > 2) {
+        if (lane_bit == 2) return exchange_element_bit<4 * per_lane>(low, high, Iota());
+    }
+    if constexpr (lane_bits > 3) {
+        if (lane_bit == 3) return exchange_element_bit<8 * per_lane>(low, high, Iota());
+    }
+}
 
 /// `lanes` amplitudes in one register, parts interleaved as in memory: re, im, re, im, ...
 ///
@@ -78,12 +175,15 @@ struct Register<float, bytes> {
 template <InstructionSet set, class T>
 struct Vector {
     using Real = T;
+    using Memory = InterleavedMemory<T>;
+    using ScalarValue = Scalar<set, T>;
     static constexpr int bytes = register_bytes<set>;
     using Elements = typename Register<T, bytes>::Elements;
     using Bits = typename Register<T, bytes>::Bits;
     static constexpr int n_elements = bytes / static_cast<int>(sizeof(T));
     static constexpr int lanes = n_elements / 2;
-    static constexpr unsigned int lane_bits = lanes == 8 ? 3 : lanes == 4 ? 2 : lanes == 2 ? 1 : 0;
+    static constexpr unsigned int lane_bits = log2_of(lanes);
+    static constexpr bool recovers_products = true;
     using Iota = std::make_integer_sequence<int, n_elements>;
 
     Elements v;
@@ -102,7 +202,17 @@ struct Vector {
     PBLINALG_ALWAYS_INLINE static Vector load(const T* from) {
         return {*reinterpret_cast<const Aliasing*>(from)};
     }
+    PBLINALG_ALWAYS_INLINE static Vector load(Memory from, Index index) {
+        return load(from.parts + 2 * index);
+    }
     PBLINALG_ALWAYS_INLINE void store(T* to) const { *reinterpret_cast<Aliasing*>(to) = v; }
+    PBLINALG_ALWAYS_INLINE void store(Memory to, Index index) const { store(to.parts + 2 * index); }
+
+    PBLINALG_ALWAYS_INLINE ScalarValue lane(int i) const { return {v[2 * i], v[2 * i + 1]}; }
+    PBLINALG_ALWAYS_INLINE void set_lane(int i, ScalarValue a) {
+        v[2 * i] = a.re;
+        v[2 * i + 1] = a.im;
+    }
 
     PBLINALG_ALWAYS_INLINE friend Vector operator+(Vector a, Vector b) { return {a.v + b.v}; }
     PBLINALG_ALWAYS_INLINE friend Vector operator-(Vector a, Vector b) { return {a.v - b.v}; }
@@ -118,6 +228,10 @@ struct Vector {
     }
     PBLINALG_ALWAYS_INLINE friend Vector cmul(const Factor& f, Vector a) {
         return {f.re * a.v + f.signed_im * a.swap_parts().v};
+    }
+    PBLINALG_ALWAYS_INLINE friend Vector cmul_real(const Factor& f, Vector a) { return cmul(f, a); }
+    PBLINALG_ALWAYS_INLINE friend Vector cmul_imaginary(const Factor& f, Vector a) {
+        return cmul(f, a);
     }
 
     /// Factors that differ by lane, from as many interleaved complex numbers.
@@ -135,24 +249,14 @@ struct Vector {
     /// Exchanges lane bit `lane_bit` with the bit that tells two vectors apart: afterwards `low`
     /// holds all amplitudes with that lane bit 0, `high` those with 1. Its own inverse.
     PBLINALG_ALWAYS_INLINE static void transpose(Vector& low, Vector& high, unsigned int lane_bit) {
-        if constexpr (lane_bits > 0) {
-            if (lane_bit == 0) return transpose_bit<0>(low, high, Iota());
-        }
-        if constexpr (lane_bits > 1) {
-            if (lane_bit == 1) return transpose_bit<1>(low, high, Iota());
-        }
-        if constexpr (lane_bits > 2) {
-            if (lane_bit == 2) return transpose_bit<2>(low, high, Iota());
-        }
+        exchange_bit<2, n_elements>(low.v, high.v, lane_bit);
     }
 
-    /// All bits set in the lanes whose number contains `lane_mask`.
-    PBLINALG_ALWAYS_INLINE static Bits lanes_with(int lane_mask) {
-        Bits chosen{};
-        for (int e = 0; e < n_elements; ++e) {
-            if (((e >> 1) & lane_mask) == lane_mask) chosen[e] = -1;
-        }
-        return chosen;
+    /// All bits set in the lanes whose number has the bits `value` under `mask`.
+    PBLINALG_ALWAYS_INLINE static Bits lanes_where(Index mask, Index value) {
+        using Lane = typename Register<T, bytes>::Lane;
+        const Bits lane_numbers = number_elements<Bits>(Iota()) >> 1;
+        return (lane_numbers & static_cast<Lane>(mask)) == static_cast<Lane>(value);
     }
 
     /// `fresh` where `chosen`, `old` elsewhere.
@@ -161,31 +265,9 @@ struct Vector {
                                            (reinterpret_cast<Bits>(old.v) & ~chosen))};
     }
 
-    /// True when any element of either vector is NaN.
+    /// True when any part of either vector is NaN.
     PBLINALG_ALWAYS_INLINE static bool holds_nan(Vector a, Vector b) {
-#if defined(__AVX512F__)
-        if constexpr (bytes == 64 && sizeof(T) == 8)
-            return _mm512_cmp_pd_mask(__m512d(a.v), __m512d(b.v), _CMP_UNORD_Q) != 0;
-        if constexpr (bytes == 64 && sizeof(T) == 4)
-            return _mm512_cmp_ps_mask(__m512(a.v), __m512(b.v), _CMP_UNORD_Q) != 0;
-#endif
-#if defined(__AVX2__)
-        if constexpr (bytes == 32 && sizeof(T) == 8)
-            return _mm256_movemask_pd(_mm256_cmp_pd(__m256d(a.v), __m256d(b.v), _CMP_UNORD_Q));
-        if constexpr (bytes == 32 && sizeof(T) == 4)
-            return _mm256_movemask_ps(_mm256_cmp_ps(__m256(a.v), __m256(b.v), _CMP_UNORD_Q));
-#endif
-#if defined(__SSE2__)
-        if constexpr (bytes == 16 && sizeof(T) == 8)
-            return _mm_movemask_pd(_mm_cmpunord_pd(__m128d(a.v), __m128d(b.v)));
-        if constexpr (bytes == 16 && sizeof(T) == 4)
-            return _mm_movemask_ps(_mm_cmpunord_ps(__m128(a.v), __m128(b.v)));
-#endif
-        const Bits nan = (a.v != a.v) | (b.v != b.v);
-        for (int e = 0; e < n_elements; ++e) {
-            if (nan[e]) return true;
-        }
-        return false;
+        return any_nan<T, bytes>(a.v, b.v);
     }
 
   private:
@@ -212,17 +294,141 @@ struct Vector {
     PBLINALG_ALWAYS_INLINE Elements pick(Source, std::integer_sequence<int, E...>) const {
         return __builtin_shufflevector(v, v, Source()(E)...);
     }
+};
 
-    template <int lane_bit, int... E>
-    PBLINALG_ALWAYS_INLINE static void transpose_bit(Vector& low, Vector& high,
-                                                     std::integer_sequence<int, E...>) {
-        constexpr int element_bit = 2 << lane_bit;
-        const Elements zeros = __builtin_shufflevector(
-            low.v, high.v, ((E & element_bit ? n_elements : 0) + (E & ~element_bit))...);
-        const Elements ones = __builtin_shufflevector(
-            low.v, high.v, ((E & element_bit ? n_elements : 0) + (E | element_bit))...);
-        low.v = zeros;
-        high.v = ones;
+/// `lanes` amplitudes in two registers, one of real and one of imaginary parts: no product needs a
+/// shuffle. For blocks of amplitudes in cache, which are checked as a whole before they are stored
+/// back, so that no product is checked on its own.
+///
+/// @tparam drop_zeros  products with a part that is known to be 0 are left out of RX and RY. That
+///                     changes nothing but signs of parts that are 0, and what becomes of infinities
+///                     and NaN. A wrong sign of 0 only ever makes other wrong signs of 0, and
+///                     infinities stay, so the caller looks at the final parts (`all_ordinary`).
+template <InstructionSet set, class T, bool drop_zeros>
+struct Planar {
+    using Real = T;
+    using Memory = PlanarMemory<T>;
+    using ScalarValue = Scalar<set, T>;
+    static constexpr int bytes = register_bytes<set>;
+    using Elements = typename Register<T, bytes>::Elements;
+    using Bits = typename Register<T, bytes>::Bits;
+    static constexpr int lanes = bytes / static_cast<int>(sizeof(T));
+    static constexpr unsigned int lane_bits = log2_of(lanes);
+    static constexpr bool recovers_products = false;
+    using Iota = std::make_integer_sequence<int, lanes>;
+
+    Elements re, im;
+
+    /// A coefficient in every lane.
+    struct Factor {
+        Elements re, im;
+        Factor() = default;
+        PBLINALG_ALWAYS_INLINE Factor(T real, T imag)
+            : re(real - Elements{}), im(imag - Elements{}) {}
+    };
+
+    PBLINALG_ALWAYS_INLINE static Planar load(Memory from, Index index) {
+        return {*reinterpret_cast<const Aliasing*>(from.re + index),
+                *reinterpret_cast<const Aliasing*>(from.im + index)};
+    }
+    PBLINALG_ALWAYS_INLINE void store(Memory to, Index index) const {
+        *reinterpret_cast<Aliasing*>(to.re + index) = re;
+        *reinterpret_cast<Aliasing*>(to.im + index) = im;
+    }
+
+    /// From and to `lanes` interleaved amplitudes.
+    PBLINALG_ALWAYS_INLINE static Planar deinterleave(const T* from) {
+        return deinterleave(*reinterpret_cast<const Aliasing*>(from),
+                            *reinterpret_cast<const Aliasing*>(from + lanes), Iota());
+    }
+    PBLINALG_ALWAYS_INLINE void interleave(T* to) const {
+        *reinterpret_cast<Aliasing*>(to) = mix(0, Iota());
+        *reinterpret_cast<Aliasing*>(to + lanes) = mix(lanes / 2, Iota());
+    }
+
+    PBLINALG_ALWAYS_INLINE friend Planar operator+(Planar a, Planar b) {
+        return {a.re + b.re, a.im + b.im};
+    }
+    PBLINALG_ALWAYS_INLINE friend Planar operator-(Planar a, Planar b) {
+        return {a.re - b.re, a.im - b.im};
+    }
+    PBLINALG_ALWAYS_INLINE friend Planar operator-(Planar a) { return {-a.re, -a.im}; }
+    PBLINALG_ALWAYS_INLINE friend Planar scale(Planar a, T by) { return {a.re * by, a.im * by}; }
+    PBLINALG_ALWAYS_INLINE friend Planar times_i(Planar a) { return {-a.im, a.re}; }
+    PBLINALG_ALWAYS_INLINE friend Planar times_minus_i(Planar a) { return {a.im, -a.re}; }
+    PBLINALG_ALWAYS_INLINE friend Planar cmul(const Factor& f, Planar a) {
+        return {f.re * a.re - f.im * a.im, f.re * a.im + f.im * a.re};
+    }
+    PBLINALG_ALWAYS_INLINE friend Planar cmul_real(const Factor& f, Planar a) {
+        if constexpr (!drop_zeros) return cmul(f, a);
+        return {f.re * a.re, f.re * a.im};
+    }
+    PBLINALG_ALWAYS_INLINE friend Planar cmul_imaginary(const Factor& f, Planar a) {
+        if constexpr (!drop_zeros) return cmul(f, a);
+        return {-(f.im * a.im), f.im * a.re};
+    }
+
+    PBLINALG_ALWAYS_INLINE static bool holds_nan(Planar a) { return any_nan<T, bytes>(a.re, a.im); }
+
+    /// True when all parts of `n` values are finite and none is 0.
+    PBLINALG_ALWAYS_INLINE static bool all_ordinary(Memory values, Index n) {
+        Elements not_finite{};
+        Elements smallest = T(1) - Elements{};
+        for (Index i = 0; i < n; i += lanes) {
+            const Planar a = load(values, i);
+            // An infinity minus itself is NaN, and NaN stays in the sum.
+            not_finite += (a.re - a.re) + (a.im - a.im);
+            smallest = smaller(smallest, smaller(a.re, a.im));
+        }
+        // 0 / 0 is NaN.
+        return !any_nan<T, bytes>(not_finite, smallest / smallest);
+    }
+
+    PBLINALG_ALWAYS_INLINE static void transpose(Planar& low, Planar& high, unsigned int lane_bit) {
+        exchange_bit<1, lanes>(low.re, high.re, lane_bit);
+        exchange_bit<1, lanes>(low.im, high.im, lane_bit);
+    }
+    PBLINALG_ALWAYS_INLINE static Bits lanes_where(Index mask, Index value) {
+        using Lane = typename Register<T, bytes>::Lane;
+        return (number_elements<Bits>(Iota()) & static_cast<Lane>(mask)) ==
+               static_cast<Lane>(value);
+    }
+    PBLINALG_ALWAYS_INLINE static Planar select(Bits chosen, Planar fresh, Planar old) {
+        return {choose(chosen, fresh.re, old.re), choose(chosen, fresh.im, old.im)};
+    }
+
+  private:
+    typedef Elements Aliasing __attribute__((may_alias));
+
+    /// The smaller magnitude of each element.
+    PBLINALG_ALWAYS_INLINE static Elements smaller(Elements a, Elements b) {
+#if defined(__AVX512F__)
+        constexpr int smaller_magnitude = 0b1010;
+        if constexpr (bytes == 64 && sizeof(T) == 8)
+            return Elements(_mm512_range_pd(__m512d(a), __m512d(b), smaller_magnitude));
+        if constexpr (bytes == 64 && sizeof(T) == 4)
+            return Elements(_mm512_range_ps(__m512(a), __m512(b), smaller_magnitude));
+#endif
+        const Bits without_sign = ~(Register<T, bytes>::sign - Bits{});
+        const Elements left = reinterpret_cast<Elements>(reinterpret_cast<Bits>(a) & without_sign);
+        const Elements right = reinterpret_cast<Elements>(reinterpret_cast<Bits>(b) & without_sign);
+        return left < right ? left : right;
+    }
+
+    PBLINALG_ALWAYS_INLINE static Elements choose(Bits chosen, Elements fresh, Elements old) {
+        return reinterpret_cast<Elements>((reinterpret_cast<Bits>(fresh) & chosen) |
+                                          (reinterpret_cast<Bits>(old) & ~chosen));
+    }
+    template <int... E>
+    PBLINALG_ALWAYS_INLINE static Planar deinterleave(Elements low, Elements high,
+                                                      std::integer_sequence<int, E...>) {
+        return {__builtin_shufflevector(low, high, 2 * E...),
+                __builtin_shufflevector(low, high, 2 * E + 1 ...)};
+    }
+    template <int... E>
+    PBLINALG_ALWAYS_INLINE Elements mix(int first, std::integer_sequence<int, E...>) const {
+        if (first == 0) return __builtin_shufflevector(re, im, (E / 2 + (E & 1) * lanes)...);
+        return __builtin_shufflevector(re, im, (lanes / 2 + E / 2 + (E & 1) * lanes)...);
     }
 };
 

@@ -1,0 +1,159 @@
+// A gate's formula applied along its walk: vector by vector, or amplitude by amplitude where no
+// whole vector fits. Included by the sources that are compiled once per instruction set.
+#pragma once
+
+#include "kernels/blocks/exact_blocks.hpp"
+#include "kernels/blocks/values.hpp"
+#include "kernels/blocks/vector_walk.hpp"
+#include "kernels/blocks/walk_groups.hpp"
+#include "kernels/gates.hpp"
+#include "kernels/reserved_names.hpp"
+
+namespace pblinalg::cpu {
+
+/// The vectors of one step of a gate.
+template <class Gate, class V>
+struct GateVectors : VectorWalk<V> {
+    const unsigned int* targets;
+    Index offsets[Gate::n_rows];  ///< amplitudes from the base to the vector of local index r
+    bool has_lane_targets = false;
+
+    PBLINALG_ALWAYS_INLINE explicit GateVectors(const GateWalk& walk)
+        : VectorWalk<V>(walk.groups), targets(walk.targets), offsets{} {
+        for (unsigned int p = 0; p < Gate::n_targets; ++p) {
+            has_lane_targets |= this->in_lanes(targets[p]);
+            const Index target_bit = this->take_target(targets[p]);
+            for (unsigned int r = 0; r < Gate::n_rows; ++r) {
+                if (r >> (Gate::n_targets - 1 - p) & 1) offsets[r] |= target_bit;
+            }
+        }
+    }
+
+    PBLINALG_ALWAYS_INLINE void transpose_targets(V* a) const {
+        for (unsigned int p = 0; p < Gate::n_targets; ++p) {
+            if (this->in_lanes(targets[p])) {
+                this->transpose_target(a, targets[p], p, Gate::n_targets);
+            }
+        }
+    }
+};
+
+/// The gate on groups [begin, end), one amplitude at a time, with the full complex product.
+template <class Gate, class S, class Memory, class T>
+[[gnu::noinline]] void update_scalars(Memory memory, const GateWalk& walk, Index begin, Index end,
+                                      const T* factors) {
+    Index offsets[Gate::n_rows] = {};
+    for (unsigned int r = 0; r < Gate::n_rows; ++r) {
+        for (unsigned int p = 0; p < Gate::n_targets; ++p) {
+            if (r >> (Gate::n_targets - 1 - p) & 1) offsets[r] |= bit(walk.targets[p]);
+        }
+    }
+    S f[Gate::n_factors + 1];
+    for (unsigned int i = 0; i < Gate::n_factors; ++i)
+        f[i] = S::load(factors + 2 * i);
+    walk_groups(walk.groups.free_mask, walk.groups.fixed_bits, begin, end, [&](Index base) {
+        S a[Gate::n_rows];
+        for (unsigned int r = 0; r < Gate::n_rows; ++r) {
+            if (Gate::touches(r)) a[r] = S::load(memory, base | offsets[r]);
+        }
+        Gate::update(a, f);
+        for (unsigned int r = 0; r < Gate::n_rows; ++r) {
+            if (Gate::touches(r)) a[r].store(memory, base | offsets[r]);
+        }
+    });
+}
+
+template <class Gate, class V>
+PBLINALG_ALWAYS_INLINE bool any_nan(const V* a) {
+    if constexpr (Gate::n_rows == 1) return V::holds_nan(a[0], a[0]);
+    if constexpr (Gate::n_rows == 2) return V::holds_nan(a[0], a[1]);
+    if constexpr (Gate::n_rows == 4 && !Gate::touches(0)) return V::holds_nan(a[1], a[2]);
+    if constexpr (Gate::n_rows == 4 && Gate::touches(0)) {
+        return V::holds_nan(a[0], a[1]) || V::holds_nan(a[2], a[3]);
+    }
+}
+
+/// Recomputes one step lane by lane with the full complex product.
+template <class Gate, class V, class T>
+[[gnu::noinline, gnu::cold]] void redo_with_recovery(const V* old, V* fresh, const T* factors) {
+    using S = typename V::ScalarValue;
+    S f[Gate::n_factors + 1];
+    for (unsigned int i = 0; i < Gate::n_factors; ++i)
+        f[i] = S::load(factors + 2 * i);
+    for (int lane = 0; lane < V::lanes; ++lane) {
+        S a[Gate::n_rows];
+        for (unsigned int r = 0; r < Gate::n_rows; ++r)
+            a[r] = old[r].lane(lane);
+        Gate::update(a, f);
+        for (unsigned int r = 0; r < Gate::n_rows; ++r)
+            fresh[r].set_lane(lane, a[r]);
+    }
+}
+
+/// @tparam in_lanes   some target lies inside a vector.
+/// @tparam chooses    some held bit lies inside a vector.
+template <class Gate, bool in_lanes, bool chooses, class V, class T>
+void update_vectors_of_shape(typename V::Memory memory, const GateVectors<Gate, V>& walk,
+                             Index begin, Index end, const T* factors) {
+    constexpr auto moves = [](unsigned int r) { return in_lanes || Gate::touches(r); };
+
+    typename V::Factor f[Gate::n_factors + 1];
+    for (unsigned int i = 0; i < Gate::n_factors; ++i) {
+        f[i] = typename V::Factor(factors[2 * i], factors[2 * i + 1]);
+    }
+    const typename V::Bits chosen = walk.chosen_lanes();
+    // Copies, which stores to the amplitudes cannot be suspected of changing.
+    Index offsets[Gate::n_rows];
+    for (unsigned int r = 0; r < Gate::n_rows; ++r)
+        offsets[r] = walk.offsets[r];
+    walk_groups(walk.free_mask, walk.fixed_bits, begin, end, [&](Index base) {
+        V old[Gate::n_rows];
+        for (unsigned int r = 0; r < Gate::n_rows; ++r) {
+            if (moves(r)) old[r] = V::load(memory, base + offsets[r]);
+        }
+        if constexpr (in_lanes) walk.transpose_targets(old);
+        V fresh[Gate::n_rows];
+        for (unsigned int r = 0; r < Gate::n_rows; ++r) {
+            if (moves(r)) fresh[r] = old[r];
+        }
+        Gate::update(fresh, f);
+        if constexpr (V::recovers_products && Gate::has_products) {
+            if (any_nan<Gate>(fresh)) [[unlikely]] {
+                for (unsigned int r = 0; r < Gate::n_rows; ++r) {
+                    if (!moves(r)) fresh[r] = old[r] = V{};
+                }
+                redo_with_recovery<Gate>(old, fresh, factors);
+            }
+        }
+        if constexpr (chooses) {
+            for (unsigned int r = 0; r < Gate::n_rows; ++r) {
+                if (moves(r)) fresh[r] = V::select(chosen, fresh[r], old[r]);
+            }
+        }
+        if constexpr (in_lanes) walk.transpose_targets(fresh);
+        for (unsigned int r = 0; r < Gate::n_rows; ++r) {
+            if (moves(r)) fresh[r].store(memory, base + offsets[r]);
+        }
+    });
+}
+
+/// The gate on the steps [begin, end) of its vector walk.
+template <class Gate, class V, class T>
+void update_vectors(typename V::Memory memory, const GateVectors<Gate, V>& walk, Index begin,
+                    Index end, const T* factors) {
+    const bool chooses = walk.chooses_lanes();
+    if constexpr (Gate::n_targets > 0) {
+        if (walk.has_lane_targets && chooses) {
+            return update_vectors_of_shape<Gate, true, true>(memory, walk, begin, end, factors);
+        }
+        if (walk.has_lane_targets) {
+            return update_vectors_of_shape<Gate, true, false>(memory, walk, begin, end, factors);
+        }
+    }
+    if (chooses) {
+        return update_vectors_of_shape<Gate, false, true>(memory, walk, begin, end, factors);
+    }
+    update_vectors_of_shape<Gate, false, false>(memory, walk, begin, end, factors);
+}
+
+}  // namespace pblinalg::cpu

@@ -1,0 +1,140 @@
+// The circuit record, and its simulation against the members that its names stand for.
+#include <functional>
+#include <stdexcept>
+#include <string>
+
+#include "support/states.hpp"
+
+namespace pblinalg::test {
+namespace {
+
+template <class T>
+using Circuit = PybindLinAlgWCircuit<T>;
+
+template <class T>
+class Circuits : public ::testing::Test {
+  protected:
+    struct Gate {
+        const char* name;
+        bool has_angle;
+        unsigned int n_qubits;
+        std::function<void(StateVector<T>&, const Qubits& q, T angle)> apply;
+    };
+    using S = StateVector<T>;
+    const std::vector<Gate> vocabulary{
+        {"H", false, 1, [](S& s, const Qubits& q, T) { s.apply_H(q[0]); }},
+        {"X", false, 1, [](S& s, const Qubits& q, T) { s.apply_X(q[0]); }},
+        {"Y", false, 1, [](S& s, const Qubits& q, T) { s.apply_Y(q[0]); }},
+        {"Z", false, 1, [](S& s, const Qubits& q, T) { s.apply_Z(q[0]); }},
+        {"RX", true, 1, [](S& s, const Qubits& q, T angle) { s.apply_RX(q[0], angle); }},
+        {"RY", true, 1, [](S& s, const Qubits& q, T angle) { s.apply_RY(q[0], angle); }},
+        {"RZ", true, 1, [](S& s, const Qubits& q, T angle) { s.apply_RZ(q[0], angle); }},
+        {"PH", true, 1, [](S& s, const Qubits& q, T angle) { s.apply_PH(q[0], angle); }},
+        {"T", false, 1, [](S& s, const Qubits& q, T) { s.apply_T(q[0]); }},
+        {"CNOT", false, 2, [](S& s, const Qubits& q, T) { s.apply_CNOT(q[0], q[1]); }},
+        {"SWAP", false, 2, [](S& s, const Qubits& q, T) { s.apply_SWAP(q[0], q[1]); }},
+    };
+
+    /// Runs random gates through the driver and, one by one, through the members.
+    void check_random_circuit(unsigned int n, int n_gates, Filling filling, std::uint64_t seed,
+                              int num_threads) {
+        std::mt19937_64 generator(seed);
+        const auto before = filled<T>(std::size_t{1} << n, filling, seed);
+        S by_circuit(n), by_members(n);
+        load(by_circuit, before);
+        load(by_members, before);
+        by_circuit.set_num_threads(num_threads);
+        Circuit<T> circuit(n);
+        for (int g = 0; g < n_gates; ++g) {
+            const Gate& gate = vocabulary[generator() % (n > 1 ? 11 : 9)];
+            const auto first = static_cast<unsigned int>(generator() % n);
+            Qubits qubits{first};
+            if (gate.n_qubits == 2) {
+                qubits.push_back(
+                    static_cast<unsigned int>((first + 1 + generator() % (n - 1)) % n));
+            }
+            static constexpr T angles[] = {0, T(0.3), T(-1.7), T(3.141592653589793)};
+            const T angle = angles[generator() % 4];
+            circuit.add_gate(gate.name, gate.has_angle ? std::vector<T>{angle} : std::vector<T>{},
+                             qubits);
+            gate.apply(by_members, qubits, angle);
+        }
+        by_circuit.simulate_circuit(circuit);
+        const Amplitudes<T> expected(&by_members.state[0], &by_members.state[0] + before.size());
+        EXPECT_TRUE(same_bits(by_circuit, expected))
+            << n << " qubits, " << n_gates << " gates, filling " << static_cast<int>(filling)
+            << ", seed " << seed << ", workers " << num_threads;
+    }
+};
+TYPED_TEST_SUITE(Circuits, Precisions);
+
+TYPED_TEST(Circuits, RecordCopiesOfWhatTheyAreGiven) {
+    Circuit<TypeParam> circuit(3);
+    EXPECT_EQ(circuit.nqubits, 3u);
+    EXPECT_TRUE(circuit.gate_names.empty() && circuit.gate_qubits.empty() &&
+                circuit.gate_params.empty());
+    std::string name = "anything";
+    std::vector<TypeParam> params{1, 2};
+    Qubits qubits{7, 7};
+    circuit.add_gate(name, params, qubits);
+    circuit.add_gate("", {}, {});
+    name = "changed";
+    params.clear();
+    qubits[0] = 0;
+    EXPECT_EQ(circuit.gate_names, (std::vector<std::string>{"anything", ""}));
+    EXPECT_EQ(circuit.gate_params, (std::vector<std::vector<TypeParam>>{{1, 2}, {}}));
+    EXPECT_EQ(circuit.gate_qubits, (std::vector<Qubits>{{7, 7}, {}}));
+    circuit.reset(5);
+    EXPECT_EQ(circuit.nqubits, 5u);
+    EXPECT_TRUE(circuit.gate_names.empty() && circuit.gate_qubits.empty() &&
+                circuit.gate_params.empty());
+}
+
+TYPED_TEST(Circuits, RunAsTheirMembersDoToTheLastBit) {
+    std::uint64_t seed = 0;
+    for (unsigned int n = 1; n <= 8; ++n) {
+        for (const Filling filling : all_fillings) {
+            for (int repeat = 0; repeat < 10; ++repeat)
+                for_each_instruction_set(
+                    [&] { this->check_random_circuit(n, 40, filling, seed++, 1); });
+        }
+    }
+    for (const int workers : {1, 2, 0})
+        this->check_random_circuit(17, 60, Filling::ordinary, seed++, workers);
+    this->check_random_circuit(18, 40, Filling::signed_zeros, seed++, 2);
+    this->check_random_circuit(18, 40, Filling::extremes, seed, 2);
+}
+
+TYPED_TEST(Circuits, PrepareABellState) {
+    const TypeParam c = TypeParam(1) / std::sqrt(TypeParam(2));
+    StateVector<TypeParam> state(2);
+    state.reset();
+    Circuit<TypeParam> circuit(9);
+    state.simulate_circuit(circuit);
+    EXPECT_TRUE(same_bits(state, {1, 0, 0, 0}));
+    circuit.add_gate("H", {}, {0});
+    circuit.add_gate("CNOT", {}, {0, 1});
+    state.simulate_circuit(circuit);
+    EXPECT_TRUE(same_bits(state, {c, 0, 0, c}));
+}
+
+TYPED_TEST(Circuits, StopAtUnknownNamesAndKeepWhatCameBefore) {
+    for (const std::string name : {"S", "h", "", "RXX", "CSIGN", "Gate "}) {
+        StateVector<TypeParam> state(2);
+        state.reset();
+        Circuit<TypeParam> circuit(2);
+        circuit.add_gate("X", {}, {1});
+        circuit.add_gate(name, {}, {});
+        circuit.add_gate("X", {}, {0});
+        try {
+            state.simulate_circuit(circuit);
+            ADD_FAILURE() << "\"" << name << "\" was accepted";
+        } catch (const std::invalid_argument& error) {
+            EXPECT_EQ(error.what(), "Gate " + name + " is not supported by the pybinded circuit");
+        }
+        EXPECT_TRUE(same_bits(state, {0, 0, 1, 0}));
+    }
+}
+
+}  // namespace
+}  // namespace pblinalg::test
