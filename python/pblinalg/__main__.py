@@ -35,7 +35,9 @@ def _parser() -> argparse.ArgumentParser:
     parser.add_argument("--version", action="version", version=f"pblinalg {__version__}")
     parser.set_defaults(command=_show_info)
     commands = parser.add_subparsers(title="commands", metavar="")
-    info = commands.add_parser("info", help="print the machine and check the installation (default)")
+    info = commands.add_parser(
+        "info", help="print the machine and check the installation (default)"
+    )
     info.set_defaults(command=_show_info)
     job = commands.add_parser(
         "run",

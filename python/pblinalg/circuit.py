@@ -99,7 +99,9 @@ class Circuit(GateMethods):
         qubits = as_qubits(qubit)
         clbits = qubits if clbit is None else as_qubits(clbit)
         if len(qubits) != len(clbits):
-            raise ValueError(f"{len(qubits)} qubits and {len(clbits)} clbits; expected equally many")
+            raise ValueError(
+                f"{len(qubits)} qubits and {len(clbits)} clbits; expected equally many"
+            )
         steps = [
             Measure(
                 _index(q, "qubit", self._num_qubits - 1), _index(c, "clbit", self._num_clbits - 1)
@@ -212,11 +214,11 @@ def _gates_of(steps: Sequence) -> Iterator[tuple]:
 
 def _count_gates(steps: Sequence) -> int:
     return sum(
-        len(step)
-        if isinstance(step, GateSequence)
-        else _count_gates(step.steps)
-        if isinstance(step, Conditional)
-        else 0
+        (
+            len(step)
+            if isinstance(step, GateSequence)
+            else _count_gates(step.steps) if isinstance(step, Conditional) else 0
+        )
         for step in steps
     )
 

@@ -63,9 +63,7 @@ class Counts(dict):
         try:
             import matplotlib.pyplot as plt
         except ImportError as error:
-            raise ImportError(
-                "plots need matplotlib: pip install 'pblinalg[plot]'"
-            ) from error
+            raise ImportError("plots need matplotlib: pip install 'pblinalg[plot]'") from error
         if axes is None:
             _, axes = plt.subplots(figsize=(max(4.0, 0.4 * len(self)), 3.5))
         axes.bar(range(len(self)), list(self.values()))

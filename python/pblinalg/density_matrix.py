@@ -105,7 +105,9 @@ class DensityMatrix(Readout, GateMethods):
                 self._gates.doubled(step).apply(self._core, report)
         return self
 
-    def channel(self, operators: Iterable[ArrayLike], qubits: int | Sequence[int], check: bool = True):
+    def channel(
+        self, operators: Iterable[ArrayLike], qubits: int | Sequence[int], check: bool = True
+    ):
         """Applies a channel given by its Kraus operators, each a 2^k x 2^k matrix whose indices
         have the first listed qubit as their most significant bit. ValueError when the operators do
         not add up to a channel, unless `check` is False."""

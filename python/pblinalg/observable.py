@@ -57,7 +57,9 @@ class Observable:
                 )
             value = complex(coefficient)
             if not np.isfinite(value):
-                raise ValueError(f"terms: {letters!r} has coefficient {value}; expected a finite one")
+                raise ValueError(
+                    f"terms: {letters!r} has coefficient {value}; expected a finite one"
+                )
             sums[letters] = sums.get(letters, 0) + value
         if num_qubits is None:
             raise ValueError("an observable without terms needs num_qubits")
@@ -104,8 +106,7 @@ class Observable:
             if not 0 <= (flip | sign) < 1 << num_qubits:
                 raise ValueError(f"masks {flip} and {sign}: expected values below 2^{num_qubits}")
             letters = "".join(
-                "IXZY"[(flip >> q & 1) + 2 * (sign >> q & 1)]
-                for q in range(num_qubits)
+                "IXZY"[(flip >> q & 1) + 2 * (sign >> q & 1)] for q in range(num_qubits)
             )
             # i^power with a Y counted as i X Z each.
             terms.append((letters, coefficient * 1j ** ((power - letters.count("Y")) % 4)))
@@ -215,4 +216,6 @@ class Observable:
         return text
 
     def __repr__(self) -> str:
-        return f"Observable({str(self)!r})" if self._terms else f"Observable({{}}, {self._num_qubits})"
+        return (
+            f"Observable({str(self)!r})" if self._terms else f"Observable({{}}, {self._num_qubits})"
+        )

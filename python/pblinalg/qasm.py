@@ -3,7 +3,10 @@ here its instructions become gates of the library."""
 
 from __future__ import annotations
 
+import cmath
 from pathlib import Path
+
+import numpy as np
 
 from .circuit import Circuit
 
@@ -51,9 +54,7 @@ def _parser():
     try:
         from qiskit import qasm2
     except ImportError as error:
-        raise ImportError(
-            "reading OpenQASM needs qiskit: pip install 'pblinalg[qasm]'"
-        ) from error
+        raise ImportError("reading OpenQASM needs qiskit: pip install 'pblinalg[qasm]'") from error
     return qasm2
 
 
@@ -120,7 +121,6 @@ def _lower_operation(operation, circuit: Circuit, qubits: list[int], clbits: lis
         places = dict(zip(inner.qubits, qubits))
         _lower_body(inner, circuit, places, dict(zip(inner.clbits, clbits)))
         if inner.global_phase:
-            circuit.p(float(inner.global_phase), qubits[0])
-            circuit.x(qubits[0]).p(float(inner.global_phase), qubits[0]).x(qubits[0])
+            circuit.unitary(cmath.exp(1j * float(inner.global_phase)) * np.eye(2), qubits[0])
     else:
         raise ValueError(f"OpenQASM 2: the gate {name!r} is declared but has no definition")

@@ -77,9 +77,7 @@ def _spread(outcomes: np.ndarray, source: dict[int, int], circuit: Circuit) -> C
     return Counts(counts)
 
 
-def _run_each_shot(
-    circuit: Circuit, state: StateVector, shots: int, progress: Progress
-) -> Counts:
+def _run_each_shot(circuit: Circuit, state: StateVector, shots: int, progress: Progress) -> Counts:
     steps = list(circuit.steps)
     first = next(i for i, step in enumerate(steps) if not isinstance(step, GateSequence))
     for step in steps[:first]:

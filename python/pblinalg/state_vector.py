@@ -397,4 +397,6 @@ def _outcome(outcome: str | int, width: int) -> int:
 def _check_norm(amplitudes: ArrayLike, name: str) -> None:
     norm = float(np.linalg.norm(np.asarray(amplitudes).reshape(-1)))
     if not abs(norm - 1) < 1e-5:
-        raise ValueError(f"{name} has norm {norm:.9g}; expected 1 (pass check=False to load it anyway)")
+        raise ValueError(
+            f"{name} has norm {norm:.9g}; expected 1 (pass check=False to load it anyway)"
+        )

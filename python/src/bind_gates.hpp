@@ -4,6 +4,7 @@
 
 #include <nanobind/nanobind.h>
 
+#include <stdexcept>
 #include <utility>
 
 #include "arguments.hpp"
@@ -183,7 +184,11 @@ void bind_gates(nb::class_<Target>& target) {
             const auto q = QubitArguments(self.qubit_limit()).list(qubits, "qubits");
             self.require_amplitudes();
             const auto entries = matrix_argument<Complex>(matrix, q.size(), "matrix");
-            self.run([&] { self.apply_nqbit_gate(q, entries); });
+            try {
+                self.run([&] { self.apply_nqbit_gate(q, entries); });
+            } catch (const std::runtime_error& error) {
+                raise(PyExc_ValueError, "matrix: %s", error.what());
+            }
         },
         nb::arg("qubits"), nb::arg("matrix"), nb::sig(sig::many),
         "Applies a 2^k x 2^k matrix; the first listed qubit is the most significant bit of its "

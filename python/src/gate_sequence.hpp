@@ -14,23 +14,13 @@
 
 namespace pblinalg::python {
 
+// clang-format off
 enum class GateKind : unsigned char {
-    H,
-    X,
-    Y,
-    Z,
-    S,
-    T,
-    PH,
-    RX,
-    RY,
-    RZ,
-    YtoZ,
-    ZtoY,  // clang-format off
-    CNOT, CCNOT, CSIGN, SWAP, SQRTSWAP, ISWAP,  // clang-format on
-    matrix,
-    phase_oracle,
+    H, X, Y, Z, S, T, PH, RX, RY, RZ, YtoZ, ZtoY,
+    CNOT, CCNOT, CSIGN, SWAP, SQRTSWAP, ISWAP,
+    matrix, phase_oracle,
 };
+// clang-format on
 
 /// The library's name of a gate; "matrix" and "phase_oracle" for the two kinds without one.
 const char* name_of(GateKind kind);
