@@ -166,7 +166,7 @@ class StateVector(Readout, GateMethods):
     >>> StateVector(2, seed=7).h(0).cx(0, 1).sample(100)
     """
 
-    __slots__ = ("_bits", "__weakref__")
+    __slots__ = ("_gates", "_bits", "__weakref__")
 
     def __init__(
         self,
@@ -176,11 +176,8 @@ class StateVector(Readout, GateMethods):
         seed: int | None = None,
     ) -> None:
         self._allocate(num_qubits, precision, threads, seed)
+        self._gates = self._core
         self._bits: list[int] = []
-
-    @property
-    def _gates(self):
-        return self._core
 
     @property
     def num_qubits(self) -> int:
