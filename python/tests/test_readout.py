@@ -75,9 +75,7 @@ def test_measuring_collapses_and_projecting_normalises(precision, state):
     expected = np.zeros_like(amplitudes)
     expected[int(outcome[1]), :, int(outcome[0])] = amplitudes[int(outcome[1]), :, int(outcome[0])]
     expected /= np.linalg.norm(expected)
-    np.testing.assert_allclose(
-        state.to_array(), expected.reshape(-1), atol=4 * precision.tolerance
-    )
+    np.testing.assert_allclose(state.to_array(), expected.reshape(-1), atol=4 * precision.tolerance)
     assert state.measure([2, 0]) == outcome
     state.reset([0, 2])
     np.testing.assert_allclose(state.probability("00", [0, 2]), 1, atol=10 * precision.tolerance)
