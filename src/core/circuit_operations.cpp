@@ -1,22 +1,25 @@
 #include "core/circuit_operations.hpp"
 
 #include <algorithm>
+#include <bit>
+#include <string_view>
 
 namespace pblinalg::cpu {
 namespace {
 
 template <class T>
 Operation<T> mixing(GateKind kind, unsigned int target) {
-    Operation<T> operation{.kind = kind};
-    operation.n_targets = 1;
-    operation.targets[0] = target;
-    return operation;
+    return {.kind = kind, .n_targets = 1, .targets = {target, 0}};
 }
 
 template <class T>
 Operation<T> diagonal(GateKind kind, unsigned int qubit) {
-    Operation<T> operation{.kind = kind};
-    operation.selects = bit(qubit);
+    return {.kind = kind, .selects = bit(qubit)};
+}
+
+template <class T>
+Operation<T> with_factors(Operation<T> operation, const std::array<std::complex<T>, 2>& factors) {
+    std::copy(factors.begin(), factors.end(), operation.factors);
     return operation;
 }
 
@@ -48,46 +51,46 @@ std::size_t find_twin(const std::vector<Operation<T>>& operations, std::size_t f
 }  // namespace
 
 template <class T>
-std::optional<Operation<T>> read_operation(const PybindLinAlgWCircuit<T>& circuit, std::size_t i) {
-    const std::string& name = circuit.gate_names[i];
-    const std::vector<unsigned int>& qubits = circuit.gate_qubits[i];
-    const std::vector<T>& params = circuit.gate_params[i];
-    if (name == "H") return mixing<T>(GateKind::H, qubits[0]);
-    if (name == "X") return mixing<T>(GateKind::X, qubits[0]);
-    if (name == "Y") return mixing<T>(GateKind::Y, qubits[0]);
-    if (name == "Z") return diagonal<T>(GateKind::Z, qubits[0]);
-    if (name == "RX" || name == "RY") {
-        const bool x = name == "RX";
-        auto operation = mixing<T>(x ? GateKind::RX : GateKind::RY, qubits[0]);
-        const auto factors = x ? GateRX::factors(params[0]) : GateRY::factors(params[0]);
-        std::copy(factors.begin(), factors.end(), operation.factors);
-        return operation;
+bool append_operation(const PybindLinAlgWCircuit<T>& circuit, std::size_t i,
+                      std::vector<Operation<T>>& operations) {
+    const std::string_view name = circuit.gate_names[i];
+    const unsigned int* const qubits = circuit.gate_qubits[i].data();
+    const T* const params = circuit.gate_params[i].data();
+    const auto append = [&](const Operation<T>& operation) {
+        operations.push_back(operation);
+        return true;
+    };
+    if (name == "H") return append(mixing<T>(GateKind::H, qubits[0]));
+    if (name == "X") return append(mixing<T>(GateKind::X, qubits[0]));
+    if (name == "Y") return append(mixing<T>(GateKind::Y, qubits[0]));
+    if (name == "Z") return append(diagonal<T>(GateKind::Z, qubits[0]));
+    if (name == "RX") {
+        return append(with_factors(mixing<T>(GateKind::RX, qubits[0]), GateRX::factors(params[0])));
+    }
+    if (name == "RY") {
+        return append(with_factors(mixing<T>(GateKind::RY, qubits[0]), GateRY::factors(params[0])));
     }
     if (name == "RZ") {
-        auto operation = diagonal<T>(GateKind::PH, qubits[0]);
-        const auto factors = GateRZ<T, true>(params[0]).diagonal;
-        std::copy(factors.begin(), factors.end(), operation.factors);
-        operation.multiplies_both = true;
-        return operation;
+        return append(with_factors(diagonal<T>(GateKind::RZ, qubits[0]),
+                                   GateRZ<T, true>(params[0]).diagonal));
     }
     if (name == "PH") {
-        auto operation = diagonal<T>(GateKind::PH, qubits[0]);
-        operation.factors[1] = GatePH<T>(params[0]).phase;
-        return operation;
+        return append(with_factors<T>(diagonal<T>(GateKind::PH, qubits[0]),
+                                      {T(1), GatePH<T>(params[0]).phase}));
     }
-    if (name == "T") return diagonal<T>(GateKind::T, qubits[0]);
+    if (name == "T") return append(diagonal<T>(GateKind::T, qubits[0]));
     if (name == "CNOT") {
-        auto operation = mixing<T>(GateKind::X, qubits[1]);
+        Operation<T> operation = mixing<T>(GateKind::X, qubits[1]);
         operation.selects = bit(qubits[0]);
-        return operation;
+        return append(operation);
     }
     if (name == "SWAP") {
-        auto operation = mixing<T>(GateKind::SWAP, qubits[0]);
+        Operation<T> operation = mixing<T>(GateKind::SWAP, qubits[0]);
         operation.n_targets = 2;
         operation.targets[1] = qubits[1];
-        return operation;
+        return append(operation);
     }
-    return std::nullopt;
+    return false;
 }
 
 template <class T>
@@ -109,14 +112,24 @@ void fold_parity_diagonals(std::vector<Operation<T>>& operations) {
     operations.resize(kept);
 }
 
+Relocation::Relocation(Index active) : active_(active), place_{} {
+    unsigned char place = 0;
+    for (Index rest = active; rest != 0; rest &= rest - 1) {
+        place_[std::countr_zero(rest)] = place++;
+    }
+}
+
 template <class T>
-Operation<T> relocate(const Operation<T>& operation, Index active, Index& outside) {
+Operation<T> Relocation::operator()(const Operation<T>& operation, Index& outside) const {
     Operation<T> moved = operation;
     for (unsigned int p = 0; p < operation.n_targets; ++p) {
-        moved.targets[p] = count_bits(active & low_mask(operation.targets[p]));
+        moved.targets[p] = place_[operation.targets[p]];
     }
-    moved.selects = extract_bits(operation.selects, active);
-    outside = operation.selects & ~active;
+    moved.selects = 0;
+    for (Index rest = operation.selects & active_; rest != 0; rest &= rest - 1) {
+        moved.selects |= bit(place_[std::countr_zero(rest)]);
+    }
+    outside = operation.selects & ~active_;
     return moved;
 }
 
@@ -127,41 +140,47 @@ void append_steps(const Operation<T>& operation, unsigned int n_bits, unsigned i
     using orb::core::iterator::QubitSpan;
     const QubitSpan targets(operation.targets, operation.n_targets);
     const GroupMasks all(targets, {}, n_bits);
-
-    const auto append = [&](const GroupMasks& groups, unsigned int row) {
-        CircuitStep<T> step{
-            {groups, {operation.targets[0], operation.targets[1]}}, {}, operation.kind};
-        // A diagonal step multiplies by one factor, other gates read both.
-        const std::complex<T>* const factors =
-            operation.factors + (operation.is_diagonal() ? row : 0);
-        const int n_factors = operation.is_diagonal() ? 1 : 2;
-        for (int f = 0; f < n_factors; ++f) {
-            step.factors[2 * f] = factors[f].real();
-            step.factors[2 * f + 1] = factors[f].imag();
-        }
-        steps.push_back(step);
+    const auto append = [&](GateKind kind, const GroupMasks& groups, unsigned int target,
+                            const std::complex<T>& f0, const std::complex<T>& f1) {
+        steps.push_back({{groups, {target, operation.targets[1]}},
+                         {f0.real(), f0.imag(), f1.real(), f1.imag()},
+                         kind});
     };
+    const std::complex<T>* const factors = operation.factors;
+    const unsigned int n_selects = static_cast<unsigned int>(std::popcount(operation.selects));
 
-    for (unsigned int row = operation.multiplies_both ? 0 : 1; row < 2; ++row) {
+    if (operation.multiplies_both() && n_selects == 1) {
+        const auto qubit = static_cast<unsigned int>(std::countr_zero(operation.selects));
+        GroupMasks groups = all;
+        groups.take_out(qubit);
+        append(GateKind::RZ, groups, qubit, factors[outside_parity], factors[1 - outside_parity]);
+        return;
+    }
+    for (unsigned int row = operation.multiplies_both() ? 0 : 1; row < 2; ++row) {
         // Local patterns of the selecting bits whose parity, with that outside, is `row`.
-        const unsigned int n_selects = count_bits(operation.selects);
         for (Index pattern = 0; pattern < bit(n_selects); ++pattern) {
-            if (((count_bits(pattern) + outside_parity) & 1) != row) continue;
+            if (((std::popcount(pattern) + outside_parity) & 1) != row) continue;
             GroupMasks groups = all;
             groups.free_mask &= ~operation.selects;
             groups.fixed_bits = deposit_bits(pattern, operation.selects);
             groups.count >>= n_selects;
-            append(groups, row);
+            if (operation.is_diagonal()) {
+                // One row of a diagonal: a product with one factor.
+                const bool product = operation.multiplies_both();
+                append(product ? GateKind::PH : operation.kind, groups, 0, factors[row], {});
+            } else {
+                append(operation.kind, groups, operation.targets[0], factors[0], factors[1]);
+            }
         }
     }
 }
 
-#define PBLINALG_INSTANTIATE(T)                                                            \
-    template std::optional<Operation<T>> read_operation<T>(const PybindLinAlgWCircuit<T>&, \
-                                                           std::size_t);                   \
-    template void fold_parity_diagonals<T>(std::vector<Operation<T>>&);                    \
-    template Operation<T> relocate<T>(const Operation<T>&, Index, Index&);                 \
-    template void append_steps<T>(const Operation<T>&, unsigned int, unsigned int,         \
+#define PBLINALG_INSTANTIATE(T)                                                         \
+    template bool append_operation<T>(const PybindLinAlgWCircuit<T>&, std::size_t,      \
+                                      std::vector<Operation<T>>&);                      \
+    template void fold_parity_diagonals<T>(std::vector<Operation<T>>&);                 \
+    template Operation<T> Relocation::operator()<T>(const Operation<T>&, Index&) const; \
+    template void append_steps<T>(const Operation<T>&, unsigned int, unsigned int,      \
                                   std::vector<CircuitStep<T>>&);
 PBLINALG_INSTANTIATE(float)
 PBLINALG_INSTANTIATE(double)

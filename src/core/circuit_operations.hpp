@@ -2,7 +2,6 @@
 // how it runs on a part of the state. Which gates run together is decided in circuit_passes.hpp.
 #pragma once
 
-#include <optional>
 #include <pblinalg/circuit.hpp>
 #include <vector>
 
@@ -21,8 +20,6 @@ struct Operation {
     Index selects = 0;
     /// The same for bits outside the array.
     Index outer_selects = 0;
-    /// A diagonal gate that multiplies where the parity is 0, too, by factors[0].
-    bool multiplies_both = false;
     std::complex<T> factors[2] = {};
 
     Index target_bits() const {
@@ -34,21 +31,35 @@ struct Operation {
     /// X, CNOT and SWAP move amplitudes without arithmetic.
     bool is_permutation() const { return kind == GateKind::X || kind == GateKind::SWAP; }
     bool is_diagonal() const { return n_targets == 0; }
+    /// A diagonal gate that multiplies where the parity is 0, too, by factors[0].
+    bool multiplies_both() const { return kind == GateKind::RZ; }
 };
 
-/// Reads gate `i` of a circuit; nothing for a name that circuits do not know.
+/// Appends gate `i` of a circuit.
+/// @return false, with nothing appended, for a name that circuits do not know.
 template <class T>
-std::optional<Operation<T>> read_operation(const PybindLinAlgWCircuit<T>& circuit, std::size_t i);
+bool append_operation(const PybindLinAlgWCircuit<T>& circuit, std::size_t i,
+                      std::vector<Operation<T>>& operations);
 
 /// Replaces CNOT(c, t), diagonal gates, CNOT(c, t) by the diagonal gates on the parity of c and t:
 /// the same products on the same amplitudes, without the moves.
 template <class T>
 void fold_parity_diagonals(std::vector<Operation<T>>& operations);
 
-/// The operation seen from a tile whose index is made of the bits `active`. Its targets must be
-/// active. Selecting bits that are not go to `outside`.
-template <class T>
-Operation<T> relocate(const Operation<T>& operation, Index active, Index& outside);
+/// From the index bits of an array to those of a tile made of the `active` ones.
+class Relocation {
+  public:
+    explicit Relocation(Index active);
+
+    /// The operation seen from inside the tile. Its targets must be active; selecting bits that are
+    /// not go to `outside`.
+    template <class T>
+    Operation<T> operator()(const Operation<T>& operation, Index& outside) const;
+
+  private:
+    Index active_;
+    unsigned char place_[64];  ///< bit of the tile's index for each active bit
+};
 
 /// Appends the steps that run `operation` on an array of `n_bits`, given the parity of its
 /// selecting bits outside.

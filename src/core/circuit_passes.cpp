@@ -25,9 +25,9 @@ inline constexpr unsigned int tile_qubits = sizeof(T) == 8 ? 15 : 16;
 template <class T>
 inline constexpr unsigned int block_qubits = sizeof(T) == 8 ? 11 : 12;
 
-/// The lowest qubits that are active in every tile, so that tiles are made of runs of 256 bytes.
+/// The lowest qubits that are active in every tile, so that tiles are made of runs of 1 KiB.
 template <class T>
-inline constexpr unsigned int run_qubits = sizeof(T) == 8 ? 4 : 5;
+inline constexpr unsigned int run_qubits = sizeof(T) == 8 ? 6 : 7;
 
 /// Gates in one pass at the most, and gates looked at behind the first one left out.
 constexpr std::size_t max_pass_length = 512;
@@ -67,7 +67,8 @@ class Planner {
         for (; i < operations_.size() && pass.operations.size() < max_pass_length; ++i) {
             const Operation<T>& operation = operations_[i];
             const Index targets = operation.target_bits();
-            const bool fits = count_bits(pass.active | targets) <= tile_bits_;
+            const bool fits =
+                !(targets & ~pass.active) || count_bits(pass.active | targets) <= tile_bits_;
             const bool commutes = !(targets & (moved | selected)) && !(operation.selects & moved) &&
                                   (operation.is_permutation() || !arithmetic_blocked);
             if (fits && commutes) {
@@ -119,10 +120,10 @@ CompiledPass<T> compile(const Pass<T>& pass, Index inactive) {
     const unsigned int n_bits = count_bits(pass.active);
     compiled.operations.reserve(pass.operations.size());
     compiled.steps.reserve(2 * pass.operations.size());
+    const Relocation relocate(pass.active);
     for (const Operation<T>& operation : pass.operations) {
         CircuitOperation<T> compiled_operation{0, operation.outer_selects, {}};
-        const Operation<T> local =
-            relocate(operation, pass.active, compiled_operation.block_parity);
+        const Operation<T> local = relocate(operation, compiled_operation.block_parity);
         const bool elsewhere = compiled_operation.block_parity | compiled_operation.outer_parity;
         const bool everywhere = !elsewhere && local.selects == 0;
         const auto n_steps = [&] { return static_cast<unsigned int>(compiled.steps.size()); };
@@ -203,19 +204,51 @@ void copy_tile(std::complex<T>* amplitudes, Index base, Index active, std::compl
     }
 }
 
+/// Asks for the lines of a tile ahead of its turn, a share at a time.
+template <class T>
+class TilePrefetch {
+  public:
+    TilePrefetch(const std::complex<T>* amplitudes, Index base, Index active)
+        : next_(amplitudes + base),
+          above_line_(active & ~low_mask(line_bits)),
+          left_(bit(count_bits(above_line_))) {}
+
+    void ask_for(Index lines) {
+        for (lines = std::min(lines, left_), left_ -= lines; lines > 0; --lines) {
+            __builtin_prefetch(next_ + offset_, 1, 2);
+            offset_ = next_subset(offset_, above_line_);
+        }
+    }
+
+  private:
+    /// Amplitudes in a cache line of 64 bytes, as a number of bits.
+    static constexpr unsigned int line_bits = sizeof(T) == 8 ? 2 : 3;
+
+    const std::complex<T>* next_;
+    Index above_line_;
+    Index left_;
+    Index offset_ = 0;
+};
+
 /// One pass over the state, tile by tile.
 template <class T>
 void run_tiles(std::complex<T>* amplitudes, const Pass<T>& pass, Index inactive, int num_threads) {
     std::vector<Operation<T>> local;
     local.reserve(pass.operations.size());
+    const Relocation relocate(pass.active);
     for (const Operation<T>& operation : pass.operations) {
         Index outside = 0;
-        local.push_back(relocate(operation, pass.active, outside));
+        local.push_back(relocate(operation, outside));
         local.back().outer_selects = outside;
     }
     const unsigned int tile_bits = count_bits(pass.active);
     const std::vector<CompiledPass<T>> block_passes = plan_blocks(std::move(local), tile_bits);
     const Index n_tiles = bit(count_bits(inactive));
+    Index n_blocks_in_all = 0;
+    for (const CompiledPass<T>& block_pass : block_passes) {
+        n_blocks_in_all += bit(count_bits(block_pass.inactive));
+    }
+    const Index lines_per_block = bit(tile_bits) * sizeof(std::complex<T>) / 64 / n_blocks_in_all;
     run_team(get_num_threads(num_threads), [&](int id, int team) {
         const auto tile = new_elements<std::complex<T>>(bit(tile_bits));
         const auto scratch = new_elements<T>(block_scratch_elements(block_qubits<T>));
@@ -224,10 +257,15 @@ void run_tiles(std::complex<T>* amplitudes, const Pass<T>& pass, Index inactive,
         for (Index t = n_tiles * id / team; t < n_tiles * (id + 1) / team; ++t) {
             const Index base = deposit_bits(t, inactive);
             copy_tile<true>(amplitudes, base, pass.active, tile.get());
+            // The next tile comes in while this one is worked on.
+            TilePrefetch<T> prefetch(amplitudes, deposit_bits(t + 1, inactive), pass.active);
             for (std::size_t p = 0; p < block_passes.size(); ++p) {
                 const Index n_blocks = bit(count_bits(block_passes[p].inactive));
-                run_pass(parts(tile.get()), block_passes[p], base, 0, n_blocks, scratch.get(),
-                         shortcuts[p]);
+                for (Index b = 0; b < n_blocks; ++b) {
+                    run_pass(parts(tile.get()), block_passes[p], base, b, b + 1, scratch.get(),
+                             shortcuts[p]);
+                    prefetch.ask_for(lines_per_block);
+                }
             }
             copy_tile<false>(amplitudes, base, pass.active, tile.get());
         }
@@ -251,7 +289,7 @@ void run_alone(std::complex<T>* amplitudes, unsigned int nqubits, const Operatio
 /// What a gate on its own costs, in passes that read and write the whole state.
 template <class T>
 double cost_alone(const Operation<T>& operation) {
-    const bool half = operation.selects != 0 && !operation.multiplies_both;
+    const bool half = operation.selects != 0 && !operation.multiplies_both();
     return half || operation.kind == GateKind::SWAP ? 0.5 : 1.0;
 }
 

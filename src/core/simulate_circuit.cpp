@@ -17,13 +17,12 @@ void PybindLinAlgStateVectorCPU<T>::simulate_circuit(PybindLinAlgWCircuit<T>& ci
     const std::size_t n_gates = circuit.gate_names.size();
     std::vector<Operation<T>> operations;
     for (std::size_t i = 0; i < n_gates; ++i) {
-        const std::optional<Operation<T>> operation = read_operation(circuit, i);
-        if (operation) operations.push_back(*operation);
-        if (!operation || operations.size() == piece_length || i + 1 == n_gates) {
+        const bool known = append_operation(circuit, i, operations);
+        if (!known || operations.size() == piece_length || i + 1 == n_gates) {
             run_operations(state.get(), nqubits, std::move(operations), num_threads);
             operations.clear();
         }
-        if (!operation) {
+        if (!known) {
             throw std::invalid_argument("Gate " + circuit.gate_names[i] +
                                         " is not supported by the pybinded circuit");
         }

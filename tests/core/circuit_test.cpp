@@ -35,35 +35,58 @@ class Circuits : public ::testing::Test {
         {"SWAP", false, 2, [](S& s, const Qubits& q, T) { s.apply_SWAP(q[0], q[1]); }},
     };
 
+    /// States on which different shortcuts hold, some of them only in parts of the state.
+    static std::vector<Amplitudes<T>> starts(unsigned int n, std::uint64_t seed) {
+        const std::size_t size = std::size_t{1} << n;
+        std::vector<Amplitudes<T>> states{Amplitudes<T>(size)};
+        states[0][0] = 1;
+        for (const Filling filling : all_fillings)
+            states.push_back(filled<T>(size, filling, seed));
+        for (const T special : {-T(0), std::numeric_limits<T>::infinity()}) {
+            states.push_back(filled<T>(size, Filling::ordinary, seed));
+            states.back()[seed * 7919 % size] = {special, T(0.5)};
+        }
+        return states;
+    }
+
     /// Runs random gates through the driver and, one by one, through the members.
-    void check_random_circuit(unsigned int n, int n_gates, Filling filling, std::uint64_t seed,
-                              int num_threads) {
+    void check_random_circuit(unsigned int n, int n_gates, const Amplitudes<T>& before,
+                              std::uint64_t seed, int num_threads) {
+        static constexpr T angles[] = {0, T(0.3), T(-1.7), T(3.141592653589793), T(1e-4)};
         std::mt19937_64 generator(seed);
-        const auto before = filled<T>(std::size_t{1} << n, filling, seed);
+        const auto below = [&](unsigned int n) {
+            return static_cast<unsigned int>(generator() % n);
+        };
         S by_circuit(n), by_members(n);
         load(by_circuit, before);
         load(by_members, before);
         by_circuit.set_num_threads(num_threads);
         Circuit<T> circuit(n);
-        for (int g = 0; g < n_gates; ++g) {
-            const Gate& gate = vocabulary[generator() % (n > 1 ? 11 : 9)];
-            const auto first = static_cast<unsigned int>(generator() % n);
-            Qubits qubits{first};
-            if (gate.n_qubits == 2) {
-                qubits.push_back(
-                    static_cast<unsigned int>((first + 1 + generator() % (n - 1)) % n));
-            }
-            static constexpr T angles[] = {0, T(0.3), T(-1.7), T(3.141592653589793)};
-            const T angle = angles[generator() % 4];
+        const auto add = [&](const Gate& gate, const Qubits& qubits) {
+            const T angle =
+                below(1000) == 0 ? std::numeric_limits<T>::infinity() : angles[below(5)];
             circuit.add_gate(gate.name, gate.has_angle ? std::vector<T>{angle} : std::vector<T>{},
                              qubits);
             gate.apply(by_members, qubits, angle);
+        };
+        for (int g = 0; g < n_gates; ++g) {
+            const Gate& gate = vocabulary[below(n == 1 ? 9 : 11)];
+            Qubits qubits{below(n)};
+            if (gate.n_qubits == 2) qubits.push_back((qubits[0] + 1 + below(n - 1)) % n);
+            add(gate, qubits);
+            // CNOT, diagonal gates, the same CNOT: a diagonal on the parity of two qubits.
+            if (std::string(gate.name) != "CNOT" || below(2) == 0) continue;
+            for (unsigned int d = below(3) + 1; d > 0; --d) {
+                static constexpr int diagonals[] = {3, 6, 7, 8};
+                add(vocabulary[diagonals[below(4)]], {qubits[below(2)]});
+            }
+            add(gate, qubits);
         }
         by_circuit.simulate_circuit(circuit);
         const Amplitudes<T> expected(&by_members.state[0], &by_members.state[0] + before.size());
         EXPECT_TRUE(same_bits(by_circuit, expected))
-            << n << " qubits, " << n_gates << " gates, filling " << static_cast<int>(filling)
-            << ", seed " << seed << ", workers " << num_threads;
+            << n << " qubits, " << n_gates << " gates, seed " << seed << ", workers "
+            << num_threads;
     }
 };
 TYPED_TEST_SUITE(Circuits, Precisions);
@@ -93,16 +116,27 @@ TYPED_TEST(Circuits, RecordCopiesOfWhatTheyAreGiven) {
 TYPED_TEST(Circuits, RunAsTheirMembersDoToTheLastBit) {
     std::uint64_t seed = 0;
     for (unsigned int n = 1; n <= 8; ++n) {
-        for (const Filling filling : all_fillings) {
-            for (int repeat = 0; repeat < 10; ++repeat)
+        // In short circuits special values stay few, in long ones they spread.
+        for (const int n_gates : {3, 5, 8, 40, 150}) {
+            for (const auto& before : this->starts(n, seed)) {
                 for_each_instruction_set(
-                    [&] { this->check_random_circuit(n, 40, filling, seed++, 1); });
+                    [&] { this->check_random_circuit(n, n_gates, before, seed++, 1); });
+            }
         }
     }
-    for (const int workers : {1, 2, 0})
-        this->check_random_circuit(17, 60, Filling::ordinary, seed++, workers);
-    this->check_random_circuit(18, 40, Filling::signed_zeros, seed++, 2);
-    this->check_random_circuit(18, 40, Filling::extremes, seed, 2);
+    this->check_random_circuit(6, 20000, this->starts(6, seed)[0], seed, 1);
+}
+
+TYPED_TEST(Circuits, RunAsTheirMembersDoAroundTheSizesOfCaches) {
+    // Blocks have 11 or 12 qubits, tiles 15 or 16.
+    std::uint64_t seed = 1000;
+    for (unsigned int n = 10; n <= 18; ++n) {
+        for (const auto& before : this->starts(n, seed))
+            this->check_random_circuit(n, n < 16 ? 60 : 25, before, seed++,
+                                       static_cast<int>(n % 3));
+    }
+    this->check_random_circuit(17, 0, this->starts(17, seed)[1], seed, 2);
+    this->check_random_circuit(17, 3, this->starts(17, seed)[1], seed, 2);
 }
 
 TYPED_TEST(Circuits, PrepareABellState) {

@@ -159,12 +159,11 @@ Amplitudes<T> product_state(unsigned int n, const std::string& description) {
 
 TYPED_TEST(Lifecycle, ResetsToProductStates) {
     using T = TypeParam;
-    for (const unsigned int n : {0u, 1u, 4u, 6u}) {
+    for (const unsigned int n : {0u, 1u, 4u}) {
         for (const char* description :
-             {"",       "0",      "1",       "-",       "+",       "10",     "01+",
-              "+-",     "1-0+",   "--",      "-1+-",    "----",    "?x0",    "- 1",
-              "000000", "+-+-+-", "0000001", "111111-", "------+", "0101?10"}) {
-            for (const int workers : {1, 3, 0, -2}) {
+             {"", "0", "1", "-", "+", "10", "01+", "+-", "1-0+", "--", "-1+-", "----", "?x0", "- 1",
+              "00001", "1111-", "----+", "01?1+"}) {
+            for (const int workers : {1, 3, -2}) {
                 StateVector<T> state(n);
                 state.set_num_threads(workers);
                 load(state, filled<T>(std::size_t{1} << n, Filling::extremes));

@@ -1,10 +1,7 @@
-// Which amplitudes a gate visits, in which order, and how they are split among workers.
-#include <algorithm>
+// Which amplitudes a gate visits, in which order, and which matrix row applies to each.
 #include <array>
-#include <atomic>
 #include <stdexcept>
 
-#include "core/parallel.hpp"
 #include "kernels/diagonal.hpp"
 #include "kernels/state_iterator.hpp"
 #include "support/exact_reference.hpp"
@@ -38,42 +35,29 @@ TEST(BitMoves, FollowTheirBitwiseDefinitions) {
 }
 
 TEST(StateIterator, ListsOffsetsByMatrixRowAndBasesInOrder) {
-    const Qubits targets{2, 0}, control{1}, target{0};
-    const StateIterator pair(targets, {}, 3);
-    EXPECT_EQ(pair.free_mask, 2u);
-    EXPECT_EQ(pair.fixed_bits, 0u);
-    EXPECT_EQ(pair.count, 2u);
-    EXPECT_EQ(pair.n_offsets, 4u);
-    EXPECT_EQ(pair.offsets, (std::vector<Index>{0, 1, 4, 5}));
-    EXPECT_EQ(pair.base(0), 0u);
-    EXPECT_EQ(pair.base(1), 2u);
-
-    const StateIterator controlled(target, control, 3);
-    EXPECT_EQ(controlled.free_mask, 4u);
-    EXPECT_EQ(controlled.fixed_bits, 2u);
-    EXPECT_EQ(controlled.count, 2u);
-    EXPECT_EQ(controlled.base(0), 2u);
-    EXPECT_EQ(controlled.base(1), 6u);
-
-    const StateIterator whole(target, {}, 1);
-    EXPECT_EQ(whole.free_mask, 0u);
-    EXPECT_EQ(whole.count, 1u);
-    EXPECT_EQ(whole.offsets, (std::vector<Index>{0, 1}));
-}
-
-TEST(StateIterator, SkipsAndCountsControlsAboveTheState) {
-    const Qubits target{1}, controls{5, 0};
-    const StateIterator groups(target, controls, 4);
-    EXPECT_EQ(groups.free_mask, 0b1100u);
-    EXPECT_EQ(groups.fixed_bits, 1u);
-    EXPECT_EQ(groups.count, 2u);
-}
-
-TEST(StateIterator, TakesStatesWithoutQubits) {
-    const StateIterator groups({}, {}, 0);
-    EXPECT_EQ(groups.free_mask, 0u);
-    EXPECT_EQ(groups.count, 1u);
-    EXPECT_EQ(groups.offsets, std::vector<Index>{0});
+    struct {
+        Qubits targets, controls;
+        unsigned int n;
+        std::vector<Index> offsets, bases;
+    } const cases[] = {
+        {{2, 0}, {}, 3, {0, 1, 4, 5}, {0, 2}},
+        {{0}, {1}, 3, {0, 1}, {2, 6}},
+        {{0}, {}, 1, {0, 1}, {0}},
+        {{}, {}, 0, {0}, {0}},
+        {{1}, {2, 0}, 3, {0, 2}, {5}},
+        // A control above the state fixes nothing but is counted.
+        {{1}, {5, 0}, 4, {0, 2}, {1, 5}},
+    };
+    for (const auto& [targets, controls, n, offsets, bases] : cases) {
+        const StateIterator groups(targets, controls, n);
+        EXPECT_EQ(groups.n_offsets, offsets.size());
+        EXPECT_EQ(groups.offsets, offsets);
+        ASSERT_EQ(groups.count, bases.size());
+        for (Index i = 0; i < groups.count; ++i)
+            EXPECT_EQ(groups.base(i), bases[i]);
+    }
+    EXPECT_EQ(StateIterator(Qubits{1}, Qubits{5, 0}, 4).free_mask, 0b1100u);
+    EXPECT_EQ(StateIterator(Qubits{1}, Qubits{5, 0}, 4).fixed_bits, 1u);
 }
 
 TEST(SortedIndices, GiveTheRowOfEverySlot) {
@@ -101,15 +85,6 @@ TEST(SortedIndices, SortDiagonalsOfAnyListedOrder) {
     });
 }
 
-TEST(SortedIndices, LeaveSlotsOfMissingEntriesAlone) {
-    using Entry = std::complex<double>;
-    std::array<Entry, 4> sorted{-1., -1., -1., -1.};
-    cpu::fill_sorted_diag<Entry>(sorted.data(), Qubits{1, 0}, Amplitudes<double>{}, 3);
-    EXPECT_EQ(sorted[0], -1.);
-    cpu::fill_sorted_diag<Entry>(sorted.data(), Qubits{1, 0}, Amplitudes<double>{5., 6., 7.}, 3);
-    EXPECT_EQ(sorted, (std::array<Entry, 4>{5., 6., 7., -1.}));
-}
-
 TEST(FirstQubits, AreZeroOneAndTwo) {
     const auto none = cpu::contains_no_first_qubits<std::complex<float>>;
     const auto none_double = cpu::contains_no_first_qubits<std::complex<double>>;
@@ -118,46 +93,6 @@ TEST(FirstQubits, AreZeroOneAndTwo) {
     EXPECT_FALSE(none({3}, {2}));
     for (const unsigned int q : {0u, 1u, 2u})
         EXPECT_FALSE(none_double({5, q}, {4}));
-}
-
-TEST(Split, CoversEveryIndexOnceInWholeGranules) {
-    for (const Index count : {0, 1, 63, 64, 65, 128, 1000, 4097}) {
-        for (Index team = 1; team <= 9; ++team) {
-            Index next = 0;
-            for (Index id = 0; id < team; ++id) {
-                const cpu::Block block(count, id, team);
-                EXPECT_EQ(block.begin, next);
-                EXPECT_LE(block.begin, block.end);
-                EXPECT_TRUE(block.begin % cpu::block_granule == 0 || block.begin == count);
-                EXPECT_LE(block.end - block.begin,
-                          (count / cpu::block_granule / team + 1) * cpu::block_granule);
-                next = block.end;
-            }
-            EXPECT_EQ(next, count);
-        }
-    }
-}
-
-TEST(Split, HandsBlocksToTeamsOfAnyRequest) {
-    for (const int workers : {-2, 0, 1, 2, 3, 5}) {
-        std::vector<std::atomic<int>> visits(1000);
-        const auto visit = [&](Index begin, Index end) {
-            for (; begin < end; ++begin)
-                ++visits[begin];
-        };
-        cpu::for_each_block_of_team(1000, workers, visit);
-        cpu::for_each_block(1000, cpu::min_parallel_amplitudes, workers, visit);
-        cpu::for_each_block(1000, 1, workers, visit);
-        EXPECT_TRUE(std::all_of(visits.begin(), visits.end(), [](auto& v) { return v == 3; }));
-    }
-}
-
-TEST(Split, PassesExceptionsOfWorkersOn) {
-    for (const int workers : {1, 3}) {
-        EXPECT_THROW(cpu::for_each_block_of_team(1000, workers,
-                                                 [](Index, Index) { throw std::bad_alloc(); }),
-                     std::bad_alloc);
-    }
 }
 
 }  // namespace

@@ -58,12 +58,13 @@ template <class T>
 }
 
 enum class Filling {
-    ordinary,      ///< uniform in [-1, 1]
-    signed_zeros,  ///< half of the parts are +0 or -0
-    extremes,      ///< mixed with infinities, NaN, denormal and huge parts
+    ordinary,       ///< uniform in [-1, 1]
+    signed_zeros,   ///< half of the parts are +0 or -0
+    extremes,       ///< mixed with infinities, NaN, denormal and huge parts
+    rare_extremes,  ///< one part in a thousand of those
 };
 inline constexpr Filling all_fillings[] = {Filling::ordinary, Filling::signed_zeros,
-                                           Filling::extremes};
+                                           Filling::extremes, Filling::rare_extremes};
 
 template <class T>
 T random_part(Filling filling, std::mt19937_64& generator) {
@@ -76,9 +77,10 @@ T random_part(Filling filling, std::mt19937_64& generator) {
                                      Limits::max(),
                                      Limits::denorm_min(),
                                      -Limits::min() / 3};
-    const bool special = generator() % 4 < 2;
+    const bool special =
+        filling == Filling::rare_extremes ? generator() % 1000 == 0 : generator() % 4 < 2;
     if (special && filling == Filling::signed_zeros) return specials[generator() % 2];
-    if (special && filling == Filling::extremes) return specials[generator() % 8];
+    if (special && filling >= Filling::extremes) return specials[generator() % 8];
     return std::uniform_real_distribution<T>(-1, 1)(generator);
 }
 

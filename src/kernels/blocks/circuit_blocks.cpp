@@ -72,8 +72,8 @@ template <Way way, class T>
             run_step<way>(block, pass.steps[s]);
         }
     }
-    // What went wrong on the way shows at the end: no gate turns NaN, an infinity or a wrong sign of
-    // 0 into an ordinary number.
+    // What went wrong on the way shows at the end: no gate turns NaN, an infinity or a wrong sign
+    // of 0 into an ordinary number.
     using V = Exact<T>;
     if constexpr (way == Way::shortcut) return V::all_ordinary(block, size);
     if constexpr (way == Way::products) {

@@ -8,7 +8,7 @@
 namespace pblinalg::cpu {
 
 /// The formulas that circuits use.
-enum class GateKind : unsigned char { H, X, Y, Z, RX, RY, T, PH, SWAP };
+enum class GateKind : unsigned char { H, X, Y, Z, RX, RY, RZ, T, PH, SWAP };
 
 /// Calls `body.operator()<Gate>()` for the gate of `kind`.
 template <class T, class Body>
@@ -26,6 +26,8 @@ PBLINALG_ALWAYS_INLINE decltype(auto) visit_gate(GateKind kind, const Body& body
             return body.template operator()<GateRX>();
         case GateKind::RY:
             return body.template operator()<GateRY>();
+        case GateKind::RZ:
+            return body.template operator()<GateDiagonal>();
         case GateKind::T:
             return body.template operator()<GateT>();
         case GateKind::PH:

@@ -2,6 +2,9 @@
 // whole vector fits. Included by the sources that are compiled once per instruction set.
 #pragma once
 
+#include <initializer_list>
+#include <type_traits>
+
 #include "kernels/blocks/exact_blocks.hpp"
 #include "kernels/blocks/values.hpp"
 #include "kernels/blocks/vector_walk.hpp"
@@ -137,12 +140,42 @@ void update_vectors_of_shape(typename V::Memory memory, const GateVectors<Gate, 
     });
 }
 
+/// A diagonal on a target inside a vector: a factor of its own in every lane, and no exchange.
+template <class V, class T>
+void multiply_lanes(typename V::Memory memory, const GateVectors<GateDiagonal, V>& walk,
+                    Index begin, Index end, const T* factors) {
+    const Index target_lane = bit(walk.targets[0]);
+    const typename V::Factor factor = V::Factor::select(V::lanes_where(target_lane, target_lane),
+                                                        typename V::Factor(factors[2], factors[3]),
+                                                        typename V::Factor(factors[0], factors[1]));
+    const typename V::Bits chosen = walk.chosen_lanes();
+    const Index companion = walk.offsets[1];
+    walk_groups(walk.free_mask, walk.fixed_bits, begin, end, [&](Index base) {
+        for (const Index index : {base, base + companion}) {
+            const V old = V::load(memory, index);
+            V fresh = cmul(factor, old);
+            if constexpr (V::recovers_products) {
+                if (V::holds_nan(fresh, fresh)) [[unlikely]] {
+                    for (int lane = 0; lane < V::lanes; ++lane) {
+                        const T* const f = factors + (lane & target_lane ? 2 : 0);
+                        using S = typename V::ScalarValue;
+                        fresh.set_lane(lane, cmul(S::load(f), old.lane(lane)));
+                    }
+                }
+            }
+            V::select(chosen, fresh, old).store(memory, index);
+        }
+    });
+}
+
 /// The gate on the steps [begin, end) of its vector walk.
 template <class Gate, class V, class T>
 void update_vectors(typename V::Memory memory, const GateVectors<Gate, V>& walk, Index begin,
                     Index end, const T* factors) {
     const bool chooses = walk.chooses_lanes();
-    if constexpr (Gate::n_targets > 0) {
+    if constexpr (std::is_same_v<Gate, GateDiagonal>) {
+        if (walk.has_lane_targets) return multiply_lanes(memory, walk, begin, end, factors);
+    } else if constexpr (Gate::n_targets > 0) {
         if (walk.has_lane_targets && chooses) {
             return update_vectors_of_shape<Gate, true, true>(memory, walk, begin, end, factors);
         }

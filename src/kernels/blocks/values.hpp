@@ -130,6 +130,13 @@ PBLINALG_ALWAYS_INLINE bool any_nan(typename Register<T, bytes>::Elements a,
     return false;
 }
 
+/// `a` where all bits are chosen, `b` where none are.
+template <class Bits, class Elements>
+PBLINALG_ALWAYS_INLINE Elements choose_elements(Bits chosen, Elements a, Elements b) {
+    return reinterpret_cast<Elements>((reinterpret_cast<Bits>(a) & chosen) |
+                                      (reinterpret_cast<Bits>(b) & ~chosen));
+}
+
 template <class Bits, int... E>
 PBLINALG_ALWAYS_INLINE Bits number_elements(std::integer_sequence<int, E...>) {
     return Bits{E...};
@@ -197,6 +204,10 @@ struct Vector {
             : re(real - Elements{}), signed_im(alternate(-imag, imag, Iota())) {}
         PBLINALG_ALWAYS_INLINE Factor(Elements re, Elements signed_im)
             : re(re), signed_im(signed_im) {}
+        PBLINALG_ALWAYS_INLINE static Factor select(Bits chosen, const Factor& a, const Factor& b) {
+            return {choose_elements(chosen, a.re, b.re),
+                    choose_elements(chosen, a.signed_im, b.signed_im)};
+        }
     };
 
     PBLINALG_ALWAYS_INLINE static Vector load(const T* from) {
@@ -261,8 +272,7 @@ struct Vector {
 
     /// `fresh` where `chosen`, `old` elsewhere.
     PBLINALG_ALWAYS_INLINE static Vector select(Bits chosen, Vector fresh, Vector old) {
-        return {reinterpret_cast<Elements>((reinterpret_cast<Bits>(fresh.v) & chosen) |
-                                           (reinterpret_cast<Bits>(old.v) & ~chosen))};
+        return {choose_elements(chosen, fresh.v, old.v)};
     }
 
     /// True when any part of either vector is NaN.
@@ -301,9 +311,10 @@ struct Vector {
 /// back, so that no product is checked on its own.
 ///
 /// @tparam drop_zeros  products with a part that is known to be 0 are left out of RX and RY. That
-///                     changes nothing but signs of parts that are 0, and what becomes of infinities
-///                     and NaN. A wrong sign of 0 only ever makes other wrong signs of 0, and
-///                     infinities stay, so the caller looks at the final parts (`all_ordinary`).
+///                     changes nothing but signs of parts that are 0, and what becomes of
+///                     infinities and NaN. A wrong sign of 0 only ever makes other wrong signs of
+///                     0, and infinities stay, so the caller looks at the final parts
+///                     (`all_ordinary`).
 template <InstructionSet set, class T, bool drop_zeros>
 struct Planar {
     using Real = T;
@@ -325,6 +336,12 @@ struct Planar {
         Factor() = default;
         PBLINALG_ALWAYS_INLINE Factor(T real, T imag)
             : re(real - Elements{}), im(imag - Elements{}) {}
+        PBLINALG_ALWAYS_INLINE static Factor select(Bits chosen, const Factor& a, const Factor& b) {
+            Factor mixed;
+            mixed.re = choose_elements(chosen, a.re, b.re);
+            mixed.im = choose_elements(chosen, a.im, b.im);
+            return mixed;
+        }
     };
 
     PBLINALG_ALWAYS_INLINE static Planar load(Memory from, Index index) {
@@ -394,7 +411,8 @@ struct Planar {
                static_cast<Lane>(value);
     }
     PBLINALG_ALWAYS_INLINE static Planar select(Bits chosen, Planar fresh, Planar old) {
-        return {choose(chosen, fresh.re, old.re), choose(chosen, fresh.im, old.im)};
+        return {choose_elements(chosen, fresh.re, old.re),
+                choose_elements(chosen, fresh.im, old.im)};
     }
 
   private:
@@ -415,10 +433,6 @@ struct Planar {
         return left < right ? left : right;
     }
 
-    PBLINALG_ALWAYS_INLINE static Elements choose(Bits chosen, Elements fresh, Elements old) {
-        return reinterpret_cast<Elements>((reinterpret_cast<Bits>(fresh) & chosen) |
-                                          (reinterpret_cast<Bits>(old) & ~chosen));
-    }
     template <int... E>
     PBLINALG_ALWAYS_INLINE static Planar deinterleave(Elements low, Elements high,
                                                       std::integer_sequence<int, E...>) {
