@@ -7,3 +7,4 @@
 #include <pblinalg/state_vector.hpp>
 #include <pblinalg/state_vector_cpu.hpp>
 #include <pblinalg/threads.hpp>
+#include <pblinalg/version.hpp>

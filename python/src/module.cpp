@@ -4,6 +4,7 @@
 #include <nanobind/stl/string.h>
 #include <nanobind/stl/vector.h>
 #include <omp.h>
+#include <pblinalg/version.hpp>
 #include <pthread.h>
 #include <unistd.h>
 
@@ -58,7 +59,7 @@ void bind_machine(nb::module_& module) {
     module.def(
         "instruction_set", [] { return cpu::name_of(cpu::active_instruction_set()); },
         "The vector instructions in use: baseline, avx2 or avx512.");
-    module.attr("__version__") = PBLINALG_PYTHON_VERSION;
+    module.attr("__version__") = PBLINALG_VERSION;
 }
 
 }  // namespace pblinalg::python

@@ -14,9 +14,6 @@ namespace {
 
 constexpr std::align_val_t alignment{64};
 
-/// Bytes that even the smallest array has, so that kernels may load and store whole vectors of it.
-constexpr std::size_t widest_vector = 64;
-
 /// Asks for huge pages on the whole ones inside [memory, memory + bytes). A hint: it may fail.
 void advise_huge_pages([[maybe_unused]] void* memory, [[maybe_unused]] std::size_t bytes) {
 #if defined(__linux__) && defined(MADV_HUGEPAGE)
@@ -38,13 +35,13 @@ template <class Element>
 AlignedArray<Element> new_zeroed_array(unsigned long long size, int workers) {
     // Sizes beyond the address space must fail, not wrap.
     if (size > static_cast<std::size_t>(-1) / 2 / sizeof(Element)) throw std::bad_alloc();
-    const std::size_t bytes = std::max<std::size_t>(size * sizeof(Element), widest_vector);
+    // Vector code reads and writes back a whole register even where a state is narrower.
+    const auto widest_register = static_cast<std::size_t>(alignment);
+    const std::size_t bytes = std::max<std::size_t>(size * sizeof(Element), widest_register);
     auto* const memory = static_cast<char*>(::operator new[](bytes, alignment));
     advise_huge_pages(memory, bytes);
-    std::memset(memory, 0, widest_vector);
-    for_each_block(size, size, workers, [&](Index begin, Index end) {
-        std::memset(memory + begin * sizeof(Element), 0, (end - begin) * sizeof(Element));
-    });
+    for_each_block(bytes, size, workers,
+                   [&](Index begin, Index end) { std::memset(memory + begin, 0, end - begin); });
     return {reinterpret_cast<Element*>(memory), aligned_array_delete<Element>};
 }
 

@@ -13,7 +13,8 @@ using AlignedArray = std::unique_ptr<Element[], void (*)(Element*)>;
 template <class Element>
 void aligned_array_delete(Element* array);
 
-/// `size` elements of zero bytes, touched first by `workers` workers, on 64 bytes or more.
+/// `size` elements of zero bytes, touched first by `workers` workers. The memory reaches to the end
+/// of the last 64 bytes that it enters.
 /// Errors: std::bad_alloc.
 template <class Element>
 AlignedArray<Element> new_zeroed_array(unsigned long long size, int workers);

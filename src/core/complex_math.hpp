@@ -40,6 +40,16 @@ inline std::complex<T> cmul(std::complex<T> a, std::complex<T> b) {
     return {re, im};
 }
 
+/// Amplitudes as the interleaved parts that serial kernels work on.
+template <class T>
+T* parts(std::complex<T>* amplitudes) {
+    return reinterpret_cast<T*>(amplitudes);
+}
+template <class T>
+const T* parts(const std::complex<T>* amplitudes) {
+    return reinterpret_cast<const T*>(amplitudes);
+}
+
 /// The squared magnitude: infinite when a part is, else re*re fused onto im*im.
 template <class T>
 inline T squared_magnitude(std::complex<T> a) {

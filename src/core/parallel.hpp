@@ -8,6 +8,7 @@
 #include <algorithm>
 #include <exception>
 #include <pblinalg/threads.hpp>
+#include <vector>
 
 #include "core/bits.hpp"
 
@@ -25,12 +26,12 @@ struct Block {
     Index begin;
     Index end;
 
-    Block(Index count, Index id, Index team) {
-        const Index granules = (count + block_granule - 1) / block_granule;
+    Block(Index count, Index id, Index team, Index granule = block_granule) {
+        const Index granules = (count + granule - 1) / granule;
         const Index share = granules / team;
         const Index longer = granules % team;
-        begin = std::min(count, (id * share + std::min(id, longer)) * block_granule);
-        end = std::min(count, begin + (share + (id < longer ? 1 : 0)) * block_granule);
+        begin = std::min(count, (id * share + std::min(id, longer)) * granule);
+        end = std::min(count, begin + (share + (id < longer ? 1 : 0)) * granule);
     }
 };
 
@@ -61,9 +62,10 @@ void run_team(int workers, const Work& work) {
 
 /// Calls `work(begin, end)` on blocks that together cover [0, count), one per worker of the team.
 template <class Work>
-void for_each_block_of_team(Index count, int workers, const Work& work) {
+void for_each_block_of_team(Index count, int workers, const Work& work,
+                            Index granule = block_granule) {
     run_team(workers, [&](int id, int team) {
-        const Block block(count, static_cast<Index>(id), static_cast<Index>(team));
+        const Block block(count, static_cast<Index>(id), static_cast<Index>(team), granule);
         if (block.begin < block.end) work(block.begin, block.end);
     });
 }
@@ -71,10 +73,30 @@ void for_each_block_of_team(Index count, int workers, const Work& work) {
 /// Calls `work(begin, end)` on blocks that together cover [0, count), one per worker of a region of
 /// `get_num_threads(requested)`. Jobs that touch few `amplitudes` run on the caller alone.
 template <class Work>
-void for_each_block(Index count, Index amplitudes, int requested, const Work& work) {
+void for_each_block(Index count, Index amplitudes, int requested, const Work& work,
+                    Index granule = block_granule) {
     if (count == 0) return;
     if (amplitudes < min_parallel_amplitudes) return work(Index{0}, count);
-    for_each_block_of_team(count, get_num_threads(requested), work);
+    for_each_block_of_team(count, get_num_threads(requested), work, granule);
+}
+
+/// The sum of `work(begin, end)` over the blocks of `for_each_block`, in the order of the blocks.
+template <class T, class Work>
+T sum_over_blocks(Index count, Index amplitudes, int requested, const Work& work) {
+    if (count == 0) return T(0);
+    if (amplitudes < min_parallel_amplitudes) return work(Index{0}, count);
+    const int workers = get_num_threads(requested);
+    if (workers == 1) return work(Index{0}, count);
+    std::vector<T> sums(static_cast<std::size_t>(workers > 0 ? workers : omp_get_max_threads()));
+    run_team(workers, [&](int id, int team) {
+        const Block block(count, static_cast<Index>(id), static_cast<Index>(team));
+        if (block.begin < block.end)
+            sums[static_cast<std::size_t>(id)] = work(block.begin, block.end);
+    });
+    T total = 0;
+    for (const T& sum : sums)
+        total += sum;
+    return total;
 }
 
 }  // namespace pblinalg::cpu

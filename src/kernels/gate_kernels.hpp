@@ -11,16 +11,6 @@
 
 namespace pblinalg::cpu {
 
-/// Amplitudes as the interleaved parts that serial kernels work on.
-template <class T>
-T* parts(std::complex<T>* amplitudes) {
-    return reinterpret_cast<T*>(amplitudes);
-}
-template <class T>
-const T* parts(const std::complex<T>* amplitudes) {
-    return reinterpret_cast<const T*>(amplitudes);
-}
-
 /// Applies `Gate` to all groups of `walk`.
 template <class Gate, class T>
 void update_all_groups(std::complex<T>* amplitudes, const GateWalk& walk, int nthreads,

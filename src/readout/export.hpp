@@ -8,17 +8,13 @@
 #include <vector>
 
 #include "core/parallel.hpp"
+#include "kernels/blocks/reversal_blocks.hpp"
 #include "readout/views.hpp"
 
 namespace pblinalg::cpu {
 
-/// Elements on a side of the square tile that `_permute_and_copy_vector_fast` moves at once, and
-/// its base-2 logarithm. Rows of 16 make whole cache lines on both sides.
-inline constexpr unsigned int tile_bits = 4;
-inline constexpr Index tile_side = Index{1} << tile_bits;
-
 /// Views of at least this size go tile by tile.
-inline constexpr Index min_tiled_size = tile_side * tile_side;
+inline constexpr Index min_tiled_size = 256;
 
 /// `element`, or zero when its probability does not exceed `threshold_squared`.
 template <sequence S>
@@ -27,29 +23,29 @@ typename S::element_type above(typename S::element_type element,
     return S::probability_of(element) > threshold_squared ? element : typename S::element_type();
 }
 
-/// out[rev(k)] = view[k] for views of at least `min_tiled_size` elements.
-///
-/// With n bits and k = (high 4 bits: row, low n-4 bits: m), the reversed index is
-/// rev(m) * 16 + rev_4(row): the 16 rows of one m lie side by side in the output, and 16
-/// neighbours in m lie side by side in the input.
-template <bool Threshold, class V, sequence_of<V> S>
-void _permute_and_copy_vector_fast(S view, V* out, int num_threads,
-                                   typename S::proba_type threshold_squared) {
-    const unsigned int row_shift = view.nqubits - tile_bits;
-    for_each_block(view.size / min_tiled_size, view.size, num_threads, [=](Index begin, Index end) {
-        V tile[tile_side][tile_side];
-        for (Index b = begin; b < end; ++b) {
-            for (Index k = 0; k < tile_side; ++k) {
-                const Index row = reverse_bits(k, tile_bits) << row_shift;
-                for (Index j = 0; j < tile_side; ++j) {
-                    const V element = view[row + b * tile_side + j];
-                    tile[j][k] = Threshold ? above<S>(element, threshold_squared) : element;
-                }
-            }
-            for (Index j = 0; j < tile_side; ++j) {
-                const Index to = reverse_bits(b * tile_side + j, row_shift) * tile_side;
-                std::copy(tile[j], tile[j] + tile_side, out + to);
-            }
+/// out[rev(k)] = view[k] for views of at least `min_tiled_size` elements, without those that do not
+/// exceed the limit if `Threshold`.
+template <bool Threshold, class T>
+void _permute_and_copy_vector_fast(SVSequence<std::complex<T>> view, std::complex<T>* out,
+                                   const int& num_threads, T threshold_squared) {
+    const ReversalTiles tiles(view.nqubits);
+    const auto copy_tiles = [&](Index begin, Index end) {
+        dispatch([&]<InstructionSet set>() {
+            copy_reversed<set, Threshold>(parts(view.amplitudes), parts(out), tiles, begin, end,
+                                          threshold_squared);
+        });
+    };
+    for_each_block(tiles.count(), view.size, num_threads, copy_tiles, 1);
+}
+
+/// The same for a diagonal, whose elements lie far apart whatever the order.
+template <bool Threshold, class T>
+void _permute_and_copy_vector_fast(DMDiagSequence<T> view, T* out, const int& num_threads,
+                                   T threshold_squared) {
+    for_each_block(view.size, view.size, num_threads, [=](Index begin, Index end) {
+        for (Index k = begin; k < end; ++k) {
+            out[reverse_bits(k, view.nqubits)] =
+                Threshold ? above<DMDiagSequence<T>>(view[k], threshold_squared) : view[k];
         }
     });
 }
@@ -58,7 +54,7 @@ void _permute_and_copy_vector_fast(S view, V* out, int num_threads,
 template <class V, sequence_of<V> S>
 void copy_bit_reversed(S view, V* out, int num_threads) {
     if (view.size >= min_tiled_size) {
-        _permute_and_copy_vector_fast<false>(view, out, num_threads, {});
+        _permute_and_copy_vector_fast<false>(view, out, num_threads, typename S::proba_type());
         return;
     }
     for (Index k = 0; k < view.size; ++k)

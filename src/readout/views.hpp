@@ -18,6 +18,7 @@ template <class T>
 struct SVSequence<std::complex<T>> {
     using element_type = std::complex<T>;
     using proba_type = T;
+    static constexpr bool never_negative = true;  ///< probabilities are at least 0, or NaN
 
     const std::complex<T>* amplitudes;
     unsigned int nqubits;
@@ -32,6 +33,7 @@ template <class T>
 struct DMDiagSequence {
     using element_type = T;
     using proba_type = T;
+    static constexpr bool never_negative = false;
 
     const std::complex<T>* amplitudes;
     unsigned int nqubits;
@@ -63,6 +65,13 @@ SVSequence<std::complex<T>> amplitude_view(const std::complex<T>* amplitudes,
 template <class T>
 DMDiagSequence<T> diagonal_view(const std::complex<T>* amplitudes, unsigned int nqubits) {
     return {amplitudes, nqubits / 2, bit(nqubits / 2)};
+}
+
+/// Calls `body` with the view that the state's density-matrix flag selects.
+template <class State, class Body>
+decltype(auto) with_view(const State& state, const Body& body) {
+    if (state.density_matrix) return body(diagonal_view(state.state.get(), state.nqubits));
+    return body(amplitude_view(state.state.get(), state.nqubits));
 }
 
 }  // namespace pblinalg::cpu

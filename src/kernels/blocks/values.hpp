@@ -54,6 +54,18 @@ struct Scalar {
         to.im[index] = im;
     }
 
+    /// The squared magnitude, with the infinity rule of core/complex_math.hpp.
+    PBLINALG_ALWAYS_INLINE T norm() const {
+        if (__builtin_isinf(re) || __builtin_isinf(im)) return T(__builtin_inf());
+        return fused_multiply_add(re, re, im * im);
+    }
+
+    /// a * b + c with one rounding.
+    PBLINALG_ALWAYS_INLINE static T fused_multiply_add(T a, T b, T c) {
+        if constexpr (sizeof(T) == 4) return __builtin_fmaf(a, b, c);
+        return __builtin_fma(a, b, c);
+    }
+
     PBLINALG_ALWAYS_INLINE friend Scalar operator+(Scalar a, Scalar b) {
         return {a.re + b.re, a.im + b.im};
     }
@@ -62,6 +74,7 @@ struct Scalar {
     }
     PBLINALG_ALWAYS_INLINE friend Scalar operator-(Scalar a) { return {-a.re, -a.im}; }
     PBLINALG_ALWAYS_INLINE friend Scalar scale(Scalar a, T by) { return {a.re * by, a.im * by}; }
+    PBLINALG_ALWAYS_INLINE friend Scalar divide(Scalar a, T by) { return {a.re / by, a.im / by}; }
     PBLINALG_ALWAYS_INLINE friend Scalar times_i(Scalar a) { return {-a.im, a.re}; }
     PBLINALG_ALWAYS_INLINE friend Scalar times_minus_i(Scalar a) { return {a.im, -a.re}; }
     PBLINALG_ALWAYS_INLINE friend Scalar cmul(Scalar f, Scalar a) {
@@ -219,6 +232,14 @@ struct Vector {
     PBLINALG_ALWAYS_INLINE void store(T* to) const { *reinterpret_cast<Aliasing*>(to) = v; }
     PBLINALG_ALWAYS_INLINE void store(Memory to, Index index) const { store(to.parts + 2 * index); }
 
+    /// As `load` and `store` for addresses that are aligned as single parts.
+    PBLINALG_ALWAYS_INLINE static Vector load_unaligned(const T* from) {
+        return {*reinterpret_cast<const Unaligned*>(from)};
+    }
+    PBLINALG_ALWAYS_INLINE void store_unaligned(T* to) const {
+        *reinterpret_cast<Unaligned*>(to) = v;
+    }
+
     PBLINALG_ALWAYS_INLINE ScalarValue lane(int i) const { return {v[2 * i], v[2 * i + 1]}; }
     PBLINALG_ALWAYS_INLINE void set_lane(int i, ScalarValue a) {
         v[2 * i] = a.re;
@@ -231,6 +252,7 @@ struct Vector {
         return a.flip_signs(Register<T, bytes>::sign - Bits{});
     }
     PBLINALG_ALWAYS_INLINE friend Vector scale(Vector a, T by) { return {a.v * by}; }
+    PBLINALG_ALWAYS_INLINE friend Vector divide(Vector a, T by) { return {a.v / by}; }
     PBLINALG_ALWAYS_INLINE friend Vector times_i(Vector a) {
         return a.swap_parts().flip_signs(sign_of_parts(0, Iota()));
     }
@@ -257,6 +279,25 @@ struct Vector {
         return {pick([](int e) { return e ^ 1; }, Iota())};
     }
 
+    /// The squared magnitudes re*re + round(im*im), summed with one rounding, of the amplitudes of
+    /// `low` and then of `high`. An infinite part next to a NaN shows as NaN here; the caller
+    /// checks and redoes such vectors with `squared_magnitude`.
+    PBLINALG_ALWAYS_INLINE static Vector plain_norms(Vector low, Vector high) {
+        const Elements re = take_parts<0>(low, high, Iota());
+        const Elements im = take_parts<1>(low, high, Iota());
+        return {fused_multiply_add(re, re, im * im)};
+    }
+
+    /// As `plain_norms` for the amplitudes of one vector, each norm in both parts of its lane.
+    PBLINALG_ALWAYS_INLINE static Vector plain_norm_pairs(Vector a) {
+        const Vector squares{a.v * a.v};
+        const Vector sums{fused_multiply_add(a.v, a.v, squares.swap_parts().v)};
+        return {sums.pick([](int e) { return e & ~1; }, Iota())};
+    }
+
+    /// All bits set in the elements that are greater than `limit`.
+    PBLINALG_ALWAYS_INLINE static Bits exceeds(Vector a, T limit) { return a.v > limit; }
+
     /// Exchanges lane bit `lane_bit` with the bit that tells two vectors apart: afterwards `low`
     /// holds all amplitudes with that lane bit 0, `high` those with 1. Its own inverse.
     PBLINALG_ALWAYS_INLINE static void transpose(Vector& low, Vector& high, unsigned int lane_bit) {
@@ -268,6 +309,13 @@ struct Vector {
         using Lane = typename Register<T, bytes>::Lane;
         const Bits lane_numbers = number_elements<Bits>(Iota()) >> 1;
         return (lane_numbers & static_cast<Lane>(mask)) == static_cast<Lane>(value);
+    }
+
+    /// All bits set in the elements whose number has the bits `value` under `mask`.
+    PBLINALG_ALWAYS_INLINE static Bits elements_where(Index mask, Index value) {
+        using Lane = typename Register<T, bytes>::Lane;
+        return (number_elements<Bits>(Iota()) & static_cast<Lane>(mask)) ==
+               static_cast<Lane>(value);
     }
 
     /// `fresh` where `chosen`, `old` elsewhere.
@@ -282,6 +330,7 @@ struct Vector {
 
   private:
     typedef Elements Aliasing __attribute__((may_alias));
+    typedef Elements Unaligned __attribute__((may_alias, aligned(sizeof(T))));
 
     template <int... E>
     PBLINALG_ALWAYS_INLINE static Elements alternate(T even, T odd,
@@ -297,6 +346,32 @@ struct Vector {
 
     PBLINALG_ALWAYS_INLINE Vector flip_signs(Bits signs) const {
         return {reinterpret_cast<Elements>(reinterpret_cast<Bits>(v) ^ signs)};
+    }
+
+    /// a * b + c with one rounding.
+    PBLINALG_ALWAYS_INLINE static Elements fused_multiply_add(Elements a, Elements b, Elements c) {
+#if defined(__AVX512F__)
+        if constexpr (bytes == 64 && sizeof(T) == 8)
+            return Elements(_mm512_fmadd_pd(__m512d(a), __m512d(b), __m512d(c)));
+        if constexpr (bytes == 64 && sizeof(T) == 4)
+            return Elements(_mm512_fmadd_ps(__m512(a), __m512(b), __m512(c)));
+#endif
+#if defined(__FMA__)
+        if constexpr (bytes == 32 && sizeof(T) == 8)
+            return Elements(_mm256_fmadd_pd(__m256d(a), __m256d(b), __m256d(c)));
+        if constexpr (bytes == 32 && sizeof(T) == 4)
+            return Elements(_mm256_fmadd_ps(__m256(a), __m256(b), __m256(c)));
+#endif
+        for (int e = 0; e < n_elements; ++e)
+            c[e] = Scalar<set, T>::fused_multiply_add(a[e], b[e], c[e]);
+        return c;
+    }
+
+    /// The real (`part` = 0) or imaginary (1) parts of `low`, then those of `high`.
+    template <int part, int... E>
+    PBLINALG_ALWAYS_INLINE static Elements take_parts(Vector low, Vector high,
+                                                      std::integer_sequence<int, E...>) {
+        return __builtin_shufflevector(low.v, high.v, (2 * E + part)...);
     }
 
     /// Element e of the result is element source(e).

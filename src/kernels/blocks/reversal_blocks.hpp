@@ -1,0 +1,34 @@
+// Serial kernel of the dense export: amplitudes copied to the bit-reversed index, tile by tile.
+// The split among workers and the small cases are in readout/export.hpp.
+#pragma once
+
+#include "kernels/instruction_set.hpp"
+#include "kernels/state_iterator.hpp"
+
+namespace pblinalg::cpu {
+
+/// A square tile of 2^side_bits rows and columns. The top bits of an index number its row, the
+/// lowest ones its column and those between them the tile. Reversed, rows and columns trade places:
+/// the rows of one column lie side by side in the output.
+struct ReversalTiles {
+    unsigned int nqubits;
+    unsigned int side_bits;
+
+    /// For at least 8 qubits.
+    explicit ReversalTiles(unsigned int nqubits)
+        : nqubits(nqubits), side_bits(nqubits < 2 * max_side_bits ? nqubits / 2 : max_side_bits) {}
+
+    Index count() const { return bit(nqubits - 2 * side_bits); }
+
+    // 1 KiB runs of double amplitudes on both sides; the tile stays in the second-level cache.
+    static constexpr unsigned int max_side_bits = 6;
+};
+
+/// out[rev(k)] = in[k] for the elements of tiles [begin, end). With `thresholded`, amplitudes whose
+/// squared magnitude is not strictly greater than `limit` arrive as zeros.
+/// @param in, out  interleaved parts of 2^nqubits amplitudes, aligned as std::complex<T>.
+template <InstructionSet set, bool thresholded, class T>
+void copy_reversed(const T* in, T* out, const ReversalTiles& tiles, Index begin, Index end,
+                   T limit);
+
+}  // namespace pblinalg::cpu

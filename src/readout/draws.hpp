@@ -1,0 +1,25 @@
+// Random draws from a state's generator, taken by one thread at a time.
+#pragma once
+
+#include <cstdint>
+
+#include "core/bits.hpp"
+
+namespace pblinalg::cpu {
+
+/// Writes the next `count` outputs of `rng`, in generator order. Draws of all objects in the
+/// process are serialised.
+template <class RNG>
+void take_draws(RNG& rng, std::uint64_t* out, Index count) {
+#pragma omp critical
+    for (Index k = 0; k < count; ++k)
+        out[k] = rng();
+}
+
+/// draw / 2^64 rounded once to nearest: in [0, 1], and 1 itself for the largest draws.
+template <class T>
+T unit_interval(std::uint64_t draw) {
+    return static_cast<T>(draw) * T(0x1p-64);
+}
+
+}  // namespace pblinalg::cpu

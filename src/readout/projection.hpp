@@ -1,0 +1,21 @@
+// The collapse of a bare amplitude array onto one outcome of listed qubits.
+#pragma once
+
+#include <complex>
+
+#include "kernels/state_iterator.hpp"
+
+namespace pblinalg::cpu {
+
+using orb::core::iterator::QubitSpan;
+
+/// Divides the amplitudes that agree with `outcome` by the root of their summed squared magnitudes
+/// and sets all others to 0 divided by it (0, or NaN when the sum is).
+/// @param outcome  its low bits, first listed qubit most significant. A qubit listed twice takes
+///                 the union of its bits; a qubit number counts modulo 64.
+/// Errors: std::domain_error when the sum is exactly 0; the others are then 0.
+template <class T>
+void _project(std::complex<T>* state, unsigned long long size, QubitSpan qubits,
+              unsigned long long outcome, int num_threads);
+
+}  // namespace pblinalg::cpu

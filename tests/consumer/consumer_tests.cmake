@@ -1,0 +1,42 @@
+# The library as its users meet it: installed, found by find_package and by pkg-config, or added as
+# a subproject. The tree is moved after the installation, so that a path left in it shows.
+set(consumer_source ${CMAKE_CURRENT_LIST_DIR})
+set(consumer_build ${CMAKE_CURRENT_BINARY_DIR}/consumer)
+set(prefix ${consumer_build}/moved)
+
+add_test(NAME consumer.Install
+    COMMAND sh -ec "rm -rf '${consumer_build}'
+        '${CMAKE_COMMAND}' --install '${PROJECT_BINARY_DIR}' --prefix '${consumer_build}/installed'
+        mv '${consumer_build}/installed' '${prefix}'")
+set_tests_properties(consumer.Install PROPERTIES FIXTURES_SETUP consumer_prefix)
+
+add_test(NAME consumer.CMakePackage
+    COMMAND ${CMAKE_CTEST_COMMAND}
+        --build-and-test ${consumer_source} ${consumer_build}/cmake
+        --build-generator ${CMAKE_GENERATOR}
+        --build-options
+            -DCMAKE_BUILD_TYPE=${CMAKE_BUILD_TYPE}
+            -DCMAKE_CXX_COMPILER=${CMAKE_CXX_COMPILER}
+            -DCMAKE_CXX_FLAGS=${CMAKE_CXX_FLAGS}
+            -DCMAKE_PREFIX_PATH=${prefix}
+            -DREADME=${PROJECT_SOURCE_DIR}/README.md
+        --test-command ${CMAKE_CTEST_COMMAND} --output-on-failure --no-tests=error)
+
+find_program(PKG_CONFIG pkg-config REQUIRED)
+add_test(NAME consumer.PkgConfig
+    COMMAND sh -ec "export PKG_CONFIG_PATH='${prefix}/${CMAKE_INSTALL_LIBDIR}/pkgconfig'
+        test \"$('${PKG_CONFIG}' --modversion pblinalg)\" = '${PROJECT_VERSION}'
+        '${CMAKE_CXX_COMPILER}' ${CMAKE_CXX_FLAGS} -std=c++20 \
+            '${consumer_source}/every_member.cpp' \
+            $('${PKG_CONFIG}' --cflags --libs pblinalg) -o '${consumer_build}/with_pkg_config'
+        LD_LIBRARY_PATH='${prefix}/${CMAKE_INSTALL_LIBDIR}' '${consumer_build}/with_pkg_config'")
+
+set_tests_properties(consumer.CMakePackage consumer.PkgConfig PROPERTIES
+    FIXTURES_REQUIRED consumer_prefix)
+
+add_test(NAME consumer.Subproject
+    COMMAND ${CMAKE_COMMAND}
+        -S ${consumer_source}/subproject -B ${consumer_build}_subproject
+        -G ${CMAKE_GENERATOR}
+        -DCMAKE_CXX_COMPILER=${CMAKE_CXX_COMPILER}
+        -DPBLINALG_SOURCE=${PROJECT_SOURCE_DIR})

@@ -1,0 +1,37 @@
+# What must hold of the compiled kernels and cannot be seen in their results on one machine.
+# Only optimised builds promise it: without inlining, helpers become symbols of their own.
+find_program(OBJDUMP objdump REQUIRED)
+find_program(NM nm REQUIRED)
+
+# Kinds of kernels that may fuse multiply and add; all others must not.
+set(may_fuse "^pblinalg_(fused)_")
+get_property(blocks GLOBAL PROPERTY PBLINALG_BLOCKS)
+set(exact_blocks ${blocks})
+set(fused_blocks ${blocks})
+list(FILTER exact_blocks EXCLUDE REGEX ${may_fuse})
+list(FILTER fused_blocks INCLUDE REGEX ${may_fuse})
+foreach(list blocks exact_blocks fused_blocks)
+    list(TRANSFORM ${list} REPLACE "(.+)" "$<TARGET_OBJECTS:\\1>")
+endforeach()
+
+function(pblinalg_add_object_code_test name check)
+    add_test(NAME object_code.${name}
+        COMMAND ${CMAKE_CURRENT_FUNCTION_LIST_DIR}/check_objects.sh ${check} ${ARGN}
+        COMMAND_EXPAND_LISTS)
+    set_tests_properties(object_code.${name} PROPERTIES
+        ENVIRONMENT "OBJDUMP=${OBJDUMP};NM=${NM}")
+endfunction()
+
+pblinalg_add_object_code_test(ExactKernelsAreUnfused unfused ${exact_blocks})
+pblinalg_add_object_code_test(KernelsShareNoCode private ${blocks})
+
+# The checks see what they look for: the fused kernels are fused, and ordinary code shares its
+# templates with the rest of the program.
+if(CMAKE_SYSTEM_PROCESSOR MATCHES "x86_64|AMD64|amd64")
+    pblinalg_add_object_code_test(FusedKernelsAreFused unfused ${fused_blocks})
+    set_tests_properties(object_code.FusedKernelsAreFused PROPERTIES
+        PASS_REGULAR_EXPRESSION "fuses: vfmadd")
+endif()
+pblinalg_add_object_code_test(OrdinaryCodeIsShared private $<TARGET_OBJECTS:pblinalg_core>)
+set_tests_properties(object_code.OrdinaryCodeIsShared PROPERTIES
+    PASS_REGULAR_EXPRESSION "shares: [^\n]*std::")

@@ -1,0 +1,201 @@
+// Projection onto outcomes, with and without the return of the measured qubits to 0.
+#include "support/readouts.hpp"
+
+namespace pblinalg::test {
+namespace {
+
+/// Indices that read `outcome` on `qubits`, first listed qubit most significant.
+bool reads(std::size_t index, const Qubits& qubits, std::uint64_t outcome) {
+    for (std::size_t j = 0; j < qubits.size(); ++j) {
+        if ((index >> qubits[j] & 1) != (outcome >> (qubits.size() - 1 - j) & 1)) return false;
+    }
+    return true;
+}
+
+/// What stays after dividing by the root of `sum`.
+template <class T>
+Amplitudes<T> projected(const Amplitudes<T>& before, const Qubits& qubits, std::uint64_t outcome,
+                        T sum) {
+    Amplitudes<T> after(before.size());
+    const T root = std::sqrt(sum);
+    for (std::size_t i = 0; i < before.size(); ++i) {
+        const std::complex<T> kept = reads(i, qubits, outcome) ? before[i] : std::complex<T>();
+        after[i] = {kept.real() / root, kept.imag() / root};
+    }
+    return after;
+}
+
+/// Every qubit that `qubits` lists set to 0.
+template <class T>
+Amplitudes<T> moved_to_zero(const Amplitudes<T>& before, const Qubits& qubits) {
+    Amplitudes<T> after(before.size());
+    for (std::size_t i = 0; i < before.size(); ++i) {
+        std::size_t to = i;
+        for (const unsigned int q : qubits)
+            to &= ~(std::size_t{1} << q);
+        if (before[i] != std::complex<T>()) after[to] = before[i];
+    }
+    return after;
+}
+
+template <class T>
+class Projection : public ::testing::Test {};
+TYPED_TEST_SUITE(Projection, Precisions);
+
+TYPED_TEST(Projection, DividesWhatAgreesByTheRootOfItsProbability) {
+    using T = TypeParam;
+    for_each_instruction_set([] {
+        for (const unsigned int n : {1u, 2u, 3u, 4u, 5u, 6u}) {
+            for (const Qubits& list : every_list(n)) {
+                const std::uint64_t outcome = 0x5A6B % (std::uint64_t{1} << list.size());
+                auto state = random_readout_state<T>(n, false);
+                const Amplitudes<T> before(state->state.get(), state->state.get() + state->size);
+                T sum = 0;
+                for (std::size_t i = 0; i < before.size(); ++i) {
+                    if (reads(i, list, outcome)) sum += std::norm(before[i]);
+                }
+                state->project(list, outcome);
+                const Amplitudes<T> expected = projected(before, list, outcome, sum);
+                for (std::size_t i = 0; i < before.size(); ++i) {
+                    ASSERT_NEAR(std::abs(state->state[i] - expected[i]), 0,
+                                8 * std::numeric_limits<T>::epsilon());
+                    ASSERT_EQ(state->state[i] == std::complex<T>(), !reads(i, list, outcome));
+                }
+                const Amplitudes<T> after(state->state.get(), state->state.get() + state->size);
+                load(*state, before);
+                state->project_then_reset(list, outcome);
+                EXPECT_TRUE(same_bits(*state, moved_to_zero(after, list)));
+            }
+        }
+    });
+}
+
+TYPED_TEST(Projection, DividesExactly) {
+    using T = TypeParam;
+    for_each_instruction_set([] {
+        // Qubit 9 read as 0 keeps all but one amplitude of weight 9 out of a sum that is exact.
+        StateVector<T> state(10);
+        Amplitudes<T> before(1024);
+        std::mt19937_64 random(3);
+        using Limits = std::numeric_limits<T>;
+        const T specials[] = {0, -T(0), Limits::denorm_min(), -Limits::min(), Limits::min() / 5};
+        for (std::size_t i = 1; i < 512; ++i) {
+            const auto part = [&] {
+                if (random() % 8 == 0) return specials[random() % 5];
+                // Too small to change the sum.
+                return std::ldexp(random_part<T>(Filling::ordinary, random),
+                                  -20 - static_cast<int>(random() % 120));
+            };
+            const T re = part();
+            before[i] = {re, part()};
+        }
+        for (const T large : {T(3), T(1.75), T(0.7), T(1) - Limits::epsilon() / 2}) {
+            before[0] = std::ldexp(large, 8);
+            load(state, before);
+            state.project({9}, 0);
+            const T sum = before[0].real() * before[0].real();
+            const T kept = state.state[0].real();
+            // The small ones may change the sum's last bits, and with it the root.
+            T root = std::sqrt(sum);
+            while (before[0].real() / root > kept)
+                root = std::nextafter(root, Limits::infinity());
+            Amplitudes<T> expected(1024);
+            for (std::size_t i = 0; i < 512; ++i)
+                expected[i] = {before[i].real() / root, before[i].imag() / root};
+            EXPECT_TRUE(same_bits(state, expected)) << large;
+        }
+    });
+}
+
+TYPED_TEST(Projection, OfABellPairFollowsTheOutcome) {
+    StateVector<TypeParam> state(2);
+    state.reset();
+    state.apply_H(0);
+    state.apply_CNOT(0, 1);
+    state.project({0}, 1);
+    EXPECT_NEAR(std::abs(state.state[3]), 1, 1e-6);
+    state.project_then_reset({0}, 1);
+    EXPECT_NEAR(std::abs(state.state[2]), 1, 1e-6);
+    EXPECT_EQ(state.state[3], std::complex<TypeParam>());
+}
+
+TYPED_TEST(Projection, IsSplitAmongWorkers) {
+    using T = TypeParam;
+    for (const Qubits& list : {Qubits{}, Qubits{0, 16}, Qubits{1}, Qubits{9, 3, 15}}) {
+        const std::uint64_t outcome = list.empty() ? 0 : 1;
+        auto one = random_readout_state<T>(17, false);
+        auto two = random_readout_state<T>(17, false);
+        two->set_num_threads(2);
+        one->project_then_reset(list, outcome);
+        two->project_then_reset(list, outcome);
+        T total = 0;
+        for (std::size_t i = 0; i < one->size; ++i) {
+            ASSERT_NEAR(std::abs(one->state[i] - two->state[i]), 0, 1e-5) << i;
+            total += std::norm(two->state[i]);
+        }
+        EXPECT_NEAR(total, 1, 1e-3);
+    }
+}
+
+TYPED_TEST(Projection, RefusesAnImpossibleOutcomeAndLeavesZeros) {
+    using T = TypeParam;
+    for (const std::uint64_t outcome : {std::uint64_t{2}, std::uint64_t{0xFF06}}) {
+        StateVector<T> state(3);
+        state.reset();
+        try {
+            state.project_then_reset({2, 0, 1}, outcome);
+            ADD_FAILURE() << "no exception";
+        } catch (const std::domain_error& error) {
+            EXPECT_EQ(error.what(), "Outcome " + std::to_string(outcome) +
+                                        " on qubits (2, 0, 1) has probability zero.");
+        }
+        EXPECT_TRUE(same_bits(state, Amplitudes<T>(8)));
+    }
+    StateVector<T> zeros(2);
+    EXPECT_THROW(zeros.project({}, 0), std::domain_error);
+}
+
+TYPED_TEST(Projection, OfARepeatedQubitDeliberatelyTakesTheUnionOfItsBits) {
+    auto state = random_readout_state<TypeParam>(2, false);
+    state->project({1, 1}, 0b01);
+    EXPECT_EQ(state->state[1], std::complex<TypeParam>());
+    EXPECT_NE(state->state[2], std::complex<TypeParam>());
+}
+
+TYPED_TEST(Projection, ThenResetDeliberatelyTestsTheWholeOutcomeForZero) {
+    using T = TypeParam;
+    auto state = random_readout_state<T>(4, false);
+    state->project_then_reset({1, 3}, 0b100);
+    EXPECT_TRUE(same_bits(*state, Amplitudes<T>(16)));
+    state = random_readout_state<T>(4, false);
+    state->project_then_reset({1, 3}, 0);
+    EXPECT_NE(state->state[0], std::complex<T>());
+}
+
+TYPED_TEST(Projection, DeliberatelyDividesByInfinityAndNaN) {
+    using T = TypeParam;
+    using Limits = std::numeric_limits<T>;
+    for_each_instruction_set([] {
+        for (const T bad : {Limits::infinity(), Limits::quiet_NaN()}) {
+            auto state = random_readout_state<T>(5, false);
+            state->state[6] = {1, bad};
+            const Amplitudes<T> before(state->state.get(), state->state.get() + state->size);
+            state->project({2}, 1);
+            const T sum = std::isnan(bad) ? bad : Limits::infinity();
+            EXPECT_TRUE(same_bits(*state, projected(before, {2}, 1, sum)));
+        }
+    });
+}
+
+TYPED_TEST(Projection, LeavesAmplitudesWhoseSquaresVanish) {
+    using T = TypeParam;
+    StateVector<T> state(2);
+    Amplitudes<T> tiny(4, {std::numeric_limits<T>::min(), 0});
+    load(state, tiny);
+    EXPECT_THROW(state.project({0}, 1), std::domain_error);
+    tiny[0] = tiny[2] = 0;
+    EXPECT_TRUE(same_bits(state, tiny));
+}
+
+}  // namespace
+}  // namespace pblinalg::test
