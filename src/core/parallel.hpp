@@ -71,7 +71,8 @@ void for_each_block_of_team(Index count, int workers, const Work& work,
 }
 
 /// Calls `work(begin, end)` on blocks that together cover [0, count), one per worker of a region of
-/// `get_num_threads(requested)`. Jobs that touch few `amplitudes` run on the caller alone.
+/// `get_num_threads(requested)`. Jobs that touch few `amplitudes` run on the caller alone. A count
+/// of jobs that are large each wants a `granule` of 1.
 template <class Work>
 void for_each_block(Index count, Index amplitudes, int requested, const Work& work,
                     Index granule = block_granule) {

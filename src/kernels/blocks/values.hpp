@@ -279,6 +279,12 @@ struct Vector {
         return {pick([](int e) { return e ^ 1; }, Iota())};
     }
 
+    /// Element e of the result is element e ^ mask.
+    template <int mask>
+    PBLINALG_ALWAYS_INLINE Vector xor_elements() const {
+        return {pick([](int e) { return e ^ mask; }, Iota())};
+    }
+
     /// The squared magnitudes re*re + round(im*im), summed with one rounding, of the amplitudes of
     /// `low` and then of `high`. An infinite part next to a NaN shows as NaN here; the caller
     /// checks and redoes such vectors with `squared_magnitude`.
@@ -309,6 +315,12 @@ struct Vector {
         using Lane = typename Register<T, bytes>::Lane;
         const Bits lane_numbers = number_elements<Bits>(Iota()) >> 1;
         return (lane_numbers & static_cast<Lane>(mask)) == static_cast<Lane>(value);
+    }
+
+    /// All bits set in the lanes whose bit of `lane_set` is 1.
+    PBLINALG_ALWAYS_INLINE static Bits lanes_in(Index lane_set) {
+        const Bits lane_bits = bits_of_lanes(Iota());
+        return ((static_cast<int>(lane_set & (bit(lanes) - 1)) + Bits{}) & lane_bits) == lane_bits;
     }
 
     /// All bits set in the elements whose number has the bits `value` under `mask`.
@@ -342,6 +354,11 @@ struct Vector {
     template <int... E>
     PBLINALG_ALWAYS_INLINE static Bits sign_of_parts(int part, std::integer_sequence<int, E...>) {
         return Bits{((E & 1) == part ? Register<T, bytes>::sign : 0)...};
+    }
+
+    template <int... E>
+    PBLINALG_ALWAYS_INLINE static Bits bits_of_lanes(std::integer_sequence<int, E...>) {
+        return Bits{(1 << (E >> 1))...};
     }
 
     PBLINALG_ALWAYS_INLINE Vector flip_signs(Bits signs) const {

@@ -1,0 +1,116 @@
+// Whole circuits through simulate_circuit, from basis state 0. Resetting the state is not timed.
+#include <benchmark/benchmark.h>
+
+#include <numbers>
+
+#include "shared_state.hpp"
+
+namespace pblinalg::benchmarks {
+namespace {
+
+template <class T>
+using Circuit = PybindLinAlgWCircuit<T>;
+
+/// Layers of rotations about varying axes on all qubits, each followed by CNOTs on neighbours.
+template <class T>
+void add_brickwork(Circuit<T>& circuit, unsigned int layers) {
+    static const char* const axes[] = {"RX", "RY", "RZ"};
+    for (unsigned int layer = 0; layer < layers; ++layer) {
+        for (unsigned int q = 0; q < circuit.nqubits; ++q) {
+            const double angle = 0.1 * (layer + 1) + 0.01 * q;
+            circuit.add_gate(axes[(layer + q) % 3], {static_cast<T>(angle)}, {q});
+        }
+        for (unsigned int q = layer % 2; q + 1 < circuit.nqubits; q += 2)
+            circuit.add_gate("CNOT", {}, {q, q + 1});
+    }
+}
+
+/// The quantum Fourier transform, its controlled phases built from PH and CNOT.
+template <class T>
+void add_fourier_transform(Circuit<T>& circuit, unsigned int) {
+    const unsigned int n = circuit.nqubits;
+    for (unsigned int target = 0; target < n; ++target) {
+        circuit.add_gate("H", {}, {target});
+        for (unsigned int control = target + 1; control < n; ++control) {
+            const T half =
+                std::ldexp(std::numbers::pi_v<T> / 2, -static_cast<int>(control - target));
+            circuit.add_gate("PH", {half}, {control});
+            circuit.add_gate("CNOT", {}, {control, target});
+            circuit.add_gate("PH", {-half}, {target});
+            circuit.add_gate("CNOT", {}, {control, target});
+            circuit.add_gate("PH", {half}, {target});
+        }
+    }
+    for (unsigned int q = 0; q < n / 2; ++q)
+        circuit.add_gate("SWAP", {}, {q, n - 1 - q});
+}
+
+/// Trotter steps of the Ising chain in a transverse field.
+template <class T>
+void add_ising(Circuit<T>& circuit, unsigned int steps) {
+    for (unsigned int step = 0; step < steps; ++step) {
+        for (unsigned int q = 0; q + 1 < circuit.nqubits; ++q) {
+            circuit.add_gate("CNOT", {}, {q, q + 1});
+            circuit.add_gate("RZ", {T(0.2)}, {q + 1});
+            circuit.add_gate("CNOT", {}, {q, q + 1});
+        }
+        for (unsigned int q = 0; q < circuit.nqubits; ++q)
+            circuit.add_gate("RX", {T(0.3)}, {q});
+    }
+}
+
+/// All qubits 0 or all 1.
+template <class T>
+void add_ghz(Circuit<T>& circuit, unsigned int) {
+    circuit.add_gate("H", {}, {0});
+    for (unsigned int q = 0; q + 1 < circuit.nqubits; ++q)
+        circuit.add_gate("CNOT", {}, {q, q + 1});
+}
+
+/// Arguments: qubits, layers, threads.
+template <class T>
+void BM_Circuit(benchmark::State& run, void (*add_gates)(Circuit<T>&, unsigned int)) {
+    State<T>& state = shared_state<T>(run.range(0), run.range(2));
+    Circuit<T> circuit(state.nqubits);
+    add_gates(circuit, static_cast<unsigned int>(run.range(1)));
+    for (auto _ : run) {
+        run.PauseTiming();
+        state.reset();
+        run.ResumeTiming();
+        state.simulate_circuit(circuit);
+    }
+    run.counters["gates"] = static_cast<double>(circuit.gate_names.size());
+}
+
+/// The sizes of one circuit: qubits and layers.
+struct Size {
+    std::int64_t qubits;
+    std::int64_t layers;
+};
+
+template <class T>
+bool register_circuits() {
+    const auto add = [](const std::string& name, void (*add_gates)(Circuit<T>&, unsigned int),
+                        const std::vector<Size>& sizes) {
+        auto* const registered =
+            benchmark::RegisterBenchmark(benchmark_name<T>("BM_Circuit", name).c_str(),
+                                         BM_Circuit<T>, add_gates)
+                ->ArgNames({"qubits", "layers", "threads"})
+                ->Unit(benchmark::kMillisecond)
+                ->UseRealTime();
+        for (const Size& size : sizes) {
+            for (const std::int64_t threads : thread_counts())
+                registered->Args({size.qubits, size.layers, threads});
+        }
+    };
+    add("brickwork", add_brickwork<T>, {{10, 1000}, {16, 200}, {24, 20}, {26, 20}});
+    add("qft", add_fourier_transform<T>, {{24, 1}, {26, 1}});
+    add("ising", add_ising<T>, {{24, 10}, {26, 10}});
+    add("ghz", add_ghz<T>, {{24, 1}, {26, 1}});
+    return true;
+}
+
+[[maybe_unused]] const bool registered = register_circuits<float>() && register_circuits<double>();
+
+}  // namespace
+}  // namespace pblinalg::benchmarks

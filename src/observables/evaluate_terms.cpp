@@ -1,0 +1,229 @@
+// The estimates of terms: rotation, cumulative distribution, shots and their statistics.
+// Marginal probabilities come from readout/distribution.hpp, draws from readout/draws.hpp.
+#include "observables/evaluate_terms.hpp"
+
+#include <algorithm>
+#include <atomic>
+#include <cmath>
+#include <pblinalg/state_vector_cpu.hpp>
+#include <stdexcept>
+
+#include "core/parallel.hpp"
+#include "kernels/gate_kernels.hpp"
+#include "readout/distribution.hpp"
+#include "readout/draws.hpp"
+
+namespace pblinalg::cpu {
+namespace {
+
+template <class T>
+using Estimate = std::pair<std::complex<T>, std::complex<T>>;
+
+constexpr std::size_t max_term_qubits = 61;
+
+/// Shots whose draws are held in memory at once.
+constexpr Index shots_at_once = Index{1} << 18;
+
+template <class T>
+char letter_at(const SimpleTerm<T>& term, std::size_t position) {
+    return position < term.paulis.size() ? term.paulis[position] : 'Z';
+}
+
+/// Drops, from the last "I" to the first, all letters from it on but only the one qubit at it.
+/// Deliberate: a term that goes on after an "I" keeps the qubits of the dropped letters, which
+/// count for the parity without a rotation.
+template <class T>
+void clean(SimpleTerm<T>& term) {
+    for (std::size_t p = term.paulis.size(); p-- > 0;) {
+        if (term.paulis[p] != 'I') continue;
+        term.paulis.erase(p);
+        term.qubits.erase(term.qubits.begin() + static_cast<std::ptrdiff_t>(p));
+    }
+}
+
+/// Calls `action` when its scope is left.
+template <class Action>
+class ScopeEnd {
+  public:
+    explicit ScopeEnd(Action action) : action_(std::move(action)) {}
+    ScopeEnd(const ScopeEnd&) = delete;
+    ScopeEnd& operator=(const ScopeEnd&) = delete;
+    ~ScopeEnd() { action_(); }
+
+  private:
+    Action action_;
+};
+
+/// Finds outcomes in a cumulative distribution: the unit interval is cut into equal slices, and a
+/// draw is sought among the outcomes where its slice begins and ends.
+template <class T>
+class OutcomeFinder {
+  public:
+    OutcomeFinder(const std::vector<T>& cumulative, Index nshots) : cumulative_(cumulative) {
+        Index slices = 1;
+        while (slices < std::min<Index>({cumulative.size(), nshots, max_slices}))
+            slices *= 2;
+        n_slices_ = static_cast<T>(slices);
+        const bool ordered =
+            std::is_sorted(cumulative.begin(), cumulative.end()) && !std::isnan(cumulative.back());
+        if (!ordered || slices == 1) slices = 0;
+        Index outcome = 0;
+        for (Index s = 0; s <= slices && slices > 0; ++s) {
+            const T start = static_cast<T>(s) / n_slices_;
+            while (outcome < cumulative.size() && cumulative[outcome] < start)
+                ++outcome;
+            starts_.push_back(outcome);
+        }
+    }
+
+    /// The first outcome whose cumulative probability is not below `draw`, or their number.
+    Index operator()(T draw) const {
+        const auto begin = cumulative_.begin();
+        auto first = begin;
+        auto last = cumulative_.end();
+        if (!starts_.empty()) {
+            // A draw of 1 belongs to the last slice.
+            const Index slice =
+                std::min(static_cast<Index>(draw * n_slices_), Index{starts_.size() - 2});
+            first = begin + static_cast<std::ptrdiff_t>(starts_[slice]);
+            last = begin + static_cast<std::ptrdiff_t>(starts_[slice + 1]);
+        }
+        return static_cast<Index>(std::lower_bound(first, last, draw) - begin);
+    }
+
+  private:
+    // Few enough for slice boundaries to be exact in single precision.
+    static constexpr Index max_slices = Index{1} << 20;
+
+    const std::vector<T>& cumulative_;
+    T n_slices_;
+    std::vector<Index> starts_;  ///< outcome at which each slice begins; empty: search everything
+};
+
+}  // namespace
+
+template <class T>
+void basis_change(std::complex<T>* amplitudes, const SimpleTerm<T>& term, bool undo,
+                  unsigned int num_qubits, int num_threads) {
+    const auto apply = [&]<class Gate>(Gate, unsigned int qubit) {
+        Template1QBGate<Gate>::apply_controlled(amplitudes, qubit, num_qubits, num_threads, {});
+    };
+    for (std::size_t k = 0; k < term.qubits.size(); ++k) {
+        const char letter = letter_at(term, k);
+        if (letter == 'X') apply(GateH(), term.qubits[k]);
+        if (letter == 'Y' && !undo) apply(GateYtoZ(), term.qubits[k]);
+        if (letter == 'Y' && undo) apply(GateZtoY(), term.qubits[k]);
+    }
+}
+
+template <class T>
+void basis_change_deterministic(std::complex<T>* amplitudes, const SimpleTerm<T>& term, bool undo,
+                                unsigned int num_qubits, int num_threads) {
+    const auto apply = [&]<class Gate>(Gate, unsigned int qubit) {
+        Template2QBGate<Gate>::template apply_controlled<T>(
+            amplitudes, qubit, qubit + num_qubits / 2, num_qubits, num_threads, {});
+    };
+    for (std::size_t k = 0; k < term.qubits.size(); ++k) {
+        const char letter = letter_at(term, k);
+        if (letter == 'X') apply(GateHH(), term.qubits[k]);
+        if (letter == 'Y' && !undo) apply(GateYtoZYtoZConj(), term.qubits[k]);
+        if (letter == 'Y' && undo) apply(GateZtoYZtoYConj(), term.qubits[k]);
+    }
+}
+
+template <class T, class RNG>
+Estimate<T> evaluate_term(const std::vector<T>& buffer, const std::complex<T>& coefficient,
+                          unsigned long long nshots, RNG& rng, int num_threads) {
+    const OutcomeFinder<T> find(buffer, nshots);
+    std::vector<std::uint64_t> draws(std::min<Index>(nshots, shots_at_once));
+    std::atomic<Index> n_odd = 0;
+    for (Index done = 0; done < nshots; done += draws.size()) {
+        const Index count = std::min<Index>(nshots - done, draws.size());
+        take_draws(rng, draws.data(), count);
+        for_each_block(count, count, num_threads, [&](Index begin, Index end) {
+            Index own = 0;
+            for (Index s = begin; s < end; ++s)
+                own += static_cast<Index>(__builtin_parityll(find(unit_interval<T>(draws[s]))));
+            n_odd += own;
+        });
+    }
+    // +1 for an even number of set bits, -1 for an odd one.
+    const auto score = static_cast<long long>(nshots) - 2 * static_cast<long long>(n_odd);
+    const T mean = static_cast<T>(score) / static_cast<T>(nshots);
+    T error = 0;
+    if (nshots >= 2) error = std::sqrt(std::fma(-mean, mean, T(1)) / static_cast<T>(nshots - 1));
+    return {coefficient * mean, coefficient * error};
+}
+
+template <class T, class RNG>
+Estimate<T> evaluate_term(std::complex<T>* amplitudes, std::vector<T>& buffer,
+                          const SimpleTerm<T>& term, unsigned long long nshots, RNG& rng,
+                          unsigned int num_qubits, int num_threads) {
+    buffer.resize(bit(static_cast<unsigned int>(term.qubits.size())));
+    outcome_probabilities(amplitude_view<T>(amplitudes, num_qubits), term.qubits, num_threads,
+                          buffer.data());
+    for (std::size_t v = 1; v < buffer.size(); ++v)
+        buffer[v] = buffer[v - 1] + buffer[v];
+    return evaluate_term(static_cast<const std::vector<T>&>(buffer), term.coefficient, nshots, rng,
+                         num_threads);
+}
+
+template <class T, class RNG>
+std::vector<Estimate<T>> _evaluate_terms(std::complex<T>* amplitudes,
+                                         const std::vector<SimpleTerm<T>>& terms,
+                                         unsigned long long nshots, RNG& rng,
+                                         unsigned int num_qubits, int num_threads,
+                                         bool density_matrix) {
+    std::size_t longest = 0;
+    for (const SimpleTerm<T>& term : terms)
+        longest = std::max(longest, term.qubits.size());
+    if (longest > max_term_qubits) throw std::length_error("a term has more than 61 qubits");
+    std::vector<T> buffer;
+    buffer.reserve(bit(static_cast<unsigned int>(longest)));
+
+    std::vector<Estimate<T>> estimates;
+    for (const SimpleTerm<T>& term : terms) {
+        const auto rotate = [&](bool undo) {
+            if (density_matrix) {
+                basis_change_deterministic(amplitudes, term, undo, num_qubits, num_threads);
+            } else {
+                basis_change(amplitudes, term, undo, num_qubits, num_threads);
+            }
+        };
+        // Rotated back also when an allocation fails.
+        const ScopeEnd rotate_back([&] { rotate(true); });
+        rotate(false);
+        estimates.push_back(
+            evaluate_term(amplitudes, buffer, term, nshots, rng, num_qubits, num_threads));
+    }
+    return estimates;
+}
+
+template <class T>
+std::vector<Estimate<T>> PybindLinAlgStateVectorCPU<T>::evaluate_terms(
+    std::vector<SimpleTerm<T>> terms, unsigned long long nshots) {
+    for (SimpleTerm<T>& term : terms)
+        clean(term);
+    return _evaluate_terms(state.get(), terms, nshots, rng, nqubits, num_threads, density_matrix);
+}
+
+#define PBLINALG_INSTANTIATE(T)                                                                    \
+    template void basis_change<T>(std::complex<T>*, const SimpleTerm<T>&, bool, unsigned int,      \
+                                  int);                                                            \
+    template void basis_change_deterministic<T>(std::complex<T>*, const SimpleTerm<T>&, bool,      \
+                                                unsigned int, int);                                \
+    template Estimate<T> evaluate_term<T, std::mt19937_64>(                                        \
+        const std::vector<T>&, const std::complex<T>&, unsigned long long, std::mt19937_64&, int); \
+    template Estimate<T> evaluate_term<T, std::mt19937_64>(                                        \
+        std::complex<T>*, std::vector<T>&, const SimpleTerm<T>&, unsigned long long,               \
+        std::mt19937_64&, unsigned int, int);                                                      \
+    template std::vector<Estimate<T>> _evaluate_terms<T, std::mt19937_64>(                         \
+        std::complex<T>*, const std::vector<SimpleTerm<T>>&, unsigned long long, std::mt19937_64&, \
+        unsigned int, int, bool);                                                                  \
+    template std::vector<Estimate<T>> PybindLinAlgStateVectorCPU<T>::evaluate_terms(               \
+        std::vector<SimpleTerm<T>>, unsigned long long);
+PBLINALG_INSTANTIATE(float)
+PBLINALG_INSTANTIATE(double)
+#undef PBLINALG_INSTANTIATE
+
+}  // namespace pblinalg::cpu

@@ -1,0 +1,257 @@
+// The grouping of terms into batches, the walk of a batch over tiles of the state, and the fold of
+// the workers' sums. The products are summed in kernels/blocks/pauli_blocks.cpp.
+#include "observables/pauli_sums.hpp"
+
+#include <algorithm>
+#include <map>
+#include <utility>
+
+#include "core/parallel.hpp"
+#include "kernels/blocks/pauli_blocks.hpp"
+#include "kernels/gate_kernels.hpp"
+
+namespace pblinalg::cpu {
+namespace {
+
+/// Two blocks and the products between them lie in the first-level cache.
+template <class T>
+constexpr unsigned int max_block_bits = sizeof(T) == sizeof(double) ? 9 : 10;
+
+/// Blocks of a tile, which is read from memory once for all masks of a batch; a tile lies in the
+/// second-level cache.
+constexpr unsigned int max_tile_bits = 6;
+
+/// Terms that sum the same part of the same products.
+struct Group {
+    Index flip;
+    bool imaginary;
+    std::vector<Index> sign_masks;
+    std::vector<Index> terms;  ///< their positions in the observable
+};
+
+/// Groups whose flip masks, above the bits of a block, lie in the span of at most `max_tile_bits`
+/// masks. Blocks that differ by that span form a tile; the groups need nothing outside of it.
+class Batch {
+  public:
+    std::vector<const Group*> groups;
+
+    /// Takes `group` unless the span would grow too large. `high_flip` is its mask of block
+    /// numbers.
+    bool add(const Group* group, Index high_flip) {
+        for (const Index vector : span_) {
+            if (high_flip & pivot(vector)) high_flip ^= vector;
+        }
+        if (high_flip != 0) {
+            if (span_.size() == max_tile_bits) return false;
+            // Every pivot is kept the only vector with its bit.
+            for (Index& vector : span_) {
+                if (vector & pivot(high_flip)) vector ^= high_flip;
+            }
+            span_.push_back(high_flip);
+            std::sort(span_.begin(), span_.end(),
+                      [](Index a, Index b) { return pivot(a) < pivot(b); });
+        }
+        groups.push_back(group);
+        return true;
+    }
+
+    /// Block numbers of the tile relative to its first: entry j has bit b of j at pivot b.
+    std::vector<Index> tile() const {
+        std::vector<Index> numbers = {0};
+        for (const Index vector : span_) {
+            const std::size_t filled = numbers.size();
+            for (std::size_t j = 0; j < filled; ++j)
+                numbers.push_back(numbers[j] ^ vector);
+        }
+        return numbers;
+    }
+
+    /// The bits by which the blocks of a tile are told apart.
+    Index pivots() const {
+        Index mask = 0;
+        for (const Index vector : span_)
+            mask |= pivot(vector);
+        return mask;
+    }
+
+  private:
+    static Index pivot(Index vector) { return lowest_bit(vector); }
+
+    std::vector<Index> span_;  ///< reduced, by increasing pivot
+};
+
+template <class T>
+std::vector<Group> group_terms(const WObservable<T>& observable) {
+    std::map<std::pair<Index, bool>, Group> groups;
+    for (Index t = 0; t < observable.flip_masks.size(); ++t) {
+        const Index flip = observable.flip_masks[t];
+        const bool imaginary = observable.phase_powers[t] % 2 != 0;
+        Group& group = groups[{flip, imaginary}];
+        group.flip = flip;
+        group.imaginary = imaginary;
+        group.sign_masks.push_back(observable.sign_masks[t]);
+        group.terms.push_back(t);
+    }
+    std::vector<Group> list;
+    for (auto& [key, group] : groups)
+        list.push_back(std::move(group));
+    return list;
+}
+
+std::vector<Batch> batch_groups(const std::vector<Group>& groups, unsigned int block_bits) {
+    std::vector<const Group*> waiting;
+    for (const Group& group : groups)
+        waiting.push_back(&group);
+    std::vector<Batch> batches;
+    while (!waiting.empty()) {
+        Batch& batch = batches.emplace_back();
+        std::erase_if(waiting, [&](const Group* group) {
+            return batch.add(group, group->flip >> block_bits);
+        });
+    }
+    return batches;
+}
+
+/// Partial sums of the groups of one batch, aligned for the widest vectors.
+template <class T>
+struct alignas(64) TermSums {
+    T parts[sums_per_term<T>] = {};
+};
+
+template <class T>
+struct alignas(64) Scratch {
+    T parts[2 << max_block_bits<T>];
+};
+
+/// What one worker adds up: its share of the tiles of every batch.
+template <class T>
+class Worker {
+  public:
+    Worker(const T* state, unsigned int block_bits, Index n_values)
+        : state_(state), block_bits_(block_bits), values_(n_values), scratch_(1) {}
+
+    /// Adds the tiles [begin, end) of `batch`.
+    void add(const Batch& batch, Index tile_begin, Index tile_end, Index free_mask) {
+        std::size_t n_sums = 0;
+        for (const Group* group : batch.groups)
+            n_sums += group->terms.size();
+        sums_.assign(n_sums, TermSums<T>());
+
+        const std::vector<Index> tile = batch.tile();
+        const Index pivots = batch.pivots();
+        Index first = deposit_bits(tile_begin, free_mask);
+        for (Index i = tile_begin; i < tile_end; ++i) {
+            add_tile(batch, tile, pivots, first);
+            first = next_subset(first, free_mask);
+        }
+        fold(batch);
+    }
+
+    const std::vector<T>& values() const { return values_; }
+
+  private:
+    void add_tile(const Batch& batch, const std::vector<Index>& tile, Index pivots, Index first) {
+        TermSums<T>* sums = sums_.data();
+        for (const Group* group : batch.groups) {
+            const Index partner = extract_bits(group->flip >> block_bits_, pivots);
+            // Blocks j and j ^ partner give the same products but for a sign that is known: one
+            // of the two is enough.
+            const Index skipped = lowest_bit(partner);
+            for (Index j = 0; j < tile.size(); ++j) {
+                if (j & skipped) continue;
+                add_blocks(*group, first ^ tile[j], first ^ tile[j ^ partner], sums->parts);
+            }
+            sums += group->terms.size();
+        }
+    }
+
+    void add_blocks(const Group& group, Index left, Index right, T* sums) {
+        const BlockPair<T> blocks{block(left), block(right), block_bits_, left,
+                                  group.flip & low_mask(block_bits_)};
+        dispatch([&]<InstructionSet set>() {
+            add_signed_products<set, T>(blocks, group.imaginary, group.sign_masks.data(),
+                                        group.terms.size(), sums, scratch_[0].parts);
+        });
+    }
+
+    const T* block(Index number) const { return state_ + 2 * (number << block_bits_); }
+
+    void fold(const Batch& batch) {
+        const TermSums<T>* sums = sums_.data();
+        for (const Group* group : batch.groups) {
+            for (std::size_t k = 0; k < group->terms.size(); ++k, ++sums) {
+                const T sum = dispatch([&]<InstructionSet set>() {
+                    return fold_signed_sums<set, T>(sums->parts, group->sign_masks[k],
+                                                    group->imaginary);
+                });
+                values_[group->terms[k]] += whole_sum(*group, group->sign_masks[k], sum);
+            }
+        }
+    }
+
+    /// The sum over all indices, given that over one of each pair of blocks.
+    T whole_sum(const Group& group, Index sign_mask, T sum) const {
+        if (group.flip >> block_bits_ == 0) return sum;
+        const bool halves_add = (count_bits(group.flip & sign_mask) % 2 != 0) == group.imaginary;
+        return halves_add ? sum + sum : sum - sum;
+    }
+
+    const T* state_;
+    unsigned int block_bits_;
+    std::vector<T> values_;
+    std::vector<TermSums<T>> sums_;
+    std::vector<Scratch<T>> scratch_;
+};
+
+/// The real part of value * i^power, given the part of the value that counts.
+template <class T>
+T with_phase(T value, unsigned int power) {
+    return power % 4 == 1 || power % 4 == 2 ? -value : value;
+}
+
+}  // namespace
+
+template <class T>
+std::vector<T> pauli_sums(const std::complex<T>* amplitudes, const WObservable<T>& observable,
+                          unsigned long long size, int num_threads) {
+    static_assert(min_pauli_sums_size == bit(min_pauli_block_bits));
+    const unsigned int size_bits = count_bits(size - 1);
+    const unsigned int block_bits = std::min(size_bits, max_block_bits<T>);
+    const Index n_terms = observable.flip_masks.size();
+
+    const std::vector<Group> groups = group_terms(observable);
+    const std::vector<Batch> batches = batch_groups(groups, block_bits);
+
+    std::map<int, std::vector<T>> values_of_workers;
+    const auto work = [&](int id, int team) {
+        Worker<T> worker(parts(amplitudes), block_bits, n_terms);
+        for (const Batch& batch : batches) {
+            const Index free_mask = low_mask(size_bits - block_bits) & ~batch.pivots();
+            const Block tiles(bit(count_bits(free_mask)), static_cast<Index>(id),
+                              static_cast<Index>(team), 1);
+            worker.add(batch, tiles.begin, tiles.end, free_mask);
+        }
+#pragma omp critical(pblinalg_pauli_sums)
+        values_of_workers[id] = worker.values();
+    };
+    const bool small = size * groups.size() < min_parallel_amplitudes;
+    run_team(small ? 1 : get_num_threads(num_threads), work);
+
+    // Added in the order of the workers, so that a result repeats from run to run.
+    std::vector<T> values(n_terms);
+    for (const auto& [id, own] : values_of_workers) {
+        for (Index t = 0; t < n_terms; ++t)
+            values[t] += own[t];
+    }
+    for (Index t = 0; t < n_terms; ++t)
+        values[t] = with_phase(values[t], observable.phase_powers[t]);
+    return values;
+}
+
+template std::vector<float> pauli_sums<float>(const std::complex<float>*, const WObservable<float>&,
+                                              unsigned long long, int);
+template std::vector<double> pauli_sums<double>(const std::complex<double>*,
+                                                const WObservable<double>&, unsigned long long,
+                                                int);
+
+}  // namespace pblinalg::cpu
