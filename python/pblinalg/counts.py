@@ -44,6 +44,8 @@ class Counts(dict):
 
     def histogram(self, width: int = 40, rows: int = 32) -> str:
         """A table with bars, one outcome a line, at most `rows` of them (the most common)."""
+        if not 1 <= width <= 1000:
+            raise ValueError(f"width = {width}: expected between 1 and 1000")
         shown = dict(self.most_common(rows))
         if not shown:
             return "no shots"

@@ -4,10 +4,10 @@
 #include <nanobind/stl/string.h>
 #include <nanobind/stl/vector.h>
 #include <omp.h>
-#include <pblinalg/version.hpp>
 #include <pthread.h>
 #include <unistd.h>
 
+#include <pblinalg/version.hpp>
 #include <thread>
 
 #include "bound_state.hpp"
