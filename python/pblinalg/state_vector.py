@@ -289,7 +289,7 @@ class StateVector(Readout, GateMethods):
 
         Ctrl-C, and an exception from `progress`, stop between pieces of the circuit: the state then
         holds the effect of exactly the gates and measurements up to there, and `core.gates_applied`
-        has grown by the number of those gates. Registers of the lower level are untouched by it.
+        has grown by the number of those gates.
         """
         if not isinstance(circuit, Circuit):
             raise TypeError(f"circuit must be a Circuit, got {circuit!r}")

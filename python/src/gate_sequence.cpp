@@ -39,10 +39,10 @@ bool fits_record(const GateSequence::Gate& gate) {
     }
 }
 
-/// Gates between two looks at pending signals: about a second's work at most on large registers,
-/// and long enough for the library to gather gates into one pass over memory.
+/// Gates between two looks at pending signals: about half a second's work, and enough of them for
+/// the library to gather many into one pass over memory.
 std::size_t gates_per_piece(unsigned int nqubits) {
-    return std::max<std::size_t>(16, (std::size_t{1} << 30) >> nqubits);
+    return std::max<std::size_t>(16, (std::size_t{1} << 32) >> nqubits);
 }
 
 /// Single gates are followed by a look at pending signals when this time has passed.
@@ -149,9 +149,13 @@ const GateSequence::Pieces<T>& GateSequence::pieces() {
         if (!joins) {
             pieces.push_back({i, 0, std::make_unique<PybindLinAlgWCircuit<T>>(nqubits)});
         }
-        std::vector<T> angles;
-        if (has_angle(gate)) angles.push_back(static_cast<T>(angle(gate)));
-        pieces.back().record->add_gate(name_of(gate.kind), angles, targets(gate));
+        // Built in place: `add_gate` would copy each list twice.
+        PybindLinAlgWCircuit<T>& record = *pieces.back().record;
+        const unsigned int* const first = qubits_.data() + gate.first_qubit;
+        record.gate_names.emplace_back(name_of(gate.kind));
+        record.gate_qubits.emplace_back(first, first + gate.targets);
+        record.gate_params.emplace_back();
+        if (has_angle(gate)) record.gate_params.back().push_back(static_cast<T>(angle(gate)));
         ++pieces.back().count;
     }
     return pieces;
