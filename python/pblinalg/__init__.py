@@ -7,7 +7,7 @@
 `pblinalg.lowlevel` holds the classes of the C++ library as they are.
 """
 
-from ._core import __version__
+from ._core import version as __version__
 from .circuit import Circuit, Conditional, Measure, Reset
 from .counts import Counts
 from .density_matrix import DensityMatrix

@@ -5,9 +5,14 @@ from __future__ import annotations
 from collections.abc import Iterator, Sequence
 from contextlib import contextmanager
 from dataclasses import dataclass, field
+from typing import TYPE_CHECKING
 
 from ._core import GateSequence
+from .counts import Counts
 from .gates import GateMethods, apply_gate, as_qubits, inverse
+
+if TYPE_CHECKING:
+    from typing_extensions import Self
 
 
 @dataclass(frozen=True)
@@ -88,12 +93,12 @@ class Circuit(GateMethods):
         return all(isinstance(step, GateSequence) for step in self._steps)
 
     @property
-    def _gates(self) -> GateSequence:
+    def _gates(self) -> GateSequence:  # type: ignore[override]
         if not self._open or not isinstance(self._open[-1], GateSequence):
             self._open.append(GateSequence(self._num_qubits))
         return self._open[-1]
 
-    def measure(self, qubit: int | Sequence[int], clbit: int | Sequence[int] | None = None):
+    def measure(self, qubit: int | Sequence[int], clbit: int | Sequence[int] | None = None) -> Self:
         """Reads a qubit into a classical bit, by default the one of the same number. With two
         lists, reads each qubit into the bit at the same place."""
         qubits = as_qubits(qubit)
@@ -111,11 +116,11 @@ class Circuit(GateMethods):
         self._open.extend(steps)
         return self
 
-    def measure_all(self):
+    def measure_all(self) -> Self:
         """Reads every qubit into the classical bit of the same number."""
         return self.measure(range(self._num_qubits))
 
-    def reset(self, qubit: int | Sequence[int]):
+    def reset(self, qubit: int | Sequence[int]) -> Self:
         """Returns qubits to |0>."""
         self._open.extend(
             [Reset(_index(q, "qubit", self._num_qubits - 1)) for q in as_qubits(qubit)]
@@ -123,7 +128,7 @@ class Circuit(GateMethods):
         return self
 
     @contextmanager
-    def if_(self, clbits: int | Sequence[int], value: int = 1):
+    def if_(self, clbits: int | Sequence[int], value: int = 1) -> Iterator[Self]:
         """Makes the steps of a `with` block depend on classical bits, the first listed one most
         significant: `with circuit.if_(0): circuit.x(1)`."""
         bits = tuple(_index(c, "clbit", self._num_clbits - 1) for c in as_qubits(clbits))
@@ -136,7 +141,7 @@ class Circuit(GateMethods):
         finally:
             self._open = outer
 
-    def compose(self, other: "Circuit"):
+    def compose(self, other: "Circuit") -> Self:
         """Appends all steps of another circuit of at most as many qubits and classical bits."""
         if not isinstance(other, Circuit):
             raise TypeError(f"other must be a Circuit, got {other!r}")
@@ -184,7 +189,7 @@ class Circuit(GateMethods):
         """The number of gates, those of conditions included."""
         return _count_gates(self._steps)
 
-    def run(self, shots: int = 1024, **options):
+    def run(self, shots: int = 1024, **options) -> Counts:
         """`pblinalg.run` on this circuit: counts of what its measurements read."""
         from .running import run
 

@@ -3,6 +3,7 @@
 from __future__ import annotations
 
 from collections.abc import Iterable, Sequence
+from typing import TYPE_CHECKING, Any
 
 import numpy as np
 from numpy.typing import ArrayLike, NDArray
@@ -13,6 +14,9 @@ from .gates import GateMethods, apply_gate, as_qubits, conjugate
 from .progress import Progress, reporter
 from .state_vector import Readout
 
+if TYPE_CHECKING:
+    from typing_extensions import Self
+
 
 class _BothSides:
     """Takes the gates of m qubits and applies them to the rows and, conjugated, to the columns of
@@ -20,7 +24,7 @@ class _BothSides:
 
     __slots__ = ("_core", "_m")
 
-    def __init__(self, core) -> None:
+    def __init__(self, core: Any) -> None:
         self._core = core
         self._m = core.nqubits // 2
 
@@ -32,7 +36,7 @@ class _BothSides:
 
         return apply
 
-    def doubled(self, gates) -> _core.GateSequence:
+    def doubled(self, gates: _core.GateSequence) -> _core.GateSequence:
         m = self._m
         result = _core.GateSequence(2 * m)
         for i in range(len(gates)):
@@ -71,12 +75,12 @@ class DensityMatrix(Readout, GateMethods):
         """The number of qubits."""
         return self._core.nqubits // 2
 
-    def reset(self):
+    def reset(self) -> Self:
         """Returns to |0...0><0...0|."""
         self._core.reset()
         return self
 
-    def set_matrix(self, matrix: ArrayLike):
+    def set_matrix(self, matrix: ArrayLike) -> Self:
         """Loads a 2^n x 2^n matrix, qubit 0 being the most significant bit of its indices."""
         size = 1 << self.num_qubits
         array = np.asarray(matrix, dtype=complex)
@@ -92,7 +96,7 @@ class DensityMatrix(Readout, GateMethods):
         size = 1 << self.num_qubits
         return self._core.get_permuted_density_matrix().reshape(size, size)
 
-    def run(self, circuit: Circuit, progress: Progress = None):
+    def run(self, circuit: Circuit, progress: Progress = None) -> Self:
         """Applies the gates of a circuit without measurements, resets and conditions."""
         if not isinstance(circuit, Circuit) or not circuit.is_unitary:
             raise ValueError("a density matrix runs circuits that hold gates only")
@@ -126,24 +130,24 @@ class DensityMatrix(Readout, GateMethods):
         self._core.apply_nqbit_ctrl_gate([], listed + columns, both)
         return self
 
-    def depolarize(self, probability: float, qubit: int):
+    def depolarize(self, probability: float, qubit: int) -> Self:
         """With the given probability replaces a qubit by the fully mixed state."""
         p = _probability(probability)
         paulis = [np.eye(2), [[0, 1], [1, 0]], [[0, -1j], [1j, 0]], [[1, 0], [0, -1]]]
         weights = [1 - 0.75 * p, p / 4, p / 4, p / 4]
         return self.channel([np.sqrt(w) * np.asarray(m) for w, m in zip(weights, paulis)], qubit)
 
-    def bit_flip(self, probability: float, qubit: int):
+    def bit_flip(self, probability: float, qubit: int) -> Self:
         """Applies X with the given probability."""
         p = _probability(probability)
         return self.channel([np.sqrt(1 - p) * np.eye(2), np.sqrt(p) * np.eye(2)[::-1]], qubit)
 
-    def phase_flip(self, probability: float, qubit: int):
+    def phase_flip(self, probability: float, qubit: int) -> Self:
         """Applies Z with the given probability."""
         p = _probability(probability)
         return self.channel([np.sqrt(1 - p) * np.eye(2), np.sqrt(p) * np.diag([1, -1])], qubit)
 
-    def amplitude_damping(self, probability: float, qubit: int):
+    def amplitude_damping(self, probability: float, qubit: int) -> Self:
         """Lets |1> decay to |0> with the given probability."""
         p = _probability(probability)
         return self.channel([np.diag([1, np.sqrt(1 - p)]), [[0, np.sqrt(p)], [0, 0]]], qubit)

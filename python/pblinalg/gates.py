@@ -9,9 +9,13 @@ from __future__ import annotations
 import cmath
 import math
 from collections.abc import Iterable, Sequence
+from typing import TYPE_CHECKING, Any
 
 import numpy as np
 from numpy.typing import ArrayLike
+
+if TYPE_CHECKING:
+    from typing_extensions import Self
 
 SDG = np.diag([1, -1j])
 TDG = np.diag([1, cmath.exp(-0.25j * math.pi)])
@@ -49,7 +53,9 @@ def check_unitary(matrix: ArrayLike, tolerance: float = 1e-6) -> None:
         )
 
 
-def apply_gate(target, name: str, qubits: Sequence[int], controls: Sequence[int], value) -> None:
+def apply_gate(
+    target: Any, name: str, qubits: Sequence[int], controls: Sequence[int], value: Any
+) -> None:
     """Hands a recorded gate to a state of the lower level or to a gate sequence."""
     if name == "phase_oracle":
         target.apply_phase_oracle(value, qubits)
@@ -64,7 +70,7 @@ def apply_gate(target, name: str, qubits: Sequence[int], controls: Sequence[int]
 
 
 def apply_matrix(
-    target, matrix: ArrayLike, qubits: Sequence[int], controls: Sequence[int] | None
+    target: Any, matrix: ArrayLike, qubits: Sequence[int], controls: Sequence[int] | None
 ) -> None:
     if len(qubits) == 1:
         if controls:
@@ -84,7 +90,7 @@ def apply_matrix(
 _MATRICES = {"S": SDG.conj(), "T": TDG.conj(), "Y": Y, "ISWAP": ISWAP, "SQRTSWAP": SQRTSWAP}
 
 
-def inverse(name: str, qubits: list[int], controls: list[int], value):
+def inverse(name: str, qubits: list[int], controls: list[int], value: Any) -> tuple:
     """The recorded gate that undoes a recorded gate; a matrix is taken to be unitary."""
     if name in ("PH", "RX", "RY", "RZ"):
         return name, qubits, controls, -value
@@ -97,7 +103,7 @@ def inverse(name: str, qubits: list[int], controls: list[int], value):
     return name, qubits, controls, value
 
 
-def conjugate(name: str, qubits: list[int], controls: list[int], value):
+def conjugate(name: str, qubits: list[int], controls: list[int], value: Any) -> tuple:
     """The recorded gate whose matrix is the complex conjugate."""
     if name in ("PH", "RX", "RZ"):
         return name, qubits, controls, -value
@@ -130,72 +136,79 @@ class GateMethods:
 
     __slots__ = ()
 
-    def h(self, qubit: int, controls: Sequence[int] | None = None):
+    if TYPE_CHECKING:
+        #: What takes the gates: a state of the lower level or a gate sequence.
+        _gates: Any
+
+        @property
+        def num_qubits(self) -> int: ...
+
+    def h(self, qubit: int, controls: Sequence[int] | None = None) -> Self:
         """Hadamard: [[1, 1], [1, -1]] / sqrt(2)."""
         self._gates.apply_H(qubit, controls)
         return self
 
-    def x(self, qubit: int, controls: Sequence[int] | None = None):
+    def x(self, qubit: int, controls: Sequence[int] | None = None) -> Self:
         """Pauli X: exchanges |0> and |1>."""
         self._gates.apply_X(qubit, controls)
         return self
 
-    def y(self, qubit: int, controls: Sequence[int] | None = None):
+    def y(self, qubit: int, controls: Sequence[int] | None = None) -> Self:
         """Pauli Y: [[0, -i], [i, 0]]."""
         self._gates.apply_Y(qubit, controls)
         return self
 
-    def z(self, qubit: int, controls: Sequence[int] | None = None):
+    def z(self, qubit: int, controls: Sequence[int] | None = None) -> Self:
         """Pauli Z: diag(1, -1)."""
         self._gates.apply_Z(qubit, controls)
         return self
 
-    def s(self, qubit: int, controls: Sequence[int] | None = None):
+    def s(self, qubit: int, controls: Sequence[int] | None = None) -> Self:
         """diag(1, i)."""
         self._gates.apply_S(qubit, controls)
         return self
 
-    def sdg(self, qubit: int, controls: Sequence[int] | None = None):
+    def sdg(self, qubit: int, controls: Sequence[int] | None = None) -> Self:
         """diag(1, -i), the inverse of S."""
         apply_matrix(self._gates, SDG, (qubit,), controls)
         return self
 
-    def t(self, qubit: int, controls: Sequence[int] | None = None):
+    def t(self, qubit: int, controls: Sequence[int] | None = None) -> Self:
         """diag(1, e^(i pi/4))."""
         self._gates.apply_T(qubit, controls)
         return self
 
-    def tdg(self, qubit: int, controls: Sequence[int] | None = None):
+    def tdg(self, qubit: int, controls: Sequence[int] | None = None) -> Self:
         """diag(1, e^(-i pi/4)), the inverse of T."""
         apply_matrix(self._gates, TDG, (qubit,), controls)
         return self
 
-    def sx(self, qubit: int, controls: Sequence[int] | None = None):
+    def sx(self, qubit: int, controls: Sequence[int] | None = None) -> Self:
         """The square root of X: [[1+i, 1-i], [1-i, 1+i]] / 2."""
         apply_matrix(self._gates, SX, (qubit,), controls)
         return self
 
-    def sxdg(self, qubit: int, controls: Sequence[int] | None = None):
+    def sxdg(self, qubit: int, controls: Sequence[int] | None = None) -> Self:
         """The inverse of the square root of X."""
         apply_matrix(self._gates, SX.conj(), (qubit,), controls)
         return self
 
-    def p(self, theta: float, qubit: int, controls: Sequence[int] | None = None):
+    def p(self, theta: float, qubit: int, controls: Sequence[int] | None = None) -> Self:
         """Phase: diag(1, e^(i theta))."""
         self._gates.apply_PH(qubit, theta, controls)
         return self
 
-    def rx(self, theta: float, qubit: int, controls: Sequence[int] | None = None):
+    def rx(self, theta: float, qubit: int, controls: Sequence[int] | None = None) -> Self:
         """exp(-i theta X / 2)."""
         self._gates.apply_RX(qubit, theta, controls)
         return self
 
-    def ry(self, theta: float, qubit: int, controls: Sequence[int] | None = None):
+    def ry(self, theta: float, qubit: int, controls: Sequence[int] | None = None) -> Self:
         """exp(-i theta Y / 2)."""
         self._gates.apply_RY(qubit, theta, controls)
         return self
 
-    def rz(self, theta: float, qubit: int, controls: Sequence[int] | None = None):
+    def rz(self, theta: float, qubit: int, controls: Sequence[int] | None = None) -> Self:
         """exp(-i theta Z / 2)."""
         self._gates.apply_RZ(qubit, theta, controls)
         return self
@@ -213,67 +226,67 @@ class GateMethods:
         apply_matrix(self._gates, u_matrix(theta, phi, lam), (qubit,), controls)
         return self
 
-    def cx(self, control: int, target: int):
+    def cx(self, control: int, target: int) -> Self:
         """Controlled X (CNOT)."""
         self._gates.apply_CNOT(control, target)
         return self
 
-    def cy(self, control: int, target: int):
+    def cy(self, control: int, target: int) -> Self:
         """Controlled Y."""
         self._gates.apply_Y(target, (control,))
         return self
 
-    def cz(self, control: int, target: int):
+    def cz(self, control: int, target: int) -> Self:
         """Controlled Z; the two qubits play the same part."""
         self._gates.apply_CSIGN(control, target)
         return self
 
-    def ch(self, control: int, target: int):
+    def ch(self, control: int, target: int) -> Self:
         """Controlled Hadamard."""
         self._gates.apply_H(target, (control,))
         return self
 
-    def cp(self, theta: float, control: int, target: int):
+    def cp(self, theta: float, control: int, target: int) -> Self:
         """Controlled phase: e^(i theta) where both qubits are 1."""
         self._gates.apply_PH(target, theta, (control,))
         return self
 
-    def crx(self, theta: float, control: int, target: int):
+    def crx(self, theta: float, control: int, target: int) -> Self:
         """Controlled exp(-i theta X / 2)."""
         self._gates.apply_RX(target, theta, (control,))
         return self
 
-    def cry(self, theta: float, control: int, target: int):
+    def cry(self, theta: float, control: int, target: int) -> Self:
         """Controlled exp(-i theta Y / 2)."""
         self._gates.apply_RY(target, theta, (control,))
         return self
 
-    def crz(self, theta: float, control: int, target: int):
+    def crz(self, theta: float, control: int, target: int) -> Self:
         """Controlled exp(-i theta Z / 2)."""
         self._gates.apply_RZ(target, theta, (control,))
         return self
 
-    def ccx(self, control1: int, control2: int, target: int):
+    def ccx(self, control1: int, control2: int, target: int) -> Self:
         """Doubly controlled X (Toffoli)."""
         self._gates.apply_CCNOT(control1, control2, target)
         return self
 
-    def swap(self, qubit1: int, qubit2: int):
+    def swap(self, qubit1: int, qubit2: int) -> Self:
         """Exchanges two qubits."""
         self._gates.apply_SWAP(qubit1, qubit2)
         return self
 
-    def cswap(self, control: int, qubit1: int, qubit2: int):
+    def cswap(self, control: int, qubit1: int, qubit2: int) -> Self:
         """Exchanges two qubits where the control is 1 (Fredkin)."""
         self._gates.apply_2qbit_ctrl_gate((control,), qubit1, qubit2, SWAP)
         return self
 
-    def sqrt_swap(self, qubit1: int, qubit2: int):
+    def sqrt_swap(self, qubit1: int, qubit2: int) -> Self:
         """The square root of SWAP."""
         self._gates.apply_SQRTSWAP(qubit1, qubit2)
         return self
 
-    def iswap(self, qubit1: int, qubit2: int):
+    def iswap(self, qubit1: int, qubit2: int) -> Self:
         """Swaps and multiplies the swapped amplitudes by i."""
         self._gates.apply_ISWAP(qubit1, qubit2)
         return self
@@ -292,7 +305,7 @@ class GateMethods:
         apply_matrix(self._gates, matrix, as_qubits(qubits), controls)
         return self
 
-    def phase_oracle(self, marked: Iterable[int], qubits: Sequence[int]):
+    def phase_oracle(self, marked: Iterable[int], qubits: Sequence[int]) -> Self:
         """Negates the amplitudes whose value on `qubits` is one of `marked`; the first listed
         qubit is the most significant bit of the value."""
         listed = self._oracle_qubits(as_qubits(qubits))

@@ -74,6 +74,7 @@ class Observable:
         position = 0
         while position < len(text):
             match = _TERM.match(text, position)
+            assert match  # every part is optional
             sign, number, letters = match.groups()
             if not letters or (terms and sign is None):
                 raise ValueError(f"observable {text!r}: expected a term at {text[position:]!r}")

@@ -4,6 +4,7 @@ here its instructions become gates of the library."""
 from __future__ import annotations
 
 import cmath
+import math
 from pathlib import Path
 
 import numpy as np
@@ -115,7 +116,8 @@ def _lower_operation(operation, circuit: Circuit, qubits: list[int], clbits: lis
     elif name in _METHODS:
         getattr(circuit, _METHODS[name])(*map(float, operation.params), *qubits)
     elif name == "u2":
-        circuit.u(1.5707963267948966, *map(float, operation.params), *qubits)
+        phi, lam = map(float, operation.params)
+        circuit.u(math.pi / 2, phi, lam, qubits[0])
     elif operation.definition is not None:
         inner = operation.definition
         places = dict(zip(inner.qubits, qubits))

@@ -3,6 +3,7 @@
 from __future__ import annotations
 
 from collections.abc import Iterable, Sequence
+from typing import TYPE_CHECKING, Any
 
 import numpy as np
 from numpy.typing import ArrayLike, NDArray
@@ -13,6 +14,9 @@ from .counts import Counts
 from .gates import GateMethods, as_qubits
 from .observable import Observable
 from .progress import Progress, reporter
+
+if TYPE_CHECKING:
+    from typing_extensions import Self
 
 _STATES = {
     "float": _core.PybindLinAlgStateVectorCPUFloat,
@@ -29,11 +33,17 @@ class Readout:
 
     __slots__ = ("_core",)
 
+    if TYPE_CHECKING:
+        _core: Any
+
+        @property
+        def num_qubits(self) -> int: ...
+
     def _allocate(self, nqubits, precision: str, threads: int | None, seed: int | None) -> None:
         kind = _SPELLINGS.get(precision, precision) if isinstance(precision, str) else precision
         if kind not in _STATES:
             raise ValueError(f"precision = {precision!r}: expected 'float' or 'double'")
-        core = _STATES[kind](nqubits)
+        core: Any = _STATES[kind](nqubits)
         core.set_num_threads(_core.hardware_threads() if threads is None else _threads(threads))
         if seed is not None:
             core.rng.seed(seed)
@@ -55,11 +65,11 @@ class Readout:
         self._core.set_num_threads(_threads(threads))
 
     @property
-    def core(self):
+    def core(self) -> Any:
         """The object of the lower level that holds the amplitudes."""
         return self._core
 
-    def seed(self, value: int):
+    def seed(self, value: int) -> Self:
         """Makes all later shots and measurements repeatable."""
         self._core.rng.seed(value)
         return self
@@ -198,7 +208,7 @@ class StateVector(Readout, GateMethods):
 
     # ---- Preparing -------------------------------------------------------------------------------
 
-    def reset(self, qubits: int | Sequence[int] | None = None):
+    def reset(self, qubits: int | Sequence[int] | None = None) -> Self:
         """Returns all qubits to |0>, or measures the listed ones and returns them to |0>."""
         if qubits is None:
             self._core.reset()
@@ -207,7 +217,7 @@ class StateVector(Readout, GateMethods):
                 self._core.project_then_reset([qubit], self._core.measure([qubit]))
         return self
 
-    def set_product(self, description: str):
+    def set_product(self, description: str) -> Self:
         """Sets a product state, one character 0, 1, + or - per qubit, qubit 0 first."""
         if not isinstance(description, str):
             raise TypeError(f"description must be a str, got {description!r}")
@@ -219,7 +229,7 @@ class StateVector(Readout, GateMethods):
         self._core.reset_to_str(description[::-1])
         return self
 
-    def set_amplitudes(self, amplitudes: ArrayLike, check: bool = True):
+    def set_amplitudes(self, amplitudes: ArrayLike, check: bool = True) -> Self:
         """Loads 2^n amplitudes, qubit 0 being the most significant bit of an index. ValueError
         when their norm is not 1, unless `check` is False."""
         if check:
@@ -227,7 +237,7 @@ class StateVector(Readout, GateMethods):
         self._core.reset(amplitudes)
         return self
 
-    def prepare(self, amplitudes: ArrayLike, qubits: Sequence[int], check: bool = True):
+    def prepare(self, amplitudes: ArrayLike, qubits: Sequence[int], check: bool = True) -> Self:
         """Loads 2^m amplitudes on m qubits, the first listed one being the most significant bit of
         an index. For every value of the other qubits the weight that was there is kept."""
         listed = as_qubits(qubits)
@@ -245,7 +255,7 @@ class StateVector(Readout, GateMethods):
         self._core.apply_state_preparation(values, listed)
         return self
 
-    def load_words(self, words: ArrayLike, address: Sequence[int], data: Sequence[int]):
+    def load_words(self, words: ArrayLike, address: Sequence[int], data: Sequence[int]) -> Self:
         """QRAM with binary words: |a>|0> becomes |a>|words[a]>. In both registers the first listed
         qubit is the most significant bit. The data register must be |0>."""
         table = np.asarray(words)
@@ -254,7 +264,9 @@ class StateVector(Readout, GateMethods):
         self._core.apply_binary_qram(table, [*address][::-1] + [*data][::-1], len(data))
         return self
 
-    def load_amplitudes(self, table: ArrayLike, address: Sequence[int], data: Sequence[int]):
+    def load_amplitudes(
+        self, table: ArrayLike, address: Sequence[int], data: Sequence[int]
+    ) -> Self:
         """QRAM with real amplitudes: |a>|0> becomes |a> times row a of the table, normalised, on
         the data register. In both registers the first listed qubit is the most significant bit."""
         if np.iscomplexobj(table) and np.any(np.imag(table)):
@@ -262,7 +274,7 @@ class StateVector(Readout, GateMethods):
         self._core.apply_qram(table, [*address][::-1] + [*data][::-1], len(data))
         return self
 
-    def resize(self, num_qubits: int):
+    def resize(self, num_qubits: int) -> Self:
         """Changes the number of qubits and returns to |0...0>. BufferError while arrays from
         `amplitudes` are alive."""
         if num_qubits != self.num_qubits:
@@ -284,7 +296,7 @@ class StateVector(Readout, GateMethods):
 
     # ---- Running ---------------------------------------------------------------------------------
 
-    def run(self, circuit: Circuit, progress: Progress = None):
+    def run(self, circuit: Circuit, progress: Progress = None) -> Self:
         """Applies a circuit once, measurements and all, to the state as it is.
 
         Ctrl-C, and an exception from `progress`, stop between pieces of the circuit: the state then
@@ -302,7 +314,7 @@ class StateVector(Readout, GateMethods):
             self._run_steps(circuit.steps, report, 0)
         return self
 
-    def _run_steps(self, steps: Sequence, report, done: int) -> int:
+    def _run_steps(self, steps: Sequence, report: Any, done: int) -> int:
         for step in steps:
             if isinstance(step, _core.GateSequence):
                 step.apply(self._core, report and (lambda count, base=done: report(base + count)))
@@ -341,7 +353,7 @@ class StateVector(Readout, GateMethods):
         self._core.project(listed, outcome)
         return format(outcome, f"0{len(listed)}b")
 
-    def project(self, outcome: str | int, qubits: Sequence[int] | None = None):
+    def project(self, outcome: str | int, qubits: Sequence[int] | None = None) -> Self:
         """Collapses qubits onto a chosen outcome. ValueError when its probability is 0."""
         listed = list(range(self.num_qubits)) if qubits is None else as_qubits(qubits)
         self._core.project(listed, _outcome(outcome, len(listed)))
