@@ -29,10 +29,15 @@ template <bool Threshold, class T>
 void _permute_and_copy_vector_fast(SVSequence<std::complex<T>> view, std::complex<T>* out,
                                    const int& num_threads, T threshold_squared) {
     const ReversalTiles tiles(view.nqubits);
+    struct alignas(64) Line {
+        T parts[64 / sizeof(T)];
+    };
     const auto copy_tiles = [&](Index begin, Index end) {
+        const std::unique_ptr<Line[]> tile(
+            new Line[tiles.scratch_size() * sizeof(std::complex<T>) / sizeof(Line)]);
         dispatch([&]<InstructionSet set>() {
             copy_reversed<set, Threshold>(parts(view.amplitudes), parts(out), tiles, begin, end,
-                                          threshold_squared);
+                                          threshold_squared, tile[0].parts);
         });
     };
     for_each_block(tiles.count(), view.size, num_threads, copy_tiles, 1);

@@ -3,8 +3,9 @@
 find_program(OBJDUMP objdump REQUIRED)
 find_program(NM nm REQUIRED)
 
-# Kinds of kernels that may fuse multiply and add; all others must not.
-set(may_fuse "^pblinalg_(fused)_")
+# Kinds of kernels with fused multiply-adds: dense matrices, and those that take squared magnitudes,
+# which are defined as fused. Gates must have none.
+set(may_fuse "^pblinalg_(fused|loading|norm|pauli|reversal)_")
 get_property(blocks GLOBAL PROPERTY PBLINALG_BLOCKS)
 set(exact_blocks ${blocks})
 set(fused_blocks ${blocks})

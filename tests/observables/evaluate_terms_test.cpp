@@ -141,17 +141,42 @@ TYPED_TEST(EvaluateTerms, NoShotsGiveNaN) {
     EXPECT_EQ(estimate.second, std::complex<TypeParam>());
 }
 
+/// Makes `draw` the next output of the generator: undoes its last step, which scrambles a word of
+/// the state, and puts the result in front.
+void set_next_draw(std::mt19937_64& generator, std::uint64_t draw) {
+    draw ^= draw >> 43;
+    draw ^= draw << 37 & 0xFFF7EEE000000000;
+    std::uint64_t word = draw;
+    for (int k = 0; k < 4; ++k)
+        word = draw ^ (word << 17 & 0x71D67FFFEDA60000);
+    draw = word;
+    for (int k = 0; k < 3; ++k)
+        word = draw ^ (word >> 29 & 0x5555555555555555);
+    std::stringstream text;
+    for (int k = 0; k < 312; ++k)
+        text << word << ' ';
+    text << 0;
+    text >> generator;
+}
+
 TYPED_TEST(EvaluateTerms, DeliberatelyADrawOfZeroSelectsTheFirstOutcome) {
     using T = TypeParam;
     StateVector<T> state(3);
     state.reset();
     state.apply_X(1);
-    std::string zeros;
-    for (int word = 0; word <= 312; ++word)
-        zeros += "0 ";
-    std::istringstream(zeros) >> state.rng;
-    ASSERT_EQ(std::mt19937_64(state.rng)(), 0u);
-    EXPECT_EQ(state.evaluate_terms({{{1}, "Z", 1}}, 10)[0].first, std::complex<T>(1));
+    set_next_draw(state.rng, 0);
+    EXPECT_EQ(state.evaluate_terms({{{1}, "Z", 1}}, 1)[0].first, std::complex<T>(1));
+}
+
+TYPED_TEST(EvaluateTerms, ADrawThatRoundsToOneSelectsTheLastPossibleOutcome) {
+    using T = TypeParam;
+    StateVector<T> state(3);
+    state.reset();
+    state.apply_X(0);
+    state.apply_X(1);
+    set_next_draw(state.rng, ~0ull);
+    const SimpleTerm<T> term{{0, 1, 2}, "ZZZ", 1};
+    EXPECT_EQ(state.evaluate_terms({term}, 300)[0].first, std::complex<T>(1));
 }
 
 TYPED_TEST(EvaluateTerms, ADrawAboveTheWholeDistributionScoresMinusOne) {

@@ -51,9 +51,10 @@ void pack_matrix(T* to, const T* matrix, Index rows, unsigned int tile_rows) {
     }
 }
 
-/// fresh = matrix * old for one tile of rows and `steps` steps.
-template <unsigned int tile_rows, int steps, class V, class T>
-PBLINALG_ALWAYS_INLINE void multiply_tile(const T* packed, const V* old, V* fresh, Index rows) {
+/// matrix * old for one tile of rows and `steps` steps: calls `put(r, s, value)` for each result.
+template <unsigned int tile_rows, int steps, class V, class T, class Put>
+PBLINALG_ALWAYS_INLINE void multiply_tile(const T* packed, const V* old, Index rows,
+                                          const Put& put) {
     typename V::Elements sums[tile_rows][steps] = {};
     for (Index c = 0; c < rows; ++c, packed += 2 * tile_rows, old += 2 * steps) {
         for (unsigned int r = 0; r < tile_rows; ++r) {
@@ -65,7 +66,7 @@ PBLINALG_ALWAYS_INLINE void multiply_tile(const T* packed, const V* old, V* fres
     }
     for (unsigned int r = 0; r < tile_rows; ++r) {
         for (int s = 0; s < steps; ++s)
-            fresh[s * rows + r].v = sums[r][s];
+            put(r, s, V{sums[r][s]});
     }
 }
 
@@ -90,6 +91,7 @@ template <class V>
 struct MatrixVectors : VectorWalk<V> {
     const MatrixWalk& walk;
     Index* offsets;
+    Index target_bits = 0;  ///< union of the offsets
 
     MatrixVectors(const MatrixWalk& walk, Index* offsets)
         : VectorWalk<V>(walk.groups), walk(walk), offsets(offsets) {
@@ -97,9 +99,17 @@ struct MatrixVectors : VectorWalk<V> {
         Index filled = 1;
         for (unsigned int p = walk.n_targets; p-- > 0; filled *= 2) {
             const Index target_bit = this->take_target(walk.targets[p]);
+            target_bits |= target_bit;
             for (Index r = 0; r < filled; ++r)
                 offsets[filled + r] = offsets[r] | target_bit;
         }
+    }
+
+    bool is_plain() const {
+        for (unsigned int p = 0; p < walk.n_targets; ++p) {
+            if (this->in_lanes(walk.targets[p])) return false;
+        }
+        return !this->chooses_lanes();
     }
 
     void transpose(V* a) const {
@@ -112,31 +122,46 @@ struct MatrixVectors : VectorWalk<V> {
 };
 
 /// Gathers, multiplies and stores `steps` steps of the walk.
-template <unsigned int tile_rows, int steps, class V, class T>
+/// @tparam plain  no target and no control lies inside a vector: results go straight to the state.
+template <unsigned int tile_rows, int steps, bool plain, class V, class T>
 void multiply_steps(T* state, const MatrixVectors<V>& vectors, const Index* bases, const T* matrix,
                     const Scratch<V, T>& scratch) {
     const Index rows = Index{1} << vectors.walk.n_targets;
-    for (int s = 0; s < steps; ++s) {
-        V* const gathered = scratch.fresh;
+    const auto at = [&](int s, Index r) { return state + 2 * (bases[s] + vectors.offsets[r]); };
+    const auto keep = [&](Index r, int s, V value) {
+        scratch.old[2 * (steps * r + s)] = value;
+        scratch.old[2 * (steps * r + s) + 1] = times_i(value);
+    };
+    if constexpr (plain) {
         for (Index r = 0; r < rows; ++r) {
-            gathered[r] = V::load(state + 2 * (bases[s] + vectors.offsets[r]));
+            for (int s = 0; s < steps; ++s)
+                keep(r, s, V::load(at(s, r)));
         }
-        vectors.transpose(gathered);
-        for (Index r = 0; r < rows; ++r) {
-            scratch.old[2 * (steps * r + s)] = gathered[r];
-            scratch.old[2 * (steps * r + s) + 1] = times_i(gathered[r]);
+    } else {
+        for (int s = 0; s < steps; ++s) {
+            V* const gathered = scratch.fresh;
+            for (Index r = 0; r < rows; ++r)
+                gathered[r] = V::load(at(s, r));
+            vectors.transpose(gathered);
+            for (Index r = 0; r < rows; ++r)
+                keep(r, s, gathered[r]);
         }
     }
+    bool nan = false;
     for (Index tile = 0; tile < rows; tile += tile_rows) {
-        multiply_tile<tile_rows, steps>(scratch.matrix + 2 * tile * rows, scratch.old,
-                                        scratch.fresh + tile, rows);
+        multiply_tile<tile_rows, steps>(scratch.matrix + 2 * tile * rows, scratch.old, rows,
+                                        [&](unsigned int r, int s, V value) {
+                                            nan |= V::holds_nan(value, value);
+                                            if constexpr (plain) value.store(at(s, tile + r));
+                                            if constexpr (!plain)
+                                                scratch.fresh[s * rows + tile + r] = value;
+                                        });
     }
+    if (plain && !nan) [[likely]]
+        return;
     const typename V::Bits chosen = vectors.chosen_lanes();
     for (int s = 0; s < steps; ++s) {
         V* const fresh = scratch.fresh + s * rows;
-        bool nan = false;
-        for (Index r = 0; r < rows; ++r)
-            nan |= V::holds_nan(fresh[r], fresh[r]);
         if (nan) [[unlikely]]
             redo_with_recovery<steps>(matrix, scratch.old + 2 * s, fresh, rows);
         if (vectors.chooses_lanes()) {
@@ -145,26 +170,29 @@ void multiply_steps(T* state, const MatrixVectors<V>& vectors, const Index* base
             }
         }
         vectors.transpose(fresh);
-        for (Index r = 0; r < rows; ++r) {
-            fresh[r].store(state + 2 * (bases[s] + vectors.offsets[r]));
-        }
+        for (Index r = 0; r < rows; ++r)
+            fresh[r].store(at(s, r));
     }
 }
 
-template <unsigned int tile_rows, class V, class T>
+template <unsigned int tile_rows, bool plain, class V, class T>
 void multiply_vectors(T* state, const MatrixVectors<V>& vectors, Index begin, Index end,
                       const T* matrix, const Scratch<V, T>& scratch) {
-    pack_matrix(scratch.matrix, matrix, Index{1} << vectors.walk.n_targets, tile_rows);
     Index bases[steps_at_once];
     int waiting = 0;
+    const Index rows = Index{1} << vectors.walk.n_targets;
+    pack_matrix(scratch.matrix, matrix, rows, tile_rows);
+    LinesAhead<V> ahead(vectors.free_mask, vectors.fixed_bits, vectors.target_bits,
+                        vectors.walk.groups.count * rows, begin);
     walk_groups(vectors.free_mask, vectors.fixed_bits, begin, end, [&](Index base) {
+        ahead.fetch(state, rows);
         bases[waiting++] = base;
         if (waiting < steps_at_once) return;
-        multiply_steps<tile_rows, steps_at_once>(state, vectors, bases, matrix, scratch);
+        multiply_steps<tile_rows, steps_at_once, plain>(state, vectors, bases, matrix, scratch);
         waiting = 0;
     });
     for (int s = 0; s < waiting; ++s) {
-        multiply_steps<tile_rows, 1>(state, vectors, bases + s, matrix, scratch);
+        multiply_steps<tile_rows, 1, plain>(state, vectors, bases + s, matrix, scratch);
     }
 }
 
@@ -205,10 +233,12 @@ void multiply_matrix(T* state, const MatrixWalk& walk, Index begin, Index end, c
     if (!range.empty()) {
         const Index first = range.first_step();
         const Index last = range.last_step();
-        if (walk.n_targets >= 2) {
-            multiply_vectors<max_tile_rows>(state, vectors, first, last, matrix, scratch);
+        if (walk.n_targets == 1) {
+            multiply_vectors<2, false>(state, vectors, first, last, matrix, scratch);
+        } else if (vectors.is_plain()) {
+            multiply_vectors<max_tile_rows, true>(state, vectors, first, last, matrix, scratch);
         } else {
-            multiply_vectors<2>(state, vectors, first, last, matrix, scratch);
+            multiply_vectors<max_tile_rows, false>(state, vectors, first, last, matrix, scratch);
         }
     }
     if (range.end < end) multiply_scalars(state, walk, range.end, end, matrix, memory);

@@ -19,17 +19,27 @@ template <class Gate, class V>
 struct GateVectors : VectorWalk<V> {
     const unsigned int* targets;
     Index offsets[Gate::n_rows];  ///< amplitudes from the base to the vector of local index r
+    Index target_bits = 0;        ///< union of the offsets
+    Index amplitudes;             ///< how many the whole gate touches
     bool has_lane_targets = false;
 
     PBLINALG_ALWAYS_INLINE explicit GateVectors(const GateWalk& walk)
-        : VectorWalk<V>(walk.groups), targets(walk.targets), offsets{} {
+        : VectorWalk<V>(walk.groups),
+          targets(walk.targets),
+          offsets{},
+          amplitudes(walk.groups.count * Gate::n_rows) {
         for (unsigned int p = 0; p < Gate::n_targets; ++p) {
             has_lane_targets |= this->in_lanes(targets[p]);
             const Index target_bit = this->take_target(targets[p]);
+            target_bits |= target_bit;
             for (unsigned int r = 0; r < Gate::n_rows; ++r) {
                 if (r >> (Gate::n_targets - 1 - p) & 1) offsets[r] |= target_bit;
             }
         }
+    }
+
+    PBLINALG_ALWAYS_INLINE LinesAhead<V> lines_ahead(Index begin) const {
+        return {this->free_mask, this->fixed_bits, target_bits, amplitudes, begin};
     }
 
     PBLINALG_ALWAYS_INLINE void transpose_targets(V* a) const {
@@ -109,7 +119,9 @@ void update_vectors_of_shape(typename V::Memory memory, const GateVectors<Gate, 
     Index offsets[Gate::n_rows];
     for (unsigned int r = 0; r < Gate::n_rows; ++r)
         offsets[r] = walk.offsets[r];
+    LinesAhead<V> ahead = walk.lines_ahead(begin);
     walk_groups(walk.free_mask, walk.fixed_bits, begin, end, [&](Index base) {
+        if constexpr (V::beyond_cache && moves(0)) ahead.fetch(memory.parts, Gate::n_rows);
         V old[Gate::n_rows];
         for (unsigned int r = 0; r < Gate::n_rows; ++r) {
             if (moves(r)) old[r] = V::load(memory, base + offsets[r]);
@@ -150,7 +162,9 @@ void multiply_lanes(typename V::Memory memory, const GateVectors<GateDiagonal, V
                                                         typename V::Factor(factors[0], factors[1]));
     const typename V::Bits chosen = walk.chosen_lanes();
     const Index companion = walk.offsets[1];
+    LinesAhead<V> ahead = walk.lines_ahead(begin);
     walk_groups(walk.free_mask, walk.fixed_bits, begin, end, [&](Index base) {
+        if constexpr (V::beyond_cache) ahead.fetch(memory.parts, 2);
         for (const Index index : {base, base + companion}) {
             const V old = V::load(memory, index);
             V fresh = cmul(factor, old);

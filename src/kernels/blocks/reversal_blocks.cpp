@@ -25,20 +25,19 @@ PBLINALG_ALWAYS_INLINE Vector<this_set, T> drop_small(Vector<this_set, T> old, T
 }  // namespace
 
 template <InstructionSet set, bool thresholded, class T>
-void copy_reversed(const T* in, T* out, const ReversalTiles& tiles, Index begin, Index end,
-                   T limit) {
+void copy_reversed(const T* in, T* out, const ReversalTiles& tiles, Index begin, Index end, T limit,
+                   T* tile) {
     using V = Vector<set, T>;
     constexpr Index lanes = V::lanes;
-    constexpr Index max_side = bit(ReversalTiles::max_side_bits);
-    alignas(64) T tile[2 * max_side * max_side];
     const unsigned int side_bits = tiles.side_bits;
     const unsigned int shift = tiles.nqubits - side_bits;
     const Index side = bit(side_bits);
+    const Index row_size = 2 * (side + ReversalTiles::row_padding);
     for (Index t = begin; t < end; ++t) {
         // Rows enter in the order in which they leave.
         for (Index r = 0; r < side; ++r) {
             const T* const from = in + 2 * (reverse_bits(r, side_bits) << shift | t << side_bits);
-            T* const row = tile + 2 * r * side;
+            T* const row = tile + r * row_size;
             for (Index c = 0; c < side; c += lanes) {
                 V values = V::load_unaligned(from + 2 * c);
                 if constexpr (thresholded) values = drop_small(values, limit);
@@ -53,7 +52,7 @@ void copy_reversed(const T* in, T* out, const ReversalTiles& tiles, Index begin,
             for (Index r = 0; r < side; r += lanes) {
                 V block[lanes];
                 for (Index k = 0; k < lanes; ++k)
-                    block[k] = V::load(tile + 2 * ((r + k) * side + c));
+                    block[k] = V::load(tile + (r + k) * row_size + 2 * c);
                 for (unsigned int b = 0; b < V::lane_bits; ++b) {
                     for (Index k = 0; k < lanes; ++k) {
                         if (!(k >> b & 1)) V::transpose(block[k], block[k | bit(b)], b);
@@ -68,9 +67,9 @@ void copy_reversed(const T* in, T* out, const ReversalTiles& tiles, Index begin,
 
 #define PBLINALG_INSTANTIATE(T)                                                                \
     template void copy_reversed<this_set, false, T>(const T*, T*, const ReversalTiles&, Index, \
-                                                    Index, T);                                 \
+                                                    Index, T, T*);                             \
     template void copy_reversed<this_set, true, T>(const T*, T*, const ReversalTiles&, Index,  \
-                                                   Index, T);
+                                                   Index, T, T*);
 PBLINALG_INSTANTIATE(float)
 PBLINALG_INSTANTIATE(double)
 

@@ -14,21 +14,30 @@ struct ReversalTiles {
     unsigned int nqubits;
     unsigned int side_bits;
 
-    /// For at least 8 qubits.
+    /// For at least 8 qubits. Small states keep a few tiles for the workers to share.
     explicit ReversalTiles(unsigned int nqubits)
-        : nqubits(nqubits), side_bits(nqubits < 2 * max_side_bits ? nqubits / 2 : max_side_bits) {}
+        : nqubits(nqubits),
+          side_bits(nqubits < 12   ? 4
+                    : nqubits < 20 ? (nqubits - 4) / 2
+                                   : max_side_bits) {}
 
     Index count() const { return bit(nqubits - 2 * side_bits); }
 
-    // 1 KiB runs of double amplitudes on both sides; the tile stays in the second-level cache.
-    static constexpr unsigned int max_side_bits = 6;
+    /// Amplitudes of scratch for one tile. Its rows are a cache line longer than needed, so that
+    /// those of one column do not compete for the same place in the cache.
+    Index scratch_size() const { return bit(side_bits) * (bit(side_bits) + row_padding); }
+
+    // Runs of 256 amplitudes fill whole pages on both sides; the tile fits a second-level cache.
+    static constexpr unsigned int max_side_bits = 8;
+    static constexpr Index row_padding = 8;
 };
 
 /// out[rev(k)] = in[k] for the elements of tiles [begin, end). With `thresholded`, amplitudes whose
 /// squared magnitude is not strictly greater than `limit` arrive as zeros.
 /// @param in, out  interleaved parts of 2^nqubits amplitudes, aligned as std::complex<T>.
+/// @param tile     scratch for `scratch_size` amplitudes, 64-byte aligned, one for each worker.
 template <InstructionSet set, bool thresholded, class T>
-void copy_reversed(const T* in, T* out, const ReversalTiles& tiles, Index begin, Index end,
-                   T limit);
+void copy_reversed(const T* in, T* out, const ReversalTiles& tiles, Index begin, Index end, T limit,
+                   T* tile);
 
 }  // namespace pblinalg::cpu

@@ -204,6 +204,7 @@ struct Vector {
     static constexpr int lanes = n_elements / 2;
     static constexpr unsigned int lane_bits = log2_of(lanes);
     static constexpr bool recovers_products = true;
+    static constexpr bool beyond_cache = true;
     using Iota = std::make_integer_sequence<int, n_elements>;
 
     Elements v;
@@ -418,6 +419,7 @@ struct Planar {
     static constexpr int lanes = bytes / static_cast<int>(sizeof(T));
     static constexpr unsigned int lane_bits = log2_of(lanes);
     static constexpr bool recovers_products = false;
+    static constexpr bool beyond_cache = false;
     using Iota = std::make_integer_sequence<int, lanes>;
 
     Elements re, im;
