@@ -20,5 +20,5 @@ cp "$build"/python/_core*.so "$package"
 # never frees is not reported. An allocation that is too large must return null to be refused.
 LD_PRELOAD="$(c++ -print-file-name=libasan.so) $(c++ -print-file-name=libubsan.so)" \
     ASAN_OPTIONS=detect_leaks=0:allocator_may_return_null=1 \
-    PYTHONPATH=$build/package PYTHONMALLOC=malloc \
+    PYTHONPATH=$PWD/$build/package PYTHONMALLOC=malloc \
     python3 -m pytest -q -p no:cacheprovider "${@:-python/tests}"
