@@ -24,8 +24,8 @@ struct State : PybindLinAlgStateVectorCPU<T> {
 
 template <class T>
 void count_bytes(benchmark::State& run, unsigned long long amplitudes) {
-    run.SetBytesProcessed(static_cast<std::int64_t>(run.iterations() * amplitudes *
-                                                    sizeof(std::complex<T>)));
+    run.SetBytesProcessed(
+        static_cast<std::int64_t>(run.iterations() * amplitudes * sizeof(std::complex<T>)));
 }
 
 /// Reading every amplitude once: what a probability cannot beat.
@@ -129,20 +129,18 @@ void BM_Project(benchmark::State& run) {
     count_bytes<T>(run, 5 * state.size / 2);
 }
 
-#define PBLINALG_BENCHMARK(name, ...)                                                   \
-    BENCHMARK(name<float>)->__VA_ARGS__->UseRealTime()->Unit(benchmark::kMillisecond);  \
+#define PBLINALG_BENCHMARK(name, ...)                                                  \
+    BENCHMARK(name<float>)->__VA_ARGS__->UseRealTime()->Unit(benchmark::kMillisecond); \
     BENCHMARK(name<double>)->__VA_ARGS__->UseRealTime()->Unit(benchmark::kMillisecond);
 PBLINALG_BENCHMARK(BM_ReadPass, ArgNames({"qubits", "threads"})->ArgsProduct({{24}, {1, 2}}))
 PBLINALG_BENCHMARK(BM_Copy, ArgNames({"qubits", "threads"})->ArgsProduct({{24}, {1, 2}}))
 PBLINALG_BENCHMARK(BM_DenseExport, ArgNames({"qubits", "threads", "threshold"})
                                        ->ArgsProduct({{20, 24}, {1, 2}, {0, 1}}))
-PBLINALG_BENCHMARK(BM_SparseExport,
-                   ArgNames({"qubits", "threads"})->ArgsProduct({{24}, {1, 2}}))
+PBLINALG_BENCHMARK(BM_SparseExport, ArgNames({"qubits", "threads"})->ArgsProduct({{24}, {1, 2}}))
 PBLINALG_BENCHMARK(BM_Sample, ArgNames({"qubits", "threads", "shots"})
                                   ->ArgsProduct({{4, 12, 24}, {1, 2}, {1, 1000, 1000000}}))
-PBLINALG_BENCHMARK(BM_Distribution,
-                   ArgNames({"qubits", "threads", "listed", "spread"})
-                       ->ArgsProduct({{24}, {1, 2}, {1, 2, 3, 4, 10, 20}, {0, 1}}))
+PBLINALG_BENCHMARK(BM_Distribution, ArgNames({"qubits", "threads", "listed", "spread"})
+                                        ->ArgsProduct({{24}, {1, 2}, {1, 2, 3, 4, 10, 20}, {0, 1}}))
 PBLINALG_BENCHMARK(BM_Probability, ArgNames({"qubits", "threads"})->ArgsProduct({{24}, {1, 2}}))
 PBLINALG_BENCHMARK(BM_Project, ArgNames({"qubits", "threads", "qubit"})
                                    ->ArgsProduct({{24}, {1, 2}, {0, 6, 12, 23}}))

@@ -204,32 +204,6 @@ void copy_tile(std::complex<T>* amplitudes, Index base, Index active, std::compl
     }
 }
 
-/// Asks for the lines of a tile ahead of its turn, a share at a time.
-template <class T>
-class TilePrefetch {
-  public:
-    TilePrefetch(const std::complex<T>* amplitudes, Index base, Index active)
-        : next_(amplitudes + base),
-          above_line_(active & ~low_mask(line_bits)),
-          left_(bit(count_bits(above_line_))) {}
-
-    void ask_for(Index lines) {
-        for (lines = std::min(lines, left_), left_ -= lines; lines > 0; --lines) {
-            __builtin_prefetch(next_ + offset_, 1, 2);
-            offset_ = next_subset(offset_, above_line_);
-        }
-    }
-
-  private:
-    /// Amplitudes in a cache line of 64 bytes, as a number of bits.
-    static constexpr unsigned int line_bits = sizeof(T) == 8 ? 2 : 3;
-
-    const std::complex<T>* next_;
-    Index above_line_;
-    Index left_;
-    Index offset_ = 0;
-};
-
 /// One pass over the state, tile by tile.
 template <class T>
 void run_tiles(std::complex<T>* amplitudes, const Pass<T>& pass, Index inactive, int num_threads) {
@@ -244,11 +218,6 @@ void run_tiles(std::complex<T>* amplitudes, const Pass<T>& pass, Index inactive,
     const unsigned int tile_bits = count_bits(pass.active);
     const std::vector<CompiledPass<T>> block_passes = plan_blocks(std::move(local), tile_bits);
     const Index n_tiles = bit(count_bits(inactive));
-    Index n_blocks_in_all = 0;
-    for (const CompiledPass<T>& block_pass : block_passes) {
-        n_blocks_in_all += bit(count_bits(block_pass.inactive));
-    }
-    const Index lines_per_block = bit(tile_bits) * sizeof(std::complex<T>) / 64 / n_blocks_in_all;
     run_team(get_num_threads(num_threads), [&](int id, int team) {
         const auto tile = new_elements<std::complex<T>>(bit(tile_bits));
         const auto scratch = new_elements<T>(block_scratch_elements(block_qubits<T>));
@@ -257,15 +226,10 @@ void run_tiles(std::complex<T>* amplitudes, const Pass<T>& pass, Index inactive,
         for (Index t = n_tiles * id / team; t < n_tiles * (id + 1) / team; ++t) {
             const Index base = deposit_bits(t, inactive);
             copy_tile<true>(amplitudes, base, pass.active, tile.get());
-            // The next tile comes in while this one is worked on.
-            TilePrefetch<T> prefetch(amplitudes, deposit_bits(t + 1, inactive), pass.active);
             for (std::size_t p = 0; p < block_passes.size(); ++p) {
                 const Index n_blocks = bit(count_bits(block_passes[p].inactive));
-                for (Index b = 0; b < n_blocks; ++b) {
-                    run_pass(parts(tile.get()), block_passes[p], base, b, b + 1, scratch.get(),
-                             shortcuts[p]);
-                    prefetch.ask_for(lines_per_block);
-                }
+                run_pass(parts(tile.get()), block_passes[p], base, 0, n_blocks, scratch.get(),
+                         shortcuts[p]);
             }
             copy_tile<false>(amplitudes, base, pass.active, tile.get());
         }

@@ -33,6 +33,11 @@ void copy_reversed(const T* in, T* out, const ReversalTiles& tiles, Index begin,
     const unsigned int shift = tiles.nqubits - side_bits;
     const Index side = bit(side_bits);
     const Index row_size = 2 * (side + ReversalTiles::row_padding);
+    // Off its alignment a vector goes out in pieces that leave lines half written in each of
+    // `lanes` rows; the processor keeps only a few such lines open.
+    const auto out_address = reinterpret_cast<std::uintptr_t>(out);
+    const bool streams = bit(tiles.nqubits) * 2 * sizeof(T) >= ReversalTiles::min_streamed_bytes &&
+                         out_address % (lanes > 4 ? V::bytes : 16) == 0;
     for (Index t = begin; t < end; ++t) {
         // Rows enter in the order in which they leave.
         for (Index r = 0; r < side; ++r) {
@@ -58,11 +63,17 @@ void copy_reversed(const T* in, T* out, const ReversalTiles& tiles, Index begin,
                         if (!(k >> b & 1)) V::transpose(block[k], block[k | bit(b)], b);
                     }
                 }
-                for (Index k = 0; k < lanes; ++k)
-                    block[k].store_unaligned(to[k] + 2 * r);
+                for (Index k = 0; k < lanes; ++k) {
+                    if (streams) {
+                        block[k].store_past_cache(to[k] + 2 * r);
+                    } else {
+                        block[k].store_unaligned(to[k] + 2 * r);
+                    }
+                }
             }
         }
     }
+    if (streams) V::finish_past_cache();
 }
 
 #define PBLINALG_INSTANTIATE(T)                                                                \

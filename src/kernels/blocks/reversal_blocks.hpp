@@ -30,6 +30,9 @@ struct ReversalTiles {
     // Runs of 256 amplitudes fill whole pages on both sides; the tile fits a second-level cache.
     static constexpr unsigned int max_side_bits = 8;
     static constexpr Index row_padding = 8;
+
+    // Outputs of this size are written past the caches, which could not hold them.
+    static constexpr Index min_streamed_bytes = Index{1} << 27;
 };
 
 /// out[rev(k)] = in[k] for the elements of tiles [begin, end). With `thresholded`, amplitudes whose

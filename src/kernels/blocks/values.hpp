@@ -237,23 +237,57 @@ struct Vector {
     PBLINALG_ALWAYS_INLINE static Vector load_unaligned(const T* from) {
         return {*reinterpret_cast<const Unaligned*>(from)};
     }
+    /// Stores to memory, 16-byte aligned, that will not be read soon: its lines are not fetched.
+    PBLINALG_ALWAYS_INLINE void store_past_cache(T* to) const {
+#if defined(__AVX512F__)
+        if (bytes == 64 && reinterpret_cast<std::uintptr_t>(to) % 64 == 0) {
+            return _mm512_stream_si512(reinterpret_cast<__m512i*>(to),
+                                       reinterpret_cast<__m512i>(v));
+        }
+#endif
+#if defined(__SSE2__)
+        __m128i pieces[bytes / 16];
+        std::memcpy(pieces, &v, bytes);
+        for (int i = 0; i < bytes / 16; ++i)
+            _mm_stream_si128(reinterpret_cast<__m128i*>(to) + i, pieces[i]);
+#else
+        store_unaligned(to);
+#endif
+    }
+    /// Makes such stores visible to other workers, before they are told that a result is there.
+    PBLINALG_ALWAYS_INLINE static void finish_past_cache() {
+#if defined(__SSE2__)
+        _mm_sfence();
+#endif
+    }
+
     PBLINALG_ALWAYS_INLINE void store_unaligned(T* to) const {
         *reinterpret_cast<Unaligned*>(to) = v;
     }
 
-    PBLINALG_ALWAYS_INLINE ScalarValue lane(int i) const { return {v[2 * i], v[2 * i + 1]}; }
+    PBLINALG_ALWAYS_INLINE ScalarValue lane(int i) const {
+        return {v[2 * i], v[2 * i + 1]};
+    }
     PBLINALG_ALWAYS_INLINE void set_lane(int i, ScalarValue a) {
         v[2 * i] = a.re;
         v[2 * i + 1] = a.im;
     }
 
-    PBLINALG_ALWAYS_INLINE friend Vector operator+(Vector a, Vector b) { return {a.v + b.v}; }
-    PBLINALG_ALWAYS_INLINE friend Vector operator-(Vector a, Vector b) { return {a.v - b.v}; }
+    PBLINALG_ALWAYS_INLINE friend Vector operator+(Vector a, Vector b) {
+        return {a.v + b.v};
+    }
+    PBLINALG_ALWAYS_INLINE friend Vector operator-(Vector a, Vector b) {
+        return {a.v - b.v};
+    }
     PBLINALG_ALWAYS_INLINE friend Vector operator-(Vector a) {
         return a.flip_signs(Register<T, bytes>::sign - Bits{});
     }
-    PBLINALG_ALWAYS_INLINE friend Vector scale(Vector a, T by) { return {a.v * by}; }
-    PBLINALG_ALWAYS_INLINE friend Vector divide(Vector a, T by) { return {a.v / by}; }
+    PBLINALG_ALWAYS_INLINE friend Vector scale(Vector a, T by) {
+        return {a.v * by};
+    }
+    PBLINALG_ALWAYS_INLINE friend Vector divide(Vector a, T by) {
+        return {a.v / by};
+    }
     PBLINALG_ALWAYS_INLINE friend Vector times_i(Vector a) {
         return a.swap_parts().flip_signs(sign_of_parts(0, Iota()));
     }
@@ -263,7 +297,9 @@ struct Vector {
     PBLINALG_ALWAYS_INLINE friend Vector cmul(const Factor& f, Vector a) {
         return {f.re * a.v + f.signed_im * a.swap_parts().v};
     }
-    PBLINALG_ALWAYS_INLINE friend Vector cmul_real(const Factor& f, Vector a) { return cmul(f, a); }
+    PBLINALG_ALWAYS_INLINE friend Vector cmul_real(const Factor& f, Vector a) {
+        return cmul(f, a);
+    }
     PBLINALG_ALWAYS_INLINE friend Vector cmul_imaginary(const Factor& f, Vector a) {
         return cmul(f, a);
     }
@@ -303,7 +339,9 @@ struct Vector {
     }
 
     /// All bits set in the elements that are greater than `limit`.
-    PBLINALG_ALWAYS_INLINE static Bits exceeds(Vector a, T limit) { return a.v > limit; }
+    PBLINALG_ALWAYS_INLINE static Bits exceeds(Vector a, T limit) {
+        return a.v > limit;
+    }
 
     /// Exchanges lane bit `lane_bit` with the bit that tells two vectors apart: afterwards `low`
     /// holds all amplitudes with that lane bit 0, `high` those with 1. Its own inverse.
