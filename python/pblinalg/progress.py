@@ -1,0 +1,34 @@
+"""Telling a caller how far a long run has come."""
+
+from __future__ import annotations
+
+import sys
+from collections.abc import Callable
+from contextlib import contextmanager
+
+#: What the `progress` argument of long runs takes: a function of (done, total); True or False to
+#: ask for a bar or for none; None for a bar when the terminal is interactive and tqdm is there.
+Progress = Callable[[int, int], object] | bool | None
+
+
+@contextmanager
+def reporter(progress: Progress, total: int, unit: str):
+    """Yields a function of the number done, or None when nobody wants to know."""
+    if progress is False or (progress is None and not sys.stderr.isatty()):
+        yield None
+        return
+    if callable(progress):
+        yield lambda done: progress(done, total)
+        return
+    if progress not in (True, None):
+        raise TypeError(f"progress must be a function, True, False or None, got {progress!r}")
+    try:
+        from tqdm import tqdm
+    except ImportError as error:
+        if progress is None:
+            yield None
+            return
+        raise ImportError("a bar needs tqdm: pip install 'pblinalg[progress]'") from error
+    # Runs that are over in a second get no bar.
+    with tqdm(total=total, unit=unit, delay=0 if progress else 1, leave=bool(progress)) as bar:
+        yield lambda done: bar.update(done - bar.n)

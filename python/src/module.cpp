@@ -1,0 +1,77 @@
+// The extension module: what the machine offers, and how a fork is survived. The classes are bound
+// in records.cpp, state.cpp and sequence.cpp.
+#include <nanobind/nanobind.h>
+#include <nanobind/stl/string.h>
+#include <nanobind/stl/vector.h>
+#include <omp.h>
+#include <pthread.h>
+#include <unistd.h>
+
+#include <pblinalg/version.hpp>
+#include <thread>
+
+#include "bound_state.hpp"
+#include "kernels/instruction_set.hpp"
+#include "parts.hpp"
+
+namespace pblinalg::python {
+
+std::atomic<int> unlocked_calls{0};
+
+namespace {
+
+/// The OpenMP runtime keeps its workers between calls; a forked child inherits the list of them but
+/// not the threads, and would wait for them for ever. So they are sent home before a fork, once
+/// calls in progress on other threads have come out of the library.
+void prepare_fork() {
+    while (unlocked_calls.load() > 0)
+        usleep(100);
+    omp_pause_resource_all(omp_pause_soft);
+}
+
+}  // namespace
+
+void bind_machine(nb::module_& module) {
+    module.def(
+        "get_num_threads",
+        [](nb::handle num_threads) {
+            return get_num_threads(int_argument(num_threads, "num_threads"));
+        },
+        nb::arg("num_threads"), nb::sig("def get_num_threads(num_threads: int) -> int"),
+        "Workers that one parallel region gets for a request of `num_threads`.");
+    module.def(
+        "contains_no_first_qubits",
+        [](nb::handle qubits, nb::handle ctrls) {
+            QubitArguments arguments(64);
+            const auto q = arguments.list(qubits, "qubits");
+            const auto c = arguments.list(ctrls, "ctrls");
+            return cpu::contains_no_first_qubits<std::complex<double>>(q, c);
+        },
+        nb::arg("qubits"), nb::arg("ctrls"),
+        nb::sig("def contains_no_first_qubits(qubits: collections.abc.Sequence[int], "
+                "ctrls: collections.abc.Sequence[int]) -> bool"),
+        "True when no qubit and no control is 0, 1 or 2.");
+    module.def("available_memory", available_memory,
+               "Bytes that this process can still allocate; infinite where that is not known.");
+    module.def(
+        "hardware_threads", [] { return std::max(1u, std::thread::hardware_concurrency()); },
+        "Processors that this machine offers.");
+    module.def(
+        "instruction_set", [] { return cpu::name_of(cpu::active_instruction_set()); },
+        "The vector instructions in use: baseline, avx2 or avx512.");
+    module.attr("version") = PBLINALG_VERSION;
+}
+
+}  // namespace pblinalg::python
+
+NB_MODULE(_core, module) {
+    namespace python = pblinalg::python;
+    module.doc() = "The library's classes in both precisions, every argument checked.";
+    pthread_atfork(python::prepare_fork, nullptr, nullptr);
+    python::bind_machine(module);
+    python::bind_records<float>(module);
+    python::bind_records<double>(module);
+    python::bind_state<float>(module);
+    python::bind_state<double>(module);
+    python::bind_gate_sequence(module);
+}

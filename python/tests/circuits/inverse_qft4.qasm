@@ -1,0 +1,21 @@
+// The inverse transform of a phase ramp: ends in |5>.
+OPENQASM 2.0;
+include "qelib1.inc";
+qreg q[4];
+h q;
+u1(2*pi*5*8/16) q[0];
+u1(2*pi*5*4/16) q[1];
+u1(2*pi*5*2/16) q[2];
+u1(2*pi*5*1/16) q[3];
+swap q[1],q[2];
+swap q[0],q[3];
+h q[3];
+cu1(-pi/2) q[3],q[2];
+h q[2];
+cu1(-pi/4) q[3],q[1];
+cu1(-pi/2) q[2],q[1];
+h q[1];
+cu1(-pi/8) q[3],q[0];
+cu1(-pi/4) q[2],q[0];
+cu1(-pi/2) q[1],q[0];
+h q[0];

@@ -1,0 +1,25 @@
+// Every one-qubit gate of the standard header.
+OPENQASM 2.0;
+include "qelib1.inc";
+qreg q[2];
+h q[0];
+s q[1];
+t q[0];
+x q[1];
+u2(0.3,0.4) q[0];
+sdg q[1];
+y q[0];
+tdg q[1];
+z q[0];
+u1(0.2) q[1];
+sx q[0];
+u3(0.1,0.2,0.3) q[1];
+sxdg q[0];
+rx(0.5) q[1];
+ry(0.6) q[0];
+rz(0.7) q[1];
+p(0.8) q[0];
+u(0.3,0.2,0.1) q[1];
+id q[0];
+U(1,2,3) q[1];
+CX q[0],q[1];

@@ -1,0 +1,61 @@
+"""Examples and documentation run as they stand."""
+
+import contextlib
+import io
+import re
+import subprocess
+import sys
+from pathlib import Path
+
+import pytest
+
+import pblinalg
+from pblinalg import _core
+
+ROOT = Path(__file__).resolve().parents[2]
+EXAMPLES = sorted((ROOT / "examples" / "python").glob("*.py"))
+
+
+@pytest.mark.parametrize("path", EXAMPLES, ids=lambda path: path.stem)
+def test_example_checks_itself(path):
+    result = subprocess.run([sys.executable, path], capture_output=True, text=True, timeout=120)
+    assert result.returncode == 0, result.stderr
+
+
+@pytest.mark.parametrize("name", ["README.md", "docs/python.md", "docs/python-bit-order.md"])
+def test_python_in_documents_runs_and_prints_what_they_show(name):
+    text = (ROOT / name).read_text()
+    blocks = re.findall(r"```python\n(.*?)```(?:\n+```text\n(.*?)```)?", text, flags=re.S)
+    assert blocks
+    for code, shown in blocks:
+        printed = io.StringIO()
+        with contextlib.redirect_stdout(printed):
+            exec(code, {})
+        if shown:
+            assert printed.getvalue() == shown
+
+
+def test_the_reference_is_up_to_date():
+    script = ROOT / "python" / "tools" / "generate_api_reference.py"
+    result = subprocess.run([sys.executable, script, "--check"], capture_output=True, text=True)
+    assert result.returncode == 0, result.stdout + result.stderr
+
+
+def test_the_version_is_that_of_the_build():
+    build = (ROOT / "CMakeLists.txt").read_text()
+    assert f"project(pblinalg VERSION {pblinalg.__version__}" in build
+
+
+def test_everything_public_says_what_it_is():
+    for module in (pblinalg, _core):
+        for name in dir(module):
+            if name.startswith("_"):
+                continue
+            thing = getattr(module, name)
+            assert thing.__doc__, name
+            members = vars(thing).items() if isinstance(thing, type) else ()
+            for member, value in members:
+                callable_ = callable(value) or isinstance(value, property)
+                if not member.startswith("_") and callable_ and "namedtuple" not in str(value):
+                    fields = getattr(thing, "__dataclass_fields__", {})
+                    assert value.__doc__ or member in fields, f"{name}.{member}"

@@ -1,0 +1,121 @@
+"""Writes docs/python-api.md from the docstrings: `generate_api_reference.py [--check]`."""
+
+import inspect
+import re
+import sys
+from pathlib import Path
+
+import pblinalg
+from pblinalg import density_matrix, gates, lowlevel, qasm, state_vector
+
+TARGET = Path(__file__).resolve().parents[2] / "docs" / "python-api.md"
+
+HEAD = """# Python API reference
+
+Generated from the docstrings by `python/tools/generate_api_reference.py`; do not edit.
+[python.md](python.md) is the guide.
+"""
+
+
+def text_of(thing) -> str:
+    blocks = inspect.cleandoc(thing.__doc__ or "").split("\n\n")
+    # Examples become code blocks.
+    return "\n\n".join(re.sub("^", "    ", b, flags=re.M) if b[:3] == ">>>" else b for b in blocks)
+
+
+def signature_of(name: str, member) -> str:
+    text = str(inspect.signature(member))
+    text = re.sub(r"(: |-> )['\"]([^'\"]*)['\"]", r"\1\2", re.sub(r"^\(self(, )?", "(", text))
+    return name + re.sub(r"\bpblinalg\.\w+\.", "", text)
+
+
+def entry(heading: str, text: str) -> list[str]:
+    return [f"**`{heading}`**", "", *([text, ""] if text else [])]
+
+
+def members_of(cls) -> list[str]:
+    """Documented members that the class itself defines, in order of definition."""
+    lines = []
+    for name, member in vars(cls).items():
+        if name.startswith("_") and name != "__iter__":
+            continue
+        if isinstance(member, property):
+            lines += entry(name, text_of(member))
+        elif isinstance(member, classmethod):
+            lines += entry("classmethod " + signature_of(name, getattr(cls, name)), text_of(member))
+        elif inspect.isfunction(member):
+            lines += entry(signature_of(name, member), text_of(member))
+    return lines
+
+
+def class_section(title: str, *classes) -> list[str]:
+    first = classes[0]
+    lines = [f"## {title}", ""]
+    if "__init__" in vars(first) and first is not pblinalg.Counts:
+        lines += [f"`{signature_of(first.__name__, first.__init__).removesuffix(' -> None')}`", ""]
+    lines += [text_of(first), ""]
+    for cls in classes:
+        lines += members_of(cls)
+    return lines
+
+
+def native_signature(signature: str) -> str:
+    return signature.removeprefix("def ").replace("self, ", "").replace("self", "")
+
+
+def native_section(cls) -> list[str]:
+    lines = [f"### {cls.__name__}", "", text_of(cls), ""]
+    for name, member in vars(cls).items():
+        if name.startswith("_") and name not in ("__init__", "__len__", "__call__"):
+            continue
+        if isinstance(member, property):
+            lines += entry(name, text_of(member))
+        elif hasattr(member, "__nb_signature__"):
+            for signature, text, *_ in member.__nb_signature__:
+                lines += entry(native_signature(signature), inspect.cleandoc(text or ""))
+    return lines
+
+
+def reference() -> str:
+    lines = [HEAD]
+    lines += class_section("StateVector", pblinalg.StateVector, state_vector.Readout)
+    lines += ["## Gates", "", text_of(gates.GateMethods), ""]
+    lines += ["`StateVector`, `DensityMatrix` and `Circuit` share these methods.", ""]
+    lines += members_of(gates.GateMethods)
+    lines += class_section("Circuit", pblinalg.Circuit)
+    for step in (pblinalg.Measure, pblinalg.Reset, pblinalg.Conditional):
+        fields = ", ".join(step.__dataclass_fields__)
+        lines += entry(f"{step.__name__}({fields})", text_of(step))
+    lines += ["## Running", "", *entry(signature_of("run", pblinalg.run), text_of(pblinalg.run))]
+    lines += class_section("Counts", pblinalg.Counts)
+    lines += class_section("Observable", pblinalg.Observable)
+    lines += class_section("DensityMatrix", density_matrix.DensityMatrix)
+    lines += ["Reading works as in `StateVector`.", "", "## OpenQASM 2: `pblinalg.qasm`", ""]
+    for function in (qasm.load, qasm.loads):
+        lines += entry(signature_of(function.__name__, function), text_of(function))
+    lines += ["## Lower level: `pblinalg.lowlevel`", "", text_of(lowlevel), ""]
+    lines += ["The classes for float have the same members with complex64 and float32.", ""]
+    for name in lowlevel.__all__:
+        member = getattr(lowlevel, name)
+        if inspect.isclass(member):
+            if not name.endswith("Float"):
+                lines += native_section(member)
+        else:
+            signature, text, *_ = member.__nb_signature__[0]
+            lines += entry(native_signature(signature), text_of(member))
+    return re.sub(r"\n{3,}", "\n\n", "\n".join(lines)).rstrip() + "\n"
+
+
+def main() -> int:
+    text = reference()
+    if sys.argv[1:] == ["--check"]:
+        current = TARGET.read_text() if TARGET.exists() else ""
+        if text != current:
+            print(f"{TARGET} is out of date; run {Path(__file__).name}")
+        return int(text != current)
+    TARGET.write_text(text)
+    return 0
+
+
+if __name__ == "__main__":
+    sys.exit(main())
