@@ -93,12 +93,14 @@ class PBLINALG_EXPORT PybindLinAlgStateVectorCPU : public PybindLinAlgStateVecto
 
     /// Applies the gates of `circuit` in order: H, X, Y, Z, RX, RY, RZ, PH, T, CNOT (control
     /// first) and SWAP.
-    /// Errors: std::invalid_argument for any other name; the gates before it stay applied.
+    /// Errors: std::invalid_argument for any other name; the gates before it stay applied. After
+    /// std::bad_alloc an unknown number of gates is applied.
     void simulate_circuit(PybindLinAlgWCircuit<T>& circuit);
 
     // ---- One-qubit gates -----------------------------------------------------------------------
     // With `ctrls`, only amplitudes whose control bits are all 1 change. A control at or above the
-    // qubit count is ignored but halves the number of visited groups, lowest first.
+    // qubit count is ignored but halves the number of visited groups, lowest first, as long as
+    // targets and controls together do not outnumber the qubits.
 
     void apply_H(unsigned int qubit, OptionalQubits ctrls = std::nullopt);
     void apply_X(unsigned int qubit, OptionalQubits ctrls = std::nullopt);

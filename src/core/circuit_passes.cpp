@@ -4,16 +4,14 @@
 // of the circuit:
 //   - the targets of every gate must be active; diagonal gates and controls need not be, since an
 //     inactive bit has one value throughout a tile;
-//   - gates with arithmetic keep their order, because even on disjoint qubits they do not commute
-//   to
-//     the last bit; permutations overtake whatever they do not touch.
+//   - gates with arithmetic keep their order: even on disjoint qubits they do not commute to the
+//     last bit; permutations overtake whatever they do not touch.
 #include "core/circuit_passes.hpp"
 
 #include <cstring>
-#include <memory>
-#include <new>
 
 #include "core/parallel.hpp"
+#include "core/team_scratch.hpp"
 #include "kernels/gate_kernels.hpp"
 
 namespace pblinalg::cpu {
@@ -153,16 +151,6 @@ std::vector<CompiledPass<T>> plan_blocks(std::vector<Operation<T>> operations,
     return passes;
 }
 
-struct AlignedDelete {
-    void operator()(void* memory) const { ::operator delete (memory, std::align_val_t{64}); }
-};
-
-template <class T>
-std::unique_ptr<T[], AlignedDelete> new_elements(std::size_t n) {
-    return std::unique_ptr<T[], AlignedDelete>(
-        static_cast<T*>(::operator new (n * sizeof(T), std::align_val_t{64})));
-}
-
 template <class T>
 void run_pass(T* array, const CompiledPass<T>& pass, Index outer_base, Index begin, Index end,
               T* scratch, bool& shortcut) {
@@ -176,15 +164,17 @@ template <class T>
 void run_in_cache(std::complex<T>* amplitudes, unsigned int nqubits,
                   std::vector<Operation<T>> operations, int num_threads) {
     const Index size = bit(nqubits);
+    const int workers = size < min_parallel_amplitudes ? 1 : get_num_threads(num_threads);
     for (const CompiledPass<T>& pass : plan_blocks(std::move(operations), nqubits)) {
         const Index n_blocks = bit(count_bits(pass.inactive));
-        const int workers = size < min_parallel_amplitudes ? 1 : get_num_threads(num_threads);
+        const TeamScratch scratch(workers,
+                                  block_scratch_elements(count_bits(pass.active)) * sizeof(T));
         run_team(workers, [&](int id, int team) {
             const Index begin = n_blocks * id / team;
             const Index end = n_blocks * (id + 1) / team;
-            const auto scratch = new_elements<T>(block_scratch_elements(count_bits(pass.active)));
             bool shortcut = true;
-            run_pass(parts(amplitudes), pass, 0, begin, end, scratch.get(), shortcut);
+            run_pass(parts(amplitudes), pass, 0, begin, end, static_cast<T*>(scratch.of(id)),
+                     shortcut);
         });
     }
 }
@@ -218,20 +208,23 @@ void run_tiles(std::complex<T>* amplitudes, const Pass<T>& pass, Index inactive,
     const unsigned int tile_bits = count_bits(pass.active);
     const std::vector<CompiledPass<T>> block_passes = plan_blocks(std::move(local), tile_bits);
     const Index n_tiles = bit(count_bits(inactive));
-    run_team(get_num_threads(num_threads), [&](int id, int team) {
-        const auto tile = new_elements<std::complex<T>>(bit(tile_bits));
-        const auto scratch = new_elements<T>(block_scratch_elements(block_qubits<T>));
-        const auto shortcuts = std::make_unique<bool[]>(block_passes.size());
-        std::fill_n(shortcuts.get(), block_passes.size(), true);
+    const int workers = get_num_threads(num_threads);
+    const TeamScratch tiles(workers, sizeof(std::complex<T>) << tile_bits);
+    const TeamScratch blocks(workers, block_scratch_elements(block_qubits<T>) * sizeof(T));
+    const TeamScratch flags(workers, block_passes.size() * sizeof(bool));
+    run_team(workers, [&](int id, int team) {
+        auto* const tile = static_cast<std::complex<T>*>(tiles.of(id));
+        bool* const shortcuts = static_cast<bool*>(flags.of(id));
+        std::fill_n(shortcuts, block_passes.size(), true);
         for (Index t = n_tiles * id / team; t < n_tiles * (id + 1) / team; ++t) {
             const Index base = deposit_bits(t, inactive);
-            copy_tile<true>(amplitudes, base, pass.active, tile.get());
+            copy_tile<true>(amplitudes, base, pass.active, tile);
             for (std::size_t p = 0; p < block_passes.size(); ++p) {
                 const Index n_blocks = bit(count_bits(block_passes[p].inactive));
-                run_pass(parts(tile.get()), block_passes[p], base, 0, n_blocks, scratch.get(),
-                         shortcuts[p]);
+                run_pass(parts(tile), block_passes[p], base, 0, n_blocks,
+                         static_cast<T*>(blocks.of(id)), shortcuts[p]);
             }
-            copy_tile<false>(amplitudes, base, pass.active, tile.get());
+            copy_tile<false>(amplitudes, base, pass.active, tile);
         }
     });
 }

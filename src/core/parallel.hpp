@@ -81,21 +81,38 @@ void for_each_block(Index count, Index amplitudes, int requested, const Work& wo
     for_each_block_of_team(count, get_num_threads(requested), work, granule);
 }
 
+/// The most workers that `run_team(workers, ...)` can start.
+inline std::size_t team_size(int workers) {
+    return static_cast<std::size_t>(workers > 0 ? workers : omp_get_max_threads());
+}
+
+/// What `work(id, team)` returns on each worker of `run_team`, in the order of the workers, so that
+/// what is made of it repeats from run to run. Workers that were not started leave `Result()`.
+template <class Result, class Work>
+std::vector<Result> results_of_team(int workers, const Work& work) {
+    std::vector<Result> results(team_size(workers));
+    run_team(workers,
+             [&](int id, int team) { results[static_cast<std::size_t>(id)] = work(id, team); });
+    return results;
+}
+
+/// What `work(begin, end)` returns on the blocks of `for_each_block`, in the order of the blocks.
+template <class Result, class Work>
+std::vector<Result> results_of_blocks(Index count, Index amplitudes, int requested,
+                                      const Work& work) {
+    const int workers = amplitudes < min_parallel_amplitudes ? 1 : get_num_threads(requested);
+    return results_of_team<Result>(workers, [&](int id, int team) {
+        const Block block(count, static_cast<Index>(id), static_cast<Index>(team));
+        return block.begin < block.end ? work(block.begin, block.end) : Result();
+    });
+}
+
 /// The sum of `work(begin, end)` over the blocks of `for_each_block`, in the order of the blocks.
 template <class T, class Work>
 T sum_over_blocks(Index count, Index amplitudes, int requested, const Work& work) {
-    if (count == 0) return T(0);
-    if (amplitudes < min_parallel_amplitudes) return work(Index{0}, count);
-    const int workers = get_num_threads(requested);
-    if (workers == 1) return work(Index{0}, count);
-    std::vector<T> sums(static_cast<std::size_t>(workers > 0 ? workers : omp_get_max_threads()));
-    run_team(workers, [&](int id, int team) {
-        const Block block(count, static_cast<Index>(id), static_cast<Index>(team));
-        if (block.begin < block.end)
-            sums[static_cast<std::size_t>(id)] = work(block.begin, block.end);
-    });
+    if (amplitudes < min_parallel_amplitudes) return count == 0 ? T(0) : work(Index{0}, count);
     T total = 0;
-    for (const T& sum : sums)
+    for (const T sum : results_of_blocks<T>(count, amplitudes, requested, work))
         total += sum;
     return total;
 }

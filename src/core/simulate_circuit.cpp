@@ -17,11 +17,14 @@ void PybindLinAlgStateVectorCPU<T>::simulate_circuit(PybindLinAlgWCircuit<T>& ci
     const std::size_t n_gates = circuit.gate_names.size();
     std::vector<Operation<T>> operations;
     for (std::size_t i = 0; i < n_gates; ++i) {
-        const bool known = append_operation(circuit, i, operations);
-        if (!known || operations.size() == piece_length || i + 1 == n_gates) {
+        // What a control that the state does not have comes to is the member's business.
+        const bool alone = circuit.gate_names[i] == "CNOT" && circuit.gate_qubits[i][0] >= nqubits;
+        const bool known = alone || append_operation(circuit, i, operations);
+        if (alone || !known || operations.size() == piece_length || i + 1 == n_gates) {
             run_operations(state.get(), nqubits, std::move(operations), num_threads);
             operations.clear();
         }
+        if (alone) apply_CNOT(circuit.gate_qubits[i][0], circuit.gate_qubits[i][1]);
         if (!known) {
             throw std::invalid_argument("Gate " + circuit.gate_names[i] +
                                         " is not supported by the pybinded circuit");

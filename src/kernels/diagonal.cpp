@@ -77,7 +77,7 @@ void _DiagGate<true>::apply_controlled(std::complex<T>* amplitudes, QubitSpan qu
                                        unsigned long long nqbits, int nthreads, QubitSpan ctrls,
                                        MatrixSpan<T> diag) {
     orb::core::iterator::GroupMasks groups(QubitSpan(), ctrls, nqbits);
-    if (qubits.size() == 1 && groups.counts_through(qubits[0])) {
+    if (qubits.size() == 1 && diag.size() == 2 && groups.counts_through(qubits[0])) {
         // One qubit: two streams of amplitudes, each with its factor in a register.
         groups.take_out(qubits[0]);
         update_all_groups<GateDiagonal, T>(amplitudes, {groups, {qubits[0], 0}}, nthreads, diag);

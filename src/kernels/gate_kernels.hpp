@@ -51,12 +51,6 @@ struct Template2QBGate {
         const GateWalk walk{{targets, ctrls, nqbits}, {q1, q2}};
         update_all_groups<Gate, T>(amplitudes, walk, nthreads, matrix);
     }
-
-    template <class T>
-    static void apply(std::complex<T>* amplitudes, unsigned int q1, unsigned int q2,
-                      unsigned long long nqbits, int nthreads, MatrixSpan<T> matrix) {
-        Gate::apply_controlled(amplitudes, q1, q2, nqbits, nthreads, QubitSpan(), matrix);
-    }
 };
 
 template <class T>
@@ -80,25 +74,12 @@ void _Gate2QB<true>::apply_controlled(std::complex<T>* amplitudes, unsigned int 
 template <class Gate>
 struct TemplatePartialDiagGate {
     template <class T>
-    static void apply(std::complex<T>* amplitudes, unsigned int qubit, unsigned long long nqbits,
-                      int nthreads) {
-        _TemplatePartialDiagGate<Gate, true>::apply(Gate(), amplitudes, qubit, nqbits, nthreads);
-    }
-    template <class T>
     static void apply_controlled(std::complex<T>* amplitudes, unsigned int qubit,
                                  unsigned long long nqbits, int nthreads, QubitSpan ctrls) {
         _TemplatePartialDiagGate<Gate, true>::apply_controlled(Gate(), amplitudes, qubit, nqbits,
                                                                nthreads, ctrls);
     }
 };
-
-template <class Gate, bool constant>
-template <class T>
-void _TemplatePartialDiagGate<Gate, constant>::apply(const Gate& gate, std::complex<T>* amplitudes,
-                                                     unsigned int qubit, unsigned long long nqbits,
-                                                     int nthreads) {
-    apply_controlled(gate, amplitudes, qubit, nqbits, nthreads, QubitSpan());
-}
 
 template <class Gate, bool constant>
 template <class T>
@@ -121,12 +102,6 @@ template <class Gate, bool>
 struct TemplateNamedDiagGate;
 template <class Gate>
 struct TemplateNamedDiagGate<Gate, true> {
-    template <class T>
-    static void apply(const Gate& gate, std::complex<T>* amplitudes, unsigned int qubit,
-                      unsigned long long nqbits, int nthreads) {
-        _DiagGate<true>::apply<T>(amplitudes, QubitSpan(&qubit, 1), nqbits, nthreads,
-                                  gate.diagonal);
-    }
     template <class T>
     static void apply_controlled(const Gate& gate, std::complex<T>* amplitudes, unsigned int qubit,
                                  unsigned long long nqbits, int nthreads, QubitSpan ctrls) {

@@ -127,8 +127,7 @@ struct GateZtoY : GateShape<1, 0, true> {
     }
 };
 
-// ---- Diagonal gates whose row 0 is 1: only the amplitudes of row 1 reach the formula.
-// ------------
+// ---- Diagonal gates whose row 0 is 1: only amplitudes of row 1 reach the formula ----------------
 
 /// diag(1, -1).
 struct GateZ : GateShape<0, 0, false> {

@@ -1,10 +1,9 @@
 #include "kernels/matrix_kernel.hpp"
 
 #include <algorithm>
-#include <memory>
-#include <new>
 
 #include "core/parallel.hpp"
+#include "core/team_scratch.hpp"
 #include "kernels/blocks/fused_blocks.hpp"
 #include "kernels/gate_kernels.hpp"
 
@@ -13,29 +12,20 @@ namespace {
 
 using orb::core::iterator::StateIterator;
 
-struct AlignedDelete {
-    void operator()(std::byte* memory) const { ::operator delete[](memory, std::align_val_t{64}); }
-};
-
-/// One worker's scratch for the matrix kernel.
-template <InstructionSet set, class T>
-std::unique_ptr<std::byte[], AlignedDelete> new_scratch(unsigned int n_targets) {
-    const std::size_t bytes = matrix_scratch_bytes<set, T>(n_targets);
-    return std::unique_ptr<std::byte[], AlignedDelete>(
-        static_cast<std::byte*>(::operator new[](bytes, std::align_val_t{64})));
-}
-
 template <class T>
 void _apply_nqbit_gate(std::complex<T>* amplitudes, const StateIterator& iterator, QubitSpan qubits,
                        MatrixSpan<T> matrix, int nthreads) {
     const MatrixWalk walk{iterator, qubits.data(), static_cast<unsigned int>(qubits.size()),
                           iterator.offsets.data()};
     const Index work = iterator.count * iterator.n_offsets * iterator.n_offsets;
-    for_each_block(iterator.count, work, nthreads, [&](Index begin, Index end) {
-        dispatch([&]<InstructionSet set>() {
-            const auto scratch = new_scratch<set, T>(walk.n_targets);
-            multiply_matrix<set, T>(parts(amplitudes), walk, begin, end, parts(matrix.data()),
-                                    scratch.get());
+    const int workers = work < min_parallel_amplitudes ? 1 : get_num_threads(nthreads);
+    dispatch([&]<InstructionSet set>() {
+        const TeamScratch scratch(workers, matrix_scratch_bytes<set, T>(walk.n_targets));
+        run_team(workers, [&](int id, int team) {
+            const Block own(iterator.count, static_cast<Index>(id), static_cast<Index>(team));
+            if (own.begin == own.end) return;
+            multiply_matrix<set, T>(parts(amplitudes), walk, own.begin, own.end,
+                                    parts(matrix.data()), scratch.of(id));
         });
     });
 }

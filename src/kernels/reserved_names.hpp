@@ -61,9 +61,6 @@ struct _Gate2QB<true> : GateShape<2, 16, true> {
 template <class Gate, bool constant>
 struct _TemplatePartialDiagGate {
     template <class T>
-    static void apply(const Gate& gate, std::complex<T>* amplitudes, unsigned int qubit,
-                      unsigned long long nqbits, int nthreads);
-    template <class T>
     static void apply_controlled(const Gate& gate, std::complex<T>* amplitudes, unsigned int qubit,
                                  unsigned long long nqbits, int nthreads, QubitSpan ctrls);
 };

@@ -15,28 +15,6 @@
 namespace pblinalg::cpu {
 namespace {
 
-/// The results of `part(begin, end)` on blocks that cover [0, count), by `begin`: added up in this
-/// order, sums repeat from run to run.
-template <class Part, class Work>
-std::map<Index, Part> parts_of_blocks(Index count, Index amplitudes, int num_threads,
-                                      const Work& part) {
-    std::map<Index, Part> results;
-    for_each_block(count, amplitudes, num_threads, [&](Index begin, Index end) {
-        Part own = part(begin, end);
-#pragma omp critical(pblinalg_parts_of_blocks)
-        results[begin] = std::move(own);
-    });
-    return results;
-}
-
-template <class Sum, class Work>
-Sum sum_of_blocks(Index count, int num_threads, const Work& part) {
-    Sum total{};
-    for (const auto& [begin, own] : parts_of_blocks<Sum>(count, count, num_threads, part))
-        total += own;
-    return total;
-}
-
 /// i^power.
 template <class T>
 std::complex<T> phase_of(unsigned int power) {
@@ -105,8 +83,8 @@ std::vector<std::complex<T>> all_term_values_density_matrix(std::complex<T>* amp
     };
     Sums values(n_terms);
     const Index reads = dim * terms_by_flip.size();
-    for (const auto& [begin, own] : parts_of_blocks<Sums>(dim, reads, num_threads, sums)) {
-        for (Index t = 0; t < n_terms; ++t)
+    for (const Sums& own : results_of_blocks<Sums>(dim, reads, num_threads, sums)) {
+        for (Index t = 0; t < own.size(); ++t)
             values[t] += own[t];
     }
     for (Index t = 0; t < n_terms; ++t) {
@@ -125,7 +103,7 @@ std::complex<T> _term_value(std::complex<T>* amplitudes, WObservable<T>& observa
     const Index flip = observable.flip_masks[term];
     const Index signs = observable.sign_masks[term];
     const unsigned int power = observable.phase_powers[term];
-    return sum_of_blocks<T>(size, num_threads, [=](Index begin, Index end) {
+    return sum_over_blocks<T>(size, size, num_threads, [=](Index begin, Index end) {
         T sum = 0;
         for (Index i = begin; i < end; ++i) {
             const std::complex<T> product = cmul(amplitudes[i], std::conj(amplitudes[i ^ flip]));
@@ -142,7 +120,7 @@ std::complex<T> _term_value_density_matrix(std::complex<T>* amplitudes, WObserva
     const Index flip = observable.flip_masks[term];
     const Index signs = observable.sign_masks[term];
     const unsigned int power = observable.phase_powers[term];
-    return sum_of_blocks<std::complex<T>>(dim, num_threads, [=](Index begin, Index end) {
+    return sum_over_blocks<std::complex<T>>(dim, dim, num_threads, [=](Index begin, Index end) {
         std::complex<T> sum = 0;
         for (Index i = begin; i < end; ++i) {
             const std::complex<T> factor = phase_of<T>(power + 2 * count_bits(signs & i));

@@ -222,7 +222,6 @@ std::vector<T> pauli_sums(const std::complex<T>* amplitudes, const WObservable<T
     const std::vector<Group> groups = group_terms(observable);
     const std::vector<Batch> batches = batch_groups(groups, block_bits);
 
-    std::map<int, std::vector<T>> values_of_workers;
     const auto work = [&](int id, int team) {
         Worker<T> worker(parts(amplitudes), block_bits, n_terms);
         for (const Batch& batch : batches) {
@@ -231,16 +230,13 @@ std::vector<T> pauli_sums(const std::complex<T>* amplitudes, const WObservable<T
                               static_cast<Index>(team), 1);
             worker.add(batch, tiles.begin, tiles.end, free_mask);
         }
-#pragma omp critical(pblinalg_pauli_sums)
-        values_of_workers[id] = worker.values();
+        return worker.values();
     };
     const bool small = size * groups.size() < min_parallel_amplitudes;
-    run_team(small ? 1 : get_num_threads(num_threads), work);
-
-    // Added in the order of the workers, so that a result repeats from run to run.
+    const int workers = small ? 1 : get_num_threads(num_threads);
     std::vector<T> values(n_terms);
-    for (const auto& [id, own] : values_of_workers) {
-        for (Index t = 0; t < n_terms; ++t)
+    for (const std::vector<T>& own : results_of_team<std::vector<T>>(workers, work)) {
+        for (Index t = 0; t < own.size(); ++t)
             values[t] += own[t];
     }
     for (Index t = 0; t < n_terms; ++t)

@@ -164,18 +164,17 @@ void sum_outcomes(const S& view, const Marginal& marginal, int num_threads, cons
         });
         return;
     }
-    std::vector<std::unique_ptr<Sums<T>>> sums_of;
-    run_team(workers, [&](int id, int team) {
+    using OwnSums = std::unique_ptr<Sums<T>>;
+    std::vector<OwnSums> sums_of = results_of_team<OwnSums>(workers, [&](int id, int team) {
         auto sums = std::make_unique<Sums<T>>(outer * per_tile);
         const Block own(walk.n_outer_free(), static_cast<Index>(id), static_cast<Index>(team), 1);
         for (Index outcome = 0; outcome < outer; ++outcome) {
             add_tiles(view, walk, outcome, own.begin, own.end, sums->data() + outcome * per_tile);
         }
-#pragma omp critical
-        sums_of.push_back(std::move(sums));
+        return sums;
     });
     T* const total = sums_of[0]->data();
-    for (std::size_t w = 1; w < sums_of.size(); ++w) {
+    for (std::size_t w = 1; w < sums_of.size() && sums_of[w]; ++w) {
         for (Index s = 0; s < outer * per_tile; ++s)
             total[s] += sums_of[w]->data()[s];
     }

@@ -90,18 +90,21 @@ std::map<unsigned long long, V>* permute_and_map_vector(S view, const T& thresho
                                                         int num_threads) {
     using Entry = std::pair<unsigned long long, V>;
     const T threshold_squared = threshold * threshold;
-    std::vector<Entry> kept;
-    for_each_block(view.size, view.size, num_threads, [&](Index begin, Index end) {
-        std::vector<Entry> own;
+    using Entries = std::vector<Entry>;
+    const auto keep = [&](Index begin, Index end) {
+        Entries own;
         for (Index k = begin; k < end; ++k) {
             const V element = view[k];
             if (element != V() && S::probability_of(element) > threshold_squared) {
                 own.emplace_back(reverse_bits(k, view.nqubits), element);
             }
         }
-#pragma omp critical
+        return own;
+    };
+    Entries kept;
+    for (const Entries& own : results_of_blocks<Entries>(view.size, view.size, num_threads, keep)) {
         kept.insert(kept.end(), own.begin(), own.end());
-    });
+    }
     const auto by_key = [](const Entry& a, const Entry& b) { return a.first < b.first; };
     std::sort(kept.begin(), kept.end(), by_key);
     // Sorted entries are appended at the end of the tree in constant time each.

@@ -152,6 +152,28 @@ TYPED_TEST(Circuits, PrepareABellState) {
     EXPECT_TRUE(same_bits(state, {c, 0, 0, c}));
 }
 
+TYPED_TEST(Circuits, TreatControlsThatTheStateDoesNotHaveAsTheMembersDo) {
+    for (const unsigned int n : {3u, 8u, 17u}) {
+        const auto before = labelled<TypeParam>(std::size_t{1} << n);
+        StateVector<TypeParam> by_circuit(n), by_members(n);
+        load(by_circuit, before);
+        load(by_members, before);
+        Circuit<TypeParam> circuit(n);
+        circuit.add_gate("H", {}, {1});
+        circuit.add_gate("CNOT", {}, {n, 0});
+        circuit.add_gate("CNOT", {}, {70, 1});
+        circuit.add_gate("H", {}, {0});
+        by_circuit.simulate_circuit(circuit);
+        by_members.apply_H(1);
+        by_members.apply_CNOT(n, 0);
+        by_members.apply_CNOT(70, 1);
+        by_members.apply_H(0);
+        EXPECT_TRUE(same_bits(
+            by_circuit,
+            Amplitudes<TypeParam>(&by_members.state[0], &by_members.state[0] + before.size())));
+    }
+}
+
 TYPED_TEST(Circuits, StopAtUnknownNamesAndKeepWhatCameBefore) {
     for (const std::string name : {"S", "h", "", "RXX", "CSIGN", "Gate "}) {
         StateVector<TypeParam> state(2);

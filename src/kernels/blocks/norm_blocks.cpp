@@ -14,8 +14,6 @@ constexpr InstructionSet this_set = InstructionSet::PBLINALG_INSTRUCTION_SET;
 /// One vector of norms covers `2 * lanes` neighbouring amplitudes.
 template <class T>
 using V = Vector<this_set, T>;
-template <class T>
-constexpr unsigned int norm_bits = V<T>::lane_bits + 1;
 
 /// The norms of the `n_elements` amplitudes at `from`.
 template <class T>
