@@ -144,8 +144,14 @@ class Sums {
 /// elements of every outcome.
 constexpr Index min_outer_outcomes = 8;
 
-/// Calls `store(first, sums, count)` with the sums of outcomes [first, first + count), numbered by
-/// their compacted index bits, until all are given; on several workers at once.
+/// Outer patterns whose sums are stored together. They differ in the highest listed index bits,
+/// which lists in ascending order make the lowest bits of an outcome: stored one pattern at a time,
+/// each sum would touch a cache line of its own.
+constexpr unsigned int max_batch_bits = 4;
+
+/// Calls `store(first, stride, n, sums, count)` with the sums of the outcomes first + i * stride +
+/// s, i < n, s < count, at sums[i * count + s], until all are given; on several workers at once.
+/// Outcomes are numbered by their compacted index bits.
 template <class T, class S, class Store>
 void sum_outcomes(const S& view, const Marginal& marginal, int num_threads, const Store& store) {
     const TileWalk walk(view.nqubits, marginal);
@@ -153,13 +159,19 @@ void sum_outcomes(const S& view, const Marginal& marginal, int num_threads, cons
     const Index per_tile = walk.outcomes_per_tile();
     const int workers = view.size < min_parallel_amplitudes ? 1 : get_num_threads(num_threads);
     if (workers == 1 || outer >= min_outer_outcomes * static_cast<Index>(std::max(workers, 1))) {
+        const unsigned int outer_bits = count_bits(walk.outer_listed);
+        const Index batch = bit(outer_bits < 2 * max_batch_bits ? 0 : max_batch_bits);
+        const Index batches = outer / batch;
         run_team(workers, [&](int id, int team) {
-            const Block own(outer, static_cast<Index>(id), static_cast<Index>(team), 1);
-            Sums<T> sums(per_tile);
-            for (Index outcome = own.begin; outcome < own.end; ++outcome) {
-                std::fill_n(sums.data(), per_tile, T(0));
-                add_tiles(view, walk, outcome, 0, walk.n_outer_free(), sums.data());
-                store(outcome * per_tile, sums.data(), per_tile);
+            const Block own(batches, static_cast<Index>(id), static_cast<Index>(team), 1);
+            Sums<T> sums(batch * per_tile);
+            for (Index first = own.begin; first < own.end; ++first) {
+                std::fill_n(sums.data(), batch * per_tile, T(0));
+                for (Index i = 0; i < batch; ++i) {
+                    add_tiles(view, walk, first + i * batches, 0, walk.n_outer_free(),
+                              sums.data() + i * per_tile);
+                }
+                store(first * per_tile, batches * per_tile, batch, sums.data(), per_tile);
             }
         });
         return;
@@ -178,7 +190,7 @@ void sum_outcomes(const S& view, const Marginal& marginal, int num_threads, cons
         for (Index s = 0; s < outer * per_tile; ++s)
             total[s] += sums_of[w]->data()[s];
     }
-    store(0, total, outer * per_tile);
+    store(0, 0, 1, total, outer * per_tile);
 }
 
 /// As `outcome_probabilities`, each sum passed through `keep` on its way out.
@@ -190,9 +202,12 @@ void write_outcomes(const S& view, QubitSpan qubits, int num_threads, typename S
     if (count_bits(marginal.listed) < qubits.size()) {
         // Outcomes that disagree on a repeated qubit share the index bits of their union.
         std::vector<T> all(bit(count_bits(marginal.listed)));
-        sum_outcomes<T>(view, marginal, num_threads, [&](Index first, const T* sums, Index count) {
-            std::copy_n(sums, count, all.data() + first);
-        });
+        sum_outcomes<T>(view, marginal, num_threads,
+                        [&](Index first, Index stride, Index n, const T* sums, Index count) {
+                            for (Index i = 0; i < n; ++i)
+                                std::copy_n(sums + i * count, count,
+                                            all.data() + first + i * stride);
+                        });
         for (Index v = 0; v < bit(static_cast<unsigned int>(qubits.size())); ++v)
             out[v] = keep(all[extract_bits(fixed_pattern(v, qubits), marginal.listed)]);
         return;
@@ -202,15 +217,22 @@ void write_outcomes(const S& view, QubitSpan qubits, int num_threads, typename S
     std::vector<Index> places(bit(table_bits));
     for (Index s = 0; s < places.size(); ++s)
         places[s] = outcome_of(deposit_bits(s, marginal.listed), qubits);
-    sum_outcomes<T>(view, marginal, num_threads, [&](Index first, const T* sums, Index count) {
-        for (Index done = 0; done < count;) {
-            T* const to = out + outcome_of(deposit_bits(first + done, marginal.listed), qubits);
-            const Index end = std::min<Index>(count - done, places.size());
-            for (Index s = 0; s < end; ++s)
-                to[places[s]] = keep(sums[done + s]);
-            done += end;
-        }
-    });
+    const auto place_of = [&](Index outcome) {
+        return outcome_of(deposit_bits(outcome, marginal.listed), qubits);
+    };
+    sum_outcomes<T>(view, marginal, num_threads,
+                    [&](Index first, Index stride, Index n, const T* sums, Index count) {
+                        for (Index done = 0; done < count; done += places.size()) {
+                            T* to[bit(max_batch_bits)];
+                            for (Index i = 0; i < n; ++i)
+                                to[i] = out + place_of(first + i * stride + done);
+                            const Index end = std::min<Index>(count - done, places.size());
+                            for (Index s = 0; s < end; ++s) {
+                                for (Index i = 0; i < n; ++i)
+                                    to[i][places[s]] = keep(sums[i * count + done + s]);
+                            }
+                        }
+                    });
 }
 
 }  // namespace
