@@ -190,9 +190,9 @@ std::vector<Estimate<T>> _evaluate_terms(std::complex<T>* amplitudes,
                 basis_change(amplitudes, term, undo, num_qubits, num_threads);
             }
         };
+        rotate(false);
         // Rotated back also when an allocation fails.
         const ScopeEnd rotate_back([&] { rotate(true); });
-        rotate(false);
         estimates.push_back(
             evaluate_term(amplitudes, buffer, term, nshots, rng, num_qubits, num_threads));
     }

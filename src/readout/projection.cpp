@@ -81,8 +81,8 @@ template <class T>
 void PybindLinAlgStateVectorCPU<T>::project_then_reset(const Qubits& qubits,
                                                        unsigned long long outcome) {
     project(qubits, outcome);
-    // Deliberately the whole value: one of which only bits above the list are set goes on, moves
-    // every amplitude onto itself and then clears it.
+    // Deliberately the whole value: one of which only bits above the list are set goes on, and
+    // every amplitude, already in its place, is cleared.
     if (outcome == 0) return;
     const Selection kept = select_outcome(qubits, outcome);
     const Index free_mask = (size - 1) & ~kept.mask;
@@ -96,7 +96,7 @@ void PybindLinAlgStateVectorCPU<T>::project_then_reset(const Qubits& qubits,
             const Index length = std::min(end - begin, run - (begin & run_mask));
             const Index to = deposit_bits(begin, free_mask);
             std::complex<T>* const from = amplitudes + (to | kept.pattern);
-            std::copy_n(from, length, amplitudes + to);
+            if (kept.pattern != 0) std::copy_n(from, length, amplitudes + to);
             std::fill_n(from, length, std::complex<T>());
             begin += length;
         }
