@@ -26,6 +26,11 @@ PBLINALG_ALWAYS_INLINE constexpr unsigned int count_bits(Index x) {
     return static_cast<unsigned int>(__builtin_popcountll(x));
 }
 
+/// True when an odd number of bits is set.
+PBLINALG_ALWAYS_INLINE constexpr bool has_odd_parity(Index x) {
+    return __builtin_parityll(x);
+}
+
 /// The lowest set bit of `x` alone, 0 for 0.
 PBLINALG_ALWAYS_INLINE constexpr Index lowest_bit(Index x) {
     return x & (~x + 1);

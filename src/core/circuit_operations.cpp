@@ -3,6 +3,9 @@
 #include <algorithm>
 #include <bit>
 #include <string_view>
+#include <utility>
+
+#include "kernels/gates.hpp"
 
 namespace pblinalg::cpu {
 namespace {
@@ -15,6 +18,13 @@ Operation<T> mixing(GateKind kind, unsigned int target) {
 template <class T>
 Operation<T> diagonal(GateKind kind, unsigned int qubit) {
     return {.kind = kind, .selects = bit(qubit)};
+}
+
+template <class T>
+Operation<T> cnot(unsigned int control, unsigned int target) {
+    Operation<T> operation = mixing<T>(GateKind::X, target);
+    operation.selects = bit(control);
+    return operation;
 }
 
 template <class T>
@@ -35,15 +45,16 @@ bool is_cnot(const Operation<T>& operation) {
 /// between, or 0.
 template <class T>
 std::size_t find_twin(const std::vector<Operation<T>>& operations, std::size_t first) {
-    const Operation<T>& cnot = operations[first];
+    const Operation<T>& opening = operations[first];
     const std::size_t end = std::min(operations.size(), first + fold_reach);
     for (std::size_t i = first + 1; i < end; ++i) {
         const Operation<T>& next = operations[i];
-        if (is_cnot(next) && next.targets[0] == cnot.targets[0] && next.selects == cnot.selects) {
+        if (is_cnot(next) && next.targets[0] == opening.targets[0] &&
+            next.selects == opening.selects) {
             return i;
         }
-        const bool on_target = next.selects & cnot.target_bits();
-        if (!next.is_diagonal() || (on_target && next.selects != cnot.target_bits())) return 0;
+        const bool on_target = next.selects & opening.target_bits();
+        if (!next.is_diagonal() || (on_target && next.selects != opening.target_bits())) return 0;
     }
     return 0;
 }
@@ -79,11 +90,7 @@ bool append_operation(const PybindLinAlgWCircuit<T>& circuit, std::size_t i,
                                       {T(1), GatePH<T>(params[0]).phase}));
     }
     if (name == "T") return append(diagonal<T>(GateKind::T, qubits[0]));
-    if (name == "CNOT") {
-        Operation<T> operation = mixing<T>(GateKind::X, qubits[1]);
-        operation.selects = bit(qubits[0]);
-        return append(operation);
-    }
+    if (name == "CNOT") return append(cnot<T>(qubits[0], qubits[1]));
     if (name == "SWAP") {
         Operation<T> operation = mixing<T>(GateKind::SWAP, qubits[0]);
         operation.n_targets = 2;
@@ -102,10 +109,10 @@ void fold_parity_diagonals(std::vector<Operation<T>>& operations) {
             operations[kept++] = operations[i];
             continue;
         }
-        const Operation<T> cnot = operations[i];
+        const Operation<T> opening = operations[i];
         for (++i; i < twin; ++i) {
             Operation<T> folded = operations[i];
-            if (folded.selects & cnot.target_bits()) folded.selects ^= cnot.selects;
+            if (folded.selects & opening.target_bits()) folded.selects ^= opening.selects;
             operations[kept++] = folded;
         }
     }
@@ -120,7 +127,8 @@ Relocation::Relocation(Index active) : active_(active), place_{} {
 }
 
 template <class T>
-Operation<T> Relocation::operator()(const Operation<T>& operation, Index& outside) const {
+Operation<T> Relocation::operator()(const Operation<T>& operation,
+                                    Index Operation<T>::*outside) const {
     Operation<T> moved = operation;
     for (unsigned int p = 0; p < operation.n_targets; ++p) {
         moved.targets[p] = place_[operation.targets[p]];
@@ -129,59 +137,77 @@ Operation<T> Relocation::operator()(const Operation<T>& operation, Index& outsid
     for (Index rest = operation.selects & active_; rest != 0; rest &= rest - 1) {
         moved.selects |= bit(place_[std::countr_zero(rest)]);
     }
-    outside = operation.selects & ~active_;
+    moved.*outside = operation.selects & ~active_;
     return moved;
 }
 
 template <class T>
-void append_steps(const Operation<T>& operation, unsigned int n_bits, unsigned int outside_parity,
-                  std::vector<CircuitStep<T>>& steps) {
-    using orb::core::iterator::GroupMasks;
-    using orb::core::iterator::QubitSpan;
-    const QubitSpan targets(operation.targets, operation.n_targets);
-    const GroupMasks all(targets, {}, n_bits);
-    const auto append = [&](GateKind kind, const GroupMasks& groups, unsigned int target,
-                            const std::complex<T>& f0, const std::complex<T>& f1) {
-        steps.push_back({{groups, {target, operation.targets[1]}},
-                         {f0.real(), f0.imag(), f1.real(), f1.imag()},
-                         kind});
-    };
-    const std::complex<T>* const factors = operation.factors;
-    const unsigned int n_selects = static_cast<unsigned int>(std::popcount(operation.selects));
+void StepWriter<T>::begin(Index active) {
+    rows_ = active & ~lanes_;
+    first_ = steps_.size();
+}
 
-    if (operation.multiplies_both() && n_selects == 1) {
-        const auto qubit = static_cast<unsigned int>(std::countr_zero(operation.selects));
-        GroupMasks groups = all;
-        groups.take_out(qubit);
-        append(GateKind::RZ, groups, qubit, factors[outside_parity], factors[1 - outside_parity]);
-        return;
-    }
-    for (unsigned int row = operation.multiplies_both() ? 0 : 1; row < 2; ++row) {
-        // Local patterns of the selecting bits whose parity, with that outside, is `row`.
-        for (Index pattern = 0; pattern < bit(n_selects); ++pattern) {
-            if (((std::popcount(pattern) + outside_parity) & 1) != row) continue;
-            GroupMasks groups = all;
-            groups.free_mask &= ~operation.selects;
-            groups.fixed_bits = deposit_bits(pattern, operation.selects);
-            groups.count >>= n_selects;
-            if (operation.is_diagonal()) {
-                // One row of a diagonal: a product with one factor.
-                const bool product = operation.multiplies_both();
-                append(product ? GateKind::PH : operation.kind, groups, 0, factors[row], {});
-            } else {
-                append(operation.kind, groups, operation.targets[0], factors[0], factors[1]);
-            }
-        }
+template <class T>
+void StepWriter<T>::append(const Operation<T>& operation) {
+    const unsigned int target = operation.targets[0];
+    if (operation.kind == GateKind::SWAP) {
+        const unsigned int other = operation.targets[1];
+        for (const auto& [from, to] : {std::pair(target, other), {other, target}, {target, other}})
+            append(cnot<T>(from, to));
+    } else if (!operation.is_permutation() && !operation.is_diagonal() && (lanes_ & bit(target))) {
+        // A target inside vectors changes places with the lowest row bit for the time.
+        const auto row = static_cast<unsigned int>(std::countr_zero(rows_));
+        Operation<T> moved = operation;
+        moved.targets[0] = row;
+        exchange_with_row(target);
+        push(moved);
+        exchange_with_row(target);
+    } else {
+        push(operation);
     }
 }
 
-#define PBLINALG_INSTANTIATE(T)                                                         \
-    template bool append_operation<T>(const PybindLinAlgWCircuit<T>&, std::size_t,      \
-                                      std::vector<Operation<T>>&);                      \
-    template void fold_parity_diagonals<T>(std::vector<Operation<T>>&);                 \
-    template Operation<T> Relocation::operator()<T>(const Operation<T>&, Index&) const; \
-    template void append_steps<T>(const Operation<T>&, unsigned int, unsigned int,      \
-                                  std::vector<CircuitStep<T>>&);
+template <class T>
+void StepWriter<T>::push(const Operation<T>& operation) {
+    const unsigned int lane_pattern = parity_pattern(operation.selects & lanes_);
+    // A gate that acts everywhere acts on every row.
+    const unsigned int row_pattern =
+        operation.acts_everywhere() ? ~0u : parity_pattern(extract_bits(operation.selects, rows_));
+    const unsigned int target = operation.targets[0];
+    const unsigned int place = operation.is_diagonal()  ? 0
+                               : (lanes_ & bit(target)) ? 4 + target
+                                                        : count_bits(rows_ & low_mask(target));
+    const std::complex<T>* const f = operation.factors;
+    steps_.push_back({.factors = {f[0].real(), f[0].imag(), f[1].real(), f[1].imag()},
+                      .block_selects = operation.selects & ~(rows_ | lanes_),
+                      .tile_selects = operation.tile_selects,
+                      .state_selects = operation.state_selects,
+                      .lane_pattern = static_cast<unsigned short>(lane_pattern),
+                      .row_pattern = static_cast<unsigned char>(row_pattern),
+                      .action = static_cast<unsigned char>(
+                          step_action(operation.kind, place, lane_pattern != 0))});
+}
+
+template <class T>
+void StepWriter<T>::exchange_with_row(unsigned int lane_bit) {
+    const auto action = static_cast<unsigned char>(step_action(GateKind::SWAP, lane_bit));
+    if (steps_.size() > first_ && steps_.back().action == action) {
+        // The exchange before this one is undone.
+        steps_.pop_back();
+    } else {
+        CircuitStep<T> step{};
+        step.action = action;
+        steps_.push_back(step);
+    }
+}
+
+#define PBLINALG_INSTANTIATE(T)                                                                 \
+    template bool append_operation<T>(const PybindLinAlgWCircuit<T>&, std::size_t,              \
+                                      std::vector<Operation<T>>&);                              \
+    template void fold_parity_diagonals<T>(std::vector<Operation<T>>&);                         \
+    template Operation<T> Relocation::operator()<T>(const Operation<T>&, Index Operation<T>::*) \
+        const;                                                                                  \
+    template class StepWriter<T>;
 PBLINALG_INSTANTIATE(float)
 PBLINALG_INSTANTIATE(double)
 #undef PBLINALG_INSTANTIATE

@@ -2,6 +2,7 @@
 // how it runs on a part of the state. Which gates run together is decided in circuit_passes.hpp.
 #pragma once
 
+#include <complex>
 #include <pblinalg/circuit.hpp>
 #include <vector>
 
@@ -9,17 +10,18 @@
 
 namespace pblinalg::cpu {
 
-/// One gate on the qubits of an array: the state, or a tile of it.
+/// One gate on the qubits of an array: the state, a tile of it, or a block of a tile.
 template <class T>
 struct Operation {
     GateKind kind;
     unsigned int n_targets = 0;        ///< 0 for diagonal gates
     unsigned int targets[2] = {0, 0};  ///< qubits whose amplitudes it mixes or moves
     /// The gate acts where the parity of these index bits is 1: the control of a CNOT, the qubit of
-    /// a diagonal gate, or both qubits of a diagonal gate between two CNOTs. 0: it acts everywhere.
+    /// a diagonal gate, or both qubits of a diagonal gate between two CNOTs. A gate without
+    /// selecting bits acts everywhere.
     Index selects = 0;
-    /// The same for bits outside the array.
-    Index outer_selects = 0;
+    Index tile_selects = 0;   ///< the same in the index of a tile, outside a block of it
+    Index state_selects = 0;  ///< the same in the index of the state, outside a tile
     std::complex<T> factors[2] = {};
 
     Index target_bits() const {
@@ -31,6 +33,7 @@ struct Operation {
     /// X, CNOT and SWAP move amplitudes without arithmetic.
     bool is_permutation() const { return kind == GateKind::X || kind == GateKind::SWAP; }
     bool is_diagonal() const { return n_targets == 0; }
+    bool acts_everywhere() const { return (selects | tile_selects | state_selects) == 0; }
     /// A diagonal gate that multiplies where the parity is 0, too, by factors[0].
     bool multiplies_both() const { return kind == GateKind::RZ; }
 };
@@ -46,25 +49,42 @@ bool append_operation(const PybindLinAlgWCircuit<T>& circuit, std::size_t i,
 template <class T>
 void fold_parity_diagonals(std::vector<Operation<T>>& operations);
 
-/// From the index bits of an array to those of a tile made of the `active` ones.
+/// From the index bits of an array to those of a part of it that is made of the `active` ones.
 class Relocation {
   public:
     explicit Relocation(Index active);
 
-    /// The operation seen from inside the tile. Its targets must be active; selecting bits that are
+    /// The operation seen from inside the part. Its targets must be active; selecting bits that are
     /// not go to `outside`.
     template <class T>
-    Operation<T> operator()(const Operation<T>& operation, Index& outside) const;
+    Operation<T> operator()(const Operation<T>& operation, Index Operation<T>::*outside) const;
 
   private:
     Index active_;
-    unsigned char place_[64];  ///< bit of the tile's index for each active bit
+    unsigned char place_[64];  ///< bit of the part's index for each active bit
 };
 
-/// Appends the steps that run `operation` on an array of `n_bits`, given the parity of its
-/// selecting bits outside.
+/// Writes the steps of windows, one window after another.
 template <class T>
-void append_steps(const Operation<T>& operation, unsigned int n_bits, unsigned int outside_parity,
-                  std::vector<CircuitStep<T>>& steps);
+class StepWriter {
+  public:
+    StepWriter(unsigned int lane_bits, std::vector<CircuitStep<T>>& steps)
+        : lanes_(low_mask(lane_bits)), steps_(steps) {}
+
+    /// Begins a window of the `active` bits of a block's index: all lane bits and some others.
+    void begin(Index active);
+
+    /// Appends the steps of a gate on a block whose targets are active.
+    void append(const Operation<T>& operation);
+
+  private:
+    void push(const Operation<T>& operation);
+    void exchange_with_row(unsigned int lane_bit);
+
+    Index lanes_;
+    Index rows_ = 0;
+    std::size_t first_ = 0;  ///< of the window
+    std::vector<CircuitStep<T>>& steps_;
+};
 
 }  // namespace pblinalg::cpu

@@ -8,7 +8,9 @@
 //     last bit; permutations overtake whatever they do not touch.
 #include "core/circuit_passes.hpp"
 
+#include <algorithm>
 #include <cstring>
+#include <span>
 
 #include "core/parallel.hpp"
 #include "core/team_scratch.hpp"
@@ -27,133 +29,173 @@ inline constexpr unsigned int block_qubits = sizeof(T) == 8 ? 11 : 12;
 template <class T>
 inline constexpr unsigned int run_qubits = sizeof(T) == 8 ? 6 : 7;
 
-/// Gates in one pass at the most, and gates looked at behind the first one left out.
+/// Gates in one pass at the most.
 constexpr std::size_t max_pass_length = 512;
-constexpr std::size_t look_ahead = 64;
+/// Gates left out while more are looked at: where a pass costs much, a longer search pays.
+constexpr std::size_t pass_look_ahead = 64;
+constexpr std::size_t window_look_ahead = 12;
 
-/// Gates that run together, seen from inside a tile of the active qubits.
+/// Gates that run together, in order, on parts of an array that are made of the active bits.
 template <class T>
 struct Pass {
     Index active;
-    std::vector<Operation<T>> operations;
+    std::vector<const Operation<T>*> operations;
 };
 
 /// Takes the gates of one pass after another from a circuit.
 template <class T>
 class Planner {
   public:
+    /// @param operations   must outlive the planner and its passes.
     /// @param n_bits       index bits of the array that the circuit works on.
-    /// @param tile_bits    active bits of a tile, at most `n_bits`.
+    /// @param part_bits    active bits of a pass, at most `n_bits`.
     /// @param always       lowest bits that are always active.
-    Planner(std::vector<Operation<T>> operations, unsigned int n_bits, unsigned int tile_bits,
-            unsigned int always)
-        : operations_(std::move(operations)),
-          n_bits_(n_bits),
-          tile_bits_(tile_bits),
-          always_(low_mask(always)) {}
+    Planner(std::span<const Operation<T>> operations, unsigned int n_bits, unsigned int part_bits,
+            unsigned int always, std::size_t look_ahead)
+        : operations_(operations),
+          array_mask_(low_mask(n_bits)),
+          always_(low_mask(always)),
+          room_(part_bits - always),
+          look_ahead_(look_ahead) {}
 
-    bool done() const { return front_ == operations_.size(); }
-
-    /// The next gates that run in one pass, not yet relocated. At least one.
-    Pass<T> next() {
-        Pass<T> pass{always_, {}};
-        std::vector<Operation<T>> left_out;
-        bool arithmetic_blocked = false;
-        Index moved = 0;     // bits that a gate left out does not leave as they are
-        Index selected = 0;  // bits that one depends on without changing them
-        std::size_t i = front_;
-        for (; i < operations_.size() && pass.operations.size() < max_pass_length; ++i) {
-            const Operation<T>& operation = operations_[i];
-            const Index targets = operation.target_bits();
-            const bool fits =
-                !(targets & ~pass.active) || count_bits(pass.active | targets) <= tile_bits_;
-            const bool commutes = !(targets & (moved | selected)) && !(operation.selects & moved) &&
-                                  (operation.is_permutation() || !arithmetic_blocked);
-            if (fits && commutes) {
-                pass.active |= targets;
-                pass.operations.push_back(operation);
-                continue;
-            }
-            if (left_out.size() == look_ahead) break;
-            left_out.push_back(operation);
-            moved |= targets;
-            selected |= operation.selects;
-            arithmetic_blocked |= !operation.is_permutation();
+    /// Replaces `pass` by the next gates that run in one pass, at least one.
+    /// @return false when no gate is left.
+    bool next(Pass<T>& pass) {
+        if (left_out_.empty() && front_ == operations_.size()) return false;
+        pass.active = always_;
+        pass.operations.clear();
+        std::swap(left_out_, deferred_);
+        left_out_.clear();
+        free_ = room_;
+        moved_ = selected_ = 0;
+        arithmetic_blocked_ = false;
+        for (const Operation<T>* const operation : deferred_)
+            take_or_leave(*operation, pass);
+        while (front_ < operations_.size() && left_out_.size() < look_ahead_ &&
+               pass.operations.size() < max_pass_length) {
+            take_or_leave(operations_[front_++], pass);
         }
-        front_ = i - left_out.size();
-        std::copy(left_out.begin(), left_out.end(), operations_.begin() + front_);
         // Unused room goes to the lowest bits: longer runs.
-        while (count_bits(pass.active) < tile_bits_)
+        for (; free_ > 0; --free_)
             pass.active |= lowest_bit(~pass.active);
-        return pass;
+        return true;
     }
 
-    Index inactive(const Pass<T>& pass) const { return low_mask(n_bits_) & ~pass.active; }
+    /// The bits of the array that tell the parts of a pass apart.
+    Index inactive(const Pass<T>& pass) const { return array_mask_ & ~pass.active; }
 
   private:
-    std::vector<Operation<T>> operations_;
-    std::size_t front_ = 0;
-    unsigned int n_bits_;
-    unsigned int tile_bits_;
+    void take_or_leave(const Operation<T>& operation, Pass<T>& pass) {
+        const Index targets = operation.target_bits();
+        const Index fresh = targets & ~pass.active;
+        // A gate has two targets at the most.
+        const unsigned int n_fresh = fresh == 0 ? 0 : (fresh & (fresh - 1)) == 0 ? 1 : 2;
+        const bool commutes = !(targets & (moved_ | selected_)) && !(operation.selects & moved_) &&
+                              (operation.is_permutation() || !arithmetic_blocked_);
+        if (n_fresh <= free_ && commutes && pass.operations.size() < max_pass_length) {
+            pass.active |= targets;
+            free_ -= n_fresh;
+            pass.operations.push_back(&operation);
+            return;
+        }
+        left_out_.push_back(&operation);
+        moved_ |= targets;
+        selected_ |= operation.selects;
+        arithmetic_blocked_ |= !operation.is_permutation();
+    }
+
+    std::span<const Operation<T>> operations_;
+    std::size_t front_ = 0;  ///< the first gate not yet looked at
+    std::vector<const Operation<T>*> left_out_;
+    std::vector<const Operation<T>*> deferred_;  ///< left out by the pass before
+    Index array_mask_;
     Index always_;
+    unsigned int room_;
+    std::size_t look_ahead_;
+    // Of the pass at hand:
+    unsigned int free_ = 0;  ///< room left
+    Index moved_ = 0;        ///< bits that a gate left out does not leave as they are
+    Index selected_ = 0;     ///< bits that one depends on without changing them
+    bool arithmetic_blocked_ = false;
 };
+
+/// The gates of a pass as its parts see them.
+template <class T>
+std::vector<Operation<T>> relocated(const Pass<T>& pass, Index Operation<T>::*outside) {
+    std::vector<Operation<T>> local;
+    local.reserve(pass.operations.size());
+    const Relocation relocate(pass.active);
+    for (const Operation<T>* const operation : pass.operations)
+        local.push_back(relocate(*operation, outside));
+    return local;
+}
 
 /// A pass over the blocks of an array, with everything that its serial kernel reads.
 template <class T>
 struct CompiledPass {
     Index active;
     Index inactive;
-    std::vector<CircuitOperation<T>> operations;
+    std::vector<CircuitWindow> windows;
     std::vector<CircuitStep<T>> steps;
 
     BlockPass<T> view() const {
-        return {count_bits(active), active,      inactive, operations.data(),
-                operations.size(),  steps.data()};
+        return {count_bits(active), active,       inactive,    windows.data(),
+                windows.size(),     steps.data(), steps.size()};
+    }
+    std::size_t scratch_bytes() const {
+        return block_scratch_bytes<T>(count_bits(active), steps.size());
     }
 };
 
 template <class T>
-CompiledPass<T> compile(const Pass<T>& pass, Index inactive) {
-    CompiledPass<T> compiled{pass.active, inactive, {}, {}};
-    const unsigned int n_bits = count_bits(pass.active);
-    compiled.operations.reserve(pass.operations.size());
-    compiled.steps.reserve(2 * pass.operations.size());
-    const Relocation relocate(pass.active);
-    for (const Operation<T>& operation : pass.operations) {
-        CircuitOperation<T> compiled_operation{0, operation.outer_selects, {}};
-        const Operation<T> local = relocate(operation, compiled_operation.block_parity);
-        const bool elsewhere = compiled_operation.block_parity | compiled_operation.outer_parity;
-        const bool everywhere = !elsewhere && local.selects == 0;
-        const auto n_steps = [&] { return static_cast<unsigned int>(compiled.steps.size()); };
-        compiled_operation.steps[0] = n_steps();
-        append_steps(local, n_bits, everywhere ? 1 : 0, compiled.steps);
-        compiled_operation.steps[1] = n_steps();
-        if (elsewhere) append_steps(local, n_bits, 1, compiled.steps);
-        compiled_operation.steps[2] = n_steps();
-        compiled.operations.push_back(compiled_operation);
+WindowShape active_window_shape() {
+    return dispatch([]<InstructionSet set>() { return window_shape<set, T>(); });
+}
+
+/// @param operations  as a block of the `active` bits sees them.
+template <class T>
+CompiledPass<T> compile(std::span<const Operation<T>> operations, Index active, Index inactive) {
+    CompiledPass<T> compiled{active, inactive, {}, {}};
+    compiled.steps.reserve(2 * operations.size());
+    const WindowShape shape = active_window_shape<T>();
+    Planner<T> planner(operations, count_bits(active), shape.bits(), shape.lane_bits,
+                       window_look_ahead);
+    StepWriter<T> writer(shape.lane_bits, compiled.steps);
+    const auto n_steps = [&] { return static_cast<unsigned int>(compiled.steps.size()); };
+    for (Pass<T> window; planner.next(window);) {
+        const unsigned int first = n_steps();
+        writer.begin(window.active);
+        for (const Operation<T>* const operation : window.operations)
+            writer.append(*operation);
+        compiled.windows.push_back({window.active, first, n_steps()});
     }
     return compiled;
 }
 
-/// All passes over the blocks of an array of 2^n_bits amplitudes.
-template <class T>
-std::vector<CompiledPass<T>> plan_blocks(std::vector<Operation<T>> operations,
-                                         unsigned int n_bits) {
-    const unsigned int lane_bits =
-        dispatch([]<InstructionSet set>() { return block_lane_bits<set, T>(); });
-    const unsigned int block_bits = std::min(n_bits, block_qubits<T>);
-    Planner<T> planner(std::move(operations), n_bits, block_bits, lane_bits);
-    std::vector<CompiledPass<T>> passes;
-    while (!planner.done()) {
-        const Pass<T> pass = planner.next();
-        passes.push_back(compile(pass, planner.inactive(pass)));
+/// Calls `run(pass)` for one pass after another over the blocks of an array of 2^n_bits amplitudes.
+template <class T, class Run>
+void for_each_block_pass(std::span<const Operation<T>> operations, unsigned int n_bits,
+                         const Run& run) {
+    if (n_bits <= block_qubits<T>) {
+        // One block is the whole array.
+        for (; !operations.empty();
+             operations = operations.subspan(std::min(max_pass_length, operations.size()))) {
+            run(compile(operations.first(std::min(max_pass_length, operations.size())),
+                        low_mask(n_bits), 0));
+        }
+        return;
     }
-    return passes;
+    Planner<T> planner(operations, n_bits, block_qubits<T>, active_window_shape<T>().lane_bits,
+                       pass_look_ahead);
+    for (Pass<T> pass; planner.next(pass);) {
+        const std::vector<Operation<T>> local = relocated(pass, &Operation<T>::tile_selects);
+        run(compile<T>(local, pass.active, planner.inactive(pass)));
+    }
 }
 
 template <class T>
 void run_pass(T* array, const CompiledPass<T>& pass, Index outer_base, Index begin, Index end,
-              T* scratch, bool& shortcut) {
+              void* scratch, bool& shortcut) {
     dispatch([&]<InstructionSet set>() {
         run_blocks<set, T>(array, pass.view(), outer_base, begin, end, scratch, shortcut);
     });
@@ -162,21 +204,19 @@ void run_pass(T* array, const CompiledPass<T>& pass, Index outer_base, Index beg
 /// A circuit on an array that stays in cache: block passes, their blocks shared by the workers.
 template <class T>
 void run_in_cache(std::complex<T>* amplitudes, unsigned int nqubits,
-                  std::vector<Operation<T>> operations, int num_threads) {
+                  std::span<const Operation<T>> operations, int num_threads) {
     const Index size = bit(nqubits);
     const int workers = size < min_parallel_amplitudes ? 1 : get_num_threads(num_threads);
-    for (const CompiledPass<T>& pass : plan_blocks(std::move(operations), nqubits)) {
+    for_each_block_pass<T>(operations, nqubits, [&](const CompiledPass<T>& pass) {
         const Index n_blocks = bit(count_bits(pass.inactive));
-        const TeamScratch scratch(workers,
-                                  block_scratch_elements(count_bits(pass.active)) * sizeof(T));
+        const TeamScratch scratch(workers, pass.scratch_bytes());
         run_team(workers, [&](int id, int team) {
             const Index begin = n_blocks * id / team;
             const Index end = n_blocks * (id + 1) / team;
             bool shortcut = true;
-            run_pass(parts(amplitudes), pass, 0, begin, end, static_cast<T*>(scratch.of(id)),
-                     shortcut);
+            run_pass(parts(amplitudes), pass, 0, begin, end, scratch.of(id), shortcut);
         });
-    }
+    });
 }
 
 /// Copies the amplitudes of a tile out of the state or back, run by run.
@@ -197,20 +237,18 @@ void copy_tile(std::complex<T>* amplitudes, Index base, Index active, std::compl
 /// One pass over the state, tile by tile.
 template <class T>
 void run_tiles(std::complex<T>* amplitudes, const Pass<T>& pass, Index inactive, int num_threads) {
-    std::vector<Operation<T>> local;
-    local.reserve(pass.operations.size());
-    const Relocation relocate(pass.active);
-    for (const Operation<T>& operation : pass.operations) {
-        Index outside = 0;
-        local.push_back(relocate(operation, outside));
-        local.back().outer_selects = outside;
-    }
     const unsigned int tile_bits = count_bits(pass.active);
-    const std::vector<CompiledPass<T>> block_passes = plan_blocks(std::move(local), tile_bits);
+    std::vector<CompiledPass<T>> block_passes;
+    std::size_t scratch_bytes = 0;
+    for_each_block_pass<T>(relocated(pass, &Operation<T>::state_selects), tile_bits,
+                           [&](CompiledPass<T> block_pass) {
+                               scratch_bytes = std::max(scratch_bytes, block_pass.scratch_bytes());
+                               block_passes.push_back(std::move(block_pass));
+                           });
     const Index n_tiles = bit(count_bits(inactive));
     const int workers = get_num_threads(num_threads);
     const TeamScratch tiles(workers, sizeof(std::complex<T>) << tile_bits);
-    const TeamScratch blocks(workers, block_scratch_elements(block_qubits<T>) * sizeof(T));
+    const TeamScratch blocks(workers, scratch_bytes);
     const TeamScratch flags(workers, block_passes.size() * sizeof(bool));
     run_team(workers, [&](int id, int team) {
         auto* const tile = static_cast<std::complex<T>*>(tiles.of(id));
@@ -221,25 +259,77 @@ void run_tiles(std::complex<T>* amplitudes, const Pass<T>& pass, Index inactive,
             copy_tile<true>(amplitudes, base, pass.active, tile);
             for (std::size_t p = 0; p < block_passes.size(); ++p) {
                 const Index n_blocks = bit(count_bits(block_passes[p].inactive));
-                run_pass(parts(tile), block_passes[p], base, 0, n_blocks,
-                         static_cast<T*>(blocks.of(id)), shortcuts[p]);
+                run_pass(parts(tile), block_passes[p], base, 0, n_blocks, blocks.of(id),
+                         shortcuts[p]);
             }
             copy_tile<false>(amplitudes, base, pass.active, tile);
         }
     });
 }
 
+/// Calls `body.operator()<Gate>()` for the gate of `kind`.
+template <class T, class Body>
+void visit_gate(GateKind kind, const Body& body) {
+    switch (kind) {
+        case GateKind::H:
+            return body.template operator()<GateH>();
+        case GateKind::X:
+            return body.template operator()<GateX>();
+        case GateKind::Y:
+            return body.template operator()<GateY>();
+        case GateKind::Z:
+            return body.template operator()<GateZ>();
+        case GateKind::RX:
+            return body.template operator()<GateRX>();
+        case GateKind::RY:
+            return body.template operator()<GateRY>();
+        case GateKind::RZ:
+            return body.template operator()<GateDiagonal>();
+        case GateKind::T:
+            return body.template operator()<GateT>();
+        case GateKind::PH:
+            return body.template operator()<GatePH<T>>();
+        case GateKind::SWAP:
+            return body.template operator()<GateSWAP>();
+    }
+}
+
 /// One gate on the whole state.
 template <class T>
 void run_alone(std::complex<T>* amplitudes, unsigned int nqubits, const Operation<T>& operation,
                int num_threads) {
-    std::vector<CircuitStep<T>> steps;
-    append_steps(operation, nqubits, operation.selects == 0 ? 1 : 0, steps);
-    for (const CircuitStep<T>& step : steps) {
-        visit_gate<T>(step.kind, [&]<class Gate>() {
-            const auto* const factors = reinterpret_cast<const std::complex<T>*>(step.factors);
-            update_all_groups<Gate, T>(amplitudes, step.walk, num_threads, {factors, 2});
+    using orb::core::iterator::GroupMasks;
+    const Index selects = operation.selects;
+    const GroupMasks all(QubitSpan(operation.targets, operation.n_targets), {}, nqubits);
+    const auto run = [&](GateKind kind, const GroupMasks& groups, unsigned int target,
+                         const std::complex<T>* factors) {
+        const GateWalk walk{groups, {target, operation.targets[1]}};
+        visit_gate<T>(kind, [&]<class Gate>() {
+            update_all_groups<Gate, T>(amplitudes, walk, num_threads, {factors, 2});
         });
+    };
+    if (operation.multiplies_both() && count_bits(selects) == 1) {
+        const auto qubit = static_cast<unsigned int>(__builtin_ctzll(selects));
+        GroupMasks groups = all;
+        groups.take_out(qubit);
+        return run(GateKind::RZ, groups, qubit, operation.factors);
+    }
+    for (unsigned int parity = operation.multiplies_both() ? 0 : 1; parity < 2; ++parity) {
+        for (Index pattern = 0; pattern < bit(count_bits(selects)); ++pattern) {
+            if (has_odd_parity(pattern) != parity && selects != 0) continue;
+            GroupMasks groups = all;
+            groups.free_mask &= ~selects;
+            groups.fixed_bits = deposit_bits(pattern, selects);
+            groups.count >>= count_bits(selects);
+            if (operation.is_diagonal()) {
+                // One row of a diagonal: a product with one factor.
+                const std::complex<T> factors[2] = {operation.factors[parity]};
+                run(operation.multiplies_both() ? GateKind::PH : operation.kind, groups, 0,
+                    factors);
+            } else {
+                run(operation.kind, groups, operation.targets[0], operation.factors);
+            }
+        }
     }
 }
 
@@ -258,9 +348,7 @@ constexpr double cost_of_tiles = 2.5;
 template <class T>
 void run_operations(std::complex<T>* amplitudes, unsigned int nqubits,
                     std::vector<Operation<T>> operations, int num_threads) {
-    // Two bits above the lanes give every target inside a vector its companion.
-    constexpr unsigned int min_block_qubits = 6;
-    if (nqubits < min_block_qubits) {
+    if (nqubits < active_window_shape<T>().bits()) {
         for (const Operation<T>& operation : operations) {
             run_alone(amplitudes, nqubits, operation, num_threads);
         }
@@ -268,19 +356,17 @@ void run_operations(std::complex<T>* amplitudes, unsigned int nqubits,
     }
     fold_parity_diagonals(operations);
     if (nqubits <= tile_qubits<T>) {
-        run_in_cache(amplitudes, nqubits, std::move(operations), num_threads);
+        run_in_cache<T>(amplitudes, nqubits, operations, num_threads);
         return;
     }
-    Planner<T> planner(std::move(operations), nqubits, tile_qubits<T>, run_qubits<T>);
-    while (!planner.done()) {
-        const Pass<T> pass = planner.next();
+    Planner<T> planner(operations, nqubits, tile_qubits<T>, run_qubits<T>, pass_look_ahead);
+    for (Pass<T> pass; planner.next(pass);) {
         double alone = 0;
-        for (const Operation<T>& operation : pass.operations)
-            alone += cost_alone(operation);
+        for (const Operation<T>* const operation : pass.operations)
+            alone += cost_alone(*operation);
         if (alone < cost_of_tiles) {
-            for (const Operation<T>& operation : pass.operations) {
-                run_alone(amplitudes, nqubits, operation, num_threads);
-            }
+            for (const Operation<T>* const operation : pass.operations)
+                run_alone(amplitudes, nqubits, *operation, num_threads);
         } else {
             run_tiles(amplitudes, pass, planner.inactive(pass), num_threads);
         }

@@ -10,7 +10,7 @@ set -euo pipefail
 
 # x86-64: vfmadd231pd, vfmaddsub132ps, vfnmsub213sd, ...; aarch64: fmadd, fmla, ...
 fused='\b(vfn?m(add|sub)[a-z0-9]*|fn?m(add|sub)|fml[as])\b'
-ours='^([a-z ]+[*&]* )?pblinalg::cpu::[A-Za-z0-9_]+<.*\(pblinalg::cpu::InstructionSet\)[0-9]'
+ours='^(([a-z ]+|pblinalg::cpu::[A-Za-z]+)[*&]* )?pblinalg::cpu::[A-Za-z0-9_]+<.*\(pblinalg::cpu::InstructionSet\)[0-9]'
 
 check=$1
 shift

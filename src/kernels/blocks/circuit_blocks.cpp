@@ -2,41 +2,256 @@
 // vectorisation, and without instantiating anything of the standard library.
 #include "kernels/blocks/circuit_blocks.hpp"
 
-#include "kernels/blocks/gate_vectors.hpp"
+#include "kernels/blocks/values.hpp"
+#include "kernels/blocks/walk_groups.hpp"
+#include "kernels/gates.hpp"
 
 namespace pblinalg::cpu {
 namespace {
 
 constexpr InstructionSet this_set = InstructionSet::PBLINALG_INSTRUCTION_SET;
 
-template <class T>
-using Exact = Planar<this_set, T, false>;
+/// Vectors of both parts that leave half of the registers to the arithmetic.
+constexpr unsigned int row_bits = n_registers<this_set> == 32 ? 3 : 2;
+constexpr unsigned int n_rows = 1u << row_bits;
 
-/// How a block was run: each way is exact where the one before it might not be.
-enum class Way {
-    shortcut,   ///< vectors, zero parts of coefficients left out
-    products,   ///< vectors, plain products
-    recovered,  ///< one amplitude at a time, products with recovery of infinities
-};
+/// Calls `body.operator()<r>()` for every row r, each with its number known to the compiler, so
+/// that the vectors of a group stay in registers.
+template <class Body>
+PBLINALG_ALWAYS_INLINE void for_each_row(const Body& body) {
+    [&]<unsigned int... r>(std::integer_sequence<unsigned int, r...>)
+        __attribute__((always_inline)) {
+        (body.template operator()<r>(), ...);
+    }
+    (std::make_integer_sequence<unsigned int, n_rows>());
+}
 
-template <Way way, class T>
-PBLINALG_ALWAYS_INLINE void run_step(PlanarMemory<T> block, const CircuitStep<T>& step) {
-    visit_gate<T>(step.kind, [&]<class Gate>() {
-        const Index count = step.walk.groups.count;
-        if constexpr (way == Way::recovered) {
-            update_scalars<Gate, Scalar<this_set, T>>(block, step.walk, 0, count, step.factors);
-        } else {
-            constexpr bool drops = way == Way::shortcut && Gate::has_zero_products;
-            const GateVectors<Gate, Planar<this_set, T, drops>> vectors(step.walk);
-            update_vectors(block, vectors, 0, count >> vectors.group_bits, step.factors);
+/// The same for every pair of rows that differ in row bit `place`, told by the row where it is 0.
+template <unsigned int place, class Body>
+PBLINALG_ALWAYS_INLINE void for_each_pair(const Body& body) {
+    for_each_row([&]<unsigned int r>() __attribute__((always_inline)) {
+        if constexpr (place < row_bits && !(r >> place & 1)) {
+            body.template operator()<r, (r | 1u << place)>();
         }
     });
 }
 
+template <class Gate, unsigned int place, class V, class T>
+PBLINALG_ALWAYS_INLINE void mix(V* a, const CircuitStep<T>& step) {
+    typename V::Factor f[Gate::n_factors + 1];
+    for (unsigned int i = 0; i < Gate::n_factors; ++i) {
+        f[i] = typename V::Factor(step.factors[2 * i], step.factors[2 * i + 1]);
+    }
+    for_each_pair<place>([&]<unsigned int r0, unsigned int r1>() __attribute__((always_inline)) {
+        V pair[2] = {a[r0], a[r1]};
+        Gate::update(pair, f);
+        a[r0] = pair[0];
+        a[r1] = pair[1];
+    });
+}
+
+/// X where `rows` says so.
+template <unsigned int place, class V>
+PBLINALG_ALWAYS_INLINE void flip(V* a, unsigned int rows) {
+    for_each_pair<place>([&]<unsigned int r0, unsigned int r1>() __attribute__((always_inline)) {
+        if (rows >> r0 & 1) {
+            const V old = a[r0];
+            a[r0] = a[r1];
+            a[r1] = old;
+        }
+    });
+}
+
+/// Calls `body.operator()<r>(chosen)` for every row r with its selected lanes. Mostly they are the
+/// same for all rows.
+template <class V, class T, class Body>
+PBLINALG_ALWAYS_INLINE void for_each_row_by_lane(const CircuitStep<T>& step, unsigned int rows,
+                                                 const Body& body) {
+    const auto lanes_of_row = [&](unsigned int r) __attribute__((always_inline)) {
+        return V::lanes_in(step.lane_pattern ^ (0u - (rows >> r & 1)));
+    };
+    if (step.row_pattern == 0) {
+        const typename V::Bits chosen = lanes_of_row(0);
+        for_each_row([&]<unsigned int r>()
+                         __attribute__((always_inline)) { body.template operator()<r>(chosen); });
+    } else {
+        for_each_row([&]<unsigned int r>() __attribute__((always_inline)) {
+            body.template operator()<r>(lanes_of_row(r));
+        });
+    }
+}
+
+template <unsigned int place, class V, class T>
+PBLINALG_ALWAYS_INLINE void flip_by_lane(V* a, const CircuitStep<T>& step, unsigned int rows) {
+    for_each_row_by_lane<V>(
+        step, rows, [&]<unsigned int r>(typename V::Bits chosen) __attribute__((always_inline)) {
+            if constexpr (place < row_bits && !(r >> place & 1)) {
+                constexpr unsigned int other = r | 1u << place;
+                const V old = a[r];
+                a[r] = V::select(chosen, a[other], old);
+                a[other] = V::select(chosen, old, a[other]);
+            }
+        });
+}
+
+/// X on a lane bit.
+template <unsigned int lane_bit, class V>
+PBLINALG_ALWAYS_INLINE void flip_lanes(V* a, unsigned int rows) {
+    for_each_row([&]<unsigned int r>() __attribute__((always_inline)) {
+        if (rows >> r & 1) a[r] = a[r].template flip_lane_bit<lane_bit>();
+    });
+}
+
+template <unsigned int lane_bit, class V, class T>
+PBLINALG_ALWAYS_INLINE void flip_lanes_by_lane(V* a, const CircuitStep<T>& step,
+                                               unsigned int rows) {
+    for_each_row_by_lane<V>(
+        step, rows, [&]<unsigned int r>(typename V::Bits chosen) __attribute__((always_inline)) {
+            a[r] = V::select(chosen, a[r].template flip_lane_bit<lane_bit>(), a[r]);
+        });
+}
+
+/// Exchanges a lane bit with row bit 0.
+template <unsigned int lane_bit, class V>
+PBLINALG_ALWAYS_INLINE void exchange(V* a) {
+    for_each_pair<0>([&]<unsigned int r0, unsigned int r1>()
+                         __attribute__((always_inline)) { V::transpose(a[r0], a[r1], lane_bit); });
+}
+
+/// A factor for each parity.
+template <class V, class T>
+PBLINALG_ALWAYS_INLINE void multiply(V* a, const CircuitStep<T>& step, unsigned int rows) {
+    for_each_row([&]<unsigned int r>() __attribute__((always_inline)) {
+        const T* const f = step.factors + 2 * (rows >> r & 1);
+        a[r] = cmul(typename V::Factor(f[0], f[1]), a[r]);
+    });
+}
+
+template <class V, class T>
+PBLINALG_ALWAYS_INLINE void multiply_by_lane(V* a, const CircuitStep<T>& step, unsigned int rows) {
+    using Factor = typename V::Factor;
+    const T* const f = step.factors;
+    const Factor even(f[0], f[1]), odd(f[2], f[3]);
+    for_each_row_by_lane<V>(
+        step, rows, [&]<unsigned int r>(typename V::Bits chosen) __attribute__((always_inline)) {
+            a[r] = cmul(Factor::select(chosen, odd, even), a[r]);
+        });
+}
+
+/// A diagonal gate that leaves amplitudes of even parity alone.
+template <class Gate, class V, class T>
+PBLINALG_ALWAYS_INLINE void multiply_odd(V* a, const CircuitStep<T>& step, unsigned int rows) {
+    const typename V::Factor f(step.factors[2], step.factors[3]);
+    for_each_row([&]<unsigned int r>() __attribute__((always_inline)) {
+        if (rows >> r & 1) Gate::update(a + r, &f);
+    });
+}
+
+template <class Gate, class V, class T>
+PBLINALG_ALWAYS_INLINE void multiply_odd_by_lane(V* a, const CircuitStep<T>& step,
+                                                 unsigned int rows) {
+    const typename V::Factor f(step.factors[2], step.factors[3]);
+    for_each_row_by_lane<V>(
+        step, rows, [&]<unsigned int r>(typename V::Bits chosen) __attribute__((always_inline)) {
+            V fresh = a[r];
+            Gate::update(&fresh, &f);
+            a[r] = V::select(chosen, fresh, a[r]);
+        });
+}
+
+/// One step on the vectors of a group.
+/// @param rows  returns the parity of the selecting bits that are not in lanes, by row.
+template <class V, class T, class Rows>
+PBLINALG_ALWAYS_INLINE void run_step(V* a, const CircuitStep<T>& step, const Rows& rows) {
+    using Kind = GateKind;
+    constexpr bool by_lane = true;
+    constexpr auto action = step_action;
+    // clang-format off
+    switch (step.action) {
+        case action(Kind::H, 0, false): return mix<GateH, 0>(a, step);
+        case action(Kind::H, 1, false): return mix<GateH, 1>(a, step);
+        case action(Kind::H, 2, false): return mix<GateH, 2>(a, step);
+        case action(Kind::Y, 0, false): return mix<GateY, 0>(a, step);
+        case action(Kind::Y, 1, false): return mix<GateY, 1>(a, step);
+        case action(Kind::Y, 2, false): return mix<GateY, 2>(a, step);
+        case action(Kind::RX, 0, false): return mix<GateRX, 0>(a, step);
+        case action(Kind::RX, 1, false): return mix<GateRX, 1>(a, step);
+        case action(Kind::RX, 2, false): return mix<GateRX, 2>(a, step);
+        case action(Kind::RY, 0, false): return mix<GateRY, 0>(a, step);
+        case action(Kind::RY, 1, false): return mix<GateRY, 1>(a, step);
+        case action(Kind::RY, 2, false): return mix<GateRY, 2>(a, step);
+        case action(Kind::X, 0, false): return flip<0>(a, rows());
+        case action(Kind::X, 1, false): return flip<1>(a, rows());
+        case action(Kind::X, 2, false): return flip<2>(a, rows());
+        case action(Kind::X, 0, by_lane): return flip_by_lane<0>(a, step, rows());
+        case action(Kind::X, 1, by_lane): return flip_by_lane<1>(a, step, rows());
+        case action(Kind::X, 2, by_lane): return flip_by_lane<2>(a, step, rows());
+        case action(Kind::X, 4, false): return flip_lanes<0>(a, rows());
+        case action(Kind::X, 5, false): return flip_lanes<1>(a, rows());
+        case action(Kind::X, 6, false): return flip_lanes<2>(a, rows());
+        case action(Kind::X, 7, false): return flip_lanes<3>(a, rows());
+        case action(Kind::X, 4, by_lane): return flip_lanes_by_lane<0>(a, step, rows());
+        case action(Kind::X, 5, by_lane): return flip_lanes_by_lane<1>(a, step, rows());
+        case action(Kind::X, 6, by_lane): return flip_lanes_by_lane<2>(a, step, rows());
+        case action(Kind::X, 7, by_lane): return flip_lanes_by_lane<3>(a, step, rows());
+        case action(Kind::SWAP, 0, false): return exchange<0>(a);
+        case action(Kind::SWAP, 1, false): return exchange<1>(a);
+        case action(Kind::SWAP, 2, false): return exchange<2>(a);
+        case action(Kind::SWAP, 3, false): return exchange<3>(a);
+        case action(Kind::RZ, 0, false): return multiply(a, step, rows());
+        case action(Kind::RZ, 0, by_lane): return multiply_by_lane(a, step, rows());
+        case action(Kind::PH, 0, false): return multiply_odd<GatePH<T>>(a, step, rows());
+        case action(Kind::PH, 0, by_lane): return multiply_odd_by_lane<GatePH<T>>(a, step, rows());
+        case action(Kind::T, 0, false): return multiply_odd<GateT>(a, step, rows());
+        case action(Kind::T, 0, by_lane): return multiply_odd_by_lane<GateT>(a, step, rows());
+        case action(Kind::Z, 0, false): return multiply_odd<GateZ>(a, step, rows());
+        case action(Kind::Z, 0, by_lane): return multiply_odd_by_lane<GateZ>(a, step, rows());
+        default: __builtin_unreachable();
+    }
+    // clang-format on
+}
+
+/// The gates of a window on one group of vectors after another.
+template <Products products, class T>
+[[gnu::noinline]] void run_window(PlanarMemory<T> block, Index size, const CircuitWindow& window,
+                                  const CircuitStep<T>* steps,
+                                  const unsigned char* outer_parities) {
+    using V = Planar<this_set, T, products>;
+    const Index rows_mask = window.active & ~(Index{V::lanes} - 1);
+    Index offsets[n_rows] = {};
+    for (unsigned int r = 1; r < n_rows; ++r)
+        offsets[r] = next_subset(offsets[r - 1], rows_mask);
+    const CircuitStep<T>* const first = steps + window.first_step;
+    const CircuitStep<T>* const last = steps + window.last_step;
+    const unsigned char* const parities = outer_parities + window.first_step;
+    walk_groups((size - 1) & ~window.active, 0, 0,
+                size >> count_bits(window.active), [&](Index base) __attribute__((always_inline)) {
+                    V a[n_rows];
+                    for_each_row([&]<unsigned int r>() __attribute__((always_inline)) {
+                        a[r] = V::load(block, base + offsets[r]);
+                    });
+                    for (const CircuitStep<T>* step = first; step != last; ++step) {
+                        run_step(
+                            a, *step, [&]() __attribute__((always_inline)) {
+                                const unsigned int parity =
+                                    has_odd_parity(base & step->block_selects) ^
+                                    parities[step - first];
+                                return step->row_pattern ^ (0u - parity);
+                            });
+                    }
+                    for_each_row([&]<unsigned int r>() __attribute__((always_inline)) {
+                        a[r].store(block, base + offsets[r]);
+                    });
+                });
+}
+
+template <class T>
+using Plain = Planar<this_set, T, Products::plain>;
+
 /// Copies a block in, parts apart. The walk is the block's: its active bits in the array.
 template <class T>
 void gather(const T* array, Index base, Index active, PlanarMemory<T> block, Index size) {
-    using V = Exact<T>;
+    using V = Plain<T>;
     const Index above_lanes = active & ~(Index{V::lanes} - 1);
     Index from = 0;
     for (Index to = 0; to < size; to += V::lanes) {
@@ -47,7 +262,7 @@ void gather(const T* array, Index base, Index active, PlanarMemory<T> block, Ind
 
 template <class T>
 void scatter(T* array, Index base, Index active, PlanarMemory<T> block, Index size) {
-    using V = Exact<T>;
+    using V = Plain<T>;
     const Index above_lanes = active & ~(Index{V::lanes} - 1);
     Index to = 0;
     for (Index from = 0; from < size; from += V::lanes) {
@@ -58,25 +273,18 @@ void scatter(T* array, Index base, Index active, PlanarMemory<T> block, Index si
 
 /// Runs the whole sequence on a fresh copy of the block.
 /// @return false when the result might differ from the definition.
-template <Way way, class T>
+template <Products products, class T>
 [[gnu::noinline]] bool run_sequence(const T* array, Index base, const BlockPass<T>& pass,
-                                    Index outer_base, PlanarMemory<T> block) {
+                                    const unsigned char* parities, PlanarMemory<T> block) {
     const Index size = bit(pass.block_bits);
     gather(array, base, pass.active, block, size);
-    for (std::size_t i = 0; i < pass.n_operations; ++i) {
-        const CircuitOperation<T>& operation = pass.operations[i];
-        const unsigned int parity = (count_bits(base & operation.block_parity) +
-                                     count_bits(outer_base & operation.outer_parity)) &
-                                    1;
-        for (unsigned int s = operation.steps[parity]; s < operation.steps[parity + 1]; ++s) {
-            run_step<way>(block, pass.steps[s]);
-        }
-    }
+    for (std::size_t w = 0; w < pass.n_windows; ++w)
+        run_window<products>(block, size, pass.windows[w], pass.steps, parities);
     // What went wrong on the way shows at the end: no gate turns NaN, an infinity or a wrong sign
     // of 0 into an ordinary number.
-    using V = Exact<T>;
-    if constexpr (way == Way::shortcut) return V::all_ordinary(block, size);
-    if constexpr (way == Way::products) {
+    using V = Plain<T>;
+    if constexpr (products == Products::without_zeros) return V::all_ordinary(block, size);
+    if constexpr (products == Products::plain) {
         for (Index i = 0; i < size; i += V::lanes) {
             if (V::holds_nan(V::load(block, i))) return false;
         }
@@ -87,27 +295,38 @@ template <Way way, class T>
 }  // namespace
 
 template <InstructionSet set, class T>
-unsigned int block_lane_bits() {
-    return Exact<T>::lane_bits;
+WindowShape window_shape() {
+    return {Plain<T>::lane_bits, row_bits};
 }
 
 template <InstructionSet set, class T>
 void run_blocks(T* array, const BlockPass<T>& pass, Index outer_base, Index begin, Index end,
-                T* scratch, bool& shortcut) {
+                void* scratch, bool& shortcut) {
     const Index size = bit(pass.block_bits);
-    const PlanarMemory<T> block{scratch, scratch + size};
+    T* const parts = static_cast<T*>(scratch);
+    const PlanarMemory<T> block{parts, parts + size};
+    auto* const parities = reinterpret_cast<unsigned char*>(parts + 2 * size);
     walk_groups(pass.inactive, 0, begin, end, [&](Index base) {
-        shortcut = shortcut && run_sequence<Way::shortcut>(array, base, pass, outer_base, block);
-        if (!shortcut && !run_sequence<Way::products>(array, base, pass, outer_base, block)) {
-            run_sequence<Way::recovered>(array, base, pass, outer_base, block);
+        for (std::size_t s = 0; s < pass.n_steps; ++s) {
+            const CircuitStep<T>& step = pass.steps[s];
+            parities[s] = has_odd_parity(base & step.tile_selects) !=
+                          has_odd_parity(outer_base & step.state_selects);
+        }
+        const auto run = [&]<Products products>() {
+            return run_sequence<products>(array, base, pass, parities, block);
+        };
+        shortcut = shortcut && run.template operator()<Products::without_zeros>();
+        if (!shortcut && !run.template operator()<Products::plain>()) {
+            run.template operator()<Products::recovered>();
         }
         scatter(array, base, pass.active, block, size);
     });
 }
 
-#define PBLINALG_INSTANTIATE(T)                           \
-    template unsigned int block_lane_bits<this_set, T>(); \
-    template void run_blocks<this_set, T>(T*, const BlockPass<T>&, Index, Index, Index, T*, bool&);
+#define PBLINALG_INSTANTIATE(T)                                                                \
+    template WindowShape window_shape<this_set, T>();                                          \
+    template void run_blocks<this_set, T>(T*, const BlockPass<T>&, Index, Index, Index, void*, \
+                                          bool&);
 PBLINALG_INSTANTIATE(float)
 PBLINALG_INSTANTIATE(double)
 

@@ -1,57 +1,57 @@
-// Serial kernel of circuits: runs a sequence of gates on one block of amplitudes after another,
-// each block copied into cache once for the whole sequence. Planned in core/circuit_passes.cpp.
+// Serial kernel of circuits: runs a sequence of gates on one block of amplitudes after another.
+// A block is copied into the first-level cache once for the whole sequence, and inside it a *group*
+// of vectors into registers once for each *window* of gates. Planned in core/circuit_passes.cpp,
+// windows in core/circuit_operations.cpp.
 #pragma once
 
-#include "kernels/blocks/exact_blocks.hpp"
-#include "kernels/gates.hpp"
+#include "core/bits.hpp"
+#include "kernels/instruction_set.hpp"
 
 namespace pblinalg::cpu {
 
-/// The formulas that circuits use.
+/// The gates of circuits, by formula.
 enum class GateKind : unsigned char { H, X, Y, Z, RX, RY, RZ, T, PH, SWAP };
 
-/// Calls `body.operator()<Gate>()` for the gate of `kind`.
-template <class T, class Body>
-PBLINALG_ALWAYS_INLINE decltype(auto) visit_gate(GateKind kind, const Body& body) {
-    switch (kind) {
-        case GateKind::H:
-            return body.template operator()<GateH>();
-        case GateKind::X:
-            return body.template operator()<GateX>();
-        case GateKind::Y:
-            return body.template operator()<GateY>();
-        case GateKind::Z:
-            return body.template operator()<GateZ>();
-        case GateKind::RX:
-            return body.template operator()<GateRX>();
-        case GateKind::RY:
-            return body.template operator()<GateRY>();
-        case GateKind::RZ:
-            return body.template operator()<GateDiagonal>();
-        case GateKind::T:
-            return body.template operator()<GateT>();
-        case GateKind::PH:
-            return body.template operator()<GatePH<T>>();
-        default:
-            return body.template operator()<GateSWAP>();
-    }
+/// A gate and how it lies in a window, as one number to switch over.
+///
+/// @param place    H, Y, RX, RY: the row bit of the target. X: the row bit, or 4 + the lane bit.
+///                 SWAP: the lane bit that is exchanged with row bit 0. Diagonal gates: 0.
+/// @param by_lane  whether lanes of one vector differ in selecting bits (X and diagonal gates).
+constexpr unsigned int step_action(GateKind kind, unsigned int place, bool by_lane = false) {
+    return static_cast<unsigned int>(kind) * 16 + place + (by_lane ? 8 : 0);
 }
 
-/// One formula on one set of groups.
+/// Bit i is the parity of the bits of i under `mask`, for i < 16.
+constexpr unsigned int parity_pattern(Index mask) {
+    constexpr unsigned int of_bit[] = {0xAAAA, 0xCCCC, 0xF0F0, 0xFF00};
+    unsigned int pattern = 0;
+    for (unsigned int b = 0; b < 4; ++b) {
+        if (mask & bit(b)) pattern ^= of_bit[b];
+    }
+    return pattern;
+}
+
+/// One gate on the vectors of a group. X and diagonal gates act on the amplitudes whose selecting
+/// bits have odd parity; RZ multiplies the others, too. Selecting bits lie in lanes, in rows, or
+/// outside the group, where they are one parity for all its amplitudes.
 template <class T>
 struct CircuitStep {
-    GateWalk walk;
-    T factors[4];  ///< up to two coefficients as interleaved parts
-    GateKind kind;
+    T factors[4];                 ///< up to two coefficients as interleaved parts
+    Index block_selects;          ///< bits of the block's index
+    Index tile_selects;           ///< bits of the array's index that tell blocks apart
+    Index state_selects;          ///< bits of the index of the array's first amplitude
+    unsigned short lane_pattern;  ///< parity of the selecting lane bits, by lane
+    unsigned char row_pattern;    ///< parity of the selecting row bits, by row
+    unsigned char action;         ///< `step_action`
 };
 
-/// One gate. Which of its steps run depends on index bits that are the same for a whole block: on
-/// the parity of those that tell blocks apart and of those outside the array.
-template <class T>
-struct CircuitOperation {
-    Index block_parity;     ///< bits of the array's index
-    Index outer_parity;     ///< bits of the index of the array's first amplitude
-    unsigned int steps[3];  ///< [steps[p], steps[p + 1]) run for parity p
+/// Gates that run together in registers, on groups of amplitudes that differ in `active` bits of
+/// the block's index: all lane bits, and `window_row_bits` others. Row bit b is the b-th lowest of
+/// them.
+struct CircuitWindow {
+    Index active;
+    unsigned int first_step;
+    unsigned int last_step;
 };
 
 /// A sequence of gates on blocks of 2^block_bits amplitudes.
@@ -60,19 +60,26 @@ struct BlockPass {
     unsigned int block_bits;
     Index active;  ///< bits of the array's index that count through a block, the lowest among them
     Index inactive;  ///< the others: they tell blocks apart
-    const CircuitOperation<T>* operations;
-    std::size_t n_operations;
+    const CircuitWindow* windows;
+    std::size_t n_windows;
     const CircuitStep<T>* steps;
+    std::size_t n_steps;
 };
 
-/// Elements of `T` that `run_blocks` wants as 64-byte aligned scratch, per worker.
-constexpr std::size_t block_scratch_elements(unsigned int block_bits) {
-    return std::size_t{2} << block_bits;
+/// Bytes that `run_blocks` wants as 64-byte aligned scratch, per worker.
+template <class T>
+constexpr std::size_t block_scratch_bytes(unsigned int block_bits, std::size_t n_steps) {
+    return (2 * sizeof(T) << block_bits) + n_steps;
 }
 
-/// Bits of a block that lie inside one vector of `set`.
+/// Bits of a window: those inside one vector of `set`, and those that tell its vectors apart.
+struct WindowShape {
+    unsigned int lane_bits;
+    unsigned int row_bits;
+    unsigned int bits() const { return lane_bits + row_bits; }
+};
 template <InstructionSet set, class T>
-unsigned int block_lane_bits();
+WindowShape window_shape();
 
 /// Runs `pass` on blocks [begin, end) of `array`.
 /// @param array       interleaved parts, 64-byte aligned.
@@ -81,6 +88,6 @@ unsigned int block_lane_bits();
 ///                    had to be done again with them, as its neighbours then likely would, too.
 template <InstructionSet set, class T>
 void run_blocks(T* array, const BlockPass<T>& pass, Index outer_base, Index begin, Index end,
-                T* scratch, bool& shortcut);
+                void* scratch, bool& shortcut);
 
 }  // namespace pblinalg::cpu

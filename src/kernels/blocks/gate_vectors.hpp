@@ -121,7 +121,7 @@ void update_vectors_of_shape(typename V::Memory memory, const GateVectors<Gate, 
         offsets[r] = walk.offsets[r];
     LinesAhead<V> ahead = walk.lines_ahead(begin);
     walk_groups(walk.free_mask, walk.fixed_bits, begin, end, [&](Index base) {
-        if constexpr (V::beyond_cache && moves(0)) ahead.fetch(memory.parts, Gate::n_rows);
+        if constexpr (moves(0)) ahead.fetch(memory.parts, Gate::n_rows);
         V old[Gate::n_rows];
         for (unsigned int r = 0; r < Gate::n_rows; ++r) {
             if (moves(r)) old[r] = V::load(memory, base + offsets[r]);
@@ -132,7 +132,7 @@ void update_vectors_of_shape(typename V::Memory memory, const GateVectors<Gate, 
             if (moves(r)) fresh[r] = old[r];
         }
         Gate::update(fresh, f);
-        if constexpr (V::recovers_products && Gate::has_products) {
+        if constexpr (Gate::has_products) {
             if (any_nan<Gate>(fresh)) [[unlikely]] {
                 for (unsigned int r = 0; r < Gate::n_rows; ++r) {
                     if (!moves(r)) fresh[r] = old[r] = V{};
@@ -164,17 +164,15 @@ void multiply_lanes(typename V::Memory memory, const GateVectors<GateDiagonal, V
     const Index companion = walk.offsets[1];
     LinesAhead<V> ahead = walk.lines_ahead(begin);
     walk_groups(walk.free_mask, walk.fixed_bits, begin, end, [&](Index base) {
-        if constexpr (V::beyond_cache) ahead.fetch(memory.parts, 2);
+        ahead.fetch(memory.parts, 2);
         for (const Index index : {base, base + companion}) {
             const V old = V::load(memory, index);
             V fresh = cmul(factor, old);
-            if constexpr (V::recovers_products) {
-                if (V::holds_nan(fresh, fresh)) [[unlikely]] {
-                    for (int lane = 0; lane < V::lanes; ++lane) {
-                        const T* const f = factors + (lane & target_lane ? 2 : 0);
-                        using S = typename V::ScalarValue;
-                        fresh.set_lane(lane, cmul(S::load(f), old.lane(lane)));
-                    }
+            if (V::holds_nan(fresh, fresh)) [[unlikely]] {
+                for (int lane = 0; lane < V::lanes; ++lane) {
+                    const T* const f = factors + (lane & target_lane ? 2 : 0);
+                    using S = typename V::ScalarValue;
+                    fresh.set_lane(lane, cmul(S::load(f), old.lane(lane)));
                 }
             }
             V::select(chosen, fresh, old).store(memory, index);

@@ -92,6 +92,15 @@ inline constexpr int register_bytes = set == InstructionSet::avx512 ? 64
                                       : set == InstructionSet::avx2 ? 32
                                                                     : 16;
 
+/// Vector registers of the processor.
+template <InstructionSet set>
+inline constexpr int n_registers =
+#if defined(__aarch64__)
+    32;
+#else
+    set == InstructionSet::avx512 ? 32 : 16;
+#endif
+
 constexpr unsigned int log2_of(int power_of_two) {
     return static_cast<unsigned int>(__builtin_ctz(static_cast<unsigned int>(power_of_two)));
 }
@@ -146,8 +155,7 @@ PBLINALG_ALWAYS_INLINE bool any_nan(typename Register<T, bytes>::Elements a,
 /// `a` where all bits are chosen, `b` where none are.
 template <class Bits, class Elements>
 PBLINALG_ALWAYS_INLINE Elements choose_elements(Bits chosen, Elements a, Elements b) {
-    return reinterpret_cast<Elements>((reinterpret_cast<Bits>(a) & chosen) |
-                                      (reinterpret_cast<Bits>(b) & ~chosen));
+    return chosen ? a : b;
 }
 
 template <class Bits, int... E>
@@ -203,8 +211,6 @@ struct Vector {
     static constexpr int n_elements = bytes / static_cast<int>(sizeof(T));
     static constexpr int lanes = n_elements / 2;
     static constexpr unsigned int lane_bits = log2_of(lanes);
-    static constexpr bool recovers_products = true;
-    static constexpr bool beyond_cache = true;
     using Iota = std::make_integer_sequence<int, n_elements>;
 
     Elements v;
@@ -437,27 +443,30 @@ struct Vector {
     }
 };
 
+/// What Planar does about products that are more than four multiplications and two sums.
+enum class Products {
+    /// Products with a part that is known to be 0 are left out of RX and RY. That changes nothing
+    /// but signs of parts that are 0, and what becomes of infinities and NaN. A wrong sign of 0
+    /// only
+    /// ever makes other wrong signs of 0, and infinities stay, so the caller looks at the final
+    /// parts (`all_ordinary`).
+    without_zeros,
+    plain,      ///< exact unless a final part is NaN
+    recovered,  ///< exact
+};
+
 /// `lanes` amplitudes in two registers, one of real and one of imaginary parts: no product needs a
 /// shuffle. For blocks of amplitudes in cache, which are checked as a whole before they are stored
 /// back, so that no product is checked on its own.
-///
-/// @tparam drop_zeros  products with a part that is known to be 0 are left out of RX and RY. That
-///                     changes nothing but signs of parts that are 0, and what becomes of
-///                     infinities and NaN. A wrong sign of 0 only ever makes other wrong signs of
-///                     0, and infinities stay, so the caller looks at the final parts
-///                     (`all_ordinary`).
-template <InstructionSet set, class T, bool drop_zeros>
+template <InstructionSet set, class T, Products products>
 struct Planar {
     using Real = T;
     using Memory = PlanarMemory<T>;
-    using ScalarValue = Scalar<set, T>;
     static constexpr int bytes = register_bytes<set>;
     using Elements = typename Register<T, bytes>::Elements;
     using Bits = typename Register<T, bytes>::Bits;
     static constexpr int lanes = bytes / static_cast<int>(sizeof(T));
     static constexpr unsigned int lane_bits = log2_of(lanes);
-    static constexpr bool recovers_products = false;
-    static constexpr bool beyond_cache = false;
     using Iota = std::make_integer_sequence<int, lanes>;
 
     Elements re, im;
@@ -506,14 +515,19 @@ struct Planar {
     PBLINALG_ALWAYS_INLINE friend Planar times_i(Planar a) { return {-a.im, a.re}; }
     PBLINALG_ALWAYS_INLINE friend Planar times_minus_i(Planar a) { return {a.im, -a.re}; }
     PBLINALG_ALWAYS_INLINE friend Planar cmul(const Factor& f, Planar a) {
-        return {f.re * a.re - f.im * a.im, f.re * a.im + f.im * a.re};
+        Planar product{f.re * a.re - f.im * a.im, f.re * a.im + f.im * a.re};
+        if constexpr (products == Products::recovered) {
+            if (holds_nan(product)) [[unlikely]]
+                product.recover(f, a);
+        }
+        return product;
     }
     PBLINALG_ALWAYS_INLINE friend Planar cmul_real(const Factor& f, Planar a) {
-        if constexpr (!drop_zeros) return cmul(f, a);
+        if constexpr (products != Products::without_zeros) return cmul(f, a);
         return {f.re * a.re, f.re * a.im};
     }
     PBLINALG_ALWAYS_INLINE friend Planar cmul_imaginary(const Factor& f, Planar a) {
-        if constexpr (!drop_zeros) return cmul(f, a);
+        if constexpr (products != Products::without_zeros) return cmul(f, a);
         return {-(f.im * a.im), f.im * a.re};
     }
 
@@ -537,10 +551,17 @@ struct Planar {
         exchange_bit<1, lanes>(low.re, high.re, lane_bit);
         exchange_bit<1, lanes>(low.im, high.im, lane_bit);
     }
-    PBLINALG_ALWAYS_INLINE static Bits lanes_where(Index mask, Index value) {
+    /// Lane l of the result is lane l ^ 2^lane_bit. Bits that lanes do not have change nothing.
+    template <unsigned int lane_bit>
+    PBLINALG_ALWAYS_INLINE Planar flip_lane_bit() const {
+        if constexpr (lane_bit >= lane_bits) return *this;
+        return flip_lanes<(1 << lane_bit)>(Iota());
+    }
+    /// All bits set in the lanes whose bit of `lane_set` is 1.
+    PBLINALG_ALWAYS_INLINE static Bits lanes_in(Index lane_set) {
         using Lane = typename Register<T, bytes>::Lane;
-        return (number_elements<Bits>(Iota()) & static_cast<Lane>(mask)) ==
-               static_cast<Lane>(value);
+        const Bits lane_bits = bits_of_lanes(Iota());
+        return ((static_cast<Lane>(lane_set) + Bits{}) & lane_bits) == lane_bits;
     }
     PBLINALG_ALWAYS_INLINE static Planar select(Bits chosen, Planar fresh, Planar old) {
         return {choose_elements(chosen, fresh.re, old.re),
@@ -549,6 +570,28 @@ struct Planar {
 
   private:
     typedef Elements Aliasing __attribute__((may_alias));
+
+    /// Redoes the product f * a lane by lane with the recovery of infinities.
+    [[gnu::noinline, gnu::cold]] void recover(const Factor& f, const Planar& a) {
+        for (int lane = 0; lane < lanes; ++lane) {
+            const auto product = cmul(Scalar<set, T>(f.re[lane], f.im[lane]),
+                                      Scalar<set, T>(a.re[lane], a.im[lane]));
+            re[lane] = product.re;
+            im[lane] = product.im;
+        }
+    }
+
+    template <int mask, int... E>
+    PBLINALG_ALWAYS_INLINE Planar flip_lanes(std::integer_sequence<int, E...>) const {
+        if constexpr (mask >= lanes) return *this;
+        return {__builtin_shufflevector(re, re, ((E ^ mask) % lanes)...),
+                __builtin_shufflevector(im, im, ((E ^ mask) % lanes)...)};
+    }
+
+    template <int... E>
+    PBLINALG_ALWAYS_INLINE static Bits bits_of_lanes(std::integer_sequence<int, E...>) {
+        return Bits{(1 << E)...};
+    }
 
     /// The smaller magnitude of each element.
     PBLINALG_ALWAYS_INLINE static Elements smaller(Elements a, Elements b) {
