@@ -127,8 +127,7 @@ Relocation::Relocation(Index active) : active_(active), place_{} {
 }
 
 template <class T>
-Operation<T> Relocation::operator()(const Operation<T>& operation,
-                                    Index Operation<T>::*outside) const {
+Operation<T> Relocation::operator()(const Operation<T>& operation) const {
     Operation<T> moved = operation;
     for (unsigned int p = 0; p < operation.n_targets; ++p) {
         moved.targets[p] = place_[operation.targets[p]];
@@ -137,7 +136,7 @@ Operation<T> Relocation::operator()(const Operation<T>& operation,
     for (Index rest = operation.selects & active_; rest != 0; rest &= rest - 1) {
         moved.selects |= bit(place_[std::countr_zero(rest)]);
     }
-    moved.*outside = operation.selects & ~active_;
+    moved.state_selects = operation.selects & ~active_;
     return moved;
 }
 
@@ -179,8 +178,7 @@ void StepWriter<T>::push(const Operation<T>& operation) {
                                                         : count_bits(rows_ & low_mask(target));
     const std::complex<T>* const f = operation.factors;
     steps_.push_back({.factors = {f[0].real(), f[0].imag(), f[1].real(), f[1].imag()},
-                      .block_selects = operation.selects & ~(rows_ | lanes_),
-                      .tile_selects = operation.tile_selects,
+                      .tile_selects = operation.selects & ~(rows_ | lanes_),
                       .state_selects = operation.state_selects,
                       .lane_pattern = static_cast<unsigned short>(lane_pattern),
                       .row_pattern = static_cast<unsigned char>(row_pattern),
@@ -201,12 +199,11 @@ void StepWriter<T>::exchange_with_row(unsigned int lane_bit) {
     }
 }
 
-#define PBLINALG_INSTANTIATE(T)                                                                 \
-    template bool append_operation<T>(const PybindLinAlgWCircuit<T>&, std::size_t,              \
-                                      std::vector<Operation<T>>&);                              \
-    template void fold_parity_diagonals<T>(std::vector<Operation<T>>&);                         \
-    template Operation<T> Relocation::operator()<T>(const Operation<T>&, Index Operation<T>::*) \
-        const;                                                                                  \
+#define PBLINALG_INSTANTIATE(T)                                                    \
+    template bool append_operation<T>(const PybindLinAlgWCircuit<T>&, std::size_t, \
+                                      std::vector<Operation<T>>&);                 \
+    template void fold_parity_diagonals<T>(std::vector<Operation<T>>&);            \
+    template Operation<T> Relocation::operator()<T>(const Operation<T>&) const;    \
     template class StepWriter<T>;
 PBLINALG_INSTANTIATE(float)
 PBLINALG_INSTANTIATE(double)

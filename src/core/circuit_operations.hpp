@@ -10,7 +10,7 @@
 
 namespace pblinalg::cpu {
 
-/// One gate on the qubits of an array: the state, a tile of it, or a block of a tile.
+/// One gate on the qubits of a state or of a tile of it.
 template <class T>
 struct Operation {
     GateKind kind;
@@ -20,8 +20,7 @@ struct Operation {
     /// a diagonal gate, or both qubits of a diagonal gate between two CNOTs. A gate without
     /// selecting bits acts everywhere.
     Index selects = 0;
-    Index tile_selects = 0;   ///< the same in the index of a tile, outside a block of it
-    Index state_selects = 0;  ///< the same in the index of the state, outside a tile
+    Index state_selects = 0;  ///< for a gate on a tile: the same in the state's index, outside it
     std::complex<T> factors[2] = {};
 
     Index target_bits() const {
@@ -33,7 +32,7 @@ struct Operation {
     /// X, CNOT and SWAP move amplitudes without arithmetic.
     bool is_permutation() const { return kind == GateKind::X || kind == GateKind::SWAP; }
     bool is_diagonal() const { return n_targets == 0; }
-    bool acts_everywhere() const { return (selects | tile_selects | state_selects) == 0; }
+    bool acts_everywhere() const { return (selects | state_selects) == 0; }
     /// A diagonal gate that multiplies where the parity is 0, too, by factors[0].
     bool multiplies_both() const { return kind == GateKind::RZ; }
 };
@@ -49,19 +48,18 @@ bool append_operation(const PybindLinAlgWCircuit<T>& circuit, std::size_t i,
 template <class T>
 void fold_parity_diagonals(std::vector<Operation<T>>& operations);
 
-/// From the index bits of an array to those of a part of it that is made of the `active` ones.
+/// From the index bits of the state to those of a tile made of the `active` ones.
 class Relocation {
   public:
     explicit Relocation(Index active);
 
-    /// The operation seen from inside the part. Its targets must be active; selecting bits that are
-    /// not go to `outside`.
+    /// The operation seen from inside the tile. Its targets must be active.
     template <class T>
-    Operation<T> operator()(const Operation<T>& operation, Index Operation<T>::*outside) const;
+    Operation<T> operator()(const Operation<T>& operation) const;
 
   private:
     Index active_;
-    unsigned char place_[64];  ///< bit of the part's index for each active bit
+    unsigned char place_[64];  ///< bit of the tile's index for each active bit
 };
 
 /// Writes the steps of windows, one window after another.
@@ -71,10 +69,10 @@ class StepWriter {
     StepWriter(unsigned int lane_bits, std::vector<CircuitStep<T>>& steps)
         : lanes_(low_mask(lane_bits)), steps_(steps) {}
 
-    /// Begins a window of the `active` bits of a block's index: all lane bits and some others.
+    /// Begins a window of the `active` bits of a tile's index: all lane bits and some others.
     void begin(Index active);
 
-    /// Appends the steps of a gate on a block whose targets are active.
+    /// Appends the steps of a gate on a tile whose targets are active.
     void append(const Operation<T>& operation);
 
   private:

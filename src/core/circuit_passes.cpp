@@ -1,15 +1,14 @@
 // Two levels of the same idea. A *tile* holds the amplitudes that differ in the bits of a set of
-// active qubits and fits into the second-level cache; a *block* is the same inside a tile and fits
-// into the first-level cache. A pass at either level takes as many gates as it can from the front
-// of the circuit:
+// active qubits and fits into the second-level cache; a *window* is the same inside a tile, for the
+// few vectors that fit into registers. A pass at either level takes as many gates as it can from
+// the front of the circuit:
 //   - the targets of every gate must be active; diagonal gates and controls need not be, since an
-//     inactive bit has one value throughout a tile;
+//     inactive bit has one value throughout;
 //   - gates with arithmetic keep their order: even on disjoint qubits they do not commute to the
 //     last bit; permutations overtake whatever they do not touch.
 #include "core/circuit_passes.hpp"
 
 #include <algorithm>
-#include <cstring>
 #include <span>
 
 #include "core/parallel.hpp"
@@ -19,11 +18,9 @@
 namespace pblinalg::cpu {
 namespace {
 
-/// Sizes of tiles and blocks, as numbers of qubits: 512 KiB and 32 KiB.
+/// The size of tiles as a number of qubits: 512 KiB.
 template <class T>
 inline constexpr unsigned int tile_qubits = sizeof(T) == 8 ? 15 : 16;
-template <class T>
-inline constexpr unsigned int block_qubits = sizeof(T) == 8 ? 11 : 12;
 
 /// The lowest qubits that are active in every tile, so that tiles are made of runs of 1 KiB.
 template <class T>
@@ -35,7 +32,7 @@ constexpr std::size_t max_pass_length = 512;
 constexpr std::size_t pass_look_ahead = 64;
 constexpr std::size_t window_look_ahead = 12;
 
-/// Gates that run together, in order, on parts of an array that are made of the active bits.
+/// Gates that run together, in order, on parts of a state or tile that are made of the active bits.
 template <class T>
 struct Pass {
     Index active;
@@ -119,47 +116,28 @@ class Planner {
     bool arithmetic_blocked_ = false;
 };
 
-/// The gates of a pass as its parts see them.
-template <class T>
-std::vector<Operation<T>> relocated(const Pass<T>& pass, Index Operation<T>::*outside) {
-    std::vector<Operation<T>> local;
-    local.reserve(pass.operations.size());
-    const Relocation relocate(pass.active);
-    for (const Operation<T>* const operation : pass.operations)
-        local.push_back(relocate(*operation, outside));
-    return local;
-}
-
-/// A pass over the blocks of an array, with everything that its serial kernel reads.
+/// A pass over tiles, with everything that its serial kernel reads.
 template <class T>
 struct CompiledPass {
-    Index active;
-    Index inactive;
     std::vector<CircuitWindow> windows;
     std::vector<CircuitStep<T>> steps;
-
-    BlockPass<T> view() const {
-        return {count_bits(active), active,       inactive,    windows.data(),
-                windows.size(),     steps.data(), steps.size()};
-    }
-    std::size_t scratch_bytes() const {
-        return block_scratch_bytes<T>(count_bits(active), steps.size());
-    }
 };
+
+/// Steps that a gate takes at the most.
+constexpr std::size_t max_steps = 3;
 
 template <class T>
 WindowShape active_window_shape() {
     return dispatch([]<InstructionSet set>() { return window_shape<set, T>(); });
 }
 
-/// @param operations  as a block of the `active` bits sees them.
+/// @param operations  as a tile of 2^tile_bits amplitudes sees them.
 template <class T>
-CompiledPass<T> compile(std::span<const Operation<T>> operations, Index active, Index inactive) {
-    CompiledPass<T> compiled{active, inactive, {}, {}};
-    compiled.steps.reserve(2 * operations.size());
+CompiledPass<T> compile(std::span<const Operation<T>> operations, unsigned int tile_bits) {
+    CompiledPass<T> compiled;
+    compiled.steps.reserve(max_steps * operations.size());
     const WindowShape shape = active_window_shape<T>();
-    Planner<T> planner(operations, count_bits(active), shape.bits(), shape.lane_bits,
-                       window_look_ahead);
+    Planner<T> planner(operations, tile_bits, shape.bits(), shape.lane_bits, window_look_ahead);
     StepWriter<T> writer(shape.lane_bits, compiled.steps);
     const auto n_steps = [&] { return static_cast<unsigned int>(compiled.steps.size()); };
     for (Pass<T> window; planner.next(window);) {
@@ -172,100 +150,47 @@ CompiledPass<T> compile(std::span<const Operation<T>> operations, Index active, 
     return compiled;
 }
 
-/// Calls `run(pass)` for one pass after another over the blocks of an array of 2^n_bits amplitudes.
-template <class T, class Run>
-void for_each_block_pass(std::span<const Operation<T>> operations, unsigned int n_bits,
-                         const Run& run) {
-    if (n_bits <= block_qubits<T>) {
-        // One block is the whole array.
-        for (; !operations.empty();
-             operations = operations.subspan(std::min(max_pass_length, operations.size()))) {
-            run(compile(operations.first(std::min(max_pass_length, operations.size())),
-                        low_mask(n_bits), 0));
-        }
-        return;
-    }
-    Planner<T> planner(operations, n_bits, block_qubits<T>, active_window_shape<T>().lane_bits,
-                       pass_look_ahead);
-    for (Pass<T> pass; planner.next(pass);) {
-        const std::vector<Operation<T>> local = relocated(pass, &Operation<T>::tile_selects);
-        run(compile<T>(local, pass.active, planner.inactive(pass)));
-    }
-}
-
+/// Runs gates on the tiles of a state, in scratch memory that is allocated once for all passes.
 template <class T>
-void run_pass(T* array, const CompiledPass<T>& pass, Index outer_base, Index begin, Index end,
-              void* scratch, bool& shortcut) {
-    dispatch([&]<InstructionSet set>() {
-        run_blocks<set, T>(array, pass.view(), outer_base, begin, end, scratch, shortcut);
-    });
-}
+class TileRunner {
+  public:
+    TileRunner(std::complex<T>* amplitudes, unsigned int nqubits, int num_threads)
+        : amplitudes_(amplitudes),
+          tile_bits_(std::min(nqubits, tile_qubits<T>)),
+          workers_(tile_bits_ == nqubits ? 1 : get_num_threads(num_threads)),
+          past_cache_((sizeof(std::complex<T>) << nqubits) >= min_bytes_past_cache),
+          scratch_(workers_, tile_scratch_bytes<T>(tile_bits_, max_steps * max_pass_length)) {}
 
-/// A circuit on an array that stays in cache: block passes, their blocks shared by the workers.
-template <class T>
-void run_in_cache(std::complex<T>* amplitudes, unsigned int nqubits,
-                  std::span<const Operation<T>> operations, int num_threads) {
-    const Index size = bit(nqubits);
-    const int workers = size < min_parallel_amplitudes ? 1 : get_num_threads(num_threads);
-    for_each_block_pass<T>(operations, nqubits, [&](const CompiledPass<T>& pass) {
-        const Index n_blocks = bit(count_bits(pass.inactive));
-        const TeamScratch scratch(workers, pass.scratch_bytes());
-        run_team(workers, [&](int id, int team) {
-            const Index begin = n_blocks * id / team;
-            const Index end = n_blocks * (id + 1) / team;
+    /// @param operations  up to `max_pass_length`, as a tile of the `active` bits sees them.
+    void run(std::span<const Operation<T>> operations, Index active, Index inactive) const {
+        const CompiledPass<T> compiled = compile(operations, tile_bits_);
+        const TilePass<T> pass{active,
+                               inactive,
+                               compiled.windows.data(),
+                               compiled.windows.size(),
+                               compiled.steps.data(),
+                               compiled.steps.size(),
+                               past_cache_};
+        const Index n_tiles = bit(count_bits(inactive));
+        run_team(workers_, [&](int id, int team) {
+            const Block tiles(n_tiles, static_cast<Index>(id), static_cast<Index>(team), 1);
             bool shortcut = true;
-            run_pass(parts(amplitudes), pass, 0, begin, end, scratch.of(id), shortcut);
+            dispatch([&]<InstructionSet set>() {
+                run_tiles<set, T>(parts(amplitudes_), pass, tiles.begin, tiles.end, scratch_.of(id),
+                                  shortcut);
+            });
         });
-    });
-}
-
-/// Copies the amplitudes of a tile out of the state or back, run by run.
-template <bool out, class T>
-void copy_tile(std::complex<T>* amplitudes, Index base, Index active, std::complex<T>* tile) {
-    // Active bits up to the first inactive one make contiguous runs.
-    const unsigned int run_bits = static_cast<unsigned int>(__builtin_ctzll(~active));
-    const std::size_t run_bytes = sizeof(std::complex<T>) << run_bits;
-    const Index above_runs = active & ~low_mask(run_bits);
-    Index offset = 0;
-    for (Index i = 0; i < bit(count_bits(active)); i += bit(run_bits)) {
-        std::complex<T>* const run = amplitudes + (base | offset);
-        std::memcpy(out ? tile + i : run, out ? run : tile + i, run_bytes);
-        offset = next_subset(offset, above_runs);
     }
-}
 
-/// One pass over the state, tile by tile.
-template <class T>
-void run_tiles(std::complex<T>* amplitudes, const Pass<T>& pass, Index inactive, int num_threads) {
-    const unsigned int tile_bits = count_bits(pass.active);
-    std::vector<CompiledPass<T>> block_passes;
-    std::size_t scratch_bytes = 0;
-    for_each_block_pass<T>(relocated(pass, &Operation<T>::state_selects), tile_bits,
-                           [&](CompiledPass<T> block_pass) {
-                               scratch_bytes = std::max(scratch_bytes, block_pass.scratch_bytes());
-                               block_passes.push_back(std::move(block_pass));
-                           });
-    const Index n_tiles = bit(count_bits(inactive));
-    const int workers = get_num_threads(num_threads);
-    const TeamScratch tiles(workers, sizeof(std::complex<T>) << tile_bits);
-    const TeamScratch blocks(workers, scratch_bytes);
-    const TeamScratch flags(workers, block_passes.size() * sizeof(bool));
-    run_team(workers, [&](int id, int team) {
-        auto* const tile = static_cast<std::complex<T>*>(tiles.of(id));
-        bool* const shortcuts = static_cast<bool*>(flags.of(id));
-        std::fill_n(shortcuts, block_passes.size(), true);
-        for (Index t = n_tiles * id / team; t < n_tiles * (id + 1) / team; ++t) {
-            const Index base = deposit_bits(t, inactive);
-            copy_tile<true>(amplitudes, base, pass.active, tile);
-            for (std::size_t p = 0; p < block_passes.size(); ++p) {
-                const Index n_blocks = bit(count_bits(block_passes[p].inactive));
-                run_pass(parts(tile), block_passes[p], base, 0, n_blocks, blocks.of(id),
-                         shortcuts[p]);
-            }
-            copy_tile<false>(amplitudes, base, pass.active, tile);
-        }
-    });
-}
+  private:
+    static constexpr std::size_t min_bytes_past_cache = std::size_t{64} << 20;
+
+    std::complex<T>* amplitudes_;
+    unsigned int tile_bits_;
+    int workers_;
+    bool past_cache_;
+    TeamScratch scratch_;
+};
 
 /// Calls `body.operator()<Gate>()` for the gate of `kind`.
 template <class T, class Body>
@@ -355,11 +280,17 @@ void run_operations(std::complex<T>* amplitudes, unsigned int nqubits,
         return;
     }
     fold_parity_diagonals(operations);
+    const TileRunner<T> tiles(amplitudes, nqubits, num_threads);
     if (nqubits <= tile_qubits<T>) {
-        run_in_cache<T>(amplitudes, nqubits, operations, num_threads);
+        for (std::span<const Operation<T>> rest = operations; !rest.empty();) {
+            const std::size_t length = std::min(rest.size(), max_pass_length);
+            tiles.run(rest.first(length), low_mask(nqubits), 0);
+            rest = rest.subspan(length);
+        }
         return;
     }
     Planner<T> planner(operations, nqubits, tile_qubits<T>, run_qubits<T>, pass_look_ahead);
+    std::vector<Operation<T>> local;
     for (Pass<T> pass; planner.next(pass);) {
         double alone = 0;
         for (const Operation<T>* const operation : pass.operations)
@@ -367,9 +298,13 @@ void run_operations(std::complex<T>* amplitudes, unsigned int nqubits,
         if (alone < cost_of_tiles) {
             for (const Operation<T>* const operation : pass.operations)
                 run_alone(amplitudes, nqubits, *operation, num_threads);
-        } else {
-            run_tiles(amplitudes, pass, planner.inactive(pass), num_threads);
+            continue;
         }
+        const Relocation relocate(pass.active);
+        local.clear();
+        for (const Operation<T>* const operation : pass.operations)
+            local.push_back(relocate(*operation));
+        tiles.run(local, pass.active, planner.inactive(pass));
     }
 }
 

@@ -212,81 +212,84 @@ PBLINALG_ALWAYS_INLINE void run_step(V* a, const CircuitStep<T>& step, const Row
 }
 
 /// The gates of a window on one group of vectors after another.
+/// @param parities  of the selecting bits that tell tiles apart, by step.
 template <Products products, class T>
-[[gnu::noinline]] void run_window(PlanarMemory<T> block, Index size, const CircuitWindow& window,
-                                  const CircuitStep<T>* steps,
-                                  const unsigned char* outer_parities) {
+[[gnu::noinline]] void run_window(PlanarMemory<T> tile, Index size, const CircuitWindow& window,
+                                  const CircuitStep<T>* steps, const unsigned char* parities) {
     using V = Planar<this_set, T, products>;
     const Index rows_mask = window.active & ~(Index{V::lanes} - 1);
     Index offsets[n_rows] = {};
     for (unsigned int r = 1; r < n_rows; ++r)
         offsets[r] = next_subset(offsets[r - 1], rows_mask);
-    const CircuitStep<T>* const first = steps + window.first_step;
-    const CircuitStep<T>* const last = steps + window.last_step;
-    const unsigned char* const parities = outer_parities + window.first_step;
-    walk_groups((size - 1) & ~window.active, 0, 0,
-                size >> count_bits(window.active), [&](Index base) __attribute__((always_inline)) {
-                    V a[n_rows];
-                    for_each_row([&]<unsigned int r>() __attribute__((always_inline)) {
-                        a[r] = V::load(block, base + offsets[r]);
+    const Index free_mask = (size - 1) & ~window.active;
+    walk_groups(
+        free_mask, 0, 0,
+        size >> count_bits(window.active), [&](Index base) __attribute__((always_inline)) {
+            // Strides hide the next group from the processor.
+            const Index next = next_subset(base, free_mask);
+            V a[n_rows];
+            for_each_row([&]<unsigned int r>() __attribute__((always_inline)) {
+                __builtin_prefetch(tile.re + next + offsets[r], 1);
+                __builtin_prefetch(tile.im + next + offsets[r], 1);
+                a[r] = V::load(tile, base + offsets[r]);
+            });
+            for (unsigned int s = window.first_step; s != window.last_step; ++s) {
+                const CircuitStep<T>& step = steps[s];
+                run_step(
+                    a, step, [&]() __attribute__((always_inline)) {
+                        const unsigned int parity =
+                            has_odd_parity(base & step.tile_selects) ^ parities[s];
+                        return step.row_pattern ^ (0u - parity);
                     });
-                    for (const CircuitStep<T>* step = first; step != last; ++step) {
-                        run_step(
-                            a, *step, [&]() __attribute__((always_inline)) {
-                                const unsigned int parity =
-                                    has_odd_parity(base & step->block_selects) ^
-                                    parities[step - first];
-                                return step->row_pattern ^ (0u - parity);
-                            });
-                    }
-                    for_each_row([&]<unsigned int r>() __attribute__((always_inline)) {
-                        a[r].store(block, base + offsets[r]);
-                    });
-                });
+            }
+            for_each_row([&]<unsigned int r>() __attribute__((always_inline)) {
+                a[r].store(tile, base + offsets[r]);
+            });
+        });
 }
 
 template <class T>
 using Plain = Planar<this_set, T, Products::plain>;
 
-/// Copies a block in, parts apart. The walk is the block's: its active bits in the array.
+/// Copies a tile in, parts apart. The walk is the tile's: its active bits in the state.
 template <class T>
-void gather(const T* array, Index base, Index active, PlanarMemory<T> block, Index size) {
+void gather(const T* state, Index base, Index active, PlanarMemory<T> tile, Index size) {
     using V = Plain<T>;
     const Index above_lanes = active & ~(Index{V::lanes} - 1);
     Index from = 0;
     for (Index to = 0; to < size; to += V::lanes) {
-        V::deinterleave(array + 2 * (base | from)).store(block, to);
+        V::deinterleave(state + 2 * (base | from)).store(tile, to);
         from = next_subset(from, above_lanes);
     }
 }
 
-template <class T>
-void scatter(T* array, Index base, Index active, PlanarMemory<T> block, Index size) {
+template <bool past_cache, class T>
+void scatter(T* state, Index base, Index active, PlanarMemory<T> tile, Index size) {
     using V = Plain<T>;
     const Index above_lanes = active & ~(Index{V::lanes} - 1);
     Index to = 0;
     for (Index from = 0; from < size; from += V::lanes) {
-        V::load(block, from).interleave(array + 2 * (base | to));
+        V::load(tile, from).template interleave<past_cache>(state + 2 * (base | to));
         to = next_subset(to, above_lanes);
     }
 }
 
-/// Runs the whole sequence on a fresh copy of the block.
+/// Runs the whole sequence on a fresh copy of the tile.
 /// @return false when the result might differ from the definition.
 template <Products products, class T>
-[[gnu::noinline]] bool run_sequence(const T* array, Index base, const BlockPass<T>& pass,
-                                    const unsigned char* parities, PlanarMemory<T> block) {
-    const Index size = bit(pass.block_bits);
-    gather(array, base, pass.active, block, size);
+[[gnu::noinline]] bool run_sequence(const T* state, Index base, const TilePass<T>& pass,
+                                    const unsigned char* parities, PlanarMemory<T> tile,
+                                    Index size) {
+    gather(state, base, pass.active, tile, size);
     for (std::size_t w = 0; w < pass.n_windows; ++w)
-        run_window<products>(block, size, pass.windows[w], pass.steps, parities);
+        run_window<products>(tile, size, pass.windows[w], pass.steps, parities);
     // What went wrong on the way shows at the end: no gate turns NaN, an infinity or a wrong sign
     // of 0 into an ordinary number.
     using V = Plain<T>;
-    if constexpr (products == Products::without_zeros) return V::all_ordinary(block, size);
+    if constexpr (products == Products::without_zeros) return V::all_ordinary(tile, size);
     if constexpr (products == Products::plain) {
         for (Index i = 0; i < size; i += V::lanes) {
-            if (V::holds_nan(V::load(block, i))) return false;
+            if (V::holds_nan(V::load(tile, i))) return false;
         }
     }
     return true;
@@ -300,33 +303,34 @@ WindowShape window_shape() {
 }
 
 template <InstructionSet set, class T>
-void run_blocks(T* array, const BlockPass<T>& pass, Index outer_base, Index begin, Index end,
-                void* scratch, bool& shortcut) {
-    const Index size = bit(pass.block_bits);
+void run_tiles(T* state, const TilePass<T>& pass, Index begin, Index end, void* scratch,
+               bool& shortcut) {
+    const Index size = bit(count_bits(pass.active));
     T* const parts = static_cast<T*>(scratch);
-    const PlanarMemory<T> block{parts, parts + size};
+    const PlanarMemory<T> tile{parts, parts + size};
     auto* const parities = reinterpret_cast<unsigned char*>(parts + 2 * size);
     walk_groups(pass.inactive, 0, begin, end, [&](Index base) {
-        for (std::size_t s = 0; s < pass.n_steps; ++s) {
-            const CircuitStep<T>& step = pass.steps[s];
-            parities[s] = has_odd_parity(base & step.tile_selects) !=
-                          has_odd_parity(outer_base & step.state_selects);
-        }
+        for (std::size_t s = 0; s < pass.n_steps; ++s)
+            parities[s] = has_odd_parity(base & pass.steps[s].state_selects);
         const auto run = [&]<Products products>() {
-            return run_sequence<products>(array, base, pass, parities, block);
+            return run_sequence<products>(state, base, pass, parities, tile, size);
         };
         shortcut = shortcut && run.template operator()<Products::without_zeros>();
         if (!shortcut && !run.template operator()<Products::plain>()) {
             run.template operator()<Products::recovered>();
         }
-        scatter(array, base, pass.active, block, size);
+        if (pass.past_cache) {
+            scatter<true>(state, base, pass.active, tile, size);
+        } else {
+            scatter<false>(state, base, pass.active, tile, size);
+        }
     });
+    if (pass.past_cache) Vector<this_set, T>::finish_past_cache();
 }
 
-#define PBLINALG_INSTANTIATE(T)                                                                \
-    template WindowShape window_shape<this_set, T>();                                          \
-    template void run_blocks<this_set, T>(T*, const BlockPass<T>&, Index, Index, Index, void*, \
-                                          bool&);
+#define PBLINALG_INSTANTIATE(T)                       \
+    template WindowShape window_shape<this_set, T>(); \
+    template void run_tiles<this_set, T>(T*, const TilePass<T>&, Index, Index, void*, bool&);
 PBLINALG_INSTANTIATE(float)
 PBLINALG_INSTANTIATE(double)
 

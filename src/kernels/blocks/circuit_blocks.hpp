@@ -1,7 +1,7 @@
-// Serial kernel of circuits: runs a sequence of gates on one block of amplitudes after another.
-// A block is copied into the first-level cache once for the whole sequence, and inside it a *group*
+// Serial kernel of circuits: runs a sequence of gates on one tile of amplitudes after another. A
+// tile is copied into the second-level cache once for the whole sequence, and inside it a *group*
 // of vectors into registers once for each *window* of gates. Planned in core/circuit_passes.cpp,
-// windows in core/circuit_operations.cpp.
+// windows written in core/circuit_operations.cpp.
 #pragma once
 
 #include "core/bits.hpp"
@@ -37,39 +37,39 @@ constexpr unsigned int parity_pattern(Index mask) {
 template <class T>
 struct CircuitStep {
     T factors[4];                 ///< up to two coefficients as interleaved parts
-    Index block_selects;          ///< bits of the block's index
-    Index tile_selects;           ///< bits of the array's index that tell blocks apart
-    Index state_selects;          ///< bits of the index of the array's first amplitude
+    Index tile_selects;           ///< bits of the tile's index
+    Index state_selects;          ///< bits of the state's index that tell tiles apart
     unsigned short lane_pattern;  ///< parity of the selecting lane bits, by lane
     unsigned char row_pattern;    ///< parity of the selecting row bits, by row
     unsigned char action;         ///< `step_action`
 };
 
 /// Gates that run together in registers, on groups of amplitudes that differ in `active` bits of
-/// the block's index: all lane bits, and `window_row_bits` others. Row bit b is the b-th lowest of
-/// them.
+/// the tile's index: all lane bits, and `WindowShape::row_bits` others. Row bit b is the b-th
+/// lowest of these.
 struct CircuitWindow {
     Index active;
     unsigned int first_step;
     unsigned int last_step;
 };
 
-/// A sequence of gates on blocks of 2^block_bits amplitudes.
+/// A sequence of gates on tiles of a state.
 template <class T>
-struct BlockPass {
-    unsigned int block_bits;
-    Index active;  ///< bits of the array's index that count through a block, the lowest among them
-    Index inactive;  ///< the others: they tell blocks apart
+struct TilePass {
+    Index active;    ///< bits of the state's index that count through a tile, the lowest among them
+    Index inactive;  ///< the others: they tell tiles apart
     const CircuitWindow* windows;
     std::size_t n_windows;
     const CircuitStep<T>* steps;
     std::size_t n_steps;
+    bool past_cache;  ///< the state is too large for the caches: results are written around them
 };
 
-/// Bytes that `run_blocks` wants as 64-byte aligned scratch, per worker.
+/// Bytes that `run_tiles` wants as 64-byte aligned scratch, per worker, for tiles of 2^tile_bits
+/// amplitudes and sequences of up to `n_steps`.
 template <class T>
-constexpr std::size_t block_scratch_bytes(unsigned int block_bits, std::size_t n_steps) {
-    return (2 * sizeof(T) << block_bits) + n_steps;
+constexpr std::size_t tile_scratch_bytes(unsigned int tile_bits, std::size_t n_steps) {
+    return (2 * sizeof(T) << tile_bits) + n_steps;
 }
 
 /// Bits of a window: those inside one vector of `set`, and those that tell its vectors apart.
@@ -81,13 +81,12 @@ struct WindowShape {
 template <InstructionSet set, class T>
 WindowShape window_shape();
 
-/// Runs `pass` on blocks [begin, end) of `array`.
-/// @param array       interleaved parts, 64-byte aligned.
-/// @param outer_base  index of the array's first amplitude in the whole state.
-/// @param shortcut    whether to try products without their zero parts first; cleared once a block
-///                    had to be done again with them, as its neighbours then likely would, too.
+/// Runs `pass` on tiles [begin, end).
+/// @param state     interleaved parts, 64-byte aligned.
+/// @param shortcut  whether to try products without their zero parts first; cleared once a tile had
+///                  to be done again with them, as its neighbours then likely would, too.
 template <InstructionSet set, class T>
-void run_blocks(T* array, const BlockPass<T>& pass, Index outer_base, Index begin, Index end,
-                void* scratch, bool& shortcut);
+void run_tiles(T* state, const TilePass<T>& pass, Index begin, Index end, void* scratch,
+               bool& shortcut);
 
 }  // namespace pblinalg::cpu

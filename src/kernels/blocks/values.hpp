@@ -499,9 +499,16 @@ struct Planar {
         return deinterleave(*reinterpret_cast<const Aliasing*>(from),
                             *reinterpret_cast<const Aliasing*>(from + lanes), Iota());
     }
+    template <bool past_cache>
     PBLINALG_ALWAYS_INLINE void interleave(T* to) const {
-        *reinterpret_cast<Aliasing*>(to) = mix(0, Iota());
-        *reinterpret_cast<Aliasing*>(to + lanes) = mix(lanes / 2, Iota());
+        const Vector<set, T> low{mix(0, Iota())}, high{mix(lanes / 2, Iota())};
+        if constexpr (past_cache) {
+            low.store_past_cache(to);
+            high.store_past_cache(to + lanes);
+        } else {
+            low.store({to}, 0);
+            high.store({to + lanes}, 0);
+        }
     }
 
     PBLINALG_ALWAYS_INLINE friend Planar operator+(Planar a, Planar b) {
