@@ -213,15 +213,19 @@ PBLINALG_ALWAYS_INLINE void run_step(V* a, const CircuitStep<T>& step, const Row
 
 /// The gates of a window on one group of vectors after another.
 /// @param parities  of the selecting bits that tell tiles apart, by step.
+/// @param inspects  whether to look at the results.
+/// @return false when they might differ from the definition.
 template <Products products, class T>
-[[gnu::noinline]] void run_window(PlanarMemory<T> tile, Index size, const CircuitWindow& window,
-                                  const CircuitStep<T>* steps, const unsigned char* parities) {
+[[gnu::noinline]] bool run_window(PlanarMemory<T> tile, Index size, const CircuitWindow& window,
+                                  const CircuitStep<T>* steps, const unsigned char* parities,
+                                  bool inspects) {
     using V = Planar<this_set, T, products>;
     const Index rows_mask = window.active & ~(Index{V::lanes} - 1);
     Index offsets[n_rows] = {};
     for (unsigned int r = 1; r < n_rows; ++r)
         offsets[r] = next_subset(offsets[r - 1], rows_mask);
     const Index free_mask = (size - 1) & ~window.active;
+    typename V::Inspection inspection;
     walk_groups(
         free_mask, 0, 0,
         size >> count_bits(window.active), [&](Index base) __attribute__((always_inline)) {
@@ -242,10 +246,16 @@ template <Products products, class T>
                         return step.row_pattern ^ (0u - parity);
                     });
             }
+            if (inspects) {
+                for_each_row([&]<unsigned int r>() __attribute__((always_inline)) {
+                    inspection.look_at(a[r]);
+                });
+            }
             for_each_row([&]<unsigned int r>() __attribute__((always_inline)) {
                 a[r].store(tile, base + offsets[r]);
             });
         });
+    return inspection.passed();
 }
 
 template <class T>
@@ -281,18 +291,14 @@ template <Products products, class T>
                                     const unsigned char* parities, PlanarMemory<T> tile,
                                     Index size) {
     gather(state, base, pass.active, tile, size);
-    for (std::size_t w = 0; w < pass.n_windows; ++w)
-        run_window<products>(tile, size, pass.windows[w], pass.steps, parities);
     // What went wrong on the way shows at the end: no gate turns NaN, an infinity or a wrong sign
     // of 0 into an ordinary number.
-    using V = Plain<T>;
-    if constexpr (products == Products::without_zeros) return V::all_ordinary(tile, size);
-    if constexpr (products == Products::plain) {
-        for (Index i = 0; i < size; i += V::lanes) {
-            if (V::holds_nan(V::load(tile, i))) return false;
-        }
+    bool passed = true;
+    for (std::size_t w = 0; w < pass.n_windows; ++w) {
+        const bool last = w + 1 == pass.n_windows;
+        passed = run_window<products>(tile, size, pass.windows[w], pass.steps, parities, last);
     }
-    return true;
+    return passed;
 }
 
 }  // namespace
@@ -307,8 +313,8 @@ void run_tiles(T* state, const TilePass<T>& pass, Index begin, Index end, void* 
                bool& shortcut) {
     const Index size = bit(count_bits(pass.active));
     T* const parts = static_cast<T*>(scratch);
-    const PlanarMemory<T> tile{parts, parts + size};
-    auto* const parities = reinterpret_cast<unsigned char*>(parts + 2 * size);
+    const PlanarMemory<T> tile{parts, parts + size + parts_gap / sizeof(T)};
+    auto* const parities = reinterpret_cast<unsigned char*>(tile.im + size);
     walk_groups(pass.inactive, 0, begin, end, [&](Index base) {
         for (std::size_t s = 0; s < pass.n_steps; ++s)
             parities[s] = has_odd_parity(base & pass.steps[s].state_selects);

@@ -65,11 +65,16 @@ struct TilePass {
     bool past_cache;  ///< the state is too large for the caches: results are written around them
 };
 
+/// Bytes between the real and the imaginary parts of a tile. Both lie a power of two apart otherwise,
+/// and vectors of a group often do, so that all of them would fall into one set of the first-level
+/// cache.
+inline constexpr std::size_t parts_gap = 2048;
+
 /// Bytes that `run_tiles` wants as 64-byte aligned scratch, per worker, for tiles of 2^tile_bits
 /// amplitudes and sequences of up to `n_steps`.
 template <class T>
 constexpr std::size_t tile_scratch_bytes(unsigned int tile_bits, std::size_t n_steps) {
-    return (2 * sizeof(T) << tile_bits) + n_steps;
+    return (2 * sizeof(T) << tile_bits) + parts_gap + n_steps;
 }
 
 /// Bits of a window: those inside one vector of `set`, and those that tell its vectors apart.

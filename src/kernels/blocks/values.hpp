@@ -449,7 +449,7 @@ enum class Products {
     /// but signs of parts that are 0, and what becomes of infinities and NaN. A wrong sign of 0
     /// only
     /// ever makes other wrong signs of 0, and infinities stay, so the caller looks at the final
-    /// parts (`all_ordinary`).
+    /// parts (`Inspection`).
     without_zeros,
     plain,      ///< exact unless a final part is NaN
     recovered,  ///< exact
@@ -540,19 +540,27 @@ struct Planar {
 
     PBLINALG_ALWAYS_INLINE static bool holds_nan(Planar a) { return any_nan<T, bytes>(a.re, a.im); }
 
-    /// True when all parts of `n` values are finite and none is 0.
-    PBLINALG_ALWAYS_INLINE static bool all_ordinary(Memory values, Index n) {
-        Elements not_finite{};
-        Elements smallest = T(1) - Elements{};
-        for (Index i = 0; i < n; i += lanes) {
-            const Planar a = load(values, i);
+    /// Looks at final values and tells whether all of them are exact.
+    class Inspection {
+      public:
+        PBLINALG_ALWAYS_INLINE void look_at(Planar a) {
+            if constexpr (products == Products::recovered) return;
             // An infinity minus itself is NaN, and NaN stays in the sum.
-            not_finite += (a.re - a.re) + (a.im - a.im);
-            smallest = smaller(smallest, smaller(a.re, a.im));
+            not_finite_ += (a.re - a.re) + (a.im - a.im);
+            if constexpr (products == Products::without_zeros) {
+                smallest_ = smaller(smallest_, smaller(a.re, a.im));
+            }
         }
-        // 0 / 0 is NaN.
-        return !any_nan<T, bytes>(not_finite, smallest / smallest);
-    }
+        /// True when all parts were finite and, if that matters, none was 0.
+        PBLINALG_ALWAYS_INLINE bool passed() const {
+            // 0 / 0 is NaN.
+            return !any_nan<T, bytes>(not_finite_, smallest_ / smallest_);
+        }
+
+      private:
+        Elements not_finite_{};
+        Elements smallest_ = T(1) - Elements{};
+    };
 
     PBLINALG_ALWAYS_INLINE static void transpose(Planar& low, Planar& high, unsigned int lane_bit) {
         exchange_bit<1, lanes>(low.re, high.re, lane_bit);
