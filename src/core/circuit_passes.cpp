@@ -22,6 +22,10 @@ namespace {
 template <class T>
 inline constexpr unsigned int tile_qubits = sizeof(T) == 8 ? 15 : 16;
 
+/// States of fewer qubits are faster on one worker.
+template <class T>
+inline constexpr unsigned int min_parallel_qubits = sizeof(T) == 8 ? 14 : 15;
+
 /// The lowest qubits that are active in every tile, so that tiles are made of runs of 1 KiB.
 template <class T>
 inline constexpr unsigned int run_qubits = sizeof(T) == 8 ? 6 : 7;
@@ -156,10 +160,12 @@ class TileRunner {
   public:
     TileRunner(std::complex<T>* amplitudes, unsigned int nqubits, int num_threads)
         : amplitudes_(amplitudes),
-          tile_bits_(std::min(nqubits, tile_qubits<T>)),
-          workers_(tile_bits_ == nqubits ? 1 : get_num_threads(num_threads)),
+          workers_(nqubits < min_parallel_qubits<T> ? 1 : get_num_threads(num_threads)),
+          tile_bits_(choose_tile_bits(nqubits, team_size(workers_))),
           past_cache_((sizeof(std::complex<T>) << nqubits) >= min_bytes_past_cache),
           scratch_(workers_, tile_scratch_bytes<T>(tile_bits_, max_steps * max_pass_length)) {}
+
+    unsigned int tile_bits() const { return tile_bits_; }
 
     /// @param operations  up to `max_pass_length`, as a tile of the `active` bits sees them.
     void run(std::span<const Operation<T>> operations, Index active, Index inactive) const {
@@ -185,9 +191,18 @@ class TileRunner {
   private:
     static constexpr std::size_t min_bytes_past_cache = std::size_t{64} << 20;
 
+    /// A tile for each worker at least, none too small to be worth a pass.
+    static unsigned int choose_tile_bits(unsigned int nqubits, std::size_t workers) {
+        constexpr unsigned int min_shared_tile_bits = min_parallel_qubits<T> - 2;
+        unsigned int bits = std::min(nqubits, tile_qubits<T>);
+        while (bits > min_shared_tile_bits && (std::size_t{1} << (nqubits - bits)) < workers)
+            --bits;
+        return bits;
+    }
+
     std::complex<T>* amplitudes_;
-    unsigned int tile_bits_;
     int workers_;
+    unsigned int tile_bits_;
     bool past_cache_;
     TeamScratch scratch_;
 };
@@ -281,7 +296,7 @@ void run_operations(std::complex<T>* amplitudes, unsigned int nqubits,
     }
     fold_parity_diagonals(operations);
     const TileRunner<T> tiles(amplitudes, nqubits, num_threads);
-    if (nqubits <= tile_qubits<T>) {
+    if (tiles.tile_bits() == nqubits) {
         for (std::span<const Operation<T>> rest = operations; !rest.empty();) {
             const std::size_t length = std::min(rest.size(), max_pass_length);
             tiles.run(rest.first(length), low_mask(nqubits), 0);
@@ -289,7 +304,7 @@ void run_operations(std::complex<T>* amplitudes, unsigned int nqubits,
         }
         return;
     }
-    Planner<T> planner(operations, nqubits, tile_qubits<T>, run_qubits<T>, pass_look_ahead);
+    Planner<T> planner(operations, nqubits, tiles.tile_bits(), run_qubits<T>, pass_look_ahead);
     std::vector<Operation<T>> local;
     for (Pass<T> pass; planner.next(pass);) {
         double alone = 0;
