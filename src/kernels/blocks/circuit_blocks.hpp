@@ -65,9 +65,9 @@ struct TilePass {
     bool past_cache;  ///< the state is too large for the caches: results are written around them
 };
 
-/// Bytes between the real and the imaginary parts of a tile. Both lie a power of two apart otherwise,
-/// and vectors of a group often do, so that all of them would fall into one set of the first-level
-/// cache.
+/// Bytes between the real and the imaginary parts of a tile. Both lie a power of two apart
+/// otherwise, and vectors of a group often do, so that all of them would fall into one set of the
+/// first-level cache.
 inline constexpr std::size_t parts_gap = 2048;
 
 /// Bytes that `run_tiles` wants as 64-byte aligned scratch, per worker, for tiles of 2^tile_bits

@@ -182,10 +182,13 @@ void multiply_vectors(T* state, const MatrixVectors<V>& vectors, Index begin, In
     int waiting = 0;
     const Index rows = Index{1} << vectors.walk.n_targets;
     pack_matrix(scratch.matrix, matrix, rows, tile_rows);
-    LinesAhead<V> ahead(vectors.free_mask, vectors.fixed_bits, vectors.target_bits,
-                        vectors.walk.groups.count * rows, begin);
+    // Streams that are far apart come in fast enough for the arithmetic.
+    const bool near = way_ahead(vectors.target_bits) == Ahead::by_address;
+    LinesAhead<V, Ahead::by_address> ahead(vectors.free_mask, vectors.fixed_bits,
+                                           vectors.target_bits,
+                                           near ? vectors.walk.groups.count * rows : 0, begin);
     walk_groups(vectors.free_mask, vectors.fixed_bits, begin, end, [&](Index base) {
-        ahead.fetch(state, rows);
+        ahead.fetch(state, vectors.offsets, rows);
         bases[waiting++] = base;
         if (waiting < steps_at_once) return;
         multiply_steps<tile_rows, steps_at_once, plain>(state, vectors, bases, matrix, scratch);

@@ -38,7 +38,8 @@ struct GateVectors : VectorWalk<V> {
         }
     }
 
-    PBLINALG_ALWAYS_INLINE LinesAhead<V> lines_ahead(Index begin) const {
+    template <Ahead way>
+    PBLINALG_ALWAYS_INLINE LinesAhead<V, way> lines_ahead(Index begin) const {
         return {this->free_mask, this->fixed_bits, target_bits, amplitudes, begin};
     }
 
@@ -105,9 +106,9 @@ template <class Gate, class V, class T>
 
 /// @tparam in_lanes   some target lies inside a vector.
 /// @tparam chooses    some held bit lies inside a vector.
-template <class Gate, bool in_lanes, bool chooses, class V, class T>
-void update_vectors_of_shape(typename V::Memory memory, const GateVectors<Gate, V>& walk,
-                             Index begin, Index end, const T* factors) {
+template <class Gate, bool in_lanes, bool chooses, Ahead way, class V, class T>
+void update_vectors_on_way(typename V::Memory memory, const GateVectors<Gate, V>& walk, Index begin,
+                           Index end, const T* factors) {
     constexpr auto moves = [](unsigned int r) { return in_lanes || Gate::touches(r); };
 
     typename V::Factor f[Gate::n_factors + 1];
@@ -119,9 +120,14 @@ void update_vectors_of_shape(typename V::Memory memory, const GateVectors<Gate, 
     Index offsets[Gate::n_rows];
     for (unsigned int r = 0; r < Gate::n_rows; ++r)
         offsets[r] = walk.offsets[r];
-    LinesAhead<V> ahead = walk.lines_ahead(begin);
+    Index moved[Gate::n_rows];
+    unsigned int n_moved = 0;
+    for (unsigned int r = 0; r < Gate::n_rows; ++r) {
+        if (moves(r)) moved[n_moved++] = offsets[r];
+    }
+    auto ahead = walk.template lines_ahead<way>(begin);
     walk_groups(walk.free_mask, walk.fixed_bits, begin, end, [&](Index base) {
-        if constexpr (moves(0)) ahead.fetch(memory.parts, Gate::n_rows);
+        ahead.fetch(memory.parts, moved, n_moved);
         V old[Gate::n_rows];
         for (unsigned int r = 0; r < Gate::n_rows; ++r) {
             if (moves(r)) old[r] = V::load(memory, base + offsets[r]);
@@ -152,6 +158,25 @@ void update_vectors_of_shape(typename V::Memory memory, const GateVectors<Gate, 
     });
 }
 
+template <class Gate, bool in_lanes, bool chooses, class V, class T>
+void update_vectors_of_shape(typename V::Memory memory, const GateVectors<Gate, V>& walk,
+                             Index begin, Index end, const T* factors) {
+    // The one companion of a target inside vectors is never far.
+    constexpr bool always_near = Gate::n_targets == 0 || (Gate::n_targets == 1 && in_lanes);
+    // In the order of addresses come all vectors of a step.
+    constexpr bool takes_all = in_lanes || Gate::touches(0);
+    if constexpr (!always_near) {
+        if (!takes_all || way_ahead(walk.target_bits) == Ahead::by_stream) {
+            return update_vectors_on_way<Gate, in_lanes, chooses, Ahead::by_stream>(
+                memory, walk, begin, end, factors);
+        }
+    }
+    if constexpr (takes_all) {
+        update_vectors_on_way<Gate, in_lanes, chooses, Ahead::by_address>(memory, walk, begin, end,
+                                                                          factors);
+    }
+}
+
 /// A diagonal on a target inside a vector: a factor of its own in every lane, and no exchange.
 template <class V, class T>
 void multiply_lanes(typename V::Memory memory, const GateVectors<GateDiagonal, V>& walk,
@@ -162,9 +187,9 @@ void multiply_lanes(typename V::Memory memory, const GateVectors<GateDiagonal, V
                                                         typename V::Factor(factors[0], factors[1]));
     const typename V::Bits chosen = walk.chosen_lanes();
     const Index companion = walk.offsets[1];
-    LinesAhead<V> ahead = walk.lines_ahead(begin);
+    auto ahead = walk.template lines_ahead<Ahead::by_address>(begin);
     walk_groups(walk.free_mask, walk.fixed_bits, begin, end, [&](Index base) {
-        ahead.fetch(memory.parts, 2);
+        ahead.fetch(memory.parts, walk.offsets, 2);
         for (const Index index : {base, base + companion}) {
             const V old = V::load(memory, index);
             V fresh = cmul(factor, old);

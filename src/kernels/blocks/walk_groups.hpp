@@ -41,12 +41,27 @@ struct VectorRange {
     PBLINALG_ALWAYS_INLINE Index last_step() const { return end >> group_bits; }
 };
 
-/// Fetches what a walk will touch one page ahead of it, in the order of addresses.
-///
-/// A walk whose targets lie between a cache line and some tens of KiB apart reads several streams
-/// that the hardware takes for one and fails to fetch ahead; half of the bandwidth is lost.
-/// Followed linearly, the same lines come in at full speed. Larger distances need no help.
-template <class V>
+/// Which way `LinesAhead` follows a walk.
+enum class Ahead {
+    /// In the order of addresses. A walk whose targets lie between a cache line and some tens of
+    /// KiB
+    /// apart reads several streams that the hardware takes for one and fails to fetch ahead; half
+    /// of
+    /// the bandwidth is lost. Followed linearly, the same lines come in at full speed.
+    by_address,
+    /// Each of the streams that targets further apart make. The hardware tells these apart, but
+    /// loses them where held bits leave gaps, and keeps less in flight than memory can deliver.
+    by_stream,
+};
+
+/// @param target_bits  index bits that tell the vectors of a step apart.
+PBLINALG_ALWAYS_INLINE constexpr Ahead way_ahead(Index target_bits) {
+    constexpr Index max_target_bit = Index{1} << 12;
+    return target_bits < max_target_bit ? Ahead::by_address : Ahead::by_stream;
+}
+
+/// Fetches what a walk will touch some steps ahead of it.
+template <class V, Ahead way>
 class LinesAhead {
   public:
     /// @param free_mask    index bits above the lanes that the walk counts through.
@@ -55,26 +70,31 @@ class LinesAhead {
     /// @param begin        first step.
     PBLINALG_ALWAYS_INLINE LinesAhead(Index free_mask, Index fixed_bits, Index target_bits,
                                       Index amplitudes, Index begin)
-        : mask_(free_mask | target_bits),
+        : mask_(way == Ahead::by_address ? free_mask | target_bits : free_mask),
           fixed_bits_(fixed_bits),
-          useful_(amplitudes >= min_amplitudes && target_bits < max_target_bit),
-          next_(deposit_bits((begin << count_bits(target_bits)) + page / V::bytes, mask_)) {}
+          useful_(amplitudes >= min_amplitudes),
+          next_(way == Ahead::by_address
+                    ? deposit_bits((begin << count_bits(target_bits)) + page / V::bytes, mask_)
+                    : deposit_bits(begin + stream_steps, mask_)) {}
 
-    /// Fetches as many vectors as one step takes.
+    /// Fetches the vectors of one step.
+    /// @param offsets  amplitudes from the base of a step to each of its vectors.
     template <class T>
-    PBLINALG_ALWAYS_INLINE void fetch(const T* state, Index n_vectors) {
+    PBLINALG_ALWAYS_INLINE void fetch(const T* state, const Index* offsets, Index n_vectors) {
         if (!useful_) return;
         for (Index i = 0; i < n_vectors; ++i) {
-            __builtin_prefetch(state + 2 * (next_ | fixed_bits_), 1, 3);
-            next_ = next_subset(next_, mask_);
+            const Index offset = way == Ahead::by_address ? 0 : offsets[i];
+            __builtin_prefetch(state + 2 * (next_ | fixed_bits_ | offset), 1, 3);
+            if (way == Ahead::by_address) next_ = next_subset(next_, mask_);
         }
+        if (way == Ahead::by_stream) next_ = next_subset(next_, mask_);
     }
 
   private:
     static constexpr Index page = 4096;
+    static constexpr Index stream_steps = 16;
     /// Below this the state is in cache anyway.
     static constexpr Index min_amplitudes = Index{1} << 17;
-    static constexpr Index max_target_bit = Index{1} << 12;
 
     Index mask_;
     Index fixed_bits_;
