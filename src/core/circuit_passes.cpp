@@ -283,27 +283,21 @@ double cost_alone(const Operation<T>& operation) {
 /// What a pass by tiles costs at the least, in the same measure.
 constexpr double cost_of_tiles = 2.5;
 
-}  // namespace
-
+/// A piece of a circuit on a state that is one tile.
 template <class T>
-void run_operations(std::complex<T>* amplitudes, unsigned int nqubits,
-                    std::vector<Operation<T>> operations, int num_threads) {
-    if (nqubits < active_window_shape<T>().bits()) {
-        for (const Operation<T>& operation : operations) {
-            run_alone(amplitudes, nqubits, operation, num_threads);
-        }
-        return;
+void run_in_one_tile(const TileRunner<T>& tiles, std::span<const Operation<T>> operations,
+                     unsigned int nqubits) {
+    while (!operations.empty()) {
+        const std::size_t length = std::min(operations.size(), max_pass_length);
+        tiles.run(operations.first(length), low_mask(nqubits), 0);
+        operations = operations.subspan(length);
     }
-    fold_parity_diagonals(operations);
-    const TileRunner<T> tiles(amplitudes, nqubits, num_threads);
-    if (tiles.tile_bits() == nqubits) {
-        for (std::span<const Operation<T>> rest = operations; !rest.empty();) {
-            const std::size_t length = std::min(rest.size(), max_pass_length);
-            tiles.run(rest.first(length), low_mask(nqubits), 0);
-            rest = rest.subspan(length);
-        }
-        return;
-    }
+}
+
+/// A piece of a circuit in passes over the tiles of a state.
+template <class T>
+void run_in_passes(const TileRunner<T>& tiles, std::span<const Operation<T>> operations,
+                   std::complex<T>* amplitudes, unsigned int nqubits, int num_threads) {
     Planner<T> planner(operations, nqubits, tiles.tile_bits(), run_qubits<T>, pass_look_ahead);
     std::vector<Operation<T>> local;
     for (Pass<T> pass; planner.next(pass);) {
@@ -323,9 +317,40 @@ void run_operations(std::complex<T>* amplitudes, unsigned int nqubits,
     }
 }
 
-template void run_operations<float>(std::complex<float>*, unsigned int,
-                                    std::vector<Operation<float>>, int);
-template void run_operations<double>(std::complex<double>*, unsigned int,
-                                     std::vector<Operation<double>>, int);
+}  // namespace
+
+template <class T>
+void run_operations(std::complex<T>* amplitudes, unsigned int nqubits, int num_threads,
+                    const std::function<void(std::vector<Operation<T>>&)>& append_piece) {
+    std::vector<Operation<T>> operations;
+    const auto next_piece = [&] {
+        operations.clear();
+        append_piece(operations);
+        return !operations.empty();
+    };
+    if (nqubits < active_window_shape<T>().bits()) {
+        while (next_piece()) {
+            for (const Operation<T>& operation : operations)
+                run_alone(amplitudes, nqubits, operation, num_threads);
+        }
+        return;
+    }
+    const TileRunner<T> tiles(amplitudes, nqubits, num_threads);
+    while (next_piece()) {
+        fold_parity_diagonals(operations);
+        if (tiles.tile_bits() == nqubits) {
+            run_in_one_tile<T>(tiles, operations, nqubits);
+        } else {
+            run_in_passes<T>(tiles, operations, amplitudes, nqubits, num_threads);
+        }
+    }
+}
+
+#define PBLINALG_INSTANTIATE(T)                                          \
+    template void run_operations<T>(std::complex<T>*, unsigned int, int, \
+                                    const std::function<void(std::vector<Operation<T>>&)>&);
+PBLINALG_INSTANTIATE(float)
+PBLINALG_INSTANTIATE(double)
+#undef PBLINALG_INSTANTIATE
 
 }  // namespace pblinalg::cpu

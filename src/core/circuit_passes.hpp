@@ -3,13 +3,17 @@
 // from the gates one by one.
 #pragma once
 
+#include <functional>
+
 #include "core/circuit_operations.hpp"
 
 namespace pblinalg::cpu {
 
-/// Applies `operations` in order to the 2^nqubits amplitudes of a state.
+/// Applies gates in order to the 2^nqubits amplitudes of a state, one piece of a circuit after
+/// another: each call of `append_piece` appends the gates of the next one to an empty list, none at
+/// the end.
 template <class T>
-void run_operations(std::complex<T>* amplitudes, unsigned int nqubits,
-                    std::vector<Operation<T>> operations, int num_threads);
+void run_operations(std::complex<T>* amplitudes, unsigned int nqubits, int num_threads,
+                    const std::function<void(std::vector<Operation<T>>&)>& append_piece);
 
 }  // namespace pblinalg::cpu

@@ -8,27 +8,32 @@ namespace pblinalg::cpu {
 namespace {
 
 /// Gates read before they are run; long circuits go in pieces of this length.
-constexpr std::size_t piece_length = 8192;
+constexpr std::size_t piece_length = 1024;
 
 }  // namespace
 
 template <class T>
 void PybindLinAlgStateVectorCPU<T>::simulate_circuit(PybindLinAlgWCircuit<T>& circuit) {
     const std::size_t n_gates = circuit.gate_names.size();
-    std::vector<Operation<T>> operations;
+    // What a control that the state does not have comes to is the member's business.
+    const auto needs_member = [&](std::size_t i) {
+        return circuit.gate_names[i] == "CNOT" && circuit.gate_qubits[i][0] >= nqubits;
+    };
     for (std::size_t i = 0; i < n_gates; ++i) {
-        // What a control that the state does not have comes to is the member's business.
-        const bool alone = circuit.gate_names[i] == "CNOT" && circuit.gate_qubits[i][0] >= nqubits;
-        const bool known = alone || append_operation(circuit, i, operations);
-        if (alone || !known || operations.size() == piece_length || i + 1 == n_gates) {
-            run_operations(state.get(), nqubits, std::move(operations), num_threads);
-            operations.clear();
-        }
-        if (alone) apply_CNOT(circuit.gate_qubits[i][0], circuit.gate_qubits[i][1]);
+        bool known = true;
+        run_operations<T>(state.get(), nqubits, num_threads,
+                          [&](std::vector<Operation<T>>& operations) {
+                              for (; i < n_gates && operations.size() < piece_length; ++i) {
+                                  if (needs_member(i)) break;
+                                  known = append_operation(circuit, i, operations);
+                                  if (!known) break;
+                              }
+                          });
         if (!known) {
             throw std::invalid_argument("Gate " + circuit.gate_names[i] +
                                         " is not supported by the pybinded circuit");
         }
+        if (i < n_gates) apply_CNOT(circuit.gate_qubits[i][0], circuit.gate_qubits[i][1]);
     }
 }
 

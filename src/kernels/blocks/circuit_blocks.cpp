@@ -211,6 +211,9 @@ PBLINALG_ALWAYS_INLINE void run_step(V* a, const CircuitStep<T>& step, const Row
     // clang-format on
 }
 
+/// Of a tile that stays in the first-level cache.
+constexpr std::size_t first_level_bytes = 32 << 10;
+
 /// The gates of a window on one group of vectors after another.
 /// @param parities  of the selecting bits that tell tiles apart, by step.
 /// @param inspects  whether to look at the results.
@@ -224,36 +227,44 @@ template <Products products, class T>
     Index offsets[n_rows] = {};
     for (unsigned int r = 1; r < n_rows; ++r)
         offsets[r] = next_subset(offsets[r - 1], rows_mask);
+    const CircuitStep<T>* const first = steps + window.first_step;
+    const CircuitStep<T>* const last = steps + window.last_step;
+    const unsigned char* const window_parities = parities + window.first_step;
+    const bool fetches = size * 2 * sizeof(T) > first_level_bytes;
     const Index free_mask = (size - 1) & ~window.active;
+    const auto from = [=](Index base) __attribute__((always_inline)) {
+        return PlanarMemory<T>{tile.re + base, tile.im + base};
+    };
     typename V::Inspection inspection;
     walk_groups(
         free_mask, 0, 0,
         size >> count_bits(window.active), [&](Index base) __attribute__((always_inline)) {
-            // Strides hide the next group from the processor.
-            const Index next = next_subset(base, free_mask);
+            if (fetches) {
+                // Strides hide the next group from the processor.
+                const PlanarMemory<T> next = from(next_subset(base, free_mask));
+                for_each_row([&]<unsigned int r>() __attribute__((always_inline)) {
+                    __builtin_prefetch(next.re + offsets[r], 1);
+                    __builtin_prefetch(next.im + offsets[r], 1);
+                });
+            }
+            const PlanarMemory<T> group = from(base);
             V a[n_rows];
-            for_each_row([&]<unsigned int r>() __attribute__((always_inline)) {
-                __builtin_prefetch(tile.re + next + offsets[r], 1);
-                __builtin_prefetch(tile.im + next + offsets[r], 1);
-                a[r] = V::load(tile, base + offsets[r]);
-            });
-            for (unsigned int s = window.first_step; s != window.last_step; ++s) {
-                const CircuitStep<T>& step = steps[s];
+            for_each_row([&]<unsigned int r>()
+                             __attribute__((always_inline)) { a[r] = V::load(group, offsets[r]); });
+            for (const CircuitStep<T>* step = first; step != last; ++step) {
                 run_step(
-                    a, step, [&]() __attribute__((always_inline)) {
-                        const unsigned int parity =
-                            has_odd_parity(base & step.tile_selects) ^ parities[s];
-                        return step.row_pattern ^ (0u - parity);
+                    a, *step, [&]() __attribute__((always_inline)) {
+                        const unsigned int parity = has_odd_parity(base & step->tile_selects) ^
+                                                    window_parities[step - first];
+                        return step->row_pattern ^ (0u - parity);
                     });
             }
             if (inspects) {
-                for_each_row([&]<unsigned int r>() __attribute__((always_inline)) {
-                    inspection.look_at(a[r]);
-                });
+                for_each_row([&]<unsigned int r>()
+                                 __attribute__((always_inline)) { inspection.look_at(a[r]); });
             }
-            for_each_row([&]<unsigned int r>() __attribute__((always_inline)) {
-                a[r].store(tile, base + offsets[r]);
-            });
+            for_each_row([&]<unsigned int r>()
+                             __attribute__((always_inline)) { a[r].store(group, offsets[r]); });
         });
     return inspection.passed();
 }
