@@ -1,4 +1,6 @@
 // The circuit record, and its simulation against the members that its names stand for.
+#include <omp.h>
+
 #include <functional>
 #include <stdexcept>
 #include <string>
@@ -124,19 +126,31 @@ TYPED_TEST(Circuits, RunAsTheirMembersDoToTheLastBit) {
             }
         }
     }
-    this->check_random_circuit(6, 20000, this->starts(6, seed)[0], seed, 1);
+    for_each_instruction_set(
+        [&] { this->check_random_circuit(8, 20000, this->starts(8, seed)[1], seed, 1); });
 }
 
 TYPED_TEST(Circuits, RunAsTheirMembersDoAroundTheSizesOfCaches) {
-    // Blocks have 11 or 12 qubits, tiles 15 or 16.
+    // Tiles have 15 or 16 qubits, and workers share states from 14 or 15 on.
     std::uint64_t seed = 1000;
-    for (unsigned int n = 10; n <= 18; ++n) {
-        for (const auto& before : this->starts(n, seed))
-            this->check_random_circuit(n, n < 16 ? 60 : 25, before, seed++,
-                                       static_cast<int>(n % 3));
+    for (unsigned int n = 9; n <= 18; ++n) {
+        for (const auto& before : this->starts(n, seed)) {
+            // 0 asks for the default team.
+            omp_set_num_threads(n % 2 == 0 ? 3 : 5);
+            this->check_random_circuit(n, n < 16 ? 60 : 25, before, seed,
+                                       static_cast<int>(seed % 3));
+            ++seed;
+        }
     }
+    omp_set_num_threads(omp_get_num_procs());
     this->check_random_circuit(17, 0, this->starts(17, seed)[1], seed, 2);
     this->check_random_circuit(17, 3, this->starts(17, seed)[1], seed, 2);
+}
+
+TYPED_TEST(Circuits, RunAsTheirMembersDoOnStatesBeyondTheCaches) {
+    const unsigned int n = sizeof(TypeParam) == 8 ? 22 : 23;
+    const auto before = filled<TypeParam>(std::size_t{1} << n, Filling::ordinary, 7);
+    for_each_instruction_set([&] { this->check_random_circuit(n, 25, before, 7, 2); });
 }
 
 TYPED_TEST(Circuits, PrepareABellState) {
