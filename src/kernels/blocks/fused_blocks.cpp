@@ -91,7 +91,9 @@ template <class V>
 struct MatrixVectors : VectorWalk<V> {
     const MatrixWalk& walk;
     Index* offsets;
-    Index target_bits = 0;  ///< union of the offsets
+    Index target_bits = 0;          ///< union of the offsets
+    unsigned int target_lanes = 0;  ///< lane bits that are targets
+    Index row_bit_of_lane[4];       ///< for each of them, the bit of a row that it stands for
 
     MatrixVectors(const MatrixWalk& walk, Index* offsets)
         : VectorWalk<V>(walk.groups), walk(walk), offsets(offsets) {
@@ -100,26 +102,61 @@ struct MatrixVectors : VectorWalk<V> {
         for (unsigned int p = walk.n_targets; p-- > 0; filled *= 2) {
             const Index target_bit = this->take_target(walk.targets[p]);
             target_bits |= target_bit;
+            if (this->in_lanes(walk.targets[p])) {
+                target_lanes |= 1u << walk.targets[p];
+                row_bit_of_lane[walk.targets[p]] = filled;
+            }
             for (Index r = 0; r < filled; ++r)
                 offsets[filled + r] = offsets[r] | target_bit;
         }
     }
 
-    bool is_plain() const {
-        for (unsigned int p = 0; p < walk.n_targets; ++p) {
-            if (this->in_lanes(walk.targets[p])) return false;
-        }
-        return !this->chooses_lanes();
-    }
-
-    void transpose(V* a) const {
-        for (unsigned int p = 0; p < walk.n_targets; ++p) {
-            if (this->in_lanes(walk.targets[p])) {
-                this->transpose_target(a, walk.targets[p], p, walk.n_targets);
-            }
-        }
-    }
+    bool is_plain() const { return target_lanes == 0 && !this->chooses_lanes(); }
 };
+
+/// Takes all rows from `load(r)` to `store(r, vector)`, the target lanes exchanged with the rows
+/// that they stand for. As many rows as one exchange concerns stay in registers.
+template <unsigned int target_lanes, class V, class Load, class Store>
+PBLINALG_ALWAYS_INLINE void exchange_lanes(const MatrixVectors<V>& vectors, const Load& load,
+                                           const Store& store) {
+    constexpr unsigned int n_vectors = 1u << __builtin_popcount(target_lanes);
+    const Index rows = Index{1} << vectors.walk.n_targets;
+    Index offsets[n_vectors] = {};
+    Index exchanged = 0;
+    unsigned int filled = 1;
+    for (unsigned int lane_bit = 0; lane_bit < V::lane_bits; ++lane_bit) {
+        if (!(target_lanes >> lane_bit & 1)) continue;
+        const Index row_bit = vectors.row_bit_of_lane[lane_bit];
+        exchanged |= row_bit;
+        for (unsigned int i = 0; i < filled; ++i)
+            offsets[filled + i] = offsets[i] | row_bit;
+        filled *= 2;
+    }
+    walk_groups((rows - 1) & ~exchanged, 0, 0, rows / n_vectors, [&](Index row) {
+        V a[n_vectors];
+        for (unsigned int i = 0; i < n_vectors; ++i)
+            a[i] = load(row | offsets[i]);
+        unsigned int apart = 1;
+        for (unsigned int lane_bit = 0; lane_bit < V::lane_bits; ++lane_bit) {
+            if (!(target_lanes >> lane_bit & 1)) continue;
+            for (unsigned int i = 0; i < n_vectors; ++i) {
+                if (!(i & apart)) V::transpose(a[i], a[i | apart], lane_bit);
+            }
+            apart *= 2;
+        }
+        for (unsigned int i = 0; i < n_vectors; ++i)
+            store(row | offsets[i], a[i]);
+    });
+}
+
+/// Calls `body.operator()<lanes>()` with the lane bits that are targets.
+template <class V, class Body>
+PBLINALG_ALWAYS_INLINE void visit_target_lanes(const MatrixVectors<V>& vectors, const Body& body) {
+    [&]<unsigned int... lanes>(std::integer_sequence<unsigned int, lanes...>) {
+        ((vectors.target_lanes == lanes && (body.template operator()<lanes>(), true)) || ...);
+    }
+    (std::make_integer_sequence<unsigned int, V::lanes>());
+}
 
 /// Gathers, multiplies and stores `steps` steps of the walk.
 /// @tparam plain  no target and no control lies inside a vector: results go straight to the state.
@@ -138,14 +175,13 @@ void multiply_steps(T* state, const MatrixVectors<V>& vectors, const Index* base
                 keep(r, s, V::load(at(s, r)));
         }
     } else {
-        for (int s = 0; s < steps; ++s) {
-            V* const gathered = scratch.fresh;
-            for (Index r = 0; r < rows; ++r)
-                gathered[r] = V::load(at(s, r));
-            vectors.transpose(gathered);
-            for (Index r = 0; r < rows; ++r)
-                keep(r, s, gathered[r]);
-        }
+        visit_target_lanes(vectors, [&]<unsigned int lanes>() {
+            for (int s = 0; s < steps; ++s) {
+                exchange_lanes<lanes>(
+                    vectors, [&](Index r) { return V::load(at(s, r)); },
+                    [&](Index r, V value) { keep(r, s, value); });
+            }
+        });
     }
     bool nan = false;
     for (Index tile = 0; tile < rows; tile += tile_rows) {
@@ -169,10 +205,15 @@ void multiply_steps(T* state, const MatrixVectors<V>& vectors, const Index* base
                 fresh[r] = V::select(chosen, fresh[r], scratch.old[2 * (steps * r + s)]);
             }
         }
-        vectors.transpose(fresh);
-        for (Index r = 0; r < rows; ++r)
-            fresh[r].store(at(s, r));
     }
+    visit_target_lanes(vectors, [&]<unsigned int lanes>() {
+        for (int s = 0; s < steps; ++s) {
+            const V* const fresh = scratch.fresh + s * rows;
+            exchange_lanes<lanes>(
+                vectors, [&](Index r) { return fresh[r]; },
+                [&](Index r, V value) { value.store(at(s, r)); });
+        }
+    });
 }
 
 template <unsigned int tile_rows, bool plain, class V, class T>
