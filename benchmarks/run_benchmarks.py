@@ -29,8 +29,9 @@ SELECTION = (
     r"BM_PairGate<.*, Gate(CNOT|SWAP)>/qubits:(4|10)/",
     r"BM_DenseGate<.*>/qubits:24/lowest:(0|12)/controls:0/threads:{all}/",
     r"BM_Circuit<.*, brickwork>/qubits:10/.*/threads:1/",
-    r"BM_Circuit<.*, brickwork>/qubits:(16|26)/.*/threads:{all}/",
-    r"BM_Circuit<.*>/qubits:24/.*/threads:{all}/",
+    r"BM_Circuit<.*, brickwork>/qubits:16/.*/threads:{all}/",
+    r"BM_Circuit<.*>/qubits:24/.*/threads:(1|{all})/",
+    r"BM_Circuit<.*>/qubits:26/.*/threads:{all}/",
 )
 MAX_SLOWDOWN = 1.15
 

@@ -211,7 +211,7 @@ PBLINALG_ALWAYS_INLINE void run_step(V* a, const CircuitStep<T>& step, const Row
     // clang-format on
 }
 
-/// Of a tile that stays in the first-level cache.
+/// Tiles up to this size stay in the first-level cache.
 constexpr std::size_t first_level_bytes = 32 << 10;
 
 /// The gates of a window on one group of vectors after another.
