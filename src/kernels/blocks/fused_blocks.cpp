@@ -224,7 +224,7 @@ void multiply_vectors(T* state, const MatrixVectors<V>& vectors, Index begin, In
     const Index rows = Index{1} << vectors.walk.n_targets;
     pack_matrix(scratch.matrix, matrix, rows, tile_rows);
     // Streams that are far apart come in fast enough for the arithmetic.
-    const bool near = way_ahead(vectors.target_bits) == Ahead::by_address;
+    const bool near = vectors.target_bits < bit(12);
     LinesAhead<V, Ahead::by_address> ahead(vectors.free_mask, vectors.fixed_bits,
                                            vectors.target_bits,
                                            near ? vectors.walk.groups.count * rows : 0, begin);

@@ -56,7 +56,7 @@ enum class Ahead {
 
 /// @param target_bits  index bits that tell the vectors of a step apart.
 PBLINALG_ALWAYS_INLINE constexpr Ahead way_ahead(Index target_bits) {
-    constexpr Index max_target_bit = Index{1} << 12;
+    constexpr Index max_target_bit = Index{1} << 9;
     return target_bits < max_target_bit ? Ahead::by_address : Ahead::by_stream;
 }
 
