@@ -43,14 +43,12 @@ struct VectorRange {
 
 /// Which way `LinesAhead` follows a walk.
 enum class Ahead {
-    /// In the order of addresses. A walk whose targets lie between a cache line and some tens of
-    /// KiB
-    /// apart reads several streams that the hardware takes for one and fails to fetch ahead; half
-    /// of
-    /// the bandwidth is lost. Followed linearly, the same lines come in at full speed.
+    /// In the order of addresses. A walk whose targets lie between a cache line and a few KiB apart
+    /// reads several streams that the hardware takes for one and fails to fetch ahead; half of the
+    /// bandwidth is lost. Followed linearly, the same lines come in at full speed.
     by_address,
-    /// Each of the streams that targets further apart make. The hardware tells these apart, but
-    /// loses them where held bits leave gaps, and keeps less in flight than memory can deliver.
+    /// Each of the streams that targets further apart make, on its own. The hardware fails with them,
+    /// too, where held bits leave gaps, and keeps less in flight than memory can deliver.
     by_stream,
 };
 
