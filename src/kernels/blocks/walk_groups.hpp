@@ -47,8 +47,8 @@ enum class Ahead {
     /// reads several streams that the hardware takes for one and fails to fetch ahead; half of the
     /// bandwidth is lost. Followed linearly, the same lines come in at full speed.
     by_address,
-    /// Each of the streams that targets further apart make, on its own. The hardware fails with them,
-    /// too, where held bits leave gaps, and keeps less in flight than memory can deliver.
+    /// Each of the streams that targets further apart make, on its own. The hardware fails with
+    /// them, too, where held bits leave gaps, and keeps less in flight than memory can deliver.
     by_stream,
 };
 
