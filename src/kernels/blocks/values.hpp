@@ -42,16 +42,9 @@ struct Scalar {
     PBLINALG_ALWAYS_INLINE static Scalar load(InterleavedMemory<T> from, Index index) {
         return load(from.parts + 2 * index);
     }
-    PBLINALG_ALWAYS_INLINE static Scalar load(PlanarMemory<T> from, Index index) {
-        return {from.re[index], from.im[index]};
-    }
     PBLINALG_ALWAYS_INLINE void store(InterleavedMemory<T> to, Index index) const {
         to.parts[2 * index] = re;
         to.parts[2 * index + 1] = im;
-    }
-    PBLINALG_ALWAYS_INLINE void store(PlanarMemory<T> to, Index index) const {
-        to.re[index] = re;
-        to.im[index] = im;
     }
 
     /// The squared magnitude, with the infinity rule of core/complex_math.hpp.
