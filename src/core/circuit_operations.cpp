@@ -12,7 +12,7 @@ namespace {
 
 template <class T>
 Operation<T> mixing(GateKind kind, unsigned int target) {
-    return {.kind = kind, .n_targets = 1, .targets = {target, 0}};
+    return {.kind = kind, .n_targets = 1, .targets = {target, 0}, .inverted = true};
 }
 
 template <class T>
@@ -24,6 +24,7 @@ template <class T>
 Operation<T> cnot(unsigned int control, unsigned int target) {
     Operation<T> operation = mixing<T>(GateKind::X, target);
     operation.selects = bit(control);
+    operation.inverted = false;
     return operation;
 }
 
@@ -140,19 +141,67 @@ Operation<T> Relocation::operator()(const Operation<T>& operation) const {
     return moved;
 }
 
+/// SWAP as CNOTs: calls `body` for each.
+template <class T, class Body>
+void as_cnots(const Operation<T>& swap, const Body& body) {
+    const unsigned int a = swap.targets[0], b = swap.targets[1];
+    body(cnot<T>(a, b));
+    body(cnot<T>(b, a));
+    body(cnot<T>(a, b));
+}
+
+template <class T>
+StepWriter<T>::Parity& StepWriter<T>::Parity::operator^=(const Parity& other) {
+    tile ^= other.tile;
+    state ^= other.state;
+    inverted ^= other.inverted;
+    return *this;
+}
+
 template <class T>
 void StepWriter<T>::begin(Index active) {
     rows_ = active & ~lanes_;
     first_ = steps_.size();
+    renumbered_ = false;
+}
+
+template <class T>
+StepWriter<T>::Parity StepWriter<T>::selection(const Operation<T>& operation) const {
+    if (!renumbered_) return {operation.selects, operation.state_selects, operation.inverted};
+    Parity parity{0, operation.state_selects, operation.inverted};
+    for (Index rest = operation.selects; rest != 0; rest &= rest - 1)
+        parity ^= numbers_[std::countr_zero(rest)];
+    return parity;
+}
+
+template <class T>
+void StepWriter<T>::renumber(const Operation<T>& operation) {
+    if (operation.kind == GateKind::SWAP) {
+        return as_cnots(operation, [&](const Operation<T>& cnot) { renumber(cnot); });
+    }
+    if (!renumbered_) {
+        renumbered_ = true;
+        for (unsigned int b = 0; b < max_tile_bits; ++b)
+            numbers_[b] = {bit(b), 0, false};
+        const Placement unchanged = placements_.back();
+        placements_.push_back(unchanged);
+    }
+    const unsigned int target = operation.targets[0];
+    numbers_[target] ^= selection(operation);
+    Placement& placement = placements_.back();
+    const unsigned short place = placement.of_tile_bit[target];
+    for (Index rest = operation.selects; rest != 0; rest &= rest - 1)
+        placement.of_tile_bit[std::countr_zero(rest)] ^= place;
+    for (Index rest = operation.state_selects; rest != 0; rest &= rest - 1)
+        placement.of_state_bit[std::countr_zero(rest)] ^= place;
+    if (operation.inverted) placement.origin ^= place;
 }
 
 template <class T>
 void StepWriter<T>::append(const Operation<T>& operation) {
     const unsigned int target = operation.targets[0];
     if (operation.kind == GateKind::SWAP) {
-        const unsigned int other = operation.targets[1];
-        for (const auto& [from, to] : {std::pair(target, other), {other, target}, {target, other}})
-            append(cnot<T>(from, to));
+        as_cnots(operation, [&](const Operation<T>& cnot) { append(cnot); });
     } else if (!operation.is_permutation() && !operation.is_diagonal() && (lanes_ & bit(target))) {
         // A target inside vectors changes places with the lowest row bit for the time.
         const auto row = static_cast<unsigned int>(std::countr_zero(rows_));
@@ -168,18 +217,18 @@ void StepWriter<T>::append(const Operation<T>& operation) {
 
 template <class T>
 void StepWriter<T>::push(const Operation<T>& operation) {
-    const unsigned int lane_pattern = parity_pattern(operation.selects & lanes_);
-    // A gate that acts everywhere acts on every row.
+    const Parity selects = selection(operation);
+    const unsigned int lane_pattern = parity_pattern(selects.tile & lanes_);
     const unsigned int row_pattern =
-        operation.acts_everywhere() ? ~0u : parity_pattern(extract_bits(operation.selects, rows_));
+        parity_pattern(extract_bits(selects.tile, rows_)) ^ (selects.inverted ? ~0u : 0u);
     const unsigned int target = operation.targets[0];
     const unsigned int place = operation.is_diagonal()  ? 0
                                : (lanes_ & bit(target)) ? 4 + target
                                                         : count_bits(rows_ & low_mask(target));
     const std::complex<T>* const f = operation.factors;
     steps_.push_back({.factors = {f[0].real(), f[0].imag(), f[1].real(), f[1].imag()},
-                      .tile_selects = operation.selects & ~(rows_ | lanes_),
-                      .state_selects = operation.state_selects,
+                      .tile_selects = selects.tile & ~(rows_ | lanes_),
+                      .state_selects = selects.state,
                       .lane_pattern = static_cast<unsigned short>(lane_pattern),
                       .row_pattern = static_cast<unsigned char>(row_pattern),
                       .action = static_cast<unsigned char>(

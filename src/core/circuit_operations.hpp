@@ -17,10 +17,10 @@ struct Operation {
     unsigned int n_targets = 0;        ///< 0 for diagonal gates
     unsigned int targets[2] = {0, 0};  ///< qubits whose amplitudes it mixes or moves
     /// The gate acts where the parity of these index bits is 1: the control of a CNOT, the qubit of
-    /// a diagonal gate, or both qubits of a diagonal gate between two CNOTs. A gate without
-    /// selecting bits acts everywhere.
+    /// a diagonal gate, or both qubits of a diagonal gate between two CNOTs.
     Index selects = 0;
     Index state_selects = 0;  ///< for a gate on a tile: the same in the state's index, outside it
+    bool inverted = false;    ///< acts where the parity is 0; without selecting bits everywhere
     std::complex<T> factors[2] = {};
 
     Index target_bits() const {
@@ -32,7 +32,6 @@ struct Operation {
     /// X, CNOT and SWAP move amplitudes without arithmetic.
     bool is_permutation() const { return kind == GateKind::X || kind == GateKind::SWAP; }
     bool is_diagonal() const { return n_targets == 0; }
-    bool acts_everywhere() const { return (selects | state_selects) == 0; }
     /// A diagonal gate that multiplies where the parity is 0, too, by factors[0].
     bool multiplies_both() const { return kind == GateKind::RZ; }
 };
@@ -66,23 +65,44 @@ class Relocation {
 template <class T>
 class StepWriter {
   public:
-    StepWriter(unsigned int lane_bits, std::vector<CircuitStep<T>>& steps)
-        : lanes_(low_mask(lane_bits)), steps_(steps) {}
+    /// @param placements  begins with that of the amplitudes before the first window; each window
+    ///                    that changes it appends another.
+    StepWriter(unsigned int lane_bits, std::vector<CircuitStep<T>>& steps,
+               std::vector<Placement>& placements)
+        : lanes_(low_mask(lane_bits)), steps_(steps), placements_(placements) {}
 
     /// Begins a window of the `active` bits of a tile's index: all lane bits and some others.
     void begin(Index active);
 
-    /// Appends the steps of a gate on a tile whose targets are active.
+    /// Appends the steps of a gate on a tile whose targets are active, and not among the bits that
+    /// a gate renumbered in this window moves or is selected by.
     void append(const Operation<T>& operation);
 
+    /// Takes in a permutation of whole vectors, none of whose bits are in lanes: they stay, and
+    /// their numbers change.
+    void renumber(const Operation<T>& operation);
+
   private:
+    /// A bit of the amplitudes' numbers, as they are now, as a parity of those that the window
+    /// began with.
+    struct Parity {
+        Index tile;
+        Index state;
+        bool inverted;
+        Parity& operator^=(const Parity& other);
+    };
+
+    Parity selection(const Operation<T>& operation) const;
     void push(const Operation<T>& operation);
     void exchange_with_row(unsigned int lane_bit);
 
     Index lanes_;
     Index rows_ = 0;
     std::size_t first_ = 0;  ///< of the window
+    bool renumbered_ = false;
+    Parity numbers_[max_tile_bits];  ///< once renumbered
     std::vector<CircuitStep<T>>& steps_;
+    std::vector<Placement>& placements_;
 };
 
 }  // namespace pblinalg::cpu

@@ -39,8 +39,12 @@ constexpr std::size_t window_look_ahead = 12;
 /// Gates that run together, in order, on parts of a state or tile that are made of the active bits.
 template <class T>
 struct Pass {
+    struct Entry {
+        const Operation<T>* operation;
+        bool renumbers;  ///< changes the numbers of vectors and needs no active bits
+    };
     Index active;
-    std::vector<const Operation<T>*> operations;
+    std::vector<Entry> operations;
 };
 
 /// Takes the gates of one pass after another from a circuit.
@@ -51,10 +55,12 @@ class Planner {
     /// @param n_bits       index bits of the array that the circuit works on.
     /// @param part_bits    active bits of a pass, at most `n_bits`.
     /// @param always       lowest bits that are always active.
+    /// @param renumbered   bits that permutations may renumber.
     Planner(std::span<const Operation<T>> operations, unsigned int n_bits, unsigned int part_bits,
-            unsigned int always, std::size_t look_ahead)
+            unsigned int always, Index renumbered, std::size_t look_ahead)
         : operations_(operations),
           array_mask_(low_mask(n_bits)),
+          renumbered_(renumbered),
           always_(low_mask(always)),
           room_(part_bits - always),
           look_ahead_(look_ahead) {}
@@ -68,13 +74,19 @@ class Planner {
         std::swap(left_out_, deferred_);
         left_out_.clear();
         free_ = room_;
-        moved_ = selected_ = 0;
+        moved_ = selected_ = turned_ = 0;
         arithmetic_blocked_ = false;
         for (const Operation<T>* const operation : deferred_)
             take_or_leave(*operation, pass);
         while (front_ < operations_.size() && left_out_.size() < look_ahead_ &&
                pass.operations.size() < max_pass_length) {
             take_or_leave(operations_[front_++], pass);
+        }
+        if (std::ranges::all_of(pass.operations, [&](const typename Pass<T>::Entry& entry) {
+                return can_renumber(*entry.operation);
+            })) {
+            for (auto& entry : pass.operations)
+                entry.renumbers = true;
         }
         // Unused room goes to the lowest bits: longer runs.
         for (; free_ > 0; --free_)
@@ -86,6 +98,11 @@ class Planner {
     Index inactive(const Pass<T>& pass) const { return array_mask_ & ~pass.active; }
 
   private:
+    bool can_renumber(const Operation<T>& operation) const {
+        return operation.is_permutation() &&
+               !((operation.target_bits() | operation.selects) & ~renumbered_);
+    }
+
     void take_or_leave(const Operation<T>& operation, Pass<T>& pass) {
         const Index targets = operation.target_bits();
         const Index fresh = targets & ~pass.active;
@@ -93,11 +110,19 @@ class Planner {
         const unsigned int n_fresh = fresh == 0 ? 0 : (fresh & (fresh - 1)) == 0 ? 1 : 2;
         const bool commutes = !(targets & (moved_ | selected_)) && !(operation.selects & moved_) &&
                               (operation.is_permutation() || !arithmetic_blocked_);
-        if (n_fresh <= free_ && commutes && pass.operations.size() < max_pass_length) {
-            pass.active |= targets;
-            free_ -= n_fresh;
-            pass.operations.push_back(&operation);
-            return;
+        if (commutes && pass.operations.size() < max_pass_length) {
+            if (n_fresh <= free_ && !(targets & turned_)) {
+                pass.active |= targets;
+                free_ -= n_fresh;
+                pass.operations.push_back({&operation, false});
+                return;
+            }
+            if (can_renumber(operation)) {
+                // What differs in a selecting bit alone now lies elsewhere, too.
+                turned_ |= operation.selects | (operation.n_targets == 2 ? targets : 0);
+                pass.operations.push_back({&operation, true});
+                return;
+            }
         }
         left_out_.push_back(&operation);
         moved_ |= targets;
@@ -110,6 +135,7 @@ class Planner {
     std::vector<const Operation<T>*> left_out_;
     std::vector<const Operation<T>*> deferred_;  ///< left out by the pass before
     Index array_mask_;
+    Index renumbered_;
     Index always_;
     unsigned int room_;
     std::size_t look_ahead_;
@@ -117,6 +143,7 @@ class Planner {
     unsigned int free_ = 0;  ///< room left
     Index moved_ = 0;        ///< bits that a gate left out does not leave as they are
     Index selected_ = 0;     ///< bits that one depends on without changing them
+    Index turned_ = 0;       ///< bits that are no target any more, after a renumbering
     bool arithmetic_blocked_ = false;
 };
 
@@ -125,6 +152,7 @@ template <class T>
 struct CompiledPass {
     std::vector<CircuitWindow> windows;
     std::vector<CircuitStep<T>> steps;
+    std::vector<Placement> placements = {Placement::in_order()};
 };
 
 /// Steps that a gate takes at the most.
@@ -141,15 +169,23 @@ CompiledPass<T> compile(std::span<const Operation<T>> operations, unsigned int t
     CompiledPass<T> compiled;
     compiled.steps.reserve(max_steps * operations.size());
     const WindowShape shape = active_window_shape<T>();
-    Planner<T> planner(operations, tile_bits, shape.bits(), shape.lane_bits, window_look_ahead);
-    StepWriter<T> writer(shape.lane_bits, compiled.steps);
-    const auto n_steps = [&] { return static_cast<unsigned int>(compiled.steps.size()); };
+    Planner<T> planner(operations, tile_bits, shape.bits(), shape.lane_bits,
+                       low_mask(tile_bits) & ~low_mask(shape.lane_bits), window_look_ahead);
+    StepWriter<T> writer(shape.lane_bits, compiled.steps, compiled.placements);
+    const auto size = [](const auto& list) { return static_cast<unsigned int>(list.size()); };
     for (Pass<T> window; planner.next(window);) {
-        const unsigned int first = n_steps();
+        const unsigned int first = size(compiled.steps);
+        const unsigned int placement = size(compiled.placements) - 1;
         writer.begin(window.active);
-        for (const Operation<T>* const operation : window.operations)
-            writer.append(*operation);
-        compiled.windows.push_back({window.active, first, n_steps()});
+        for (const auto& [operation, renumbers] : window.operations) {
+            if (renumbers) {
+                writer.renumber(*operation);
+            } else {
+                writer.append(*operation);
+            }
+        }
+        const unsigned int last = size(compiled.steps);
+        if (last > first) compiled.windows.push_back({window.active, first, last, placement});
     }
     return compiled;
 }
@@ -176,6 +212,8 @@ class TileRunner {
                                compiled.windows.size(),
                                compiled.steps.data(),
                                compiled.steps.size(),
+                               compiled.placements.data(),
+                               compiled.placements.size(),
                                past_cache_};
         const Index n_tiles = bit(count_bits(inactive));
         run_team(workers_, [&](int id, int team) {
@@ -298,21 +336,21 @@ void run_in_one_tile(const TileRunner<T>& tiles, std::span<const Operation<T>> o
 template <class T>
 void run_in_passes(const TileRunner<T>& tiles, std::span<const Operation<T>> operations,
                    std::complex<T>* amplitudes, unsigned int nqubits, int num_threads) {
-    Planner<T> planner(operations, nqubits, tiles.tile_bits(), run_qubits<T>, pass_look_ahead);
+    Planner<T> planner(operations, nqubits, tiles.tile_bits(), run_qubits<T>, 0, pass_look_ahead);
     std::vector<Operation<T>> local;
     for (Pass<T> pass; planner.next(pass);) {
         double alone = 0;
-        for (const Operation<T>* const operation : pass.operations)
-            alone += cost_alone(*operation);
+        for (const auto& entry : pass.operations)
+            alone += cost_alone(*entry.operation);
         if (alone < cost_of_tiles) {
-            for (const Operation<T>* const operation : pass.operations)
-                run_alone(amplitudes, nqubits, *operation, num_threads);
+            for (const auto& entry : pass.operations)
+                run_alone(amplitudes, nqubits, *entry.operation, num_threads);
             continue;
         }
         const Relocation relocate(pass.active);
         local.clear();
-        for (const Operation<T>* const operation : pass.operations)
-            local.push_back(relocate(*operation));
+        for (const auto& entry : pass.operations)
+            local.push_back(relocate(*entry.operation));
         tiles.run(local, pass.active, planner.inactive(pass));
     }
 }

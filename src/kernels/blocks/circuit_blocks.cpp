@@ -211,50 +211,92 @@ PBLINALG_ALWAYS_INLINE void run_step(V* a, const CircuitStep<T>& step, const Row
     // clang-format on
 }
 
+/// The exclusive or of the places of the set bits.
+PBLINALG_ALWAYS_INLINE Index place_of(Index bits, const unsigned short* places) {
+    Index place = 0;
+    for (; bits != 0; bits &= bits - 1)
+        place ^= places[__builtin_ctzll(bits)];
+    return place;
+}
+
+/// Follows a walk over a tile from place to place.
+class PlaceWalk {
+  public:
+    /// @param base  of the tile in the state.
+    PBLINALG_ALWAYS_INLINE PlaceWalk(const Placement& placement, Index base, Index free_mask)
+        : free_mask_(free_mask), place_(placement.origin ^ place_of(base, placement.of_state_bit)) {
+        // The walk counts: every step sets one free bit and clears all below it.
+        unsigned short flips = 0;
+        for (Index rest = free_mask; rest != 0; rest &= rest - 1) {
+            const int b = __builtin_ctzll(rest);
+            flips ^= placement.of_tile_bit[b];
+            flips_[b] = flips;
+        }
+    }
+
+    PBLINALG_ALWAYS_INLINE Index place() const { return place_; }
+
+    /// From the step at `index` to the next one; from the last one anywhere.
+    PBLINALG_ALWAYS_INLINE void advance(Index index) {
+        const Index set = next_subset(index, free_mask_) & ~index;
+        place_ ^= flips_[__builtin_ctzll(set | bit(max_tile_bits))];
+    }
+
+  private:
+    Index free_mask_;
+    Index place_;
+    unsigned short flips_[max_tile_bits + 1] = {};
+};
+
 /// Tiles up to this size stay in the first-level cache.
 constexpr std::size_t first_level_bytes = 32 << 10;
 
 /// The gates of a window on one group of vectors after another.
+/// @param base      of the tile in the state.
 /// @param parities  of the selecting bits that tell tiles apart, by step.
 /// @param inspects  whether to look at the results.
 /// @return false when they might differ from the definition.
 template <Products products, class T>
-[[gnu::noinline]] bool run_window(PlanarMemory<T> tile, Index size, const CircuitWindow& window,
-                                  const CircuitStep<T>* steps, const unsigned char* parities,
-                                  bool inspects) {
+[[gnu::noinline]] bool run_window(PlanarMemory<T> tile, Index size, Index base,
+                                  const TilePass<T>& pass, const CircuitWindow& window,
+                                  const unsigned char* parities, bool inspects) {
     using V = Planar<this_set, T, products>;
-    const Index rows_mask = window.active & ~(Index{V::lanes} - 1);
+    const Placement& placement = pass.placements[window.placement];
     Index offsets[n_rows] = {};
-    for (unsigned int r = 1; r < n_rows; ++r)
-        offsets[r] = next_subset(offsets[r - 1], rows_mask);
-    const CircuitStep<T>* const first = steps + window.first_step;
-    const CircuitStep<T>* const last = steps + window.last_step;
+    Index rows_left = window.active & ~(Index{V::lanes} - 1);
+    for (unsigned int row = 1; row < n_rows; row *= 2, rows_left &= rows_left - 1) {
+        const Index place = place_of(lowest_bit(rows_left), placement.of_tile_bit);
+        for (unsigned int r = 0; r < row; ++r)
+            offsets[row + r] = offsets[r] ^ place;
+    }
+    const CircuitStep<T>* const first = pass.steps + window.first_step;
+    const CircuitStep<T>* const last = pass.steps + window.last_step;
     const unsigned char* const window_parities = parities + window.first_step;
     const bool fetches = size * 2 * sizeof(T) > first_level_bytes;
     const Index free_mask = (size - 1) & ~window.active;
-    const auto from = [=](Index base) __attribute__((always_inline)) {
-        return PlanarMemory<T>{tile.re + base, tile.im + base};
-    };
+    PlaceWalk walk(placement, base, free_mask);
     typename V::Inspection inspection;
     walk_groups(
         free_mask, 0, 0,
-        size >> count_bits(window.active), [&](Index base) __attribute__((always_inline)) {
+        size >> count_bits(window.active), [&](Index index) __attribute__((always_inline)) {
+            const Index place = walk.place();
+            walk.advance(index);
             if (fetches) {
                 // Strides hide the next group from the processor.
-                const PlanarMemory<T> next = from(next_subset(base, free_mask));
+                const Index next = walk.place();
                 for_each_row([&]<unsigned int r>() __attribute__((always_inline)) {
-                    __builtin_prefetch(next.re + offsets[r], 1);
-                    __builtin_prefetch(next.im + offsets[r], 1);
+                    __builtin_prefetch(tile.re + (next ^ offsets[r]), 1);
+                    __builtin_prefetch(tile.im + (next ^ offsets[r]), 1);
                 });
             }
-            const PlanarMemory<T> group = from(base);
             V a[n_rows];
-            for_each_row([&]<unsigned int r>()
-                             __attribute__((always_inline)) { a[r] = V::load(group, offsets[r]); });
+            for_each_row([&]<unsigned int r>() __attribute__((always_inline)) {
+                a[r] = V::load(tile, place ^ offsets[r]);
+            });
             for (const CircuitStep<T>* step = first; step != last; ++step) {
                 run_step(
                     a, *step, [&]() __attribute__((always_inline)) {
-                        const unsigned int parity = has_odd_parity(base & step->tile_selects) ^
+                        const unsigned int parity = has_odd_parity(index & step->tile_selects) ^
                                                     window_parities[step - first];
                         return step->row_pattern ^ (0u - parity);
                     });
@@ -263,8 +305,9 @@ template <Products products, class T>
                 for_each_row([&]<unsigned int r>()
                                  __attribute__((always_inline)) { inspection.look_at(a[r]); });
             }
-            for_each_row([&]<unsigned int r>()
-                             __attribute__((always_inline)) { a[r].store(group, offsets[r]); });
+            for_each_row([&]<unsigned int r>() __attribute__((always_inline)) {
+                a[r].store(tile, place ^ offsets[r]);
+            });
         });
     return inspection.passed();
 }
@@ -284,14 +327,18 @@ void gather(const T* state, Index base, Index active, PlanarMemory<T> tile, Inde
     }
 }
 
+/// Copies a tile back.
 template <bool past_cache, class T>
-void scatter(T* state, Index base, Index active, PlanarMemory<T> tile, Index size) {
+void scatter(T* state, Index base, Index active, PlanarMemory<T> tile, Index size,
+             const Placement& placement) {
     using V = Plain<T>;
-    const Index above_lanes = active & ~(Index{V::lanes} - 1);
+    constexpr Index lane_mask = Index{V::lanes} - 1;
+    PlaceWalk walk(placement, base, (size - 1) & ~lane_mask);
     Index to = 0;
     for (Index from = 0; from < size; from += V::lanes) {
-        V::load(tile, from).template interleave<past_cache>(state + 2 * (base | to));
-        to = next_subset(to, above_lanes);
+        V::load(tile, walk.place()).template interleave<past_cache>(state + 2 * (base | to));
+        walk.advance(from);
+        to = next_subset(to, active & ~lane_mask);
     }
 }
 
@@ -307,7 +354,7 @@ template <Products products, class T>
     bool passed = true;
     for (std::size_t w = 0; w < pass.n_windows; ++w) {
         const bool last = w + 1 == pass.n_windows;
-        passed = run_window<products>(tile, size, pass.windows[w], pass.steps, parities, last);
+        passed = run_window<products>(tile, size, base, pass, pass.windows[w], parities, last);
     }
     return passed;
 }
@@ -336,10 +383,11 @@ void run_tiles(T* state, const TilePass<T>& pass, Index begin, Index end, void* 
         if (!shortcut && !run.template operator()<Products::plain>()) {
             run.template operator()<Products::recovered>();
         }
+        const Placement& placement = pass.placements[pass.n_placements - 1];
         if (pass.past_cache) {
-            scatter<true>(state, base, pass.active, tile, size);
+            scatter<true>(state, base, pass.active, tile, size, placement);
         } else {
-            scatter<false>(state, base, pass.active, tile, size);
+            scatter<false>(state, base, pass.active, tile, size, placement);
         }
     });
     if (pass.past_cache) Vector<this_set, T>::finish_past_cache();

@@ -44,6 +44,26 @@ struct CircuitStep {
     unsigned char action;         ///< `step_action`
 };
 
+/// Bits of a tile's index at the most.
+inline constexpr unsigned int max_tile_bits = 16;
+
+/// Where the amplitudes of a tile lie in it. Amplitude i of the tile that begins at `base` in the
+/// state lies at the exclusive or of `origin` and the places of the set bits of i and of base.
+/// Gates that move whole vectors change this and leave the vectors where they are.
+struct Placement {
+    unsigned short of_tile_bit[max_tile_bits] = {};
+    unsigned short of_state_bit[64] = {};
+    unsigned short origin = 0;
+
+    /// Every amplitude at its index.
+    static constexpr Placement in_order() {
+        Placement placement;
+        for (unsigned int b = 0; b < max_tile_bits; ++b)
+            placement.of_tile_bit[b] = static_cast<unsigned short>(1u << b);
+        return placement;
+    }
+};
+
 /// Gates that run together in registers, on groups of amplitudes that differ in `active` bits of
 /// the tile's index: all lane bits, and `WindowShape::row_bits` others. Row bit b is the b-th
 /// lowest of these.
@@ -51,6 +71,7 @@ struct CircuitWindow {
     Index active;
     unsigned int first_step;
     unsigned int last_step;
+    unsigned int placement;  ///< number of the one that it finds
 };
 
 /// A sequence of gates on tiles of a state.
@@ -62,6 +83,8 @@ struct TilePass {
     std::size_t n_windows;
     const CircuitStep<T>* steps;
     std::size_t n_steps;
+    const Placement* placements;  ///< the last one is what the windows leave
+    std::size_t n_placements;
     bool past_cache;  ///< the state is too large for the caches: results are written around them
 };
 
