@@ -23,7 +23,15 @@ PBLINALG_ALWAYS_INLINE constexpr Index low_mask(unsigned int width) {
 }
 
 PBLINALG_ALWAYS_INLINE constexpr unsigned int count_bits(Index x) {
+#if defined(__x86_64__) && !defined(__POPCNT__)
+    // The built-in would be a call: sums of 2, 4 and 8 bits side by side, then of all bytes.
+    x -= (x >> 1) & 0x5555555555555555u;
+    x = (x & 0x3333333333333333u) + ((x >> 2) & 0x3333333333333333u);
+    x = (x + (x >> 4)) & 0x0F0F0F0F0F0F0F0Fu;
+    return static_cast<unsigned int>((x * 0x0101010101010101u) >> 56);
+#else
     return static_cast<unsigned int>(__builtin_popcountll(x));
+#endif
 }
 
 /// True when an odd number of bits is set.

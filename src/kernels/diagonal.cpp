@@ -22,6 +22,24 @@ void multiply_all(std::complex<T>* amplitudes, const orb::core::iterator::GroupM
     });
 }
 
+/// A diagonal over any list of qubits, repeated ones among them; apart from the path of one qubit.
+template <class T>
+[[gnu::noinline]] void multiply_by_pattern(std::complex<T>* amplitudes,
+                                           const orb::core::iterator::GroupMasks& groups,
+                                           int nthreads, QubitSpan qubits, MatrixSpan<T> diag) {
+    const Index mask = gate_mask(qubits);
+    const std::size_t slots = std::max<std::size_t>(diag.size(), bit(count_bits(mask)));
+    if (slots <= 2) {
+        std::complex<T> sorted_diag[2];
+        fill_sorted_diag(sorted_diag, qubits, diag, mask);
+        multiply_all(amplitudes, groups, nthreads, sorted_diag, mask);
+        return;
+    }
+    std::vector<std::complex<T>> sorted_diag(slots);
+    fill_sorted_diag(sorted_diag.data(), qubits, diag, mask);
+    multiply_all(amplitudes, groups, nthreads, sorted_diag.data(), mask);
+}
+
 }  // namespace
 
 Index gate_mask(QubitSpan qubits) {
@@ -81,19 +99,9 @@ void _DiagGate<true>::apply_controlled(std::complex<T>* amplitudes, QubitSpan qu
         // One qubit: two streams of amplitudes, each with its factor in a register.
         groups.take_out(qubits[0]);
         update_all_groups<GateDiagonal, T>(amplitudes, {groups, {qubits[0], 0}}, nthreads, diag);
-        return;
+    } else {
+        multiply_by_pattern(amplitudes, groups, nthreads, qubits, diag);
     }
-    const Index mask = gate_mask(qubits);
-    const std::size_t slots = std::max<std::size_t>(diag.size(), bit(count_bits(mask)));
-    if (slots <= 2) {
-        std::complex<T> sorted_diag[2];
-        fill_sorted_diag(sorted_diag, qubits, diag, mask);
-        multiply_all(amplitudes, groups, nthreads, sorted_diag, mask);
-        return;
-    }
-    std::vector<std::complex<T>> sorted_diag(slots);
-    fill_sorted_diag(sorted_diag.data(), qubits, diag, mask);
-    multiply_all(amplitudes, groups, nthreads, sorted_diag.data(), mask);
 }
 
 #define PBLINALG_INSTANTIATE(T)                                                                   \
