@@ -87,9 +87,16 @@ PBLINALG_ALWAYS_INLINE bool any_nan(const V* a) {
     }
 }
 
-/// Recomputes one step lane by lane with the full complex product.
+/// The vectors of one step. Handed on by value, so that they stay in registers.
+template <class Gate, class V>
+struct Rows {
+    V a[Gate::n_rows];
+};
+
+/// One step, computed lane by lane with the full complex product.
 template <class Gate, class V, class T>
-[[gnu::noinline, gnu::cold]] void redo_with_recovery(const V* old, V* fresh, const T* factors) {
+[[gnu::noinline, gnu::cold]] Rows<Gate, V> update_with_recovery(Rows<Gate, V> rows,
+                                                                const T* factors) {
     using S = typename V::ScalarValue;
     S f[Gate::n_factors + 1];
     for (unsigned int i = 0; i < Gate::n_factors; ++i)
@@ -97,11 +104,12 @@ template <class Gate, class V, class T>
     for (int lane = 0; lane < V::lanes; ++lane) {
         S a[Gate::n_rows];
         for (unsigned int r = 0; r < Gate::n_rows; ++r)
-            a[r] = old[r].lane(lane);
+            a[r] = rows.a[r].lane(lane);
         Gate::update(a, f);
         for (unsigned int r = 0; r < Gate::n_rows; ++r)
-            fresh[r].set_lane(lane, a[r]);
+            rows.a[r].set_lane(lane, a[r]);
     }
+    return rows;
 }
 
 /// @tparam in_lanes   some target lies inside a vector.
@@ -128,32 +136,25 @@ void update_vectors_on_way(typename V::Memory memory, const GateVectors<Gate, V>
     auto ahead = walk.template lines_ahead<way>(begin);
     walk_groups(walk.free_mask, walk.fixed_bits, begin, end, [&](Index base) {
         ahead.fetch(memory.parts, moved, n_moved);
-        V old[Gate::n_rows];
+        Rows<Gate, V> old{};
         for (unsigned int r = 0; r < Gate::n_rows; ++r) {
-            if (moves(r)) old[r] = V::load(memory, base + offsets[r]);
+            if (moves(r)) old.a[r] = V::load(memory, base + offsets[r]);
         }
-        if constexpr (in_lanes) walk.transpose_targets(old);
-        V fresh[Gate::n_rows];
-        for (unsigned int r = 0; r < Gate::n_rows; ++r) {
-            if (moves(r)) fresh[r] = old[r];
-        }
-        Gate::update(fresh, f);
+        if constexpr (in_lanes) walk.transpose_targets(old.a);
+        Rows<Gate, V> fresh = old;
+        Gate::update(fresh.a, f);
         if constexpr (Gate::has_products) {
-            if (any_nan<Gate>(fresh)) [[unlikely]] {
-                for (unsigned int r = 0; r < Gate::n_rows; ++r) {
-                    if (!moves(r)) fresh[r] = old[r] = V{};
-                }
-                redo_with_recovery<Gate>(old, fresh, factors);
-            }
+            if (any_nan<Gate>(fresh.a)) [[unlikely]]
+                fresh = update_with_recovery(old, factors);
         }
         if constexpr (chooses) {
             for (unsigned int r = 0; r < Gate::n_rows; ++r) {
-                if (moves(r)) fresh[r] = V::select(chosen, fresh[r], old[r]);
+                if (moves(r)) fresh.a[r] = V::select(chosen, fresh.a[r], old.a[r]);
             }
         }
-        if constexpr (in_lanes) walk.transpose_targets(fresh);
+        if constexpr (in_lanes) walk.transpose_targets(fresh.a);
         for (unsigned int r = 0; r < Gate::n_rows; ++r) {
-            if (moves(r)) fresh[r].store(memory, base + offsets[r]);
+            if (moves(r)) fresh.a[r].store(memory, base + offsets[r]);
         }
     });
 }
