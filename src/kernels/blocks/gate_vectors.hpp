@@ -52,6 +52,19 @@ struct GateVectors : VectorWalk<V> {
     }
 };
 
+/// The factors of a gate.
+template <class Gate, class V>
+struct Factors {
+    typename V::Factor of[Gate::n_factors + 1];
+};
+template <class Gate, class V, class T>
+PBLINALG_ALWAYS_INLINE Factors<Gate, V> load_factors(const T* factors) {
+    Factors<Gate, V> f{};
+    for (unsigned int i = 0; i < Gate::n_factors; ++i)
+        f.of[i] = typename V::Factor(factors[2 * i], factors[2 * i + 1]);
+    return f;
+}
+
 /// The gate on groups [begin, end), one amplitude at a time, with the full complex product.
 template <class Gate, class S, class Memory, class T>
 [[gnu::noinline]] void update_scalars(Memory memory, const GateWalk& walk, Index begin, Index end,
@@ -62,15 +75,13 @@ template <class Gate, class S, class Memory, class T>
             if (r >> (Gate::n_targets - 1 - p) & 1) offsets[r] |= bit(walk.targets[p]);
         }
     }
-    S f[Gate::n_factors + 1];
-    for (unsigned int i = 0; i < Gate::n_factors; ++i)
-        f[i] = S::load(factors + 2 * i);
+    const auto f = load_factors<Gate, S>(factors);
     walk_groups(walk.groups.free_mask, walk.groups.fixed_bits, begin, end, [&](Index base) {
         S a[Gate::n_rows];
         for (unsigned int r = 0; r < Gate::n_rows; ++r) {
             if (Gate::touches(r)) a[r] = S::load(memory, base | offsets[r]);
         }
-        Gate::update(a, f);
+        Gate::update(a, f.of);
         for (unsigned int r = 0; r < Gate::n_rows; ++r) {
             if (Gate::touches(r)) a[r].store(memory, base | offsets[r]);
         }
@@ -93,19 +104,32 @@ struct Rows {
     V a[Gate::n_rows];
 };
 
+/// One step without the products that are 0.
+/// @return false, with nothing done, where they matter.
+template <class Gate, class V, class T>
+PBLINALG_ALWAYS_INLINE bool update_without_zeros(Rows<Gate, V>& rows, const T* factors) {
+    static_assert(Gate::n_rows == 2);
+    using Short = typename V::WithoutZeros;
+    const auto f = load_factors<Gate, Short>(factors);
+    Short a[] = {{rows.a[0].v}, {rows.a[1].v}};
+    Gate::update(a, f.of);
+    if (!Short::all_ordinary(a[0], a[1])) [[unlikely]]
+        return false;
+    rows = {{{a[0].v}, {a[1].v}}};
+    return true;
+}
+
 /// One step, computed lane by lane with the full complex product.
 template <class Gate, class V, class T>
 [[gnu::noinline, gnu::cold]] Rows<Gate, V> update_with_recovery(Rows<Gate, V> rows,
                                                                 const T* factors) {
     using S = typename V::ScalarValue;
-    S f[Gate::n_factors + 1];
-    for (unsigned int i = 0; i < Gate::n_factors; ++i)
-        f[i] = S::load(factors + 2 * i);
+    const auto f = load_factors<Gate, S>(factors);
     for (int lane = 0; lane < V::lanes; ++lane) {
         S a[Gate::n_rows];
         for (unsigned int r = 0; r < Gate::n_rows; ++r)
             a[r] = rows.a[r].lane(lane);
-        Gate::update(a, f);
+        Gate::update(a, f.of);
         for (unsigned int r = 0; r < Gate::n_rows; ++r)
             rows.a[r].set_lane(lane, a[r]);
     }
@@ -119,10 +143,9 @@ void update_vectors_on_way(typename V::Memory memory, const GateVectors<Gate, V>
                            Index end, const T* factors) {
     constexpr auto moves = [](unsigned int r) { return in_lanes || Gate::touches(r); };
 
-    typename V::Factor f[Gate::n_factors + 1];
-    for (unsigned int i = 0; i < Gate::n_factors; ++i) {
-        f[i] = typename V::Factor(factors[2 * i], factors[2 * i + 1]);
-    }
+    const auto f = load_factors<Gate, V>(factors);
+    // Given up at the first parts that are not ordinary: there will be more.
+    bool shortcut = Gate::has_zero_products && V::tells_ordinary;
     const typename V::Bits chosen = walk.chosen_lanes();
     // Copies, which stores to the amplitudes cannot be suspected of changing.
     Index offsets[Gate::n_rows];
@@ -142,10 +165,15 @@ void update_vectors_on_way(typename V::Memory memory, const GateVectors<Gate, V>
         }
         if constexpr (in_lanes) walk.transpose_targets(old.a);
         Rows<Gate, V> fresh = old;
-        Gate::update(fresh.a, f);
-        if constexpr (Gate::has_products) {
-            if (any_nan<Gate>(fresh.a)) [[unlikely]]
-                fresh = update_with_recovery(old, factors);
+        if constexpr (Gate::has_zero_products && V::tells_ordinary) {
+            if (shortcut) shortcut = update_without_zeros(fresh, factors);
+        }
+        if (!shortcut) {
+            Gate::update(fresh.a, f.of);
+            if constexpr (Gate::has_products) {
+                if (any_nan<Gate>(fresh.a)) [[unlikely]]
+                    fresh = update_with_recovery(old, factors);
+            }
         }
         if constexpr (chooses) {
             for (unsigned int r = 0; r < Gate::n_rows; ++r) {
@@ -178,30 +206,38 @@ void update_vectors_of_shape(typename V::Memory memory, const GateVectors<Gate, 
     }
 }
 
-/// A diagonal on a target inside a vector: a factor of its own in every lane, and no exchange.
+/// One step of a diagonal whose lanes with `target_lane` in their number have the second factor.
 template <class V, class T>
+[[gnu::noinline, gnu::cold]] Rows<GateDiagonal, V> multiply_lanes_with_recovery(
+    Rows<GateDiagonal, V> rows, Index target_lane, const T* factors) {
+    const auto f = load_factors<GateDiagonal, typename V::ScalarValue>(factors);
+    for (V& a : rows.a) {
+        for (int lane = 0; lane < V::lanes; ++lane)
+            a.set_lane(lane, cmul(f.of[lane & target_lane ? 1 : 0], a.lane(lane)));
+    }
+    return rows;
+}
+
+/// A diagonal on a target inside a vector: a factor of its own in every lane, and no exchange.
+template <bool chooses, class V, class T>
 void multiply_lanes(typename V::Memory memory, const GateVectors<GateDiagonal, V>& walk,
                     Index begin, Index end, const T* factors) {
+    const auto f = load_factors<GateDiagonal, V>(factors);
     const Index target_lane = bit(walk.targets[0]);
-    const typename V::Factor factor = V::Factor::select(V::lanes_where(target_lane, target_lane),
-                                                        typename V::Factor(factors[2], factors[3]),
-                                                        typename V::Factor(factors[0], factors[1]));
+    const typename V::Factor factor =
+        V::Factor::select(V::lanes_where(target_lane, target_lane), f.of[1], f.of[0]);
     const typename V::Bits chosen = walk.chosen_lanes();
-    const Index companion = walk.offsets[1];
+    const Index offsets[] = {0, walk.offsets[1]};
     auto ahead = walk.template lines_ahead<Ahead::by_address>(begin);
     walk_groups(walk.free_mask, walk.fixed_bits, begin, end, [&](Index base) {
-        ahead.fetch(memory.parts, walk.offsets, 2);
-        for (const Index index : {base, base + companion}) {
-            const V old = V::load(memory, index);
-            V fresh = cmul(factor, old);
-            if (V::holds_nan(fresh, fresh)) [[unlikely]] {
-                for (int lane = 0; lane < V::lanes; ++lane) {
-                    const T* const f = factors + (lane & target_lane ? 2 : 0);
-                    using S = typename V::ScalarValue;
-                    fresh.set_lane(lane, cmul(S::load(f), old.lane(lane)));
-                }
-            }
-            V::select(chosen, fresh, old).store(memory, index);
+        ahead.fetch(memory.parts, offsets, 2);
+        const Rows<GateDiagonal, V> old{V::load(memory, base), V::load(memory, base + offsets[1])};
+        Rows<GateDiagonal, V> fresh{cmul(factor, old.a[0]), cmul(factor, old.a[1])};
+        if (any_nan<GateDiagonal>(fresh.a)) [[unlikely]]
+            fresh = multiply_lanes_with_recovery(old, target_lane, factors);
+        for (unsigned int r = 0; r < 2; ++r) {
+            if constexpr (chooses) fresh.a[r] = V::select(chosen, fresh.a[r], old.a[r]);
+            fresh.a[r].store(memory, base + offsets[r]);
         }
     });
 }
@@ -212,7 +248,10 @@ void update_vectors(typename V::Memory memory, const GateVectors<Gate, V>& walk,
                     Index end, const T* factors) {
     const bool chooses = walk.chooses_lanes();
     if constexpr (std::is_same_v<Gate, GateDiagonal>) {
-        if (walk.has_lane_targets) return multiply_lanes(memory, walk, begin, end, factors);
+        if (walk.has_lane_targets) {
+            if (chooses) return multiply_lanes<true>(memory, walk, begin, end, factors);
+            return multiply_lanes<false>(memory, walk, begin, end, factors);
+        }
     } else if constexpr (Gate::n_targets > 0) {
         if (walk.has_lane_targets && chooses) {
             return update_vectors_of_shape<Gate, true, true>(memory, walk, begin, end, factors);

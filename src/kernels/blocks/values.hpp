@@ -188,16 +188,28 @@ PBLINALG_ALWAYS_INLINE void exchange_bit(Elements& low, Elements& high, unsigned
     }
 }
 
+/// What vectors do about products that are more than four multiplications and two sums.
+enum class Products {
+    /// Products with a part that is known to be 0 are left out of RX and RY. That changes nothing
+    /// but signs of parts that are 0, and what becomes of infinities and NaN. A wrong sign of 0
+    /// only ever makes other wrong signs of 0, and infinities stay, so the caller looks at the
+    /// final parts (`all_ordinary`, `Inspection`).
+    without_zeros,
+    plain,      ///< exact unless a final part is NaN
+    recovered,  ///< exact
+};
+
 /// `lanes` amplitudes in one register, parts interleaved as in memory: re, im, re, im, ...
 ///
-/// `cmul` here is the plain product alone. A product that needs recovery shows as NaN in both
-/// parts, and a NaN survives every operation of a formula, so the caller checks the final values
-/// (`holds_nan`) and redoes such vectors with Scalar.
-template <InstructionSet set, class T>
+/// Products here are never recovered. One that needs it shows as NaN in both parts, and a NaN
+/// survives every operation of a formula, so the caller checks the final values (`holds_nan`) and
+/// redoes such vectors with Scalar.
+template <InstructionSet set, class T, Products products = Products::plain>
 struct Vector {
     using Real = T;
     using Memory = InterleavedMemory<T>;
     using ScalarValue = Scalar<set, T>;
+    using WithoutZeros = Vector<set, T, Products::without_zeros>;
     static constexpr int bytes = register_bytes<set>;
     using Elements = typename Register<T, bytes>::Elements;
     using Bits = typename Register<T, bytes>::Bits;
@@ -297,10 +309,12 @@ struct Vector {
         return {f.re * a.v + f.signed_im * a.swap_parts().v};
     }
     PBLINALG_ALWAYS_INLINE friend Vector cmul_real(const Factor& f, Vector a) {
-        return cmul(f, a);
+        if constexpr (products != Products::without_zeros) return cmul(f, a);
+        return {f.re * a.v};
     }
     PBLINALG_ALWAYS_INLINE friend Vector cmul_imaginary(const Factor& f, Vector a) {
-        return cmul(f, a);
+        if constexpr (products != Products::without_zeros) return cmul(f, a);
+        return {f.signed_im * a.swap_parts().v};
     }
 
     /// Factors that differ by lane, from as many interleaved complex numbers.
@@ -378,6 +392,24 @@ struct Vector {
         return any_nan<T, bytes>(a.v, b.v);
     }
 
+    /// Whether `all_ordinary` costs less than the products that it allows to leave out.
+    static constexpr bool tells_ordinary = bytes == 64;
+
+    /// True when no part of either vector is 0, infinite or NaN.
+    PBLINALG_ALWAYS_INLINE static bool all_ordinary(Vector a, Vector b) {
+#if defined(__AVX512F__)
+        constexpr int zero_infinite_or_nan = 0x9F;
+        if constexpr (bytes == 64 && sizeof(T) == 8)
+            return !(_mm512_fpclass_pd_mask(__m512d(a.v), zero_infinite_or_nan) |
+                     _mm512_fpclass_pd_mask(__m512d(b.v), zero_infinite_or_nan));
+        if constexpr (bytes == 64 && sizeof(T) == 4)
+            return !(_mm512_fpclass_ps_mask(__m512(a.v), zero_infinite_or_nan) |
+                     _mm512_fpclass_ps_mask(__m512(b.v), zero_infinite_or_nan));
+#endif
+        // 0 / 0 is NaN, and so is an infinity minus itself.
+        return !holds_nan({(a.v - a.v) / a.v}, {(b.v - b.v) / b.v});
+    }
+
   private:
     typedef Elements Aliasing __attribute__((may_alias));
     typedef Elements Unaligned __attribute__((may_alias, aligned(sizeof(T))));
@@ -434,18 +466,6 @@ struct Vector {
     PBLINALG_ALWAYS_INLINE Elements pick(Source, std::integer_sequence<int, E...>) const {
         return __builtin_shufflevector(v, v, Source()(E)...);
     }
-};
-
-/// What Planar does about products that are more than four multiplications and two sums.
-enum class Products {
-    /// Products with a part that is known to be 0 are left out of RX and RY. That changes nothing
-    /// but signs of parts that are 0, and what becomes of infinities and NaN. A wrong sign of 0
-    /// only
-    /// ever makes other wrong signs of 0, and infinities stay, so the caller looks at the final
-    /// parts (`Inspection`).
-    without_zeros,
-    plain,      ///< exact unless a final part is NaN
-    recovered,  ///< exact
 };
 
 /// `lanes` amplitudes in two registers, one of real and one of imaginary parts: no product needs a
