@@ -177,7 +177,7 @@ StepWriter<T>::Parity StepWriter<T>::selection(const Operation<T>& operation) co
 template <class T>
 void StepWriter<T>::renumber(const Operation<T>& operation) {
     if (operation.kind == GateKind::SWAP) {
-        return as_cnots(operation, [&](const Operation<T>& cnot) { renumber(cnot); });
+        return as_cnots(operation, [&](const Operation<T>& part) { renumber(part); });
     }
     if (!renumbered_) {
         renumbered_ = true;
@@ -201,7 +201,7 @@ template <class T>
 void StepWriter<T>::append(const Operation<T>& operation) {
     const unsigned int target = operation.targets[0];
     if (operation.kind == GateKind::SWAP) {
-        as_cnots(operation, [&](const Operation<T>& cnot) { append(cnot); });
+        as_cnots(operation, [&](const Operation<T>& part) { append(part); });
     } else if (!operation.is_permutation() && !operation.is_diagonal() && (lanes_ & bit(target))) {
         // A target inside vectors changes places with the lowest row bit for the time.
         const auto row = static_cast<unsigned int>(std::countr_zero(rows_));
