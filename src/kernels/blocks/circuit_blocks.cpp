@@ -2,6 +2,7 @@
 // vectorisation, and without instantiating anything of the standard library.
 #include "kernels/blocks/circuit_blocks.hpp"
 
+#include "kernels/blocks/unrolled.hpp"
 #include "kernels/blocks/values.hpp"
 #include "kernels/blocks/walk_groups.hpp"
 #include "kernels/gates.hpp"
@@ -15,18 +16,13 @@ constexpr InstructionSet this_set = InstructionSet::PBLINALG_INSTRUCTION_SET;
 constexpr unsigned int row_bits = n_registers<this_set> == 32 ? 3 : 2;
 constexpr unsigned int n_rows = 1u << row_bits;
 
-/// Calls `body.operator()<r>()` for every row r, each with its number known to the compiler, so
-/// that the vectors of a group stay in registers.
+/// Calls `body.operator()<r>()` for every row r.
 template <class Body>
 PBLINALG_ALWAYS_INLINE void for_each_row(const Body& body) {
-    [&]<unsigned int... r>(std::integer_sequence<unsigned int, r...>)
-        __attribute__((always_inline)) {
-        (body.template operator()<r>(), ...);
-    }
-    (std::make_integer_sequence<unsigned int, n_rows>());
+    unrolled<n_rows>(body);
 }
 
-/// The same for every pair of rows that differ in row bit `place`, told by the row where it is 0.
+/// Calls `body.operator()<r0, r1>()` for every pair of rows that differ in row bit `place`.
 template <unsigned int place, class Body>
 PBLINALG_ALWAYS_INLINE void for_each_pair(const Body& body) {
     for_each_row([&]<unsigned int r>() __attribute__((always_inline)) {

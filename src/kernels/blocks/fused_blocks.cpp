@@ -2,6 +2,7 @@
 // multiply and add. As in exact_blocks.cpp, nothing of the standard library may be instantiated.
 #include "kernels/blocks/fused_blocks.hpp"
 
+#include "kernels/blocks/unrolled.hpp"
 #include "kernels/blocks/values.hpp"
 #include "kernels/blocks/vector_walk.hpp"
 #include "kernels/blocks/walk_groups.hpp"
@@ -114,6 +115,20 @@ struct MatrixVectors : VectorWalk<V> {
     bool is_plain() const { return target_lanes == 0 && !this->chooses_lanes(); }
 };
 
+/// Exchanges `lane_bit` with the bit of i that stands for it among vectors a[i]: one for each of
+/// `target_lanes`, in their order.
+template <unsigned int target_lanes, unsigned int lane_bit, class V>
+PBLINALG_ALWAYS_INLINE void exchange_lane(V* a) {
+    if constexpr (target_lanes >> lane_bit & 1) {
+        constexpr unsigned int apart =
+            1u << __builtin_popcount(target_lanes & ((1u << lane_bit) - 1));
+        unrolled<1u << __builtin_popcount(target_lanes)>([&]<unsigned int i>() __attribute__((
+                                                             always_inline)) {
+            if constexpr (!(i & apart)) V::transpose(a[i], a[i | apart], lane_bit);
+        });
+    }
+}
+
 /// Takes all rows from `load(r)` to `store(r, vector)`, the target lanes exchanged with the rows
 /// that they stand for. As many rows as one exchange concerns stay in registers.
 template <unsigned int target_lanes, class V, class Load, class Store>
@@ -134,18 +149,13 @@ PBLINALG_ALWAYS_INLINE void exchange_lanes(const MatrixVectors<V>& vectors, cons
     }
     walk_groups((rows - 1) & ~exchanged, 0, 0, rows / n_vectors, [&](Index row) {
         V a[n_vectors];
-        for (unsigned int i = 0; i < n_vectors; ++i)
-            a[i] = load(row | offsets[i]);
-        unsigned int apart = 1;
-        for (unsigned int lane_bit = 0; lane_bit < V::lane_bits; ++lane_bit) {
-            if (!(target_lanes >> lane_bit & 1)) continue;
-            for (unsigned int i = 0; i < n_vectors; ++i) {
-                if (!(i & apart)) V::transpose(a[i], a[i | apart], lane_bit);
-            }
-            apart *= 2;
-        }
-        for (unsigned int i = 0; i < n_vectors; ++i)
-            store(row | offsets[i], a[i]);
+        unrolled<n_vectors>([&]<unsigned int i>()
+                                __attribute__((always_inline)) { a[i] = load(row | offsets[i]); });
+        unrolled<V::lane_bits>([&]<unsigned int lane_bit>() __attribute__((always_inline)) {
+            exchange_lane<target_lanes, lane_bit>(a);
+        });
+        unrolled<n_vectors>([&]<unsigned int i>()
+                                __attribute__((always_inline)) { store(row | offsets[i], a[i]); });
     });
 }
 
