@@ -53,8 +53,9 @@ void pack_matrix(T* to, const T* matrix, Index rows, unsigned int tile_rows) {
 }
 
 /// matrix * old for one tile of rows and `steps` steps: calls `put(r, s, value)` for each result.
+/// @return whether a part of a result is NaN.
 template <unsigned int tile_rows, int steps, class V, class T, class Put>
-PBLINALG_ALWAYS_INLINE void multiply_tile(const T* packed, const V* old, Index rows,
+PBLINALG_ALWAYS_INLINE bool multiply_tile(const T* packed, const V* old, Index rows,
                                           const Put& put) {
     typename V::Elements sums[tile_rows][steps] = {};
     for (Index c = 0; c < rows; ++c, packed += 2 * tile_rows, old += 2 * steps) {
@@ -65,10 +66,14 @@ PBLINALG_ALWAYS_INLINE void multiply_tile(const T* packed, const V* old, Index r
                 sums[r][s] += packed[2 * r + 1] * old[2 * s + 1].v;
         }
     }
-    for (unsigned int r = 0; r < tile_rows; ++r) {
-        for (int s = 0; s < steps; ++s)
+    bool nan = false;
+    for (int s = 0; s < steps; ++s) {
+        for (unsigned int r = 0; r < tile_rows; r += 2)
+            nan |= V::holds_nan({sums[r][s]}, {sums[r + 1][s]});
+        for (unsigned int r = 0; r < tile_rows; ++r)
             put(r, s, V{sums[r][s]});
     }
+    return nan;
 }
 
 /// Recomputes the step that `old` and `fresh` point at, lane by lane, with the full product.
@@ -195,13 +200,12 @@ void multiply_steps(T* state, const MatrixVectors<V>& vectors, const Index* base
     }
     bool nan = false;
     for (Index tile = 0; tile < rows; tile += tile_rows) {
-        multiply_tile<tile_rows, steps>(scratch.matrix + 2 * tile * rows, scratch.old, rows,
-                                        [&](unsigned int r, int s, V value) {
-                                            nan |= V::holds_nan(value, value);
-                                            if constexpr (plain) value.store(at(s, tile + r));
-                                            if constexpr (!plain)
-                                                scratch.fresh[s * rows + tile + r] = value;
-                                        });
+        nan |= multiply_tile<tile_rows, steps>(
+            scratch.matrix + 2 * tile * rows, scratch.old, rows,
+            [&](unsigned int r, int s, V value) {
+                if constexpr (plain) value.store(at(s, tile + r));
+                if constexpr (!plain) scratch.fresh[s * rows + tile + r] = value;
+            });
     }
     if (plain && !nan) [[likely]]
         return;
