@@ -25,7 +25,7 @@ void set_instruction_set(InstructionSet set);
 
 /// Calls `body.operator()<set>()` for the active set.
 template <class Body>
-decltype(auto) dispatch(const Body& body) {
+[[gnu::always_inline]] inline decltype(auto) dispatch(const Body& body) {
     switch (active_instruction_set()) {
 #if defined(__x86_64__)
         case InstructionSet::avx512:
