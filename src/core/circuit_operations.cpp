@@ -151,7 +151,7 @@ void as_cnots(const Operation<T>& swap, const Body& body) {
 }
 
 template <class T>
-StepWriter<T>::Parity& StepWriter<T>::Parity::operator^=(const Parity& other) {
+typename StepWriter<T>::Parity& StepWriter<T>::Parity::operator^=(const Parity& other) {
     tile ^= other.tile;
     state ^= other.state;
     inverted ^= other.inverted;
@@ -166,7 +166,7 @@ void StepWriter<T>::begin(Index active) {
 }
 
 template <class T>
-StepWriter<T>::Parity StepWriter<T>::selection(const Operation<T>& operation) const {
+typename StepWriter<T>::Parity StepWriter<T>::selection(const Operation<T>& operation) const {
     if (!renumbered_) return {operation.selects, operation.state_selects, operation.inverted};
     Parity parity{0, operation.state_selects, operation.inverted};
     for (Index rest = operation.selects; rest != 0; rest &= rest - 1)

@@ -167,10 +167,9 @@ PBLINALG_ALWAYS_INLINE void exchange_lanes(const MatrixVectors<V>& vectors, cons
 /// Calls `body.operator()<lanes>()` with the lane bits that are targets.
 template <class V, class Body>
 PBLINALG_ALWAYS_INLINE void visit_target_lanes(const MatrixVectors<V>& vectors, const Body& body) {
-    [&]<unsigned int... lanes>(std::integer_sequence<unsigned int, lanes...>) {
-        ((vectors.target_lanes == lanes && (body.template operator()<lanes>(), true)) || ...);
-    }
-    (std::make_integer_sequence<unsigned int, V::lanes>());
+    unrolled<V::lanes>([&]<unsigned int lanes>() __attribute__((always_inline)) {
+        if (vectors.target_lanes == lanes) body.template operator()<lanes>();
+    });
 }
 
 /// Gathers, multiplies and stores `steps` steps of the walk.
