@@ -5,7 +5,9 @@
 //   - the targets of every gate must be active; diagonal gates and controls need not be, since an
 //     inactive bit has one value throughout;
 //   - gates with arithmetic keep their order: even on disjoint qubits they do not commute to the
-//     last bit; permutations overtake whatever they do not touch.
+//     last bit; permutations overtake whatever they do not touch;
+//   - in a window, permutations of whole vectors may do without active targets: the vectors stay and
+//     get new numbers. What such a gate is selected by is no target for the rest of the window.
 #include "core/circuit_passes.hpp"
 
 #include <algorithm>
@@ -118,7 +120,7 @@ class Planner {
                 return;
             }
             if (can_renumber(operation)) {
-                // What differs in a selecting bit alone now lies elsewhere, too.
+                // Amplitudes that differ in a selecting bit alone may now lie in other groups.
                 turned_ |= operation.selects | (operation.n_targets == 2 ? targets : 0);
                 pass.operations.push_back({&operation, true});
                 return;
@@ -143,7 +145,7 @@ class Planner {
     unsigned int free_ = 0;  ///< room left
     Index moved_ = 0;        ///< bits that a gate left out does not leave as they are
     Index selected_ = 0;     ///< bits that one depends on without changing them
-    Index turned_ = 0;       ///< bits that are no target any more, after a renumbering
+    Index turned_ = 0;       ///< bits that a renumbering keeps from being targets
     bool arithmetic_blocked_ = false;
 };
 

@@ -75,8 +75,7 @@ class Circuits : public ::testing::Test {
             // Half of the circuits mostly move amplitudes: X, CNOT, SWAP.
             static constexpr unsigned int permutations[] = {1, 9, 10};
             const bool moves = n > 1 && seed % 2 == 0 && below(4) > 0;
-            const Gate& gate =
-                vocabulary[moves ? permutations[below(3)] : below(n == 1 ? 9 : 11)];
+            const Gate& gate = vocabulary[moves ? permutations[below(3)] : below(n == 1 ? 9 : 11)];
             Qubits qubits{below(n)};
             if (gate.n_qubits == 2) qubits.push_back((qubits[0] + 1 + below(n - 1)) % n);
             add(gate, qubits);

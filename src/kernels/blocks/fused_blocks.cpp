@@ -120,26 +120,29 @@ struct MatrixVectors : VectorWalk<V> {
     bool is_plain() const { return target_lanes == 0 && !this->chooses_lanes(); }
 };
 
+/// Vectors that an exchange of `target_lanes` concerns together.
+constexpr unsigned int n_exchanged(unsigned int target_lanes) {
+    return 1u << __builtin_popcount(target_lanes);
+}
+
 /// Exchanges `lane_bit` with the bit of i that stands for it among vectors a[i]: one for each of
 /// `target_lanes`, in their order.
 template <unsigned int target_lanes, unsigned int lane_bit, class V>
 PBLINALG_ALWAYS_INLINE void exchange_lane(V* a) {
     if constexpr (target_lanes >> lane_bit & 1) {
-        constexpr unsigned int apart =
-            1u << __builtin_popcount(target_lanes & ((1u << lane_bit) - 1));
-        unrolled<1u << __builtin_popcount(target_lanes)>([&]<unsigned int i>() __attribute__((
-                                                             always_inline)) {
+        constexpr unsigned int apart = n_exchanged(target_lanes & ((1u << lane_bit) - 1));
+        unrolled<n_exchanged(target_lanes)>([&]<unsigned int i>() __attribute__((always_inline)) {
             if constexpr (!(i & apart)) V::transpose(a[i], a[i | apart], lane_bit);
         });
     }
 }
 
 /// Takes all rows from `load(r)` to `store(r, vector)`, the target lanes exchanged with the rows
-/// that they stand for. As many rows as one exchange concerns stay in registers.
+/// that they stand for.
 template <unsigned int target_lanes, class V, class Load, class Store>
 PBLINALG_ALWAYS_INLINE void exchange_lanes(const MatrixVectors<V>& vectors, const Load& load,
                                            const Store& store) {
-    constexpr unsigned int n_vectors = 1u << __builtin_popcount(target_lanes);
+    constexpr unsigned int n_vectors = n_exchanged(target_lanes);
     const Index rows = Index{1} << vectors.walk.n_targets;
     Index offsets[n_vectors] = {};
     Index exchanged = 0;
@@ -199,12 +202,13 @@ void multiply_steps(T* state, const MatrixVectors<V>& vectors, const Index* base
     }
     bool nan = false;
     for (Index tile = 0; tile < rows; tile += tile_rows) {
-        nan |= multiply_tile<tile_rows, steps>(
-            scratch.matrix + 2 * tile * rows, scratch.old, rows,
-            [&](unsigned int r, int s, V value) {
-                if constexpr (plain) value.store(at(s, tile + r));
-                if constexpr (!plain) scratch.fresh[s * rows + tile + r] = value;
-            });
+        nan |= multiply_tile<tile_rows, steps>(scratch.matrix + 2 * tile * rows, scratch.old, rows,
+                                               [&](unsigned int r, int s, V value) {
+                                                   if constexpr (plain)
+                                                       value.store(at(s, tile + r));
+                                                   if constexpr (!plain)
+                                                       scratch.fresh[s * rows + tile + r] = value;
+                                               });
     }
     if (plain && !nan) [[likely]]
         return;

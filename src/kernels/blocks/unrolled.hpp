@@ -1,4 +1,4 @@
-// Loops whose counter the compiler knows in every round, so that arrays of vectors stay in registers.
+// A loop whose counter the compiler knows, so that arrays of vectors stay in registers.
 #pragma once
 
 #include <utility>
