@@ -177,8 +177,11 @@ PBLINALG_ALWAYS_INLINE void visit_target_lanes(const MatrixVectors<V>& vectors, 
 
 /// Gathers, multiplies and stores `steps` steps of the walk.
 /// @tparam plain  no target and no control lies inside a vector: results go straight to the state.
+/// @param ahead   fetches as many vectors as are read here, in portions between the arithmetic:
+///                only about ten lines can be under way.
 template <unsigned int tile_rows, int steps, bool plain, class V, class T>
-void multiply_steps(T* state, const MatrixVectors<V>& vectors, const Index* bases, const T* matrix,
+void multiply_steps(T* state, const MatrixVectors<V>& vectors, const Index* bases,
+                    LinesAhead<V, Ahead::by_address>& ahead, const T* matrix,
                     const Scratch<V, T>& scratch) {
     const Index rows = Index{1} << vectors.walk.n_targets;
     const auto at = [&](int s, Index r) { return state + 2 * (bases[s] + vectors.offsets[r]); };
@@ -202,6 +205,7 @@ void multiply_steps(T* state, const MatrixVectors<V>& vectors, const Index* base
     }
     bool nan = false;
     for (Index tile = 0; tile < rows; tile += tile_rows) {
+        ahead.fetch(state, vectors.offsets, steps * tile_rows);
         nan |= multiply_tile<tile_rows, steps>(scratch.matrix + 2 * tile * rows, scratch.old, rows,
                                                [&](unsigned int r, int s, V value) {
                                                    if constexpr (plain)
@@ -242,18 +246,18 @@ void multiply_vectors(T* state, const MatrixVectors<V>& vectors, Index begin, In
     pack_matrix(scratch.matrix, matrix, rows, tile_rows);
     // Streams that are far apart come in fast enough for the arithmetic.
     const bool near = vectors.target_bits < bit(12);
-    LinesAhead<V, Ahead::by_address> ahead(vectors.free_mask, vectors.fixed_bits,
-                                           vectors.target_bits,
-                                           near ? vectors.walk.groups.count * rows : 0, begin);
+    LinesAhead<V, Ahead::by_address> ahead(
+        vectors.free_mask, vectors.fixed_bits, vectors.target_bits,
+        near ? vectors.walk.groups.count * rows : 0, begin, rows * steps_at_once);
     walk_groups(vectors.free_mask, vectors.fixed_bits, begin, end, [&](Index base) {
-        ahead.fetch(state, vectors.offsets, rows);
         bases[waiting++] = base;
         if (waiting < steps_at_once) return;
-        multiply_steps<tile_rows, steps_at_once, plain>(state, vectors, bases, matrix, scratch);
+        multiply_steps<tile_rows, steps_at_once, plain>(state, vectors, bases, ahead, matrix,
+                                                        scratch);
         waiting = 0;
     });
     for (int s = 0; s < waiting; ++s) {
-        multiply_steps<tile_rows, 1, plain>(state, vectors, bases + s, matrix, scratch);
+        multiply_steps<tile_rows, 1, plain>(state, vectors, bases + s, ahead, matrix, scratch);
     }
 }
 

@@ -66,13 +66,16 @@ class LinesAhead {
     /// @param target_bits  index bits that tell the vectors of a step apart.
     /// @param amplitudes   how many the whole walk touches.
     /// @param begin        first step.
+    /// @param lead         vectors ahead at the least, in the order of addresses.
     PBLINALG_ALWAYS_INLINE LinesAhead(Index free_mask, Index fixed_bits, Index target_bits,
-                                      Index amplitudes, Index begin)
+                                      Index amplitudes, Index begin, Index lead = 0)
         : mask_(way == Ahead::by_address ? free_mask | target_bits : free_mask),
           fixed_bits_(fixed_bits),
           useful_(amplitudes >= min_amplitudes),
           next_(way == Ahead::by_address
-                    ? deposit_bits((begin << count_bits(target_bits)) + page / V::bytes, mask_)
+                    ? deposit_bits((begin << count_bits(target_bits)) +
+                                       (lead < page / V::bytes ? page / V::bytes : lead),
+                                   mask_)
                     : deposit_bits(begin + stream_steps, mask_)) {}
 
     /// Fetches the vectors of one step.
