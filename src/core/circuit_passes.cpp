@@ -6,8 +6,8 @@
 //     inactive bit has one value throughout;
 //   - gates with arithmetic keep their order: even on disjoint qubits they do not commute to the
 //     last bit; permutations overtake whatever they do not touch;
-//   - in a window, permutations of whole vectors may do without active targets: the vectors stay and
-//     get new numbers. What such a gate is selected by is no target for the rest of the window.
+//   - in a window, permutations of whole vectors may do without active targets: the vectors get new
+//     numbers and stay. What selects such a gate is no target for the rest of the window.
 #include "core/circuit_passes.hpp"
 
 #include <algorithm>
