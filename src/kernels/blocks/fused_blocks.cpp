@@ -12,254 +12,386 @@ namespace {
 
 constexpr InstructionSet this_set = InstructionSet::PBLINALG_INSTRUCTION_SET;
 
-/// Steps of the walk that are multiplied together: each matrix entry, once in a register, serves
-/// all of them. With `max_tile_rows` rows this fills the registers with accumulators.
-constexpr int steps_at_once = this_set == InstructionSet::avx512 ? 4 : 2;
-constexpr unsigned int max_tile_rows = 4;
-
-/// Where a worker keeps what it needs, cut from its scratch.
-template <class V, class T>
-struct Scratch {
-    T* matrix;       ///< the worker's copy: per tile of rows, column by column, one entry per row
-    V* old;          ///< gathered amplitudes, [row][step], each followed by i times itself
-    V* fresh;        ///< results, [step][row]
-    Index* offsets;  ///< amplitudes from a step's base to the vector of each row
-
-    static std::size_t bytes(unsigned int n_targets) {
-        const std::size_t rows = std::size_t{1} << n_targets;
-        return rows * rows * 2 * sizeof(T) + rows * steps_at_once * 3 * sizeof(V) +
-               rows * sizeof(Index) + 64;
-    }
-
-    Scratch(void* memory, unsigned int n_targets) {
-        const std::size_t rows = std::size_t{1} << n_targets;
-        old = static_cast<V*>(memory);
-        fresh = old + rows * steps_at_once * 2;
-        matrix = reinterpret_cast<T*>(fresh + rows * steps_at_once);
-        offsets = reinterpret_cast<Index*>(matrix + 2 * rows * rows);
-    }
-};
-
+/// Two steps of the walk together, their parts apart: no product needs a shuffle.
 template <class T>
-void pack_matrix(T* to, const T* matrix, Index rows, unsigned int tile_rows) {
-    for (Index tile = 0; tile < rows; tile += tile_rows) {
-        for (Index c = 0; c < rows; ++c) {
-            for (unsigned int r = 0; r < tile_rows; ++r, to += 2) {
-                to[0] = matrix[2 * ((tile + r) * rows + c)];
-                to[1] = matrix[2 * ((tile + r) * rows + c) + 1];
-            }
-        }
-    }
-}
+using Pair = Planar<this_set, T, Products::plain>;
 
-/// matrix * old for one tile of rows and `steps` steps: calls `put(r, s, value)` for each result.
-/// @return whether a part of a result is NaN.
-template <unsigned int tile_rows, int steps, class V, class T, class Put>
-PBLINALG_ALWAYS_INLINE bool multiply_tile(const T* packed, const V* old, Index rows,
-                                          const Put& put) {
-    typename V::Elements sums[tile_rows][steps] = {};
-    for (Index c = 0; c < rows; ++c, packed += 2 * tile_rows, old += 2 * steps) {
-        for (unsigned int r = 0; r < tile_rows; ++r) {
-            for (int s = 0; s < steps; ++s)
-                sums[r][s] += packed[2 * r] * old[2 * s].v;
-            for (int s = 0; s < steps; ++s)
-                sums[r][s] += packed[2 * r + 1] * old[2 * s + 1].v;
-        }
-    }
-    bool nan = false;
-    for (int s = 0; s < steps; ++s) {
-        for (unsigned int r = 0; r < tile_rows; r += 2)
-            nan |= V::holds_nan({sums[r][s]}, {sums[r + 1][s]});
-        for (unsigned int r = 0; r < tile_rows; ++r)
-            put(r, s, V{sums[r][s]});
-    }
-    return nan;
-}
-
-/// Recomputes the step that `old` and `fresh` point at, lane by lane, with the full product.
-template <int steps, class V, class T>
-[[gnu::noinline, gnu::cold]] void redo_with_recovery(const T* matrix, const V* old, V* fresh,
-                                                     Index rows) {
-    using S = Scalar<this_set, T>;
-    for (int lane = 0; lane < V::lanes; ++lane) {
-        for (Index r = 0; r < rows; ++r) {
-            S sum(0, 0);
-            for (Index c = 0; c < rows; ++c) {
-                const V& x = old[2 * steps * c];
-                sum = sum + cmul(S::load(matrix + 2 * (r * rows + c)), x.lane(lane));
-            }
-            fresh[r].set_lane(lane, sum);
-        }
-    }
-}
-
-template <class V>
-struct MatrixVectors : VectorWalk<V> {
-    const MatrixWalk& walk;
-    Index* offsets;
-    Index target_bits = 0;          ///< union of the offsets
-    unsigned int target_lanes = 0;  ///< lane bits that are targets
-    Index row_bit_of_lane[4];       ///< for each of them, the bit of a row that it stands for
-
-    MatrixVectors(const MatrixWalk& walk, Index* offsets)
-        : VectorWalk<V>(walk.groups), walk(walk), offsets(offsets) {
-        offsets[0] = 0;
-        Index filled = 1;
-        for (unsigned int p = walk.n_targets; p-- > 0; filled *= 2) {
-            const Index target_bit = this->take_target(walk.targets[p]);
-            target_bits |= target_bit;
-            if (this->in_lanes(walk.targets[p])) {
-                target_lanes |= 1u << walk.targets[p];
-                row_bit_of_lane[walk.targets[p]] = filled;
-            }
-            for (Index r = 0; r < filled; ++r)
-                offsets[filled + r] = offsets[r] | target_bit;
-        }
-    }
-
-    bool is_plain() const { return target_lanes == 0 && !this->chooses_lanes(); }
-};
-
-/// Vectors that an exchange of `target_lanes` concerns together.
+/// How many vectors an exchange of the target lanes concerns together.
 constexpr unsigned int n_exchanged(unsigned int target_lanes) {
     return 1u << __builtin_popcount(target_lanes);
 }
 
-/// Exchanges `lane_bit` with the bit of i that stands for it among vectors a[i]: one for each of
-/// `target_lanes`, in their order.
-template <unsigned int target_lanes, unsigned int lane_bit, class V>
-PBLINALG_ALWAYS_INLINE void exchange_lane(V* a) {
-    if constexpr (target_lanes >> lane_bit & 1) {
-        constexpr unsigned int apart = n_exchanged(target_lanes & ((1u << lane_bit) - 1));
-        unrolled<n_exchanged(target_lanes)>([&]<unsigned int i>() __attribute__((always_inline)) {
-            if constexpr (!(i & apart)) V::transpose(a[i], a[i | apart], lane_bit);
-        });
-    }
+constexpr bool many_registers = n_registers<this_set> == 32;
+
+/// Targets of the largest matrix whose sums of all rows stay in registers.
+constexpr unsigned int max_targets_in_registers = many_registers ? 3 : 1;
+
+/// Rows whose results are summed together: all that exchange lanes with each other, at least.
+constexpr unsigned int rows_at_once(unsigned int target_lanes) {
+    return n_exchanged(target_lanes) > 4 ? 8 : 4;
 }
 
-/// Takes all rows from `load(r)` to `store(r, vector)`, the target lanes exchanged with the rows
-/// that they stand for.
-template <unsigned int target_lanes, class V, class Load, class Store>
-PBLINALG_ALWAYS_INLINE void exchange_lanes(const MatrixVectors<V>& vectors, const Load& load,
-                                           const Store& store) {
-    constexpr unsigned int n_vectors = n_exchanged(target_lanes);
-    const Index rows = Index{1} << vectors.walk.n_targets;
-    Index offsets[n_vectors] = {};
-    Index exchanged = 0;
-    unsigned int filled = 1;
-    for (unsigned int lane_bit = 0; lane_bit < V::lane_bits; ++lane_bit) {
-        if (!(target_lanes >> lane_bit & 1)) continue;
-        const Index row_bit = vectors.row_bit_of_lane[lane_bit];
-        exchanged |= row_bit;
-        for (unsigned int i = 0; i < filled; ++i)
-            offsets[filled + i] = offsets[i] | row_bit;
-        filled *= 2;
-    }
-    walk_groups((rows - 1) & ~exchanged, 0, 0, rows / n_vectors, [&](Index row) {
-        V a[n_vectors];
-        unrolled<n_vectors>([&]<unsigned int i>()
-                                __attribute__((always_inline)) { a[i] = load(row | offsets[i]); });
-        unrolled<V::lane_bits>([&]<unsigned int lane_bit>() __attribute__((always_inline)) {
-            exchange_lane<target_lanes, lane_bit>(a);
-        });
-        unrolled<n_vectors>([&]<unsigned int i>()
-                                __attribute__((always_inline)) { store(row | offsets[i], a[i]); });
-    });
+/// Pairs of steps that are multiplied together: each matrix entry, once in a register, serves all
+/// of them. With the rows this fills half of the registers with sums.
+constexpr int pairs_at_once(unsigned int target_lanes) {
+    return many_registers && rows_at_once(target_lanes) == 4 ? 2 : 1;
 }
+constexpr int max_pairs_at_once = pairs_at_once(0);
 
-/// Calls `body.operator()<lanes>()` with the lane bits that are targets.
-template <class V, class Body>
-PBLINALG_ALWAYS_INLINE void visit_target_lanes(const MatrixVectors<V>& vectors, const Body& body) {
-    unrolled<V::lanes>([&]<unsigned int lanes>() __attribute__((always_inline)) {
-        if (vectors.target_lanes == lanes) body.template operator()<lanes>();
-    });
-}
+/// Where a worker keeps what it needs, cut from its scratch.
+template <class T>
+struct Scratch {
+    Pair<T>* old;           ///< gathered amplitudes, [row][pair]
+    T* matrix;              ///< the worker's copy, its rows and columns in the order of the vectors
+    Index* offsets;         ///< parts from a step's base to the vector of each row
+    Index* rows_of_matrix;  ///< number in the caller's matrix of each row
 
-/// Gathers, multiplies and stores `steps` steps of the walk.
-/// @tparam plain  no target and no control lies inside a vector: results go straight to the state.
-/// @param ahead   fetches as many vectors as are read here, in portions between the arithmetic:
-///                only about ten lines can be under way.
-template <unsigned int tile_rows, int steps, bool plain, class V, class T>
-void multiply_steps(T* state, const MatrixVectors<V>& vectors, const Index* bases,
-                    LinesAhead<V, Ahead::by_address>& ahead, const T* matrix,
-                    const Scratch<V, T>& scratch) {
-    const Index rows = Index{1} << vectors.walk.n_targets;
-    const auto at = [&](int s, Index r) { return state + 2 * (bases[s] + vectors.offsets[r]); };
-    const auto keep = [&](Index r, int s, V value) {
-        scratch.old[2 * (steps * r + s)] = value;
-        scratch.old[2 * (steps * r + s) + 1] = times_i(value);
-    };
-    if constexpr (plain) {
-        for (Index r = 0; r < rows; ++r) {
-            for (int s = 0; s < steps; ++s)
-                keep(r, s, V::load(at(s, r)));
-        }
-    } else {
-        visit_target_lanes(vectors, [&]<unsigned int lanes>() {
-            for (int s = 0; s < steps; ++s) {
-                exchange_lanes<lanes>(
-                    vectors, [&](Index r) { return V::load(at(s, r)); },
-                    [&](Index r, V value) { keep(r, s, value); });
-            }
-        });
+    static std::size_t bytes(unsigned int n_targets) {
+        const std::size_t rows = std::size_t{1} << n_targets;
+        return rows * max_pairs_at_once * sizeof(Pair<T>) + rows * rows * 2 * sizeof(T) +
+               rows * 2 * sizeof(Index);
     }
-    bool nan = false;
-    for (Index tile = 0; tile < rows; tile += tile_rows) {
-        ahead.fetch(state, vectors.offsets, steps * tile_rows);
-        nan |= multiply_tile<tile_rows, steps>(scratch.matrix + 2 * tile * rows, scratch.old, rows,
-                                               [&](unsigned int r, int s, V value) {
-                                                   if constexpr (plain)
-                                                       value.store(at(s, tile + r));
-                                                   if constexpr (!plain)
-                                                       scratch.fresh[s * rows + tile + r] = value;
-                                               });
+
+    Scratch(void* memory, unsigned int n_targets) {
+        const std::size_t rows = std::size_t{1} << n_targets;
+        old = static_cast<Pair<T>*>(memory);
+        matrix = reinterpret_cast<T*>(old + rows * max_pairs_at_once);
+        offsets = reinterpret_cast<Index*>(matrix + 2 * rows * rows);
+        rows_of_matrix = offsets + rows;
     }
-    if (plain && !nan) [[likely]]
-        return;
-    const typename V::Bits chosen = vectors.chosen_lanes();
-    for (int s = 0; s < steps; ++s) {
-        V* const fresh = scratch.fresh + s * rows;
-        if (nan) [[unlikely]]
-            redo_with_recovery<steps>(matrix, scratch.old + 2 * s, fresh, rows);
-        if (vectors.chooses_lanes()) {
+};
+
+/// A step takes one vector per row. Rows are numbered with the lowest target as lowest bit, so
+/// that those which exchange lanes with each other follow each other.
+template <class V>
+struct MatrixVectors : VectorWalk<V> {
+    const MatrixWalk& walk;
+    const Index* offsets;
+    Index rows;
+    Index target_bits = 0;          ///< union of the offsets
+    unsigned int target_lanes = 0;  ///< lane bits that are targets
+
+    template <class T>
+    MatrixVectors(const MatrixWalk& walk, const Scratch<T>& scratch)
+        : VectorWalk<V>(walk.groups), walk(walk), offsets(scratch.offsets), rows(1) {
+        scratch.offsets[0] = 0;
+        scratch.rows_of_matrix[0] = 0;
+        unsigned int sorted[64];
+        sort_targets(sorted);
+        for (unsigned int i = 0; i < walk.n_targets; ++i, rows *= 2) {
+            const unsigned int target = walk.targets[sorted[i]];
+            const Index target_bit = this->take_target(target);
+            target_bits |= target_bit;
+            if (this->in_lanes(target)) target_lanes |= 1u << target;
             for (Index r = 0; r < rows; ++r) {
-                fresh[r] = V::select(chosen, fresh[r], scratch.old[2 * (steps * r + s)]);
+                scratch.offsets[rows + r] = scratch.offsets[r] | 2 * target_bit;
+                scratch.rows_of_matrix[rows + r] =
+                    scratch.rows_of_matrix[r] | bit(walk.n_targets - 1 - sorted[i]);
             }
         }
     }
-    visit_target_lanes(vectors, [&]<unsigned int lanes>() {
-        for (int s = 0; s < steps; ++s) {
-            const V* const fresh = scratch.fresh + s * rows;
-            exchange_lanes<lanes>(
-                vectors, [&](Index r) { return fresh[r]; },
-                [&](Index r, V value) { value.store(at(s, r)); });
+
+  private:
+    /// Positions in the list of targets, that of the lowest target first.
+    void sort_targets(unsigned int* sorted) const {
+        for (unsigned int p = 0; p < walk.n_targets; ++p) {
+            unsigned int i = p;
+            for (; i > 0 && walk.targets[sorted[i - 1]] > walk.targets[p]; --i)
+                sorted[i] = sorted[i - 1];
+            sorted[i] = p;
+        }
+    }
+};
+
+/// Exchanges the target lanes of `n` vectors of consecutive rows with the rows' lowest bits.
+template <unsigned int target_lanes, unsigned int n, class V>
+PBLINALG_ALWAYS_INLINE void exchange_lanes(V* a) {
+    unrolled<V::lane_bits>([&]<unsigned int lane_bit>() __attribute__((always_inline)) {
+        if constexpr (target_lanes >> lane_bit & 1) {
+            constexpr unsigned int apart = n_exchanged(target_lanes & ((1u << lane_bit) - 1));
+            unrolled<n>([&]<unsigned int i>() __attribute__((always_inline)) {
+                if constexpr (!(i & apart)) V::transpose(a[i], a[i | apart], lane_bit);
+            });
         }
     });
 }
 
-template <unsigned int tile_rows, bool plain, class V, class T>
-void multiply_vectors(T* state, const MatrixVectors<V>& vectors, Index begin, Index end,
-                      const T* matrix, const Scratch<V, T>& scratch) {
-    Index bases[steps_at_once];
-    int waiting = 0;
-    const Index rows = Index{1} << vectors.walk.n_targets;
-    pack_matrix(scratch.matrix, matrix, rows, tile_rows);
-    // Streams that are far apart come in fast enough for the arithmetic.
-    const bool near = vectors.target_bits < bit(12);
-    LinesAhead<V, Ahead::by_address> ahead(
-        vectors.free_mask, vectors.fixed_bits, vectors.target_bits,
-        near ? vectors.walk.groups.count * rows : 0, begin, rows * steps_at_once);
-    walk_groups(vectors.free_mask, vectors.fixed_bits, begin, end, [&](Index base) {
-        bases[waiting++] = base;
-        if (waiting < steps_at_once) return;
-        multiply_steps<tile_rows, steps_at_once, plain>(state, vectors, bases, ahead, matrix,
-                                                        scratch);
-        waiting = 0;
-    });
-    for (int s = 0; s < waiting; ++s) {
-        multiply_steps<tile_rows, 1, plain>(state, vectors, bases + s, ahead, matrix, scratch);
+/// Fetches what the steps after the present ones will read.
+template <class V, int steps>
+class NextSteps {
+  public:
+    NextSteps(const MatrixVectors<V>& vectors, Index begin)
+        : vectors_(vectors),
+          near_(way_ahead(vectors.target_bits) == Ahead::by_address),
+          useful_(Near::pays_for(vectors.walk.groups.count * vectors.rows)),
+          lines_(vectors.free_mask, vectors.fixed_bits, vectors.target_bits,
+                 vectors.walk.groups.count * vectors.rows, begin, lead(vectors)),
+          next_(deposit_bits(begin, vectors.free_mask)) {
+        advance();
     }
-}
+
+    /// To be called when the present steps change.
+    PBLINALG_ALWAYS_INLINE void advance() {
+        for (Index& base : bases_) {
+            base = next_ | vectors_.fixed_bits;
+            next_ = next_subset(next_, vectors_.free_mask);
+        }
+    }
+
+    /// Fetches as many vectors as `n` rows have, of those rows or, if targets are near, in the
+    /// order of addresses.
+    template <class T>
+    PBLINALG_ALWAYS_INLINE void fetch(const T* state, Index first_row, unsigned int n) {
+        if (near_) return lines_.fetch(state, vectors_.offsets, n * steps);
+        if (!useful_) return;
+        for (Index r = first_row; r < first_row + n; ++r) {
+            for (const Index base : bases_)
+                __builtin_prefetch(state + 2 * base + vectors_.offsets[r], 1, 3);
+        }
+    }
+
+  private:
+    using Near = LinesAhead<V, Ahead::by_address>;
+
+    /// Vectors that the present steps read, or that lie between their first and last ones.
+    static Index lead(const MatrixVectors<V>& vectors) {
+        Index span = 1;
+        while (span <= vectors.target_bits)
+            span *= 2;
+        const Index between = span / V::lanes;
+        return between > vectors.rows * steps ? between : vectors.rows * steps;
+    }
+
+    const MatrixVectors<V>& vectors_;
+    bool near_;
+    bool useful_;
+    Near lines_;
+    Index next_;
+    Index bases_[steps];
+};
+
+/// Multiplies the steps of a walk by a matrix.
+/// @tparam n_targets     their number if the sums of all rows fit into registers, otherwise 0.
+/// @tparam target_lanes  lane bits that are targets.
+template <unsigned int n_targets, unsigned int target_lanes, class T>
+class MatrixProduct {
+  public:
+    MatrixProduct(T* state, const MatrixVectors<Vector<this_set, T>>& vectors,
+                  const Scratch<T>& scratch, const T* matrix)
+        : state_(state), vectors_(vectors), scratch_(scratch) {
+        pack(matrix);
+    }
+
+    void multiply(Index begin, Index end) const {
+        Next next(vectors_, begin);
+        Index bases[steps];
+        int waiting = 0;
+        walk_groups(vectors_.free_mask, vectors_.fixed_bits, begin, end, [&](Index base) {
+            bases[waiting++] = base;
+            if (waiting < steps) return;
+            next.advance();
+            multiply_steps(bases, next);
+            waiting = 0;
+        });
+        if (waiting == 0) return;
+        // All is read before it is written, so that a step may be there more than once.
+        for (int s = waiting; s < steps; ++s)
+            bases[s] = bases[waiting - 1];
+        multiply_steps(bases, next);
+    }
+
+  private:
+    using V = Vector<this_set, T>;
+    using P = Pair<T>;
+    /// Rows that exchange lanes with each other.
+    static constexpr unsigned int together = n_exchanged(target_lanes);
+    static constexpr unsigned int tile_rows =
+        n_targets > 0 ? 1u << n_targets : rows_at_once(target_lanes);
+    static constexpr int pairs = n_targets > 0 ? 1 : pairs_at_once(target_lanes);
+    static constexpr int steps = 2 * pairs;
+    using Next = NextSteps<V, steps>;
+
+    /// Copies the matrix: tile by tile of rows, in it column by column.
+    void pack(const T* matrix) const {
+        const Index rows = vectors_.rows;
+        const Index* const row_of = scratch_.rows_of_matrix;
+        T* to = scratch_.matrix;
+        for (Index tile = 0; tile < rows; tile += tile_rows) {
+            for (Index c = 0; c < rows; ++c) {
+                const T* const column = matrix + 2 * row_of[c];
+                for (Index r = tile; r < tile + tile_rows; ++r, to += 2) {
+                    const T* const entry = column + 2 * row_of[r] * rows;
+                    to[0] = entry[0];
+                    to[1] = entry[1];
+                }
+            }
+        }
+    }
+
+    /// Reads `n` rows of two steps: calls `keep.operator()<r>(amplitudes)` for row first + r.
+    template <unsigned int n, class Keep>
+    PBLINALG_ALWAYS_INLINE void take_rows(const Index* bases, Index first, const Keep& keep) const {
+        V a[2][n];
+        unrolled<2>([&]<unsigned int s>() __attribute__((always_inline)) {
+            const T* const from = state_ + 2 * bases[s];
+            unrolled<n>([&]<unsigned int r>() __attribute__((always_inline)) {
+                a[s][r] = V::load(from + vectors_.offsets[first + r]);
+            });
+            exchange_lanes<target_lanes, n>(a[s]);
+        });
+        unrolled<n>([&]<unsigned int r>() __attribute__((always_inline)) {
+            keep.template operator()<r>(P::of(a[0][r], a[1][r]));
+        });
+    }
+
+    /// Stores the new amplitudes of a tile of two steps.
+    PBLINALG_ALWAYS_INLINE void put_tile(const Index* bases, Index first, const P* fresh) const {
+        V a[2][tile_rows];
+        unrolled<tile_rows>([&]<unsigned int r>()
+                                __attribute__((always_inline)) { fresh[r].to(a[0][r], a[1][r]); });
+        const Index* const offsets = vectors_.offsets + first;
+        const bool chooses = vectors_.chooses_lanes();
+        unrolled<2>([&]<unsigned int s>() __attribute__((always_inline)) {
+            T* const to = state_ + 2 * bases[s];
+            exchange_lanes<target_lanes, tile_rows>(a[s]);
+            if (chooses) {
+                const typename V::Bits chosen = vectors_.chosen_lanes();
+                unrolled<tile_rows>([&]<unsigned int r>() __attribute__((always_inline)) {
+                    a[s][r] = V::select(chosen, a[s][r], V::load(to + offsets[r]));
+                });
+            }
+            unrolled<tile_rows>([&]<unsigned int r>() __attribute__((always_inline)) {
+                a[s][r].store(to + offsets[r]);
+            });
+        });
+    }
+
+    /// Adds one column of a tile, times its amplitudes `x[0 .. pairs)`, to `sums[row][pair]`.
+    PBLINALG_ALWAYS_INLINE static void add_column(P* sums, const T* entries, const P* x) {
+        unrolled<tile_rows * pairs>([&]<unsigned int i>() __attribute__((always_inline)) {
+            sums[i].re += entries[i / pairs * 2] * x[i % pairs].re;
+            sums[i].im += entries[i / pairs * 2] * x[i % pairs].im;
+        });
+        unrolled<tile_rows * pairs>([&]<unsigned int i>() __attribute__((always_inline)) {
+            sums[i].re -= entries[i / pairs * 2 + 1] * x[i % pairs].im;
+            sums[i].im += entries[i / pairs * 2 + 1] * x[i % pairs].re;
+        });
+    }
+
+    /// Copies the old amplitudes of the steps and calls `use(c)` for each column that is there.
+    template <class Use>
+    PBLINALG_ALWAYS_INLINE void gather(const Index* bases, const Use& use) const {
+        for (Index c = 0; c < vectors_.rows; c += together) {
+            P* const old = scratch_.old + c * pairs;
+            unrolled<pairs>([&]<unsigned int p>() __attribute__((always_inline)) {
+                take_rows<together>(
+                    bases + 2 * p, c, [&]<unsigned int r>(P x) __attribute__((always_inline)) {
+                        old[r * pairs + p] = x;
+                    });
+            });
+            for (Index r = 0; r < together; ++r)
+                use(c + r);
+        }
+    }
+
+    /// Multiplies with the sums of all rows in registers, while the columns come in.
+    PBLINALG_ALWAYS_INLINE void multiply_in_registers(const Index* bases, Next& next) const {
+        P sums[tile_rows];
+        unrolled<tile_rows>([&]<unsigned int r>()
+                                __attribute__((always_inline)) { sums[r] = P{}; });
+        unrolled<tile_rows / together>([&]<unsigned int i>() __attribute__((always_inline)) {
+            constexpr unsigned int first = i * together;
+            // Only about ten lines can be under way, so that they come in two portions.
+            constexpr unsigned int half = tile_rows / 2;
+            if constexpr (first % half == 0)
+                next.fetch(state_, first, together > half ? together : half);
+            P old[together];
+            take_rows<together>(
+                bases,
+                first, [&]<unsigned int r>(P x) __attribute__((always_inline)) { old[r] = x; });
+            unrolled<together>([&]<unsigned int r>() __attribute__((always_inline)) {
+                add_column(sums, scratch_.matrix + 2 * tile_rows * (first + r), old + r);
+            });
+        });
+        bool nan = false;
+        unrolled<tile_rows>([&]<unsigned int r>()
+                                __attribute__((always_inline)) { nan |= P::holds_nan(sums[r]); });
+        if (nan) [[unlikely]] {
+            gather(bases, [](Index) {});
+            return redo_with_recovery(bases);
+        }
+        put_tile(bases, 0, sums);
+    }
+
+    /// Multiplies a tile of rows at a time.
+    PBLINALG_ALWAYS_INLINE void multiply_in_tiles(const Index* bases, Next& next) const {
+        bool nan = false;
+        const T* entries = scratch_.matrix;
+        for (Index tile = 0; tile < vectors_.rows; tile += tile_rows) {
+            next.fetch(state_, tile, tile_rows);
+            P sums[tile_rows * pairs];
+            unrolled<tile_rows * pairs>([&]<unsigned int i>()
+                                            __attribute__((always_inline)) { sums[i] = P{}; });
+            const auto add = [&](Index c) __attribute__((always_inline)) {
+                add_column(sums, entries, scratch_.old + c * pairs);
+                entries += 2 * tile_rows;
+            };
+            if (tile == 0) {
+                gather(bases, add);
+            } else {
+                for (Index c = 0; c < vectors_.rows; ++c)
+                    add(c);
+            }
+            unrolled<pairs>([&]<unsigned int p>() __attribute__((always_inline)) {
+                P fresh[tile_rows];
+                unrolled<tile_rows>([&]<unsigned int r>() __attribute__((always_inline)) {
+                    fresh[r] = sums[r * pairs + p];
+                    nan |= P::holds_nan(fresh[r]);
+                });
+                put_tile(bases + 2 * p, tile, fresh);
+            });
+        }
+        if (nan) [[unlikely]]
+            redo_with_recovery(bases);
+    }
+
+    void multiply_steps(const Index* bases, Next& next) const {
+        if constexpr (n_targets > 0) {
+            multiply_in_registers(bases, next);
+        } else {
+            multiply_in_tiles(bases, next);
+        }
+    }
+
+    /// Computes the steps anew, lane by lane, with the full product.
+    [[gnu::noinline, gnu::cold]] void redo_with_recovery(const Index* bases) const {
+        using S = Scalar<this_set, T>;
+        const Index rows = vectors_.rows;
+        const T* entries = scratch_.matrix;
+        for (Index tile = 0; tile < rows; tile += tile_rows, entries += 2 * rows * tile_rows) {
+            for (int p = 0; p < pairs; ++p) {
+                P fresh[tile_rows];
+                for (unsigned int r = 0; r < tile_rows; ++r) {
+                    for (int lane = 0; lane < P::lanes; ++lane) {
+                        S sum(0, 0);
+                        for (Index c = 0; c < rows; ++c) {
+                            const P& x = scratch_.old[c * pairs + p];
+                            sum = sum + cmul(S::load(entries + 2 * (c * tile_rows + r)),
+                                             S(x.re[lane], x.im[lane]));
+                        }
+                        fresh[r].re[lane] = sum.re;
+                        fresh[r].im[lane] = sum.im;
+                    }
+                }
+                put_tile(bases + 2 * p, tile, fresh);
+            }
+        }
+    }
+
+    T* state_;
+    const MatrixVectors<V>& vectors_;
+    const Scratch<T>& scratch_;
+};
 
 template <class T>
 void multiply_scalars(T* state, const MatrixWalk& walk, Index begin, Index end, const T* matrix,
@@ -280,31 +412,41 @@ void multiply_scalars(T* state, const MatrixWalk& walk, Index begin, Index end, 
     });
 }
 
+template <class V, class T>
+void multiply_vectors(T* state, const MatrixVectors<V>& vectors, Index begin, Index end,
+                      const T* matrix, const Scratch<T>& scratch) {
+    unrolled<V::lanes>([&]<unsigned int lanes>() __attribute__((always_inline)) {
+        if (vectors.target_lanes != lanes) return;
+        const unsigned int n_targets = vectors.walk.n_targets;
+        unrolled<max_targets_in_registers>([&]<unsigned int i>() __attribute__((always_inline)) {
+            if constexpr (n_exchanged(lanes) <= 2u << i) {
+                if (n_targets == i + 1)
+                    MatrixProduct<i + 1, lanes, T>(state, vectors, scratch, matrix)
+                        .multiply(begin, end);
+            }
+        });
+        if (n_targets > max_targets_in_registers)
+            MatrixProduct<0, lanes, T>(state, vectors, scratch, matrix).multiply(begin, end);
+    });
+}
+
 }  // namespace
 
 template <InstructionSet set, class T>
 std::size_t matrix_scratch_bytes(unsigned int n_targets) {
-    return Scratch<Vector<set, T>, T>::bytes(n_targets);
+    return Scratch<T>::bytes(n_targets);
 }
 
 template <InstructionSet set, class T>
 void multiply_matrix(T* state, const MatrixWalk& walk, Index begin, Index end, const T* matrix,
                      void* memory) {
     using V = Vector<set, T>;
-    const Scratch<V, T> scratch(memory, walk.n_targets);
-    const MatrixVectors<V> vectors(walk, scratch.offsets);
+    const Scratch<T> scratch(memory, walk.n_targets);
+    const MatrixVectors<V> vectors(walk, scratch);
     const VectorRange range(walk.groups, begin, end, vectors.group_bits);
     if (begin < range.begin) multiply_scalars(state, walk, begin, range.begin, matrix, memory);
     if (!range.empty()) {
-        const Index first = range.first_step();
-        const Index last = range.last_step();
-        if (walk.n_targets == 1) {
-            multiply_vectors<2, false>(state, vectors, first, last, matrix, scratch);
-        } else if (vectors.is_plain()) {
-            multiply_vectors<max_tile_rows, true>(state, vectors, first, last, matrix, scratch);
-        } else {
-            multiply_vectors<max_tile_rows, false>(state, vectors, first, last, matrix, scratch);
-        }
+        multiply_vectors(state, vectors, range.first_step(), range.last_step(), matrix, scratch);
     }
     if (range.end < end) multiply_scalars(state, walk, range.end, end, matrix, memory);
 }

@@ -524,6 +524,15 @@ struct Planar {
         }
     }
 
+    /// From and to two vectors of interleaved amplitudes, in the order of lanes that costs least.
+    PBLINALG_ALWAYS_INLINE static Planar of(Vector<set, T> low, Vector<set, T> high) {
+        return {take_near<0>(low.v, high.v, Iota()), take_near<1>(low.v, high.v, Iota())};
+    }
+    PBLINALG_ALWAYS_INLINE void to(Vector<set, T>& low, Vector<set, T>& high) const {
+        low.v = mix_near<0>(Iota());
+        high.v = mix_near<1>(Iota());
+    }
+
     PBLINALG_ALWAYS_INLINE friend Planar operator+(Planar a, Planar b) {
         return {a.re + b.re, a.im + b.im};
     }
@@ -634,6 +643,24 @@ struct Planar {
         const Elements left = reinterpret_cast<Elements>(reinterpret_cast<Bits>(a) & without_sign);
         const Elements right = reinterpret_cast<Elements>(reinterpret_cast<Bits>(b) & without_sign);
         return left < right ? left : right;
+    }
+
+    /// Elements of 16 bytes, which shuffles do not have to cross.
+    static constexpr int near = 16 / static_cast<int>(sizeof(T));
+
+    /// In each 16 bytes: the parts 0 (real) or 1 (imaginary) of `low`, then those of `high`.
+    template <int part, int... E>
+    PBLINALG_ALWAYS_INLINE static Elements take_near(Elements low, Elements high,
+                                                     std::integer_sequence<int, E...>) {
+        return __builtin_shufflevector(
+            low, high,
+            (E / near * near + E % (near / 2) * 2 + part + (E % near < near / 2 ? 0 : lanes))...);
+    }
+    /// Undoes `take_near`: gives `low` (`which` = 0) or `high` (1).
+    template <int which, int... E>
+    PBLINALG_ALWAYS_INLINE Elements mix_near(std::integer_sequence<int, E...>) const {
+        return __builtin_shufflevector(
+            re, im, (E / near * near + E % near / 2 + which * (near / 2) + E % 2 * lanes)...);
     }
 
     template <int... E>

@@ -71,12 +71,15 @@ class LinesAhead {
                                       Index amplitudes, Index begin, Index lead = 0)
         : mask_(way == Ahead::by_address ? free_mask | target_bits : free_mask),
           fixed_bits_(fixed_bits),
-          useful_(amplitudes >= min_amplitudes),
+          useful_(pays_for(amplitudes)),
           next_(way == Ahead::by_address
                     ? deposit_bits((begin << count_bits(target_bits)) +
                                        (lead < page / V::bytes ? page / V::bytes : lead),
                                    mask_)
                     : deposit_bits(begin + stream_steps, mask_)) {}
+
+    /// Whether so many amplitudes are more than caches hold.
+    PBLINALG_ALWAYS_INLINE static bool pays_for(Index amplitudes) { return amplitudes >= bit(17); }
 
     /// Fetches the vectors of one step.
     /// @param offsets  amplitudes from the base of a step to each of its vectors.
@@ -94,8 +97,6 @@ class LinesAhead {
   private:
     static constexpr Index page = 4096;
     static constexpr Index stream_steps = 16;
-    /// Below this the state is in cache anyway.
-    static constexpr Index min_amplitudes = Index{1} << 17;
 
     Index mask_;
     Index fixed_bits_;
