@@ -106,11 +106,10 @@ struct Rows {
 
 /// One step without the products that are 0.
 /// @return false, with nothing done, where they matter.
-template <class Gate, class V, class T>
-PBLINALG_ALWAYS_INLINE bool update_without_zeros(Rows<Gate, V>& rows, const T* factors) {
+template <class Gate, class V, class F>
+PBLINALG_ALWAYS_INLINE bool update_without_zeros(Rows<Gate, V>& rows, const F& f) {
     static_assert(Gate::n_rows == 2);
     using Short = typename V::WithoutZeros;
-    const auto f = load_factors<Gate, Short>(factors);
     Short a[] = {{rows.a[0].v}, {rows.a[1].v}};
     Gate::update(a, f.of);
     if (!Short::all_ordinary(a[0], a[1])) [[unlikely]]
@@ -144,6 +143,7 @@ void update_vectors_on_way(typename V::Memory memory, const GateVectors<Gate, V>
     constexpr auto moves = [](unsigned int r) { return in_lanes || Gate::touches(r); };
 
     const auto f = load_factors<Gate, V>(factors);
+    const auto short_f = load_factors<Gate, typename V::WithoutZeros>(factors);
     // Given up at the first parts that are not ordinary: there will be more.
     bool shortcut = Gate::has_zero_products && V::tells_ordinary;
     const typename V::Bits chosen = walk.chosen_lanes();
@@ -166,7 +166,7 @@ void update_vectors_on_way(typename V::Memory memory, const GateVectors<Gate, V>
         if constexpr (in_lanes) walk.transpose_targets(old.a);
         Rows<Gate, V> fresh = old;
         if constexpr (Gate::has_zero_products && V::tells_ordinary) {
-            if (shortcut) shortcut = update_without_zeros(fresh, factors);
+            if (shortcut) shortcut = update_without_zeros(fresh, short_f);
         }
         if (!shortcut) {
             Gate::update(fresh.a, f.of);

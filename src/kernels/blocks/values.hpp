@@ -226,7 +226,8 @@ struct Vector {
         Elements signed_im;  ///< -im, +im, ...
         Factor() = default;
         PBLINALG_ALWAYS_INLINE Factor(T real, T imag)
-            : re(real - Elements{}), signed_im(alternate(-imag, imag, Iota())) {}
+            : re(real - Elements{}),
+              signed_im(Vector{imag - Elements{}}.flip_signs(sign_of_parts(0, Iota())).v) {}
         PBLINALG_ALWAYS_INLINE Factor(Elements re, Elements signed_im)
             : re(re), signed_im(signed_im) {}
         PBLINALG_ALWAYS_INLINE static Factor select(Bits chosen, const Factor& a, const Factor& b) {
@@ -400,11 +401,11 @@ struct Vector {
 #if defined(__AVX512F__)
         constexpr int zero_infinite_or_nan = 0x9F;
         if constexpr (bytes == 64 && sizeof(T) == 8)
-            return !(_mm512_fpclass_pd_mask(__m512d(a.v), zero_infinite_or_nan) |
-                     _mm512_fpclass_pd_mask(__m512d(b.v), zero_infinite_or_nan));
+            return _kortestz_mask8_u8(_mm512_fpclass_pd_mask(__m512d(a.v), zero_infinite_or_nan),
+                                      _mm512_fpclass_pd_mask(__m512d(b.v), zero_infinite_or_nan));
         if constexpr (bytes == 64 && sizeof(T) == 4)
-            return !(_mm512_fpclass_ps_mask(__m512(a.v), zero_infinite_or_nan) |
-                     _mm512_fpclass_ps_mask(__m512(b.v), zero_infinite_or_nan));
+            return _kortestz_mask16_u8(_mm512_fpclass_ps_mask(__m512(a.v), zero_infinite_or_nan),
+                                       _mm512_fpclass_ps_mask(__m512(b.v), zero_infinite_or_nan));
 #endif
         // 0 / 0 is NaN, and so is an infinity minus itself.
         return !holds_nan({(a.v - a.v) / a.v}, {(b.v - b.v) / b.v});
@@ -413,12 +414,6 @@ struct Vector {
   private:
     typedef Elements Aliasing __attribute__((may_alias));
     typedef Elements Unaligned __attribute__((may_alias, aligned(sizeof(T))));
-
-    template <int... E>
-    PBLINALG_ALWAYS_INLINE static Elements alternate(T even, T odd,
-                                                     std::integer_sequence<int, E...>) {
-        return Elements{(E & 1 ? odd : even)...};
-    }
 
     /// The sign bit in every real part (`part` = 0) or imaginary part (1).
     template <int... E>
