@@ -116,6 +116,34 @@ PBLINALG_ALWAYS_INLINE void exchange_lanes(V* a) {
     });
 }
 
+/// Sums of consecutive rows. Handed on by value, so that they stay in registers.
+template <unsigned int n, class T>
+struct Rows {
+    Pair<T> of[n];
+};
+
+/// Computes rows anew, lane by lane, with the full product.
+/// @param entries  the matrix's, column by column.
+/// @param old      amplitudes, those of a column `stride` after those of the one before.
+template <unsigned int n, class T>
+[[gnu::noinline, gnu::cold]] Rows<n, T> multiply_with_recovery(const T* entries, Index columns,
+                                                               const Pair<T>* old, int stride) {
+    using S = Scalar<this_set, T>;
+    Rows<n, T> rows;
+    for (unsigned int r = 0; r < n; ++r) {
+        for (int lane = 0; lane < Pair<T>::lanes; ++lane) {
+            S sum(0, 0);
+            for (Index c = 0; c < columns; ++c) {
+                const Pair<T>& x = old[static_cast<Index>(stride) * c];
+                sum = sum + cmul(S::load(entries + 2 * (n * c + r)), S(x.re[lane], x.im[lane]));
+            }
+            rows.of[r].re[lane] = sum.re;
+            rows.of[r].im[lane] = sum.im;
+        }
+    }
+    return rows;
+}
+
 /// Fetches what the steps after the present ones will read.
 template <class V, int steps>
 class NextSteps {
@@ -244,11 +272,21 @@ class MatrixProduct {
         });
     }
 
+    PBLINALG_ALWAYS_INLINE static bool holds_nan(const Rows<tile_rows, T>& rows) {
+        bool nan = false;
+        unrolled<tile_rows>([&]<unsigned int r>() __attribute__((always_inline)) {
+            nan |= P::holds_nan(rows.of[r]);
+        });
+        return nan;
+    }
+
     /// Stores the new amplitudes of a tile of two steps.
-    PBLINALG_ALWAYS_INLINE void put_tile(const Index* bases, Index first, const P* fresh) const {
+    PBLINALG_ALWAYS_INLINE void put_tile(const Index* bases, Index first,
+                                         const Rows<tile_rows, T>& fresh) const {
         V a[2][tile_rows];
-        unrolled<tile_rows>([&]<unsigned int r>()
-                                __attribute__((always_inline)) { fresh[r].to(a[0][r], a[1][r]); });
+        unrolled<tile_rows>([&]<unsigned int r>() __attribute__((always_inline)) {
+            fresh.of[r].to(a[0][r], a[1][r]);
+        });
         const Index* const offsets = vectors_.offsets + first;
         const bool chooses = vectors_.chooses_lanes();
         unrolled<2>([&]<unsigned int s>() __attribute__((always_inline)) {
@@ -266,15 +304,24 @@ class MatrixProduct {
         });
     }
 
-    /// Adds one column of a tile, times its amplitudes `x[0 .. pairs)`, to `sums[row][pair]`.
-    PBLINALG_ALWAYS_INLINE static void add_column(P* sums, const T* entries, const P* x) {
+    /// Adds one column of a tile, times its amplitudes `x[0 .. pairs)`, to the sums of each pair.
+    PBLINALG_ALWAYS_INLINE static void add_column(Rows<tile_rows, T>* sums, const T* entries,
+                                                  const P* x) {
         unrolled<tile_rows * pairs>([&]<unsigned int i>() __attribute__((always_inline)) {
-            sums[i].re += entries[i / pairs * 2] * x[i % pairs].re;
-            sums[i].im += entries[i / pairs * 2] * x[i % pairs].im;
+            P& sum = sums[i % pairs].of[i / pairs];
+            sum.re += entries[i / pairs * 2] * x[i % pairs].re;
+            sum.im += entries[i / pairs * 2] * x[i % pairs].im;
         });
         unrolled<tile_rows * pairs>([&]<unsigned int i>() __attribute__((always_inline)) {
-            sums[i].re -= entries[i / pairs * 2 + 1] * x[i % pairs].im;
-            sums[i].im += entries[i / pairs * 2 + 1] * x[i % pairs].re;
+            P& sum = sums[i % pairs].of[i / pairs];
+            sum.re -= entries[i / pairs * 2 + 1] * x[i % pairs].im;
+            sum.im += entries[i / pairs * 2 + 1] * x[i % pairs].re;
+        });
+    }
+
+    PBLINALG_ALWAYS_INLINE static void clear(Rows<tile_rows, T>* sums) {
+        unrolled<tile_rows * pairs>([&]<unsigned int i>() __attribute__((always_inline)) {
+            sums[i % pairs].of[i / pairs] = P{};
         });
     }
 
@@ -296,9 +343,8 @@ class MatrixProduct {
 
     /// Multiplies with the sums of all rows in registers, while the columns come in.
     PBLINALG_ALWAYS_INLINE void multiply_in_registers(const Index* bases, Next& next) const {
-        P sums[tile_rows];
-        unrolled<tile_rows>([&]<unsigned int r>()
-                                __attribute__((always_inline)) { sums[r] = P{}; });
+        Rows<tile_rows, T> sums;
+        clear(&sums);
         unrolled<tile_rows / together>([&]<unsigned int i>() __attribute__((always_inline)) {
             constexpr unsigned int first = i * together;
             // Only about ten lines can be under way, so that they come in two portions.
@@ -310,49 +356,41 @@ class MatrixProduct {
                 bases,
                 first, [&]<unsigned int r>(P x) __attribute__((always_inline)) { old[r] = x; });
             unrolled<together>([&]<unsigned int r>() __attribute__((always_inline)) {
-                add_column(sums, scratch_.matrix + 2 * tile_rows * (first + r), old + r);
+                add_column(&sums, scratch_.matrix + 2 * tile_rows * (first + r), old + r);
             });
         });
-        bool nan = false;
-        unrolled<tile_rows>([&]<unsigned int r>()
-                                __attribute__((always_inline)) { nan |= P::holds_nan(sums[r]); });
-        if (nan) [[unlikely]] {
+        if (holds_nan(sums)) [[unlikely]] {
             gather(bases, [](Index) {});
-            return redo_with_recovery(bases);
+            sums = multiply_with_recovery<tile_rows>(scratch_.matrix, tile_rows, scratch_.old, 1);
         }
         put_tile(bases, 0, sums);
     }
 
     /// Multiplies a tile of rows at a time.
     PBLINALG_ALWAYS_INLINE void multiply_in_tiles(const Index* bases, Next& next) const {
-        bool nan = false;
+        const Index rows = vectors_.rows;
         const T* entries = scratch_.matrix;
-        for (Index tile = 0; tile < vectors_.rows; tile += tile_rows) {
+        for (Index tile = 0; tile < rows; tile += tile_rows) {
             next.fetch(state_, tile, tile_rows);
-            P sums[tile_rows * pairs];
-            unrolled<tile_rows * pairs>([&]<unsigned int i>()
-                                            __attribute__((always_inline)) { sums[i] = P{}; });
+            Rows<tile_rows, T> sums[pairs];
+            clear(sums);
             const auto add = [&](Index c) __attribute__((always_inline)) {
-                add_column(sums, entries, scratch_.old + c * pairs);
-                entries += 2 * tile_rows;
+                add_column(sums, entries + 2 * tile_rows * c, scratch_.old + c * pairs);
             };
             if (tile == 0) {
                 gather(bases, add);
             } else {
-                for (Index c = 0; c < vectors_.rows; ++c)
+                for (Index c = 0; c < rows; ++c)
                     add(c);
             }
             unrolled<pairs>([&]<unsigned int p>() __attribute__((always_inline)) {
-                P fresh[tile_rows];
-                unrolled<tile_rows>([&]<unsigned int r>() __attribute__((always_inline)) {
-                    fresh[r] = sums[r * pairs + p];
-                    nan |= P::holds_nan(fresh[r]);
-                });
-                put_tile(bases + 2 * p, tile, fresh);
+                if (holds_nan(sums[p])) [[unlikely]]
+                    sums[p] =
+                        multiply_with_recovery<tile_rows>(entries, rows, scratch_.old + p, pairs);
+                put_tile(bases + 2 * p, tile, sums[p]);
             });
+            entries += 2 * tile_rows * rows;
         }
-        if (nan) [[unlikely]]
-            redo_with_recovery(bases);
     }
 
     void multiply_steps(const Index* bases, Next& next) const {
@@ -360,31 +398,6 @@ class MatrixProduct {
             multiply_in_registers(bases, next);
         } else {
             multiply_in_tiles(bases, next);
-        }
-    }
-
-    /// Computes the steps anew, lane by lane, with the full product.
-    [[gnu::noinline, gnu::cold]] void redo_with_recovery(const Index* bases) const {
-        using S = Scalar<this_set, T>;
-        const Index rows = vectors_.rows;
-        const T* entries = scratch_.matrix;
-        for (Index tile = 0; tile < rows; tile += tile_rows, entries += 2 * rows * tile_rows) {
-            for (int p = 0; p < pairs; ++p) {
-                P fresh[tile_rows];
-                for (unsigned int r = 0; r < tile_rows; ++r) {
-                    for (int lane = 0; lane < P::lanes; ++lane) {
-                        S sum(0, 0);
-                        for (Index c = 0; c < rows; ++c) {
-                            const P& x = scratch_.old[c * pairs + p];
-                            sum = sum + cmul(S::load(entries + 2 * (c * tile_rows + r)),
-                                             S(x.re[lane], x.im[lane]));
-                        }
-                        fresh[r].re[lane] = sum.re;
-                        fresh[r].im[lane] = sum.im;
-                    }
-                }
-                put_tile(bases + 2 * p, tile, fresh);
-            }
         }
     }
 
