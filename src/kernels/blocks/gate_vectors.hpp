@@ -157,7 +157,7 @@ void update_vectors_on_way(typename V::Memory memory, const GateVectors<Gate, V>
         if (moves(r)) moved[n_moved++] = offsets[r];
     }
     auto ahead = walk.template lines_ahead<way>(begin);
-    walk_groups(walk.free_mask, walk.fixed_bits, begin, end, [&](Index base) {
+    const auto step = [&](Index base) __attribute__((always_inline)) {
         ahead.fetch(memory.parts, moved, n_moved);
         Rows<Gate, V> old{};
         for (unsigned int r = 0; r < Gate::n_rows; ++r) {
@@ -184,7 +184,8 @@ void update_vectors_on_way(typename V::Memory memory, const GateVectors<Gate, V>
         for (unsigned int r = 0; r < Gate::n_rows; ++r) {
             if (moves(r)) fresh.a[r].store(memory, base + offsets[r]);
         }
-    });
+    };
+    walk_groups(walk.free_mask, walk.fixed_bits, begin, end, step);
 }
 
 template <class Gate, bool in_lanes, bool chooses, class V, class T>
