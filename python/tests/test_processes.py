@@ -108,6 +108,8 @@ def test_a_stopped_circuit_leaves_the_gates_up_to_a_boundary(instrument):
                 raise KeyboardInterrupt
         progress = stop if {instrument!r} == "callback" else None
         if progress is None:
+            # A shell's background jobs begin with this signal ignored.
+            signal.signal(signal.SIGINT, signal.default_int_handler)
             threading.Timer(0.3, os.kill, (os.getpid(), signal.SIGINT)).start()
         try:
             state.run(circuit, progress=progress)
