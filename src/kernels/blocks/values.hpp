@@ -640,7 +640,7 @@ struct Planar {
         return left < right ? left : right;
     }
 
-    /// Elements of 16 bytes, which shuffles do not have to cross.
+    /// Elements in 16 bytes: shuffles that stay within these cost least.
     static constexpr int near = 16 / static_cast<int>(sizeof(T));
 
     /// In each 16 bytes: the parts 0 (real) or 1 (imaginary) of `low`, then those of `high`.
