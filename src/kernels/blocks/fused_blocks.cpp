@@ -198,10 +198,15 @@ class NextSteps {
     Index bases_[steps];
 };
 
+/// No lane bit.
+constexpr int none = -1;
+
 /// Multiplies the steps of a walk by a matrix.
 /// @tparam n_targets     their number if the sums of all rows fit into registers, otherwise 0.
 /// @tparam target_lanes  lane bits that are targets.
-template <unsigned int n_targets, unsigned int target_lanes, class T>
+/// @tparam control       a lane bit that is a control, if any: two vectors of the state then give
+///                       one of the product, so that half of the arithmetic is not in vain.
+template <unsigned int n_targets, unsigned int target_lanes, class T, int control = none>
 class MatrixProduct {
   public:
     MatrixProduct(T* state, const MatrixVectors<Vector<this_set, T>>& vectors,
@@ -236,7 +241,8 @@ class MatrixProduct {
     static constexpr unsigned int tile_rows =
         n_targets > 0 ? 1u << n_targets : rows_at_once(target_lanes);
     static constexpr int pairs = n_targets > 0 ? 1 : pairs_at_once(target_lanes);
-    static constexpr int steps = 2 * pairs;
+    static constexpr int joined = control == none ? 1 : 2;
+    static constexpr int steps = 2 * pairs * joined;
     using Next = NextSteps<V, steps>;
 
     /// Copies the matrix: tile by tile of rows, in it column by column.
@@ -256,14 +262,55 @@ class MatrixProduct {
         }
     }
 
+    /// Loads a vector of the product.
+    PBLINALG_ALWAYS_INLINE V take(const Index* bases, Index offset) const {
+        V a = V::load(state_ + 2 * bases[0] + offset);
+        if constexpr (control != none) {
+            V high = V::load(state_ + 2 * bases[1] + offset);
+            V::transpose(a, high, control);
+            return high;
+        }
+        return a;
+    }
+
+    /// Stores the vectors of one step's rows.
+    PBLINALG_ALWAYS_INLINE void put(const Index* bases, const Index* offsets, V* fresh) const {
+        T* const to = state_ + 2 * bases[0];
+        if (vectors_.chooses_lanes()) {
+            const typename V::Bits chosen = vectors_.chosen_lanes();
+            unrolled<tile_rows>([&]<unsigned int r>() __attribute__((always_inline)) {
+                fresh[r] = V::select(chosen, fresh[r], V::load(to + offsets[r]));
+            });
+        }
+        unrolled<tile_rows>([&]<unsigned int r>() __attribute__((always_inline)) {
+            fresh[r].store(to + offsets[r]);
+        });
+    }
+
+    /// The same for vectors of two steps each. Other controls may leave some of their lanes alone.
+    PBLINALG_ALWAYS_INLINE void put_joined(const Index* bases, const Index* offsets,
+                                           const V* fresh) const {
+        const typename V::Bits chosen = vectors_.chosen_lanes(bit(control));
+        unrolled<tile_rows>([&]<unsigned int r>() __attribute__((always_inline)) {
+            T* const to = state_ + 2 * bases[0] + offsets[r];
+            T* const other = state_ + 2 * bases[1] + offsets[r];
+            V low = V::load(to);
+            V high = V::load(other);
+            V::transpose(low, high, control);
+            high = V::select(chosen, fresh[r], high);
+            V::transpose(low, high, control);
+            low.store(to);
+            high.store(other);
+        });
+    }
+
     /// Reads `n` rows of two steps: calls `keep.operator()<r>(amplitudes)` for row first + r.
     template <unsigned int n, class Keep>
     PBLINALG_ALWAYS_INLINE void take_rows(const Index* bases, Index first, const Keep& keep) const {
         V a[2][n];
         unrolled<2>([&]<unsigned int s>() __attribute__((always_inline)) {
-            const T* const from = state_ + 2 * bases[s];
             unrolled<n>([&]<unsigned int r>() __attribute__((always_inline)) {
-                a[s][r] = V::load(from + vectors_.offsets[first + r]);
+                a[s][r] = take(bases + s * joined, vectors_.offsets[first + r]);
             });
             exchange_lanes<target_lanes, n>(a[s]);
         });
@@ -288,19 +335,13 @@ class MatrixProduct {
             fresh.of[r].to(a[0][r], a[1][r]);
         });
         const Index* const offsets = vectors_.offsets + first;
-        const bool chooses = vectors_.chooses_lanes();
         unrolled<2>([&]<unsigned int s>() __attribute__((always_inline)) {
-            T* const to = state_ + 2 * bases[s];
             exchange_lanes<target_lanes, tile_rows>(a[s]);
-            if (chooses) {
-                const typename V::Bits chosen = vectors_.chosen_lanes();
-                unrolled<tile_rows>([&]<unsigned int r>() __attribute__((always_inline)) {
-                    a[s][r] = V::select(chosen, a[s][r], V::load(to + offsets[r]));
-                });
+            if constexpr (control == none) {
+                put(bases + s, offsets, a[s]);
+            } else {
+                put_joined(bases + 2 * s, offsets, a[s]);
             }
-            unrolled<tile_rows>([&]<unsigned int r>() __attribute__((always_inline)) {
-                a[s][r].store(to + offsets[r]);
-            });
         });
     }
 
@@ -332,7 +373,8 @@ class MatrixProduct {
             P* const old = scratch_.old + c * pairs;
             unrolled<pairs>([&]<unsigned int p>() __attribute__((always_inline)) {
                 take_rows<together>(
-                    bases + 2 * p, c, [&]<unsigned int r>(P x) __attribute__((always_inline)) {
+                    bases + 2 * p * joined,
+                    c, [&]<unsigned int r>(P x) __attribute__((always_inline)) {
                         old[r * pairs + p] = x;
                     });
             });
@@ -387,7 +429,7 @@ class MatrixProduct {
                 if (holds_nan(sums[p])) [[unlikely]]
                     sums[p] =
                         multiply_with_recovery<tile_rows>(entries, rows, scratch_.old + p, pairs);
-                put_tile(bases + 2 * p, tile, sums[p]);
+                put_tile(bases + 2 * p * joined, tile, sums[p]);
             });
             entries += 2 * tile_rows * rows;
         }
@@ -438,8 +480,21 @@ void multiply_vectors(T* state, const MatrixVectors<V>& vectors, Index begin, In
                         .multiply(begin, end);
             }
         });
-        if (n_targets > max_targets_in_registers)
-            MatrixProduct<0, lanes, T>(state, vectors, scratch, matrix).multiply(begin, end);
+        if (n_targets <= max_targets_in_registers) return;
+        const auto run = [&]<int control>() {
+            MatrixProduct<0, lanes, T, control>(state, vectors, scratch, matrix)
+                .multiply(begin, end);
+        };
+        bool done = false;
+        if constexpr (lanes == 0) {
+            // With targets in lanes, too, there would be many kernels for few gates.
+            unrolled<V::lane_bits>([&]<unsigned int b>() __attribute__((always_inline)) {
+                if (lowest_bit(vectors.held_lane_bits) != bit(b)) return;
+                run.template operator()<int{b}>();
+                done = true;
+            });
+        }
+        if (!done) run.template operator()<none>();
     });
 }
 

@@ -45,9 +45,9 @@ struct VectorWalk {
 
     PBLINALG_ALWAYS_INLINE bool chooses_lanes() const { return held_lane_bits != 0; }
 
-    /// The lanes to write.
-    PBLINALG_ALWAYS_INLINE typename V::Bits chosen_lanes() const {
-        return V::lanes_where(held_lane_bits, held_lane_value);
+    /// The lanes to write, whatever bits of their number are in `but`.
+    PBLINALG_ALWAYS_INLINE typename V::Bits chosen_lanes(Index but = 0) const {
+        return V::lanes_where(held_lane_bits & ~but, held_lane_value & ~but);
     }
 
     /// Exchanges the lane bit of target `p` of `n_targets` in the vectors a[0 .. 2^n_targets).
