@@ -1,6 +1,6 @@
 // The one parallel loop: a range cut into one contiguous block per worker.
 // What a worker does with its block is a serial function; which instruction set that runs on is
-// chosen in kernels/instruction_set.hpp.
+// chosen in core/instruction_set.hpp.
 #pragma once
 
 #include <omp.h>

@@ -9,7 +9,7 @@
 #include <stdexcept>
 
 #include "core/parallel.hpp"
-#include "kernels/gate_kernels.hpp"
+#include "apply/gates.hpp"
 #include "readout/distribution.hpp"
 #include "readout/draws.hpp"
 

@@ -8,7 +8,7 @@
 #include <vector>
 
 #include "core/parallel.hpp"
-#include "kernels/blocks/reversal_blocks.hpp"
+#include "kernels/reversal_kernels.hpp"
 #include "readout/views.hpp"
 
 namespace pblinalg::cpu {

@@ -14,7 +14,7 @@
 #include <random>
 #include <vector>
 
-#include "kernels/instruction_set.hpp"
+#include "core/instruction_set.hpp"
 
 namespace pblinalg::test {
 
