@@ -11,17 +11,6 @@ namespace {
 /// The longest diagonal that the uncontrolled kernel takes.
 constexpr std::size_t max_diagonal = 256;
 
-template <class T>
-void multiply_all(std::complex<T>* amplitudes, const orb::core::iterator::GroupMasks& groups,
-                  int nthreads, const std::complex<T>* sorted_diag, Index mask) {
-    for_each_block(groups.count, groups.count, nthreads, [&](Index begin, Index end) {
-        dispatch([&]<InstructionSet set>() {
-            multiply_diagonal<set, T>(parts(amplitudes), groups, begin, end, parts(sorted_diag),
-                                      mask);
-        });
-    });
-}
-
 /// A diagonal over any list of qubits, repeated ones among them; apart from the path of one qubit.
 template <class T>
 [[gnu::noinline]] void multiply_by_pattern(std::complex<T>* amplitudes,
@@ -32,12 +21,12 @@ template <class T>
     if (slots <= 2) {
         std::complex<T> sorted_diag[2];
         fill_sorted_diag(sorted_diag, qubits, diag, mask);
-        multiply_all(amplitudes, groups, nthreads, sorted_diag, mask);
+        multiply_sorted_diag(amplitudes, groups, nthreads, sorted_diag, mask);
         return;
     }
     std::vector<std::complex<T>> sorted_diag(slots);
     fill_sorted_diag(sorted_diag.data(), qubits, diag, mask);
-    multiply_all(amplitudes, groups, nthreads, sorted_diag.data(), mask);
+    multiply_sorted_diag(amplitudes, groups, nthreads, sorted_diag.data(), mask);
 }
 
 }  // namespace
@@ -84,6 +73,18 @@ template void fill_sorted_diag<std::complex<double>>(std::complex<double>*, Qubi
                                                      MatrixSpan<double>, Index);
 
 template <class T>
+void multiply_sorted_diag(std::complex<T>* amplitudes,
+                          const orb::core::iterator::GroupMasks& groups, int nthreads,
+                          const std::complex<T>* sorted_diag, Index mask) {
+    for_each_block(groups.count, groups.count, nthreads, [&](Index begin, Index end) {
+        dispatch([&]<InstructionSet set>() {
+            multiply_diagonal<set, T>(parts(amplitudes), groups, begin, end, parts(sorted_diag),
+                                      mask);
+        });
+    });
+}
+
+template <class T>
 void _DiagGate<true>::apply(std::complex<T>* amplitudes, QubitSpan qubits,
                             unsigned long long nqbits, int nthreads, MatrixSpan<T> diag) {
     if (diag.size() > max_diagonal) throw std::runtime_error("Diagonal is too large for _DiagGate");
@@ -105,6 +106,9 @@ void _DiagGate<true>::apply_controlled(std::complex<T>* amplitudes, QubitSpan qu
 }
 
 #define PBLINALG_INSTANTIATE(T)                                                                   \
+    template void multiply_sorted_diag<T>(std::complex<T>*,                                       \
+                                          const orb::core::iterator::GroupMasks&, int,            \
+                                          const std::complex<T>*, Index);                         \
     template void _DiagGate<true>::apply<T>(std::complex<T>*, QubitSpan, unsigned long long, int, \
                                             MatrixSpan<T>);                                       \
     template void _DiagGate<true>::apply_controlled<T>(                                           \

@@ -26,6 +26,13 @@ template <class Amplitude>
 void fill_sorted_diag(Amplitude* out, QubitSpan qubits, std::span<const Amplitude> diag,
                       Index mask);
 
+/// Multiplies the amplitudes of `groups`, which have controls alone, by
+/// sorted_diag[extract_bits(index, mask)].
+template <class T>
+void multiply_sorted_diag(std::complex<T>* amplitudes,
+                          const orb::core::iterator::GroupMasks& groups, int nthreads,
+                          const std::complex<T>* sorted_diag, Index mask);
+
 extern template void fill_sorted_diag<std::complex<float>>(std::complex<float>*, QubitSpan,
                                                            MatrixSpan<float>, Index);
 extern template void fill_sorted_diag<std::complex<double>>(std::complex<double>*, QubitSpan,

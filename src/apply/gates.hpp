@@ -6,8 +6,8 @@
 #include <cassert>
 
 #include "core/parallel.hpp"
-#include "kernels/exact_kernels.hpp"
 #include "gates/matrix_formulas.hpp"
+#include "kernels/exact_kernels.hpp"
 
 namespace pblinalg::cpu {
 

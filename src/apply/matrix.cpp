@@ -2,13 +2,12 @@
 
 #include <algorithm>
 
+#include "apply/gates.hpp"
 #include "core/parallel.hpp"
 #include "core/team_scratch.hpp"
 #include "kernels/fused_kernels.hpp"
-#include "apply/gates.hpp"
 
 namespace pblinalg::cpu {
-namespace {
 
 using orb::core::iterator::StateIterator;
 
@@ -29,8 +28,6 @@ void _apply_nqbit_gate(std::complex<T>* amplitudes, const StateIterator& iterato
         });
     });
 }
-
-}  // namespace
 
 template <class T>
 bool is_diagonal(MatrixSpan<T> matrix, Index rows) {
@@ -62,7 +59,9 @@ void apply_nbqbit_gate(std::complex<T>* amplitudes, QubitSpan qubits, QubitSpan 
     template bool is_diagonal<T>(MatrixSpan<T>, Index);                                       \
     template std::vector<std::complex<T>> diagonal_of<T>(MatrixSpan<T>, Index);               \
     template void apply_nbqbit_gate<T>(std::complex<T>*, QubitSpan, QubitSpan, MatrixSpan<T>, \
-                                       unsigned long long, int);
+                                       unsigned long long, int);                              \
+    template void _apply_nqbit_gate<T>(std::complex<T>*, const StateIterator&, QubitSpan,     \
+                                       MatrixSpan<T>, int);
 PBLINALG_INSTANTIATE(float)
 PBLINALG_INSTANTIATE(double)
 #undef PBLINALG_INSTANTIATE

@@ -23,11 +23,20 @@ template <class T>
 void apply_nbqbit_gate(std::complex<T>* amplitudes, QubitSpan qubits, QubitSpan controls,
                        MatrixSpan<T> matrix, unsigned long long nqbits, int nthreads);
 
-#define PBLINALG_DECLARE(T)                                                            \
-    extern template bool is_diagonal<T>(MatrixSpan<T>, Index);                         \
-    extern template std::vector<std::complex<T>> diagonal_of<T>(MatrixSpan<T>, Index); \
-    extern template void apply_nbqbit_gate<T>(std::complex<T>*, QubitSpan, QubitSpan,  \
-                                              MatrixSpan<T>, unsigned long long, int);
+/// The same on the groups of `iterator`, those of the targets `qubits` under any controls.
+template <class T>
+void _apply_nqbit_gate(std::complex<T>* amplitudes,
+                       const orb::core::iterator::StateIterator& iterator, QubitSpan qubits,
+                       MatrixSpan<T> matrix, int nthreads);
+
+#define PBLINALG_DECLARE(T)                                                              \
+    extern template bool is_diagonal<T>(MatrixSpan<T>, Index);                           \
+    extern template std::vector<std::complex<T>> diagonal_of<T>(MatrixSpan<T>, Index);   \
+    extern template void apply_nbqbit_gate<T>(std::complex<T>*, QubitSpan, QubitSpan,    \
+                                              MatrixSpan<T>, unsigned long long, int);   \
+    extern template void _apply_nqbit_gate<T>(std::complex<T>*,                          \
+                                              const orb::core::iterator::StateIterator&, \
+                                              QubitSpan, MatrixSpan<T>, int);
 PBLINALG_DECLARE(float)
 PBLINALG_DECLARE(double)
 #undef PBLINALG_DECLARE

@@ -1,51 +1,53 @@
 // Gates of a circuit in the form that planning needs: what a gate mixes, what merely selects, and
-// how it runs on a part of the state. Which gates run together is decided in circuits/passes.hpp.
+// how it runs on a part of the state. Gates become operations in lowering.hpp; which operations run
+// together is decided in planner.hpp.
 #pragma once
 
-#include <complex>
-#include <pblinalg/circuit.hpp>
 #include <vector>
 
 #include "kernels/circuit_kernels.hpp"
 
 namespace pblinalg::cpu {
 
-/// One gate on the qubits of a state or of a tile of it.
-template <class T>
+/// One operation on the qubits of a state or of a tile of it. It acts on the amplitudes that hold
+/// `control_values` under `controls`.
 struct Operation {
-    GateKind kind;
-    unsigned int n_targets = 0;        ///< 0 for diagonal gates
-    unsigned int targets[2] = {0, 0};  ///< qubits whose amplitudes it mixes or moves
-    /// The gate acts where the parity of these index bits is 1: the control of a CNOT, the qubit of
-    /// a diagonal gate, or both qubits of a diagonal gate between two CNOTs.
-    Index selects = 0;
-    Index state_selects = 0;  ///< for a gate on a tile: the same in the state's index, outside it
-    bool inverted = false;    ///< acts where the parity is 0; without selecting bits everywhere
-    std::complex<T> factors[2] = {};
+    static constexpr std::uint32_t inside_a_gate = ~std::uint32_t{0};
 
-    Index target_bits() const {
-        Index bits = 0;
-        for (unsigned int p = 0; p < n_targets; ++p)
-            bits |= bit(targets[p]);
-        return bits;
-    }
-    /// X, CNOT and SWAP move amplitudes without arithmetic.
-    bool is_permutation() const { return kind == GateKind::X || kind == GateKind::SWAP; }
-    bool is_diagonal() const { return n_targets == 0; }
-    /// A diagonal gate that multiplies where the parity is 0, too, by factors[0].
-    bool multiplies_both() const { return kind == GateKind::RZ; }
+    Action action;
+    /// Acts where the parity of the selecting bits is 0; without selecting bits everywhere.
+    bool inverted = false;
+    bool alone = false;                 ///< runs on the whole state only
+    unsigned char targets[2] = {0, 0};  ///< of matrix2 and SWAP both, the first listed one first
+    /// Bits whose amplitudes it mixes or moves; none for diagonal operations.
+    Index target_bits = 0;
+    /// X and diagonal operations act where the parity of these bits is 1: the control of a CNOT,
+    /// the qubit of a diagonal gate, or both qubits of one between two CNOTs. The bits of a table.
+    Index selects = 0;
+    Index controls = 0;
+    Index control_values = 0;
+    /// For an operation on a tile: the same in the state's index, outside the tile.
+    TileCondition state = {0, 0, 0};
+    std::uint32_t factors = 0;  ///< place of its coefficients among those of a run
+    std::uint32_t data = 0;     ///< number of its table, dense matrix or oracle
+    /// The number of gates that are done before it, `inside_a_gate` where one is half done.
+    std::uint32_t gates_before = inside_a_gate;
+
+    Index depends_on() const { return selects | controls; }
+    /// Moves amplitudes without arithmetic.
+    bool is_permutation() const { return action == Action::X || action == Action::SWAP; }
+    bool is_diagonal() const { return target_bits == 0; }
+    bool is_mixing() const { return action <= Action::matrix1; }
+    /// A diagonal operation that multiplies where the parity is 0, too.
+    bool multiplies_all() const { return action == Action::both || action == Action::table; }
 };
 
-/// Appends gate `i` of a circuit.
-/// @return false, with nothing appended, for a name that circuits do not know.
-template <class T>
-bool append_operation(const PybindLinAlgWCircuit<T>& circuit, std::size_t i,
-                      std::vector<Operation<T>>& operations);
+/// X on `target` where `control` has the value, 1 unless said otherwise.
+Operation cnot(unsigned int control, unsigned int target, bool value = true);
 
 /// Replaces CNOT(c, t), diagonal gates, CNOT(c, t) by the diagonal gates on the parity of c and t:
 /// the same products on the same amplitudes, without the moves.
-template <class T>
-void fold_parity_diagonals(std::vector<Operation<T>>& operations);
+void fold_parity_diagonals(std::vector<Operation>& operations);
 
 /// From the index bits of the state to those of a tile made of the `active` ones.
 class Relocation {
@@ -53,56 +55,13 @@ class Relocation {
     explicit Relocation(Index active);
 
     /// The operation seen from inside the tile. Its targets must be active.
-    template <class T>
-    Operation<T> operator()(const Operation<T>& operation) const;
+    Operation operator()(const Operation& operation) const;
 
   private:
+    Index local(Index bits) const;
+
     Index active_;
     unsigned char place_[64];  ///< bit of the tile's index for each active bit
-};
-
-/// Writes the steps of windows, one window after another.
-template <class T>
-class StepWriter {
-  public:
-    /// @param placements  begins with that of the amplitudes before the first window; each window
-    ///                    that changes it appends another.
-    StepWriter(unsigned int lane_bits, std::vector<CircuitStep<T>>& steps,
-               std::vector<Placement>& placements)
-        : lanes_(low_mask(lane_bits)), steps_(steps), placements_(placements) {}
-
-    /// Begins a window of the `active` bits of a tile's index: all lane bits and some others.
-    void begin(Index active);
-
-    /// Appends the steps of a gate on a tile whose targets are active, and not among the bits that
-    /// a gate renumbered in this window moves or is selected by.
-    void append(const Operation<T>& operation);
-
-    /// Takes in a permutation of whole vectors, none of whose bits are in lanes: they stay, and
-    /// their numbers change.
-    void renumber(const Operation<T>& operation);
-
-  private:
-    /// A bit of the amplitudes' numbers, as they are now, as a parity of those that the window
-    /// began with.
-    struct Parity {
-        Index tile;
-        Index state;
-        bool inverted;
-        Parity& operator^=(const Parity& other);
-    };
-
-    Parity selection(const Operation<T>& operation) const;
-    void push(const Operation<T>& operation);
-    void exchange_with_row(unsigned int lane_bit);
-
-    Index lanes_;
-    Index rows_ = 0;
-    std::size_t first_ = 0;  ///< of the window
-    bool renumbered_ = false;
-    Parity numbers_[max_tile_bits];  ///< once renumbered
-    std::vector<CircuitStep<T>>& steps_;
-    std::vector<Placement>& placements_;
 };
 
 }  // namespace pblinalg::cpu

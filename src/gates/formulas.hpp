@@ -193,6 +193,20 @@ struct GateRZ<T, true> {
     }
 };
 
+/// The coefficients of any one-qubit gate as a 2x2 matrix, row-major, with a real first entry:
+/// [[cos(theta/2), -e^(i lambda) sin(theta/2)],
+///  [e^(i phi) sin(theta/2), e^(i (phi + lambda)) cos(theta/2)]].
+struct GateU {
+    static std::array<std::complex<double>, 4> factors(double theta, double phi, double lambda) {
+        const double c = std::cos(theta * 0.5), s = std::sin(theta * 0.5);
+        const double both = phi + lambda;
+        return {std::complex<double>(c, 0),
+                std::complex<double>(-(std::cos(lambda) * s), -(std::sin(lambda) * s)),
+                std::complex<double>(std::cos(phi) * s, std::sin(phi) * s),
+                std::complex<double>(std::cos(both) * c, std::sin(both) * c)};
+    }
+};
+
 // ---- Two-qubit gates ----------------------------------------------------------------------------
 
 struct GateSWAP : GateShape<2, 0, false, 0b0110> {

@@ -6,8 +6,8 @@
 
 #include <span>
 
-#include "gates/formulas.hpp"
 #include "core/state_iterator.hpp"
+#include "gates/formulas.hpp"
 
 namespace pblinalg::cpu {
 
@@ -41,8 +41,9 @@ template <bool>
 struct _Gate2QB;
 template <>
 struct _Gate2QB<true> : GateShape<2, 16, true> {
-    template <class V>
-    PBLINALG_ALWAYS_INLINE static void update(V* a, const typename V::Factor* f) {
+    /// @param f  indexed like an array of factors.
+    template <class V, class Factors>
+    PBLINALG_ALWAYS_INLINE static void update(V* a, const Factors& f) {
         const V a0 = a[0], a1 = a[1], a2 = a[2], a3 = a[3];
         for (int r = 0; r < 4; ++r) {
             a[r] = cmul(f[4 * r], a0) + cmul(f[4 * r + 1], a1) + cmul(f[4 * r + 2], a2) +

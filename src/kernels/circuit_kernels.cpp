@@ -2,10 +2,11 @@
 // vectorisation, and without instantiating anything of the standard library.
 #include "kernels/circuit_kernels.hpp"
 
+#include "gates/formulas.hpp"
+#include "gates/matrix_formulas.hpp"
 #include "kernels/unrolled.hpp"
 #include "kernels/values.hpp"
 #include "kernels/walk_groups.hpp"
-#include "gates/formulas.hpp"
 
 namespace pblinalg::cpu {
 namespace {
@@ -32,25 +33,82 @@ PBLINALG_ALWAYS_INLINE void for_each_pair(const Body& body) {
     });
 }
 
-template <class Gate, unsigned int place, class V, class T>
-PBLINALG_ALWAYS_INLINE void mix(V* a, const CircuitStep<T>& step) {
-    typename V::Factor f[Gate::n_factors + 1];
-    for (unsigned int i = 0; i < Gate::n_factors; ++i) {
-        f[i] = typename V::Factor(step.factors[2 * i], step.factors[2 * i + 1]);
+/// The rows of a group that a step concerns.
+struct Selected {
+    unsigned int odd;  ///< those whose selecting bits, lanes aside, have odd parity
+    unsigned int on;   ///< those whose control bits, lanes aside, are as they must be
+    PBLINALG_ALWAYS_INLINE unsigned int both() const { return odd & on; }
+};
+
+/// The factors of a step, loaded where they are used.
+template <class V, class T>
+struct FactorsAt {
+    const T* parts;
+    PBLINALG_ALWAYS_INLINE typename V::Factor operator[](unsigned int i) const {
+        return {parts[2 * i], parts[2 * i + 1]};
     }
+};
+
+template <class Gate, class V, class T>
+struct LoadedFactors {
+    typename V::Factor of[Gate::n_factors + 1];
+    PBLINALG_ALWAYS_INLINE explicit LoadedFactors(const T* factors) {
+        for (unsigned int i = 0; i < Gate::n_factors; ++i)
+            of[i] = FactorsAt<V, T>{factors}[i];
+    }
+};
+
+template <class Gate, unsigned int place, class V, class T>
+PBLINALG_ALWAYS_INLINE void mix(V* a, const T* factors) {
+    const LoadedFactors<Gate, V, T> f(factors);
     for_each_pair<place>([&]<unsigned int r0, unsigned int r1>() __attribute__((always_inline)) {
         V pair[2] = {a[r0], a[r1]};
-        Gate::update(pair, f);
+        Gate::update(pair, f.of);
         a[r0] = pair[0];
         a[r1] = pair[1];
     });
 }
 
+/// On row bit 0, where the controls say so.
+template <class Gate, class V, class T>
+PBLINALG_ALWAYS_INLINE void mix_controlled(V* a, const CircuitStep& step, const T* factors,
+                                           Selected rows) {
+    if (rows.on == 0) return;
+    const LoadedFactors<Gate, V, T> f(factors);
+    const typename V::Bits chosen = V::lanes_in(step.lane_mask);
+    for_each_pair<0>([&]<unsigned int r0, unsigned int r1>() __attribute__((always_inline)) {
+        if (!(rows.on >> r0 & 1)) return;
+        V pair[2] = {a[r0], a[r1]};
+        Gate::update(pair, f.of);
+        a[r0] = V::select(chosen, pair[0], a[r0]);
+        a[r1] = V::select(chosen, pair[1], a[r1]);
+    });
+}
+
+/// A matrix on row bits 1 and 0.
+template <bool controlled, class V, class T>
+PBLINALG_ALWAYS_INLINE void mix_two(V* a, const CircuitStep& step, const T* factors,
+                                    Selected rows) {
+    if (controlled && rows.on == 0) return;
+    const FactorsAt<V, T> f{factors};
+    const typename V::Bits chosen = V::lanes_in(step.lane_mask);
+    for_each_row([&]<unsigned int r>() __attribute__((always_inline)) {
+        if constexpr (r % 4 == 0) {
+            if (controlled && !(rows.on >> r & 1)) return;
+            V quad[4] = {a[r], a[r + 1], a[r + 2], a[r + 3]};
+            _Gate2QB<true>::update(quad, f);
+            for (unsigned int i = 0; i < 4; ++i)
+                a[r + i] = controlled ? V::select(chosen, quad[i], a[r + i]) : quad[i];
+        }
+    });
+}
+
 /// X where `rows` says so.
 template <unsigned int place, class V>
-PBLINALG_ALWAYS_INLINE void flip(V* a, unsigned int rows) {
+PBLINALG_ALWAYS_INLINE void flip(V* a, Selected rows) {
+    const unsigned int flipped = rows.both();
     for_each_pair<place>([&]<unsigned int r0, unsigned int r1>() __attribute__((always_inline)) {
-        if (rows >> r0 & 1) {
+        if (flipped >> r0 & 1) {
             const V old = a[r0];
             a[r0] = a[r1];
             a[r1] = old;
@@ -60,13 +118,15 @@ PBLINALG_ALWAYS_INLINE void flip(V* a, unsigned int rows) {
 
 /// Calls `body.operator()<r>(chosen)` for every row r with its selected lanes. Mostly they are the
 /// same for all rows.
-template <class V, class T, class Body>
-PBLINALG_ALWAYS_INLINE void for_each_row_by_lane(const CircuitStep<T>& step, unsigned int rows,
+template <class V, class Body>
+PBLINALG_ALWAYS_INLINE void for_each_row_by_lane(const CircuitStep& step, Selected rows,
                                                  const Body& body) {
+    if (rows.on == 0) return;
     const auto lanes_of_row = [&](unsigned int r) __attribute__((always_inline)) {
-        return V::lanes_in(step.lane_pattern ^ (0u - (rows >> r & 1)));
+        return V::lanes_in((step.lane_pattern ^ (0u - (rows.odd >> r & 1))) & step.lane_mask &
+                           (0u - (rows.on >> r & 1)));
     };
-    if (step.row_pattern == 0) {
+    if (step.row_pattern == 0 && step.row_mask == 0xFF) {
         const typename V::Bits chosen = lanes_of_row(0);
         for_each_row([&]<unsigned int r>()
                          __attribute__((always_inline)) { body.template operator()<r>(chosen); });
@@ -77,8 +137,8 @@ PBLINALG_ALWAYS_INLINE void for_each_row_by_lane(const CircuitStep<T>& step, uns
     }
 }
 
-template <unsigned int place, class V, class T>
-PBLINALG_ALWAYS_INLINE void flip_by_lane(V* a, const CircuitStep<T>& step, unsigned int rows) {
+template <unsigned int place, class V>
+PBLINALG_ALWAYS_INLINE void flip_by_lane(V* a, const CircuitStep& step, Selected rows) {
     for_each_row_by_lane<V>(
         step, rows, [&]<unsigned int r>(typename V::Bits chosen) __attribute__((always_inline)) {
             if constexpr (place < row_bits && !(r >> place & 1)) {
@@ -92,15 +152,15 @@ PBLINALG_ALWAYS_INLINE void flip_by_lane(V* a, const CircuitStep<T>& step, unsig
 
 /// X on a lane bit.
 template <unsigned int lane_bit, class V>
-PBLINALG_ALWAYS_INLINE void flip_lanes(V* a, unsigned int rows) {
+PBLINALG_ALWAYS_INLINE void flip_lanes(V* a, Selected rows) {
+    const unsigned int flipped = rows.both();
     for_each_row([&]<unsigned int r>() __attribute__((always_inline)) {
-        if (rows >> r & 1) a[r] = a[r].template flip_lane_bit<lane_bit>();
+        if (flipped >> r & 1) a[r] = a[r].template flip_lane_bit<lane_bit>();
     });
 }
 
-template <unsigned int lane_bit, class V, class T>
-PBLINALG_ALWAYS_INLINE void flip_lanes_by_lane(V* a, const CircuitStep<T>& step,
-                                               unsigned int rows) {
+template <unsigned int lane_bit, class V>
+PBLINALG_ALWAYS_INLINE void flip_lanes_by_lane(V* a, const CircuitStep& step, Selected rows) {
     for_each_row_by_lane<V>(
         step, rows, [&]<unsigned int r>(typename V::Bits chosen) __attribute__((always_inline)) {
             a[r] = V::select(chosen, a[r].template flip_lane_bit<lane_bit>(), a[r]);
@@ -109,44 +169,64 @@ PBLINALG_ALWAYS_INLINE void flip_lanes_by_lane(V* a, const CircuitStep<T>& step,
 
 /// Exchanges a lane bit with row bit 0.
 template <unsigned int lane_bit, class V>
-PBLINALG_ALWAYS_INLINE void exchange(V* a) {
+PBLINALG_ALWAYS_INLINE void exchange_lane(V* a) {
     for_each_pair<0>([&]<unsigned int r0, unsigned int r1>()
                          __attribute__((always_inline)) { V::transpose(a[r0], a[r1], lane_bit); });
 }
 
+/// Exchanges row bits p and q.
+template <unsigned int p, unsigned int q, class V>
+PBLINALG_ALWAYS_INLINE void exchange_rows(V* a) {
+    for_each_row([&]<unsigned int r>() __attribute__((always_inline)) {
+        if constexpr (q < row_bits && (r >> p & 1) && !(r >> q & 1)) {
+            constexpr unsigned int other = r ^ (1u << p | 1u << q);
+            const V old = a[r];
+            a[r] = a[other];
+            a[other] = old;
+        }
+    });
+}
+
 /// A factor for each parity.
 template <class V, class T>
-PBLINALG_ALWAYS_INLINE void multiply(V* a, const CircuitStep<T>& step, unsigned int rows) {
+PBLINALG_ALWAYS_INLINE void multiply(V* a, const T* factors, Selected rows) {
     for_each_row([&]<unsigned int r>() __attribute__((always_inline)) {
-        const T* const f = step.factors + 2 * (rows >> r & 1);
+        const T* const f = factors + 2 * (rows.odd >> r & 1);
         a[r] = cmul(typename V::Factor(f[0], f[1]), a[r]);
     });
 }
 
-template <class V, class T>
-PBLINALG_ALWAYS_INLINE void multiply_by_lane(V* a, const CircuitStep<T>& step, unsigned int rows) {
+/// The same where lanes of a vector differ, or under controls.
+template <bool controlled, class V, class T>
+PBLINALG_ALWAYS_INLINE void multiply_by_lane(V* a, const CircuitStep& step, const T* factors,
+                                             Selected rows) {
     using Factor = typename V::Factor;
-    const T* const f = step.factors;
-    const Factor even(f[0], f[1]), odd(f[2], f[3]);
-    for_each_row_by_lane<V>(
-        step, rows, [&]<unsigned int r>(typename V::Bits chosen) __attribute__((always_inline)) {
-            a[r] = cmul(Factor::select(chosen, odd, even), a[r]);
-        });
+    const FactorsAt<V, T> f{factors};
+    const Factor even = f[0], odd = f[1];
+    if (controlled && rows.on == 0) return;
+    const typename V::Bits on = V::lanes_in(step.lane_mask);
+    for_each_row([&]<unsigned int r>() __attribute__((always_inline)) {
+        if (controlled && !(rows.on >> r & 1)) return;
+        const auto chosen = V::lanes_in(step.lane_pattern ^ (0u - (rows.odd >> r & 1)));
+        const V fresh = cmul(Factor::select(chosen, odd, even), a[r]);
+        a[r] = controlled ? V::select(on, fresh, a[r]) : fresh;
+    });
 }
 
 /// A diagonal gate that leaves amplitudes of even parity alone.
 template <class Gate, class V, class T>
-PBLINALG_ALWAYS_INLINE void multiply_odd(V* a, const CircuitStep<T>& step, unsigned int rows) {
-    const typename V::Factor f(step.factors[2], step.factors[3]);
+PBLINALG_ALWAYS_INLINE void multiply_odd(V* a, const T* factors, Selected rows) {
+    const typename V::Factor f = FactorsAt<V, T>{factors}[1];
+    const unsigned int multiplied = rows.both();
     for_each_row([&]<unsigned int r>() __attribute__((always_inline)) {
-        if (rows >> r & 1) Gate::update(a + r, &f);
+        if (multiplied >> r & 1) Gate::update(a + r, &f);
     });
 }
 
 template <class Gate, class V, class T>
-PBLINALG_ALWAYS_INLINE void multiply_odd_by_lane(V* a, const CircuitStep<T>& step,
-                                                 unsigned int rows) {
-    const typename V::Factor f(step.factors[2], step.factors[3]);
+PBLINALG_ALWAYS_INLINE void multiply_odd_by_lane(V* a, const CircuitStep& step, const T* factors,
+                                                 Selected rows) {
+    const typename V::Factor f = FactorsAt<V, T>{factors}[1];
     for_each_row_by_lane<V>(
         step, rows, [&]<unsigned int r>(typename V::Bits chosen) __attribute__((always_inline)) {
             V fresh = a[r];
@@ -155,56 +235,22 @@ PBLINALG_ALWAYS_INLINE void multiply_odd_by_lane(V* a, const CircuitStep<T>& ste
         });
 }
 
-/// One step on the vectors of a group.
-/// @param rows  returns the parity of the selecting bits that are not in lanes, by row.
-template <class V, class T, class Rows>
-PBLINALG_ALWAYS_INLINE void run_step(V* a, const CircuitStep<T>& step, const Rows& rows) {
-    using Kind = GateKind;
-    constexpr bool by_lane = true;
-    constexpr auto action = step_action;
-    // clang-format off
-    switch (step.action) {
-        case action(Kind::H, 0, false): return mix<GateH, 0>(a, step);
-        case action(Kind::H, 1, false): return mix<GateH, 1>(a, step);
-        case action(Kind::H, 2, false): return mix<GateH, 2>(a, step);
-        case action(Kind::Y, 0, false): return mix<GateY, 0>(a, step);
-        case action(Kind::Y, 1, false): return mix<GateY, 1>(a, step);
-        case action(Kind::Y, 2, false): return mix<GateY, 2>(a, step);
-        case action(Kind::RX, 0, false): return mix<GateRX, 0>(a, step);
-        case action(Kind::RX, 1, false): return mix<GateRX, 1>(a, step);
-        case action(Kind::RX, 2, false): return mix<GateRX, 2>(a, step);
-        case action(Kind::RY, 0, false): return mix<GateRY, 0>(a, step);
-        case action(Kind::RY, 1, false): return mix<GateRY, 1>(a, step);
-        case action(Kind::RY, 2, false): return mix<GateRY, 2>(a, step);
-        case action(Kind::X, 0, false): return flip<0>(a, rows());
-        case action(Kind::X, 1, false): return flip<1>(a, rows());
-        case action(Kind::X, 2, false): return flip<2>(a, rows());
-        case action(Kind::X, 0, by_lane): return flip_by_lane<0>(a, step, rows());
-        case action(Kind::X, 1, by_lane): return flip_by_lane<1>(a, step, rows());
-        case action(Kind::X, 2, by_lane): return flip_by_lane<2>(a, step, rows());
-        case action(Kind::X, 4, false): return flip_lanes<0>(a, rows());
-        case action(Kind::X, 5, false): return flip_lanes<1>(a, rows());
-        case action(Kind::X, 6, false): return flip_lanes<2>(a, rows());
-        case action(Kind::X, 7, false): return flip_lanes<3>(a, rows());
-        case action(Kind::X, 4, by_lane): return flip_lanes_by_lane<0>(a, step, rows());
-        case action(Kind::X, 5, by_lane): return flip_lanes_by_lane<1>(a, step, rows());
-        case action(Kind::X, 6, by_lane): return flip_lanes_by_lane<2>(a, step, rows());
-        case action(Kind::X, 7, by_lane): return flip_lanes_by_lane<3>(a, step, rows());
-        case action(Kind::SWAP, 0, false): return exchange<0>(a);
-        case action(Kind::SWAP, 1, false): return exchange<1>(a);
-        case action(Kind::SWAP, 2, false): return exchange<2>(a);
-        case action(Kind::SWAP, 3, false): return exchange<3>(a);
-        case action(Kind::RZ, 0, false): return multiply(a, step, rows());
-        case action(Kind::RZ, 0, by_lane): return multiply_by_lane(a, step, rows());
-        case action(Kind::PH, 0, false): return multiply_odd<GatePH<T>>(a, step, rows());
-        case action(Kind::PH, 0, by_lane): return multiply_odd_by_lane<GatePH<T>>(a, step, rows());
-        case action(Kind::T, 0, false): return multiply_odd<GateT>(a, step, rows());
-        case action(Kind::T, 0, by_lane): return multiply_odd_by_lane<GateT>(a, step, rows());
-        case action(Kind::Z, 0, false): return multiply_odd<GateZ>(a, step, rows());
-        case action(Kind::Z, 0, by_lane): return multiply_odd_by_lane<GateZ>(a, step, rows());
-        default: __builtin_unreachable();
-    }
-    // clang-format on
+/// A factor per amplitude from a table, one row of it for each pattern of bits above the lanes.
+/// @param row  of the group's first vector.
+template <bool controlled, class V, class T>
+PBLINALG_ALWAYS_INLINE void multiply_by_table(V* a, const CircuitStep& step, const T* table,
+                                              const unsigned short* row_columns, Index row,
+                                              Selected rows) {
+    if (controlled && rows.on == 0) return;
+    const typename V::Bits on = V::lanes_in(step.lane_mask);
+    for_each_row([&]<unsigned int r>() __attribute__((always_inline)) {
+        if (controlled && !(rows.on >> r & 1)) return;
+        Index own = row;
+        for (unsigned int b = 0; b < row_bits; ++b)
+            own ^= r >> b & 1 ? row_columns[b] : 0;
+        const V fresh = cmul(V::load_factor(table + own * (2 * V::lanes)), a[r]);
+        a[r] = controlled ? V::select(on, fresh, a[r]) : fresh;
+    });
 }
 
 /// The exclusive or of the places of the set bits.
@@ -213,6 +259,84 @@ PBLINALG_ALWAYS_INLINE Index place_of(Index bits, const unsigned short* places) 
     for (; bits != 0; bits &= bits - 1)
         place ^= places[__builtin_ctzll(bits)];
     return place;
+}
+
+/// One step on the vectors of a group.
+/// @param index       of the group in the tile.
+/// @param row_lowest  the row bits of the window in the tile's index, lowest first.
+template <class V, class T>
+PBLINALG_ALWAYS_INLINE void run_step(V* a, const LiveStep& live, const TilePass<T>& pass,
+                                     Index index, const unsigned char* window_rows) {
+    const CircuitStep& step = *live.step;
+    const T* const factors = pass.factors + step.factors;
+    const auto rows = [&]() __attribute__((always_inline)) {
+        const unsigned int parity = has_odd_parity(index & step.tile_selects) ^ live.parity;
+        const bool on = ((index ^ step.control_values) & step.tile_controls) == 0;
+        return Selected{step.row_pattern ^ (0u - parity), on ? step.row_mask : 0u};
+    };
+    const auto multiply_by = [&]<bool controlled>() __attribute__((always_inline)) {
+        const TableLookup& lookup = pass.lookups[step.lookup];
+        unsigned short columns[row_bits];
+        for (unsigned int b = 0; b < row_bits; ++b)
+            columns[b] = lookup.of_tile_bit[window_rows[b]];
+        const Index row = live.parity ^ place_of(index & lookup.tile_bits, lookup.of_tile_bit);
+        multiply_by_table<controlled>(a, step, pass.tables + step.factors, columns, row, rows());
+    };
+    constexpr auto by_lane = StepForm::by_lane;
+    constexpr auto controlled = StepForm::controlled;
+    constexpr auto action = [](Action kind, unsigned int place, StepForm form = StepForm::plain) {
+        return step_action(kind, place, form);
+    };
+    // clang-format off
+#define PBLINALG_MIXING(kind, Gate)                                                       \
+        case action(Action::kind, 0): return mix<Gate, 0>(a, factors);                    \
+        case action(Action::kind, 1): return mix<Gate, 1>(a, factors);                    \
+        case action(Action::kind, 2): return mix<Gate, 2>(a, factors);                    \
+        case action(Action::kind, 0, controlled): return mix_controlled<Gate>(a, step, factors, rows());
+    switch (step.action) {
+        PBLINALG_MIXING(H, GateH)
+        PBLINALG_MIXING(Y, GateY)
+        PBLINALG_MIXING(RX, GateRX)
+        PBLINALG_MIXING(RY, GateRY)
+        PBLINALG_MIXING(YtoZ, GateYtoZ)
+        PBLINALG_MIXING(ZtoY, GateZtoY)
+        PBLINALG_MIXING(matrix1, _Gate1QB<true>)
+        case action(Action::matrix2, 0): return mix_two<false>(a, step, factors, {});
+        case action(Action::matrix2, 0, controlled): return mix_two<true>(a, step, factors, rows());
+        case action(Action::X, 0): return flip<0>(a, rows());
+        case action(Action::X, 1): return flip<1>(a, rows());
+        case action(Action::X, 2): return flip<2>(a, rows());
+        case action(Action::X, 0, by_lane): return flip_by_lane<0>(a, step, rows());
+        case action(Action::X, 1, by_lane): return flip_by_lane<1>(a, step, rows());
+        case action(Action::X, 2, by_lane): return flip_by_lane<2>(a, step, rows());
+        case action(Action::X, 4): return flip_lanes<0>(a, rows());
+        case action(Action::X, 5): return flip_lanes<1>(a, rows());
+        case action(Action::X, 6): return flip_lanes<2>(a, rows());
+        case action(Action::X, 7): return flip_lanes<3>(a, rows());
+        case action(Action::X, 4, by_lane): return flip_lanes_by_lane<0>(a, step, rows());
+        case action(Action::X, 5, by_lane): return flip_lanes_by_lane<1>(a, step, rows());
+        case action(Action::X, 6, by_lane): return flip_lanes_by_lane<2>(a, step, rows());
+        case action(Action::X, 7, by_lane): return flip_lanes_by_lane<3>(a, step, rows());
+        case action(Action::exchange_lane, 0): return exchange_lane<0>(a);
+        case action(Action::exchange_lane, 1): return exchange_lane<1>(a);
+        case action(Action::exchange_lane, 2): return exchange_lane<2>(a);
+        case action(Action::exchange_lane, 3): return exchange_lane<3>(a);
+        case action(Action::exchange_rows, 0): return exchange_rows<0, 1>(a);
+        case action(Action::exchange_rows, 1): return exchange_rows<0, 2>(a);
+        case action(Action::exchange_rows, 2): return exchange_rows<1, 2>(a);
+        case action(Action::both, 0): return multiply(a, factors, rows());
+        case action(Action::both, 0, by_lane): return multiply_by_lane<false>(a, step, factors, rows());
+        case action(Action::both, 0, controlled): return multiply_by_lane<true>(a, step, factors, rows());
+        case action(Action::phase, 0): return multiply_odd<GatePH<T>>(a, factors, rows());
+        case action(Action::phase, 0, by_lane): return multiply_odd_by_lane<GatePH<T>>(a, step, factors, rows());
+        case action(Action::Z, 0): return multiply_odd<GateZ>(a, factors, rows());
+        case action(Action::Z, 0, by_lane): return multiply_odd_by_lane<GateZ>(a, step, factors, rows());
+        case action(Action::table, 0): return multiply_by.template operator()<false>();
+        case action(Action::table, 0, controlled): return multiply_by.template operator()<true>();
+        default: __builtin_unreachable();
+    }
+#undef PBLINALG_MIXING
+    // clang-format on
 }
 
 /// Follows a walk over a tile from place to place.
@@ -249,25 +373,24 @@ constexpr std::size_t first_level_bytes = 32 << 10;
 
 /// The gates of a window on one group of vectors after another.
 /// @param base      of the tile in the state.
-/// @param parities  of the selecting bits that tell tiles apart, by step.
+/// @param first     the steps that this tile needs, up to `last`.
 /// @param inspects  whether to look at the results.
 /// @return false when they might differ from the definition.
 template <Products products, class T>
 [[gnu::noinline]] bool run_window(PlanarMemory<T> tile, Index size, Index base,
                                   const TilePass<T>& pass, const CircuitWindow& window,
-                                  const unsigned char* parities, bool inspects) {
+                                  const LiveStep* first, const LiveStep* last, bool inspects) {
     using V = Planar<this_set, T, products>;
     const Placement& placement = pass.placements[window.placement];
     Index offsets[n_rows] = {};
+    unsigned char window_rows[row_bits] = {};
     Index rows_left = window.active & ~(Index{V::lanes} - 1);
-    for (unsigned int row = 1; row < n_rows; row *= 2, rows_left &= rows_left - 1) {
-        const Index place = place_of(lowest_bit(rows_left), placement.of_tile_bit);
+    for (unsigned int b = 0, row = 1; row < n_rows; ++b, row *= 2, rows_left &= rows_left - 1) {
+        window_rows[b] = static_cast<unsigned char>(__builtin_ctzll(rows_left));
+        const Index place = placement.of_tile_bit[window_rows[b]];
         for (unsigned int r = 0; r < row; ++r)
             offsets[row + r] = offsets[r] ^ place;
     }
-    const CircuitStep<T>* const first = pass.steps + window.first_step;
-    const CircuitStep<T>* const last = pass.steps + window.last_step;
-    const unsigned char* const window_parities = parities + window.first_step;
     const bool fetches = size * 2 * sizeof(T) > first_level_bytes;
     const Index free_mask = (size - 1) & ~window.active;
     PlaceWalk walk(placement, base, free_mask);
@@ -289,14 +412,8 @@ template <Products products, class T>
             for_each_row([&]<unsigned int r>() __attribute__((always_inline)) {
                 a[r] = V::load(tile, place ^ offsets[r]);
             });
-            for (const CircuitStep<T>* step = first; step != last; ++step) {
-                run_step(
-                    a, *step, [&]() __attribute__((always_inline)) {
-                        const unsigned int parity = has_odd_parity(index & step->tile_selects) ^
-                                                    window_parities[step - first];
-                        return step->row_pattern ^ (0u - parity);
-                    });
-            }
+            for (const LiveStep* live = first; live != last; ++live)
+                run_step(a, *live, pass, index, window_rows);
             if (inspects) {
                 for_each_row([&]<unsigned int r>()
                                  __attribute__((always_inline)) { inspection.look_at(a[r]); });
@@ -338,19 +455,42 @@ void scatter(T* state, Index base, Index active, PlanarMemory<T> tile, Index siz
     }
 }
 
+/// The steps of every window that do something to the tile at `base`.
+/// @param ends  receives the end of each window's steps.
+template <class T>
+void find_live_steps(const TilePass<T>& pass, Index base, LiveStep* live, LiveStep** ends) {
+    for (std::size_t w = 0; w < pass.n_windows; ++w) {
+        for (std::size_t s = pass.windows[w].first_step; s < pass.windows[w].last_step; ++s) {
+            const TileCondition& condition = pass.conditions[s];
+            if ((base ^ condition.values) & condition.controls) continue;
+            std::uint32_t parity = has_odd_parity(base & condition.selects);
+            if (pass.steps[s].action / 32 == static_cast<unsigned int>(Action::table)) {
+                const TableLookup& lookup = pass.lookups[pass.steps[s].lookup];
+                parity = lookup.origin;
+                for (unsigned int p = 0; p < max_table_bits; ++p)
+                    parity ^= std::uint32_t{has_odd_parity(base & lookup.of_state[p])} << p;
+            }
+            *live++ = {pass.steps + s, parity};
+        }
+        ends[w] = live;
+    }
+}
+
 /// Runs the whole sequence on a fresh copy of the tile.
 /// @return false when the result might differ from the definition.
 template <Products products, class T>
 [[gnu::noinline]] bool run_sequence(const T* state, Index base, const TilePass<T>& pass,
-                                    const unsigned char* parities, PlanarMemory<T> tile,
-                                    Index size) {
+                                    const LiveStep* live, const LiveStep* const* ends,
+                                    PlanarMemory<T> tile, Index size) {
     gather(state, base, pass.active, tile, size);
     // What went wrong on the way shows at the end: no gate turns NaN, an infinity or a wrong sign
     // of 0 into an ordinary number.
     bool passed = true;
     for (std::size_t w = 0; w < pass.n_windows; ++w) {
         const bool last = w + 1 == pass.n_windows;
-        passed = run_window<products>(tile, size, base, pass, pass.windows[w], parities, last);
+        if (live == ends[w] && !last) continue;
+        passed = run_window<products>(tile, size, base, pass, pass.windows[w], live, ends[w], last);
+        live = ends[w];
     }
     return passed;
 }
@@ -368,12 +508,12 @@ void run_tiles(T* state, const TilePass<T>& pass, Index begin, Index end, void* 
     const Index size = bit(count_bits(pass.active));
     T* const parts = static_cast<T*>(scratch);
     const PlanarMemory<T> tile{parts, parts + size + parts_gap / sizeof(T)};
-    auto* const parities = reinterpret_cast<unsigned char*>(tile.im + size);
+    auto* const live = reinterpret_cast<LiveStep*>(tile.im + size);
+    auto* const ends = reinterpret_cast<LiveStep**>(live + pass.n_steps);
     walk_groups(pass.inactive, 0, begin, end, [&](Index base) {
-        for (std::size_t s = 0; s < pass.n_steps; ++s)
-            parities[s] = has_odd_parity(base & pass.steps[s].state_selects);
+        find_live_steps(pass, base, live, ends);
         const auto run = [&]<Products products>() {
-            return run_sequence<products>(state, base, pass, parities, tile, size);
+            return run_sequence<products>(state, base, pass, live, ends, tile, size);
         };
         shortcut = shortcut && run.template operator()<Products::without_zeros>();
         if (!shortcut && !run.template operator()<Products::plain>()) {

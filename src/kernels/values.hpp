@@ -502,6 +502,15 @@ struct Planar {
         *reinterpret_cast<Aliasing*>(to.im + index) = im;
     }
 
+    /// A factor per lane: all real parts, then all imaginary ones, 64-byte aligned.
+    PBLINALG_ALWAYS_INLINE static Factor load_factor(const T* from) {
+        const Planar parts = load({const_cast<T*>(from), const_cast<T*>(from) + lanes}, 0);
+        Factor factor;
+        factor.re = parts.re;
+        factor.im = parts.im;
+        return factor;
+    }
+
     /// From and to `lanes` interleaved amplitudes.
     PBLINALG_ALWAYS_INLINE static Planar deinterleave(const T* from) {
         return deinterleave(*reinterpret_cast<const Aliasing*>(from),

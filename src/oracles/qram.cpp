@@ -9,7 +9,7 @@
 
 #include "core/parallel.hpp"
 #include "core/state_iterator.hpp"
-#include "oracles/bit_placement.hpp"
+#include "core/bit_placement.hpp"
 
 namespace pblinalg::cpu {
 namespace {

@@ -8,7 +8,7 @@
 #include "core/complex_math.hpp"
 #include "core/parallel.hpp"
 #include "kernels/loading_kernels.hpp"
-#include "oracles/bit_placement.hpp"
+#include "core/bit_placement.hpp"
 
 namespace pblinalg::cpu {
 namespace {
