@@ -42,7 +42,7 @@ void _project(std::complex<T>* state, unsigned long long size, QubitSpan qubits,
     const IndexWalk walk{(size - 1) & ~kept.mask, kept.pattern};
     T sum = 0;
     if (kept.pattern < size) {
-        sum = sum_over_blocks<T>(
+        sum = sum_over_pieces<T>(
             walk.count(), walk.count(), num_threads, [&](Index begin, Index end) {
                 return dispatch([&]<InstructionSet set>() {
                     return sum_square_magnitudes<set>(static_cast<const T*>(parts(state)), size,
@@ -51,13 +51,15 @@ void _project(std::complex<T>* state, unsigned long long size, QubitSpan qubits,
             });
     }
     if (sum == 0) {
+        // Made while a failed allocation can still leave the state as it is.
+        const std::domain_error impossible(impossible_outcome(qubits, outcome));
         // Amplitudes so small that their squares vanish stay as they are.
         for_each_block(size, size, num_threads, [&](Index begin, Index end) {
             for (Index i = begin; i < end; ++i) {
                 if (!kept.holds(i)) state[i] = 0;
             }
         });
-        throw std::domain_error(impossible_outcome(qubits, outcome));
+        throw impossible;
     }
     const T root = std::sqrt(sum);
     for_each_block(size, size, num_threads, [&](Index begin, Index end) {
