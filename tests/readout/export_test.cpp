@@ -78,7 +78,7 @@ class Export : public ::testing::Test {
             const auto amplitudes = mixture(n);
             StateVector<T> state(n);
             load(state, amplitudes);
-            for (const int workers : {1, 2, 0}) {
+            for (const int workers : {1, 2}) {
                 state.set_num_threads(workers);
                 for (const T threshold : thresholds) {
                     SCOPED_TRACE(::testing::Message() << n << " qubits, workers " << workers
@@ -101,6 +101,32 @@ TYPED_TEST(Export, WritesAmplitudesInCallerOrder) {
         state.get_permuted_density_matrix(out.data(), threshold);
         EXPECT_TRUE(same_bits(out.data(), expected));
     });
+}
+
+// The tiles and the writes of outputs that no cache holds, in registers that a test can check.
+TYPED_TEST(Export, CopiesTilesOfEverySideAroundTheCacheAndThroughIt) {
+    using T = TypeParam;
+    const auto copy = [this]<bool thresholded>(unsigned int n, unsigned int side_bits,
+                                               bool streams) {
+        const auto amplitudes = this->mixture(n);
+        StateVector<T> out(n);
+        cpu::ReversalTiles tiles(n, side_bits);
+        tiles.min_streamed_bytes = streams ? 0 : ~cpu::Index{0};
+        const T threshold = thresholded ? T(0.5) : T(0);
+        for_each_instruction_set([&] {
+            cpu::copy_tiles<thresholded>(cpu::amplitude_view(amplitudes.data(), n), out.state.get(),
+                                         tiles, 2, threshold * threshold);
+            EXPECT_TRUE(same_bits(out, this->expected_dense(amplitudes, threshold)))
+                << n << " qubits, side bits " << side_bits << ", streams " << streams;
+        });
+    };
+    for (const auto& [n, side_bits] : {std::pair{8u, 4u}, {11u, 5u}, {16u, 8u}, {18u, 8u}}) {
+        for (const bool streams : {false, true}) {
+            copy.template operator()<false>(n, side_bits, streams);
+            copy.template operator()<true>(n, side_bits, streams);
+        }
+    }
+    EXPECT_EQ(cpu::ReversalTiles(20).side_bits, 8u);
 }
 
 TYPED_TEST(Export, WritesDiagonalsInCallerOrder) {
