@@ -146,22 +146,5 @@ TYPED_TEST(Export, MapsNonZeroEntriesAboveTheThreshold) {
     });
 }
 
-TYPED_TEST(Export, ReversesRowsAndColumnsOfDensityMatrices) {
-    for (const unsigned int m : {1u, 2u, 4u, 5u}) {
-        const std::size_t rows = std::size_t{1} << m;
-        const auto labels = labelled<TypeParam>(rows * rows);
-        StateVector<TypeParam> state(2 * m);
-        load(state, labels);
-        Amplitudes<TypeParam> out(rows * rows);
-        state.get_permuted_density_matrix(out.data(), 0);
-        for (std::size_t row = 0; row < rows; ++row) {
-            for (std::size_t column = 0; column < rows; ++column) {
-                EXPECT_EQ(out[reversed(column, m) * rows + reversed(row, m)],
-                          labels[row * rows + column]);
-            }
-        }
-    }
-}
-
 }  // namespace
 }  // namespace pblinalg::test

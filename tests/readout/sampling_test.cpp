@@ -103,38 +103,6 @@ TYPED_TEST(Sampling, InChunksGoesOnWhereTheLastOneEnded) {
     }
 }
 
-TYPED_TEST(Sampling, FollowsTheProbabilitiesByChiSquare) {
-    using T = TypeParam;
-    auto state = random_readout_state<T>(5, false);
-    state->project({}, 0);
-    state->rng.seed(2024);
-    constexpr std::size_t nshots = 100000;
-    std::vector<unsigned long long> shots(nshots);
-    state->sample(shots.data(), nshots);
-    std::vector<double> counts(32);
-    for (const unsigned long long shot : shots)
-        counts[reversed(shot, 5)] += 1;
-    const std::vector<T> expected = probabilities(*state);
-    double chi_square = 0;
-    for (int k = 0; k < 32; ++k) {
-        const double mean = nshots * static_cast<double>(expected[k]);
-        chi_square += (counts[k] - mean) * (counts[k] - mean) / mean;
-    }
-    // 31 degrees of freedom: 61.1 is exceeded once in a thousand seeds.
-    EXPECT_LT(chi_square, 61.1);
-}
-
-TYPED_TEST(Sampling, ReadsTheFirstListedQubitAsTheMostSignificantBit) {
-    StateVector<TypeParam> state(3);
-    state.reset();
-    state.apply_X(1);
-    EXPECT_EQ(state.measure({1, 0}), 2u);
-    EXPECT_EQ(state.measure({0, 1}), 1u);
-    EXPECT_EQ(state.measure({}), 2u);
-    state.apply_X(0);
-    EXPECT_EQ(state.measure({}), 6u);
-}
-
 TYPED_TEST(Sampling, MeasuresWithOneDrawAndWithoutCollapse) {
     using T = TypeParam;
     auto state = random_readout_state<T>(6, false);
