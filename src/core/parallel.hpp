@@ -1,7 +1,7 @@
 // The one parallel loop: a range cut into one contiguous block per worker; and the sums that do not
 // depend on how many workers there are.
 // What a worker does with its block is a serial function; which instruction set that runs on is
-// chosen in kernels/instruction_set.hpp.
+// chosen in core/instruction_set.hpp.
 #pragma once
 
 #include <omp.h>

@@ -8,9 +8,9 @@
 #include <pblinalg/state_vector_cpu.hpp>
 #include <stdexcept>
 
+#include "apply/gates.hpp"
 #include "core/parallel.hpp"
 #include "core/team_scratch.hpp"
-#include "kernels/gate_kernels.hpp"
 #include "readout/distribution.hpp"
 #include "readout/draws.hpp"
 

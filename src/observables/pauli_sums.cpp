@@ -1,5 +1,5 @@
 // The grouping of terms into batches, the walk of a batch over tiles of the state, and the fold of
-// its sums. The products are summed in kernels/blocks/pauli_blocks.cpp.
+// its sums. The products are summed in kernels/pauli_kernels.cpp.
 #include "observables/pauli_sums.hpp"
 
 #include <algorithm>
@@ -7,8 +7,8 @@
 #include <utility>
 
 #include "core/parallel.hpp"
-#include "kernels/blocks/pauli_blocks.hpp"
-#include "kernels/gate_kernels.hpp"
+#include "kernels/pauli_kernels.hpp"
+#include "apply/gates.hpp"
 
 namespace pblinalg::cpu {
 namespace {

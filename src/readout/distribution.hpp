@@ -3,7 +3,7 @@
 
 #include <map>
 
-#include "kernels/state_iterator.hpp"
+#include "core/state_iterator.hpp"
 #include "readout/views.hpp"
 
 namespace pblinalg::cpu {

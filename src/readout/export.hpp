@@ -9,7 +9,7 @@
 
 #include "core/parallel.hpp"
 #include "core/team_scratch.hpp"
-#include "kernels/blocks/reversal_blocks.hpp"
+#include "kernels/reversal_kernels.hpp"
 #include "readout/views.hpp"
 
 namespace pblinalg::cpu {

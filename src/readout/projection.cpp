@@ -8,8 +8,8 @@
 
 #include "core/complex_math.hpp"
 #include "core/parallel.hpp"
-#include "kernels/blocks/norm_blocks.hpp"
-#include "kernels/blocks/walk_groups.hpp"
+#include "kernels/norm_kernels.hpp"
+#include "kernels/walk_groups.hpp"
 
 namespace pblinalg::cpu {
 namespace {

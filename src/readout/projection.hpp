@@ -3,7 +3,7 @@
 
 #include <complex>
 
-#include "kernels/state_iterator.hpp"
+#include "core/state_iterator.hpp"
 
 namespace pblinalg::cpu {
 

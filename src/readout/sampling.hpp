@@ -1,7 +1,7 @@
 // Outcomes drawn at random from the probabilities of a view, which stays as it is.
 #pragma once
 
-#include "kernels/state_iterator.hpp"
+#include "core/state_iterator.hpp"
 #include "readout/views.hpp"
 
 namespace pblinalg::cpu {

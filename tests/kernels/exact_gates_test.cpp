@@ -1,7 +1,7 @@
 // Fixed gates and one- and two-qubit matrices: every bit of every amplitude, on every placement,
 // instruction set and split among workers.
-#include "kernels/blocks/exact_blocks.hpp"
-#include "kernels/gates.hpp"
+#include "gates/formulas.hpp"
+#include "kernels/exact_kernels.hpp"
 #include "support/gate_table.hpp"
 
 namespace pblinalg::test {

@@ -2,7 +2,7 @@
 // with other gates. One- and two-qubit matrices have defined bits: exact_gates_test.cpp.
 #include <stdexcept>
 
-#include "kernels/reserved_names.hpp"
+#include "gates/matrix_formulas.hpp"
 #include "support/exact_reference.hpp"
 #include "support/textbook_reference.hpp"
 
