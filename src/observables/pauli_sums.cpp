@@ -6,9 +6,9 @@
 #include <map>
 #include <utility>
 
+#include "apply/gates.hpp"
 #include "core/parallel.hpp"
 #include "kernels/pauli_kernels.hpp"
-#include "apply/gates.hpp"
 
 namespace pblinalg::cpu {
 namespace {

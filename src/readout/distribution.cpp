@@ -145,8 +145,8 @@ constexpr Index min_outer_outcomes = 8;
 /// each sum would touch a cache line of its own.
 constexpr unsigned int max_batch_bits = 4;
 
-/// The sums of a piece have at least this many elements each, so that neither their memory nor adding
-/// them up counts.
+/// The sums of a piece have at least this many elements each, so that neither their memory nor
+/// adding them up counts.
 constexpr Index min_elements_per_sum = 16;
 
 /// Who adds up what for all outcomes of a marginal, and the memory that it takes.
