@@ -56,9 +56,9 @@ class PBLINALG_EXPORT PybindLinAlgStateVectorCPU : public PybindLinAlgStateVecto
     // ---- Lifecycle -----------------------------------------------------------------------------
 
     /// Allocates 2^nqubits amplitudes, all zero; call `reset` before use. The generator is seeded
-    /// from the clock and one worker is requested, which clears the memory; to have it touched first
-    /// by many, construct 0 qubits, set their number and `resize`.
-    /// Errors: std::bad_alloc, also for 64 or more qubits.
+    /// from the clock and one worker is requested, which clears the memory; to have it touched
+    /// first by many, construct 0 qubits, set their number and `resize`. Errors: std::bad_alloc,
+    /// also for 64 or more qubits.
     explicit PybindLinAlgStateVectorCPU(unsigned int nqubits);
     ~PybindLinAlgStateVectorCPU() override;
 
