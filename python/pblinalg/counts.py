@@ -13,6 +13,9 @@ class Counts(dict):
     A key has one character per bit, the first qubit (or classical bit) leftmost. Keys are sorted.
     """
 
+    #: The seed of the run that was counted; None for counts from elsewhere.
+    seed: int | None = None
+
     def __init__(self, counts: Mapping[str, int] | None = None) -> None:
         super().__init__(sorted((counts or {}).items()))
 
