@@ -51,7 +51,7 @@ def test_what_all_shots_share_is_run_once(precision):
     assert circuit.run(10, seed=1).keys() <= {"0 000", "0 101"}
     prepared = pb.Circuit(3).reset(range(3)).h(0).cx(0, 1).measure(2)
     with prepared.if_(2, 0):
-        prepared.x(2).h(2).h(2).reset(2)
+        prepared.x(2).ry(1, 2).ry(2, 2).ry(-3, 2).reset(2)
     for once in (circuit, prepared, prepared.copy().measure([0, 1])):
         assert not shots_were_run_singly(once, precision=precision.name)
     assert prepared.measure([0, 1]).run(50, seed=1, precision=precision.name).keys() == {
@@ -62,8 +62,10 @@ def test_what_all_shots_share_is_run_once(precision):
         pb.Circuit(2).h(0).measure(0).cx(1, 0),
         pb.Circuit(2).h(0).cx(0, 1).reset(0).measure(1),
         pb.Circuit(2).ry(1e-4, 0).reset(0).x(0),
+        early := pb.Circuit(2).h(0).measure(0).h(1).measure(1).h(1).measure(1),
     ):
         assert shots_were_run_singly(singly, precision=precision.name)
+    assert len(early.run(200, seed=4)) == 4
 
 
 SHOTS = 250
@@ -131,7 +133,7 @@ def random_program(rng):
 
 
 def test_shared_and_single_shots_follow_the_exact_distribution(precision, rng):
-    for _ in range(25):
+    for _ in range(100):
         circuit = random_program(rng)
         exact = exact_distribution(circuit, precision.name)
         counts = circuit.run(SHOTS, precision=precision.name, seed=int(rng.integers(1 << 63)))
