@@ -15,7 +15,7 @@ from .arguments import Precision, Qubits, count, outcome_number, precision_name,
 from .counts import Counts
 from .gates import as_qubits
 from .observable import Observable
-from .progress import Progress, reporter
+from .progress import Progress, check_progress, reporter
 
 if TYPE_CHECKING:
     from typing_extensions import Self
@@ -205,6 +205,7 @@ class Readout:
         significant bit; written into `out` when given. Errors as in `sample`."""
         number = count(shots, "shots")
         listed = self._listed(qubits)
+        check_progress(progress)
         self._require_norm()
         if out is None:
             _core.require_memory(8.0 * number, f"the outcomes of {number} shots")
