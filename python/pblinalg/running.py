@@ -10,6 +10,7 @@ from typing import Any, SupportsIndex
 from ._core import GateSequence, require_memory
 from .arguments import Precision, count
 from .counts import Counts
+from .execution import shifted
 from .program import Conditional, Measure, Program, Reset, Step, count_gates
 from .progress import Progress, reporter
 from .readout import NORM_TOLERANCE, register_bytes
@@ -162,8 +163,7 @@ class _Shot:
         return " ".join([text[end - size : end] for size, end in zip(registers, ends)])
 
     def _apply(self, gates: GateSequence) -> None:
-        report, base = self.report, self._done
-        gates.apply(self._core, report and (lambda done: report(base + done)))
+        gates.apply(self._core, shifted(self.report, self._done))
         self._done += len(gates)
 
     def _collapse(self, node: _Node, draw: bool) -> bool:
