@@ -8,10 +8,11 @@
 """
 
 from ._core import version as __version__
-from .circuit import Circuit, Conditional, Measure, Reset
+from .circuit import Circuit
 from .counts import Counts
 from .density_matrix import DensityMatrix
 from .observable import Observable
+from .program import Conditional, Measure, Reset
 from .running import run
 from .state_vector import StateVector
 

@@ -9,10 +9,10 @@ import numpy as np
 from numpy.typing import ArrayLike, NDArray
 
 from . import _core
-from .circuit import Circuit
 from .gates import GateMethods, apply_gate, as_qubits, conjugate
+from .program import Program
 from .progress import Progress, reporter
-from .state_vector import Readout
+from .readout import Readout
 
 if TYPE_CHECKING:
     from typing_extensions import Self
@@ -96,9 +96,9 @@ class DensityMatrix(Readout, GateMethods):
         size = 1 << self.num_qubits
         return self._core.get_permuted_density_matrix().reshape(size, size)
 
-    def run(self, circuit: Circuit, progress: Progress = None) -> Self:
+    def run(self, circuit: Program, progress: Progress = None) -> Self:
         """Applies the gates of a circuit without measurements, resets and conditions."""
-        if not isinstance(circuit, Circuit) or not circuit.is_unitary:
+        if not isinstance(circuit, Program) or not circuit.is_unitary:
             raise ValueError("a density matrix runs circuits that hold gates only")
         if circuit.num_qubits != self.num_qubits:
             raise ValueError(

@@ -7,14 +7,16 @@ from collections.abc import Sequence
 import numpy as np
 
 from ._core import GateSequence
-from .circuit import Circuit, Measure
 from .counts import Counts
+from .execution import run_steps
+from .program import Measure, Program
 from .progress import Progress, reporter
-from .state_vector import SHOTS_PER_PIECE, StateVector, _count
+from .readout import shot_count
+from .state_vector import StateVector
 
 
 def run(
-    circuit: Circuit,
+    circuit: Program,
     shots: int = 1024,
     precision: str = "double",
     threads: int | None = None,
@@ -30,9 +32,9 @@ def run(
 
     Ctrl-C stops between pieces of the circuit or between shots; nothing is left behind.
     """
-    if not isinstance(circuit, Circuit):
+    if not isinstance(circuit, Program):
         raise TypeError(f"circuit must be a Circuit, got {circuit!r}")
-    shots = _count(shots)
+    shots = shot_count(shots)
     state = StateVector(circuit.num_qubits, precision, threads, seed)
     if circuit.is_unitary:
         return state.run(circuit, progress).sample(shots, progress=progress)
@@ -46,7 +48,7 @@ def run(
     return _run_each_shot(circuit, state, shots, progress)
 
 
-def _final_measurements(circuit: Circuit) -> dict[int, int] | None:
+def _final_measurements(circuit: Program) -> dict[int, int] | None:
     """Qubits by classical bit when no step acts on a qubit that was measured; else None."""
     source: dict[int, int] = {}
     measured: set[int] = set()
@@ -64,7 +66,7 @@ def _final_measurements(circuit: Circuit) -> dict[int, int] | None:
     return source
 
 
-def _spread(outcomes: np.ndarray, source: dict[int, int], circuit: Circuit) -> Counts:
+def _spread(outcomes: np.ndarray, source: dict[int, int], circuit: Program) -> Counts:
     """Counts over all classical bits from outcomes over the measured qubits, in rising order."""
     place = {qubit: i for i, qubit in enumerate(sorted(set(source.values())))}
     counts: dict[str, int] = {}
@@ -77,7 +79,7 @@ def _spread(outcomes: np.ndarray, source: dict[int, int], circuit: Circuit) -> C
     return Counts(counts)
 
 
-def _run_each_shot(circuit: Circuit, state: StateVector, shots: int, progress: Progress) -> Counts:
+def _run_each_shot(circuit: Program, state: StateVector, shots: int, progress: Progress) -> Counts:
     steps = list(circuit.steps)
     first = next(i for i, step in enumerate(steps) if not isinstance(step, GateSequence))
     for step in steps[:first]:
@@ -87,9 +89,9 @@ def _run_each_shot(circuit: Circuit, state: StateVector, shots: int, progress: P
     with reporter(progress, shots, "shot") as report:
         for shot in range(shots):
             state.amplitudes[:] = start
-            state._bits = [0] * circuit.num_clbits
-            state._run_steps(steps[first:], None, 0)
-            key = _key([str(bit) for bit in state._bits], circuit.registers)
+            bits = [0] * circuit.num_clbits
+            run_steps(state.core, steps[first:], bits)
+            key = _key([str(bit) for bit in bits], circuit.registers)
             counts[key] = counts.get(key, 0) + 1
             if report:
                 report(shot + 1)

@@ -6,7 +6,7 @@ import sys
 from pathlib import Path
 
 import pblinalg
-from pblinalg import density_matrix, gates, lowlevel, qasm, state_vector
+from pblinalg import density_matrix, gates, lowlevel, program, qasm, readout
 
 TARGET = Path(__file__).resolve().parents[2] / "docs" / "python-api.md"
 
@@ -78,11 +78,11 @@ def native_section(cls) -> list[str]:
 
 def reference() -> str:
     lines = [HEAD]
-    lines += class_section("StateVector", pblinalg.StateVector, state_vector.Readout)
+    lines += class_section("StateVector", pblinalg.StateVector, readout.Readout)
     lines += ["## Gates", "", text_of(gates.GateMethods), ""]
     lines += ["`StateVector`, `DensityMatrix` and `Circuit` share these methods.", ""]
     lines += members_of(gates.GateMethods)
-    lines += class_section("Circuit", pblinalg.Circuit)
+    lines += class_section("Circuit", pblinalg.Circuit, program.Program)
     for step in (pblinalg.Measure, pblinalg.Reset, pblinalg.Conditional):
         fields = ", ".join(step.__dataclass_fields__)
         lines += entry(f"{step.__name__}({fields})", text_of(step))
