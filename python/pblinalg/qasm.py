@@ -7,12 +7,10 @@ import importlib
 import re
 import sys
 from pathlib import Path
-from typing import TYPE_CHECKING, Any
+from typing import Any
 
+from .circuit import Circuit
 from .qiskit_circuits import from_qiskit
-
-if TYPE_CHECKING:
-    from .circuit import Circuit
 
 __all__ = ["from_qiskit", "load", "loads"]
 

@@ -5,36 +5,25 @@ from __future__ import annotations
 import cmath
 import math
 from collections.abc import Iterator, Sequence
-from typing import TYPE_CHECKING, Any
+from typing import Any
 
 import numpy as np
 
-from . import gates
 from ._core import GateSequence
+from .gate_names import NamedGate, named_gates
+from .gates import check_unitary
+from .program import Conditional, Measure, Program
 from .synthesis import euler_angles, two_level_steps
 
-if TYPE_CHECKING:
-    from .circuit import Circuit
-
-#: Names and control counts of recorded gates; all but SWAP act on one qubit.
-_NAMES = {
-    "H": ("h", 0), "X": ("x", 0), "Y": ("y", 0), "Z": ("z", 0), "S": ("s", 0), "T": ("t", 0),
-    "PH": ("p", 0), "RX": ("rx", 0), "RY": ("ry", 0), "RZ": ("rz", 0), "CNOT": ("x", 1),
-    "CCNOT": ("x", 2), "CSIGN": ("z", 1), "SWAP": ("swap", 0),
-}  # fmt: skip
-_MATRICES = {
-    "YtoZ": gates.Y_TO_Z, "ZtoY": gates.Y_TO_Z.conj().T, "SQRTSWAP": gates.SQRTSWAP,
-}  # fmt: skip
-_NAMED_MATRICES = (
-    ("sdg", gates.SDG), ("tdg", gates.TDG), ("sx", gates.SX), ("sxdg", gates.SX.conj()),
-)  # fmt: skip
+#: Gates that both formats have or that are written in terms of them.
+_SIMPLE = frozenset("h x y z s sdg t tdg sx sxdg p rx ry rz swap".split())
 _PHASES = {"s": math.pi / 2, "sdg": -math.pi / 2, "t": math.pi / 4, "tdg": -math.pi / 4}
 
 #: Name ("gphase" for a phase of everything), angle, controls, targets.
 _Gate = tuple[str, float | None, list[int], list[int]]
 
 
-def write(circuit: Circuit, version: int = 3) -> str:
+def write(circuit: Program, version: int = 3) -> str:
     """See `Circuit.to_qasm`."""
     if version not in (2, 3):
         raise ValueError(f"version = {version!r}: expected 2 or 3")
@@ -43,36 +32,33 @@ def write(circuit: Circuit, version: int = 3) -> str:
     return writer.text()
 
 
-def _simple_gates(gate: tuple[Any, ...], num_qubits: int) -> Iterator[_Gate]:
-    """A recorded gate as gates with a name."""
-    name, qubits, controls, value = gate
-    qubits, controls = list(qubits), list(controls)
-    if name in _NAMES:
-        simple, count = _NAMES[name]
-        yield simple, value, controls + qubits[:count], qubits[count:]
-    elif name == "ISWAP":
-        for qubit in qubits:
+def _simple_gates(gate: NamedGate) -> Iterator[_Gate]:
+    """A gate as gates that the formats have a name for."""
+    name, angle, controls, targets, value = gate
+    if name == "iswap":
+        for qubit in targets:
             yield "s", None, controls, [qubit]
-        yield "z", None, controls + qubits[:1], qubits[1:]
-        yield "swap", None, controls, qubits
+        yield "z", None, controls + targets[:1], targets[1:]
+        yield "swap", None, controls, targets
     elif name == "phase_oracle":
-        # The recorded oracle counts qubits from the other end.
-        places = [num_qubits - 1 - qubit for qubit in qubits]
+        *places, last = targets
         for number in value:
-            bits = {q: number >> (len(places) - 1 - i) & 1 for i, q in enumerate(places)}
-            minus_one = np.diag([1, -1]) if bits[places[-1]] else np.diag([-1, 1])
-            yield from _where({q: bits[q] for q in places[:-1]}, minus_one, [], places[-1])
+            bits = {q: number >> (len(targets) - 1 - i) & 1 for i, q in enumerate(targets)}
+            minus_one = np.diag([1, -1]) if bits[last] else np.diag([-1, 1])
+            yield from _where({q: bits[q] for q in places}, minus_one, controls, last)
+    elif name in _SIMPLE:
+        yield name, angle, controls, targets
     else:
-        matrix = np.asarray(value if name == "matrix" else _MATRICES[name], dtype=complex)
+        matrix = gate.matrix()
         if matrix.shape[1] != len(matrix):
             matrix = np.diag(matrix.reshape(-1))
-        gates.check_unitary(matrix)
-        if len(qubits) == 1:
-            yield from _one_qubit(matrix, controls, qubits[0])
+        check_unitary(matrix)
+        if len(targets) == 1:
+            yield from _one_qubit(matrix, controls, targets[0])
             return
         for target, read, small in two_level_steps(matrix):
-            where = {qubits[place]: bit for place, bit in read.items()}
-            yield from _where(where, small, controls, qubits[target])
+            where = {targets[place]: bit for place, bit in read.items()}
+            yield from _where(where, small, controls, targets[target])
 
 
 def _where(
@@ -86,10 +72,6 @@ def _where(
 
 
 def _one_qubit(matrix: np.ndarray, controls: list[int], target: int) -> Iterator[_Gate]:
-    for name, known in _NAMED_MATRICES:
-        if np.abs(matrix - known).max() < 1e-15:
-            yield name, None, controls, [target]
-            return
     if np.abs(matrix[[0, 1], [1, 0]]).max() == 0:
         first, second = cmath.phase(matrix[0, 0]), cmath.phase(matrix[1, 1])
         parts = [("p", second - first), ("gphase", first)]
@@ -104,7 +86,7 @@ def _one_qubit(matrix: np.ndarray, controls: list[int], target: int) -> Iterator
 class _Writer:
     """OpenQASM 3, where any gate takes any controls."""
 
-    def __init__(self, circuit: Circuit) -> None:
+    def __init__(self, circuit: Program) -> None:
         self.circuit = circuit
         self.lines: list[str] = []
         self.prefix = ""
@@ -131,12 +113,12 @@ class _Writer:
         phase = 0.0
         for step in steps:
             if isinstance(step, GateSequence):
-                for i in range(len(step)):
-                    for gate in _simple_gates(step.gate(i), step.nqubits):
+                for named in named_gates(step):
+                    for gate in _simple_gates(named):
                         phase += self.gate(*gate)
-            elif hasattr(step, "steps"):
+            elif isinstance(step, Conditional):
                 self.conditional(step)
-            elif hasattr(step, "clbit"):
+            elif isinstance(step, Measure):
                 self.measure(f"q[{step.qubit}]", "{}[{}]".format(*self.clbits[step.clbit]))
             else:
                 self.line(f"reset q[{step.qubit}];")
@@ -150,14 +132,14 @@ class _Writer:
     def measure(self, qubit: str, clbit: str) -> None:
         self.line(f"{clbit} = measure {qubit};")
 
-    def whole_register(self, step: Any) -> str | None:
+    def whole_register(self, step: Conditional) -> str | None:
         """The register that a condition reads in full, most significant bit first."""
         name = self.clbits[step.clbits[0]][0] if step.clbits else ""
         places = [place for register, place in map(self.clbits.__getitem__, step.clbits)]
         same = {self.clbits[clbit][0] for clbit in step.clbits} == {name}
         return name if same and places == list(range(self.sizes[name]))[::-1] else None
 
-    def conditional(self, step: Any) -> None:
+    def conditional(self, step: Conditional) -> None:
         register = self.whole_register(step)
         if register and len(step.clbits) > 1:
             tests = [f"{register} == {step.value}"]
@@ -204,7 +186,7 @@ class _Writer:
 class _Writer2(_Writer):
     """OpenQASM 2: what qelib1.inc has, and definitions for more controls than that."""
 
-    def __init__(self, circuit: Circuit) -> None:
+    def __init__(self, circuit: Program) -> None:
         super().__init__(circuit)
         self.most_controls = 0
 
@@ -238,7 +220,7 @@ class _Writer2(_Writer):
     def measure(self, qubit: str, clbit: str) -> None:
         self.line(f"measure {qubit} -> {clbit};")
 
-    def conditional(self, step: Any) -> None:
+    def conditional(self, step: Conditional) -> None:
         register = self.whole_register(step)
         bits = set(step.clbits)
         written = any(getattr(inner, "clbit", None) in bits for inner in step.steps)

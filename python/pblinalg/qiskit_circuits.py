@@ -7,12 +7,11 @@ import cmath
 import math
 from collections.abc import Callable, Iterator, Mapping
 from functools import lru_cache
-from typing import TYPE_CHECKING, Any
+from typing import Any
 
 import numpy as np
 
-if TYPE_CHECKING:
-    from .circuit import Circuit
+from .circuit import Circuit
 
 #: Methods of a circuit by the class of the same meaning; the arguments are angles, then qubits.
 _METHODS = {
@@ -46,8 +45,6 @@ def from_qiskit(circuit: Any) -> Circuit:
     if circuit.parameters:
         names = ", ".join(sorted(parameter.name for parameter in circuit.parameters))
         raise ValueError(f"circuit has parameters without a value: {names}")
-    from .circuit import Circuit
-
     try:
         result = Circuit(circuit.num_qubits, circuit.num_clbits)
     except (ValueError, OverflowError) as error:
