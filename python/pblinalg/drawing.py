@@ -48,7 +48,7 @@ class Layout:
         self._registers: list[tuple[int, int]] = []  # row and place by classical bit
         every = self._elements(program.steps, ())
         self.elements = list(islice(every, limit))
-        self.left_out = sum(1 for _ in every)
+        self.left_out = _count(program.steps) - len(self.elements)
         if any(element.notes for element in self.elements):
             shown = [size for size in program.registers if size]
             for i, size in enumerate(shown):
@@ -103,6 +103,14 @@ class Layout:
                     parts.append(f"{self._registers[clbit][1]}{note}")
             notes[row] = ",".join(parts)
         return notes
+
+
+def _count(steps: Sequence[object]) -> int:
+    inner = [step for step in steps if isinstance(step, (GateSequence, Conditional))]
+    nested = (
+        _count(step.steps) if isinstance(step, Conditional) else len(step) for step in inner
+    )
+    return len(steps) - len(inner) + sum(nested)
 
 
 def _gate_labels(gate: NamedGate) -> dict[int, str]:
