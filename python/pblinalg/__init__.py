@@ -7,7 +7,20 @@
 `pblinalg.lowlevel` holds the classes of the C++ library as they are.
 """
 
-from ._core import version as __version__
+import importlib
+import os
+from typing import TYPE_CHECKING, Any
+
+# Workers that wait for the next region in a busy loop keep the processor from whoever has work. The
+# OpenMP runtime reads this when it is loaded, with the extension, unless something loaded it before.
+_spin = {"GOMP_SPINCOUNT": "100"}
+if "GOMP_SPINCOUNT" in os.environ or "OMP_WAIT_POLICY" in os.environ:
+    _spin = {}
+os.environ.update(_spin)
+from ._core import version as __version__  # noqa: E402
+
+for _name in _spin:
+    del os.environ[_name]
 from .circuit import Circuit
 from .counts import Counts
 from .density_matrix import DensityMatrix
@@ -15,6 +28,13 @@ from .observable import Observable
 from .program import Conditional, Measure, Reset
 from .running import run
 from .state_vector import StateVector
+
+if TYPE_CHECKING:
+    from . import lowlevel as lowlevel
+    from . import qasm as qasm
+
+#: Modules that are loaded when they are first asked for.
+_MODULES = ("lowlevel", "qasm")
 
 __all__ = [
     "Circuit",
@@ -28,3 +48,13 @@ __all__ = [
     "__version__",
     "run",
 ]
+
+
+def __getattr__(name: str) -> Any:
+    if name in _MODULES:
+        return importlib.import_module(f"{__name__}.{name}")
+    raise AttributeError(f"module {__name__!r} has no attribute {name!r}")
+
+
+def __dir__() -> list[str]:
+    return sorted({*globals(), *_MODULES})

@@ -14,6 +14,9 @@ from typing import TYPE_CHECKING, Any
 import numpy as np
 from numpy.typing import ArrayLike
 
+from ._core import require_finite
+from .arguments import complex_array
+
 if TYPE_CHECKING:
     from typing_extensions import Self
 
@@ -42,7 +45,7 @@ def u_matrix(theta: float, phi: float, lam: float) -> np.ndarray:
 
 def check_unitary(matrix: ArrayLike, tolerance: float = 1e-6) -> None:
     """ValueError unless the square matrix is unitary within `tolerance`."""
-    array = np.asarray(matrix, dtype=complex)
+    array = complex_array(matrix, "matrix")
     if array.ndim != 2 or array.shape[0] != array.shape[1]:
         raise ValueError(f"matrix has shape {array.shape}; expected a square matrix")
     deviation = np.abs(array @ array.conj().T - np.eye(len(array))).max(initial=0)
@@ -120,6 +123,9 @@ def conjugate(name: str, qubits: list[int], controls: list[int], value: Any) -> 
 
 def as_qubits(qubits: int | Iterable[int]) -> list[int]:
     """One qubit or several as a list; what is in it is checked where it is used."""
+    if isinstance(qubits, np.ndarray):
+        # An array of any shape claims to be an index.
+        qubits = qubits.tolist()
     if hasattr(qubits, "__index__"):
         return [qubits]  # type: ignore[list-item]
     if isinstance(qubits, (str, bytes)) or not hasattr(qubits, "__iter__"):
@@ -223,6 +229,9 @@ class GateMethods:
     ):
         """Any one-qubit gate: [[cos(theta/2), -e^(i lam) sin(theta/2)],
         [e^(i phi) sin(theta/2), e^(i (phi + lam)) cos(theta/2)]]."""
+        single = getattr(self, "precision", "double") == "float"
+        for name, angle in (("theta", theta), ("phi", phi), ("lam", lam)):
+            require_finite(angle, name, single)
         apply_matrix(self._gates, u_matrix(theta, phi, lam), (qubit,), controls)
         return self
 

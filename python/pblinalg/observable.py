@@ -198,6 +198,10 @@ class Observable:
             self._compiled[precision] = _RECORDS[precision](*self.masks())
         return self._compiled[precision]
 
+    def __reduce__(self) -> tuple[type[Observable], tuple[dict[str, complex], int]]:
+        # Without what was compiled.
+        return type(self), (self._terms, self._num_qubits)
+
     def _simple_terms(self, precision: str) -> list:
         simple = []
         for letters, coefficient in self._terms.items():

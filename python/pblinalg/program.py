@@ -7,11 +7,11 @@ states.
 from __future__ import annotations
 
 from collections.abc import Iterator, Sequence
-from contextlib import contextmanager
 from dataclasses import dataclass, field
-from typing import TYPE_CHECKING
+from typing import TYPE_CHECKING, Any, Generic, SupportsIndex, TypeVar, Union
 
 from ._core import GateSequence
+from .arguments import MAX_QUBITS, Qubits, count, index
 from .gates import apply_gate, as_qubits, inverse
 
 if TYPE_CHECKING:
@@ -39,7 +39,39 @@ class Conditional:
 
     clbits: tuple[int, ...]
     value: int
-    steps: list = field(default_factory=list)
+    steps: list[Step] = field(default_factory=list)
+
+
+#: What a run goes through.
+Step = Union[GateSequence, Measure, Reset, Conditional]
+#: A gate as recorded: name, qubits, controls, and angle, matrix, marked values or None.
+Gate = tuple[str, list[int], list[int], Any]
+
+P = TypeVar("P", bound="Program")
+
+#: The largest number of classical bits.
+MAX_CLBITS = 1 << 20
+
+
+class Block(Generic[P]):
+    """The `with` block of a condition."""
+
+    def __init__(self, program: P, condition: Conditional) -> None:
+        self._program = program
+        self._condition = condition
+        self._outer: list[Step] = []
+
+    def __enter__(self) -> P:
+        self._outer = self._program.open_block(self._condition)
+        return self._program
+
+    def __exit__(self, *_: object) -> None:
+        self._program.close_block(self._outer)
+
+    def __getattr__(self, name: str) -> Any:
+        raise AttributeError(
+            f"if_ opens a block of steps: write `with circuit.if_(...): circuit.{name}(...)`"
+        )
 
 
 class Program:
@@ -47,13 +79,15 @@ class Program:
 
     __slots__ = ("_num_qubits", "_num_clbits", "_registers", "_steps", "_open")
 
-    def __init__(self, num_qubits: int, num_clbits: int | None = None) -> None:
-        self._num_qubits = GateSequence(num_qubits).nqubits
-        self._num_clbits = _index(
-            self._num_qubits if num_clbits is None else num_clbits, "num_clbits", 1 << 20
+    def __init__(
+        self, num_qubits: SupportsIndex, num_clbits: SupportsIndex | None = None
+    ) -> None:
+        self._num_qubits = count(num_qubits, "num_qubits", 0, MAX_QUBITS)
+        self._num_clbits = count(
+            self._num_qubits if num_clbits is None else num_clbits, "num_clbits", 0, MAX_CLBITS
         )
         self._registers: tuple[int, ...] = (self._num_clbits,)
-        self._steps: list = []
+        self._steps: list[Step] = []
         self._open = self._steps
 
     @property
@@ -73,14 +107,15 @@ class Program:
 
     @registers.setter
     def registers(self, sizes: Sequence[int]) -> None:
-        if sum(sizes) != self._num_clbits or any(size < 0 for size in sizes):
+        numbers = tuple(count(size, "registers") for size in sizes)
+        if sum(numbers) != self._num_clbits:
             raise ValueError(
-                f"registers = {tuple(sizes)}: expected sizes that add up to {self._num_clbits}"
+                f"registers = {numbers}: expected sizes that add up to {self._num_clbits}"
             )
-        self._registers = tuple(sizes)
+        self._registers = numbers
 
     @property
-    def steps(self) -> tuple:
+    def steps(self) -> tuple[Step, ...]:
         """What a run goes through: gate sequences, `Measure`, `Reset` and `Conditional`."""
         return tuple(self._steps)
 
@@ -91,11 +126,13 @@ class Program:
 
     @property
     def _gates(self) -> GateSequence:
-        if not self._open or not isinstance(self._open[-1], GateSequence):
-            self._open.append(GateSequence(self._num_qubits))
-        return self._open[-1]
+        last = self._open[-1] if self._open else None
+        if not isinstance(last, GateSequence):
+            last = GateSequence(self._num_qubits)
+            self._open.append(last)
+        return last
 
-    def measure(self, qubit: int | Sequence[int], clbit: int | Sequence[int] | None = None) -> Self:
+    def measure(self, qubit: Qubits, clbit: Qubits | None = None) -> Self:
         """Reads a qubit into a classical bit, by default the one of the same number. With two
         lists, reads each qubit into the bit at the same place."""
         qubits = as_qubits(qubit)
@@ -106,7 +143,7 @@ class Program:
             )
         steps = [
             Measure(
-                _index(q, "qubit", self._num_qubits - 1), _index(c, "clbit", self._num_clbits - 1)
+                index(q, "qubit", self._num_qubits - 1), index(c, "clbit", self._num_clbits - 1)
             )
             for q, c in zip(qubits, clbits)
         ]
@@ -117,26 +154,29 @@ class Program:
         """Reads every qubit into the classical bit of the same number."""
         return self.measure(range(self._num_qubits))
 
-    def reset(self, qubit: int | Sequence[int]) -> Self:
+    def reset(self, qubit: Qubits) -> Self:
         """Returns qubits to |0>."""
         self._open.extend(
-            [Reset(_index(q, "qubit", self._num_qubits - 1)) for q in as_qubits(qubit)]
+            [Reset(index(q, "qubit", self._num_qubits - 1)) for q in as_qubits(qubit)]
         )
         return self
 
-    @contextmanager
-    def if_(self, clbits: int | Sequence[int], value: int = 1) -> Iterator[Self]:
+    def if_(self, clbits: Qubits, value: SupportsIndex = 1) -> Block[Self]:
         """Makes the steps of a `with` block depend on classical bits, the first listed one most
         significant: `with circuit.if_(0): circuit.x(1)`."""
-        bits = tuple(_index(c, "clbit", self._num_clbits - 1) for c in as_qubits(clbits))
-        block = Conditional(bits, _index(value, "value", (1 << len(bits)) - 1))
+        bits = tuple(index(c, "clbits", self._num_clbits - 1) for c in as_qubits(clbits))
+        return Block(self, Conditional(bits, index(value, "value", (1 << len(bits)) - 1)))
+
+    def open_block(self, condition: Conditional) -> list[Step]:
+        """Appends a condition that takes the following steps; returns what `close_block` wants."""
         outer = self._open
-        outer.append(block)
-        self._open = block.steps
-        try:
-            yield self
-        finally:
-            self._open = outer
+        outer.append(condition)
+        self._open = condition.steps
+        return outer
+
+    def close_block(self, outer: list[Step]) -> None:
+        """Ends the block that `open_block` began."""
+        self._open = outer
 
     def compose(self, other: Program) -> Self:
         """Appends all steps of another circuit of at most as many qubits and classical bits."""
@@ -147,10 +187,11 @@ class Program:
                 f"other has {other._num_qubits} qubits and {other._num_clbits} classical bits; "
                 f"expected at most {self._num_qubits} and {self._num_clbits}"
             )
-        self._append_steps(other.steps)
+        # A program that joins itself inside a block must not see the block grow.
+        self._append_steps((other.copy() if other is self else other).steps)
         return self
 
-    def _append_steps(self, steps: Sequence) -> None:
+    def _append_steps(self, steps: Sequence[Step]) -> None:
         for step in steps:
             if isinstance(step, GateSequence):
                 if self._num_qubits == step.nqubits or not _has_oracle(step):
@@ -178,28 +219,55 @@ class Program:
             apply_gate(result._gates, *inverse(*gate))
         return result
 
-    def __iter__(self) -> Iterator[tuple]:
-        """The gates in order, those of conditions included, as (name, qubits, controls, value)."""
+    def __copy__(self) -> Self:
+        return self.copy()
+
+    def __deepcopy__(self, memo: dict[int, Any]) -> Self:
+        result = self.copy()
+        memo[id(self)] = result
+        return result
+
+    def __getstate__(self) -> dict[str, Any]:
+        return {
+            "sizes": (self._num_qubits, self._num_clbits),
+            "registers": self._registers,
+            "steps": _plain(self._steps),
+        }
+
+    def __setstate__(self, state: dict[str, Any]) -> None:
+        Program.__init__(self, *state["sizes"])
+        self._registers = state["registers"]
+        self._append_plain(state["steps"])
+
+    def _append_plain(self, steps: Sequence[Any]) -> None:
+        for step in steps:
+            if isinstance(step, list):
+                for gate in step:
+                    apply_gate(self._gates, *gate)
+            elif isinstance(step, Conditional):
+                with self.if_(step.clbits, step.value):
+                    self._append_plain(step.steps)
+            else:
+                self._open.append(step)
+
+    def __iter__(self) -> Iterator[Gate]:
+        """The gates in order, those of conditions included, as (name, qubits, controls, value).
+        Measurements, resets and conditions themselves are in `steps` only."""
         return _gates_of(self._steps)
 
     def __len__(self) -> int:
         """The number of gates, those of conditions included."""
         return count_gates(self._steps)
 
+    def __bool__(self) -> bool:
+        """True when there is any step, be it no gate."""
+        return bool(self._steps)
+
     def __repr__(self) -> str:
         return f"{type(self).__name__}(num_qubits={self._num_qubits}, gates={len(self)})"
 
 
-def _index(value: int, name: str, last: int) -> int:
-    if isinstance(value, bool) or not hasattr(value, "__index__"):
-        raise TypeError(f"{name} must be an integer, got {value!r}")
-    number = value.__index__()
-    if not 0 <= number <= last:
-        raise IndexError(f"{name} = {number}: expected a value between 0 and {last}")
-    return number
-
-
-def _gates_of(steps: Sequence) -> Iterator[tuple]:
+def _gates_of(steps: Sequence[Step]) -> Iterator[Gate]:
     for step in steps:
         if isinstance(step, GateSequence):
             for i in range(len(step)):
@@ -208,7 +276,7 @@ def _gates_of(steps: Sequence) -> Iterator[tuple]:
             yield from _gates_of(step.steps)
 
 
-def count_gates(steps: Sequence) -> int:
+def count_gates(steps: Sequence[Step]) -> int:
     """The number of gates in the steps, those of conditions included."""
     return sum(
         (
@@ -222,3 +290,19 @@ def count_gates(steps: Sequence) -> int:
 
 def _has_oracle(sequence: GateSequence) -> bool:
     return any(sequence.gate(i)[0] == "phase_oracle" for i in range(len(sequence)))
+
+
+def _plain(steps: Sequence[Step]) -> list[Any]:
+    """The steps with a list of recorded gates for each gate sequence."""
+    return [
+        (
+            [step.gate(i) for i in range(len(step))]
+            if isinstance(step, GateSequence)
+            else (
+                Conditional(step.clbits, step.value, _plain(step.steps))
+                if isinstance(step, Conditional)
+                else step
+            )
+        )
+        for step in steps
+    ]

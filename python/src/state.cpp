@@ -10,6 +10,7 @@
 #include <map>
 #include <memory>
 #include <numeric>
+#include <sstream>
 
 #include "bind_gates.hpp"
 #include "bound_state.hpp"
@@ -117,7 +118,27 @@ void bind_generator(nb::module_& module) {
                 const Use use(*self.state);
                 return static_cast<unsigned long long>(self.state->rng());
             },
-            "The next 64-bit number.");
+            "The next 64-bit number.")
+        .def_prop_rw(
+            "position",
+            [](Generator<T>& self) {
+                const Use use(*self.state);
+                std::ostringstream text;
+                text << self.state->rng;
+                return text.str();
+            },
+            [](Generator<T>& self, nb::handle value) {
+                const Use use(*self.state);
+                std::istringstream text(text_argument(value, "position"));
+                auto generator = self.state->rng;
+                if (!(text >> generator))
+                    raise(PyExc_ValueError, "position must be what `position` of a generator gave");
+                self.state->rng = generator;
+            },
+            nb::for_getter(nb::sig("def position(self) -> str")),
+            nb::for_setter(nb::sig("def position(self, value: str, /) -> None")),
+            "Where the generator stands, as text: assigned to another one, the same numbers "
+            "follow.");
 }
 
 template <class T>
@@ -452,7 +473,6 @@ void bind_readout(nb::class_<BoundState<T>>& target) {
                 const Use use(self);
                 self.require_readable();
                 const auto shots = unsigned_argument(nshots, "nshots", 1ull << 48);
-                require_memory(static_cast<double>(shots) * 24, "the draws");
                 const OutputArray<unsigned long long> result(out, shots, self.amplitudes());
                 const Unlocked unlocked(self.size + shots >= min_unlocked_size);
                 self.sample(result.data(), shots);
@@ -469,7 +489,6 @@ void bind_readout(nb::class_<BoundState<T>>& target) {
                 self.require_readable();
                 const auto q = QubitArguments(self.readout_qubits()).list(qubits, "qubits");
                 const auto shots = unsigned_argument(nshots, "nshots", 1ull << 48);
-                require_memory(static_cast<double>(shots) * 24, "the draws");
                 const OutputArray<unsigned long long> result(out, shots, self.amplitudes());
                 const Unlocked unlocked(self.size + shots >= min_unlocked_size);
                 self.sample_subset(result.data(), q, shots);
@@ -503,8 +522,8 @@ void bind_observables(nb::class_<BoundState<T>>& target) {
                 const Use use(self);
                 self.require_readable();
                 check_observable<T>(observable, self.readout_qubits());
-                const WObservable<T> copy = observable;
-                return self.run([&] { return self.expectation_value(copy); });
+                WObservable<T> copy = observable;
+                return self.run([&] { return self.expectation_value(std::move(copy)); });
             },
             nb::arg("observable"), "constant + sum over terms of coefficient * <P>.")
         .def(
@@ -513,8 +532,8 @@ void bind_observables(nb::class_<BoundState<T>>& target) {
                 const Use use(self);
                 self.require_readable();
                 check_observable<T>(observable, self.readout_qubits());
-                const WObservable<T> copy = observable;
-                return self.run([&] { return self.terms_expectations_values(copy); });
+                WObservable<T> copy = observable;
+                return self.run([&] { return self.terms_expectations_values(std::move(copy)); });
             },
             nb::arg("observable"), "coefficient * <P> of each term; the constant is left out.")
         .def(

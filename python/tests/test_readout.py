@@ -65,8 +65,8 @@ def test_shots_follow_the_probabilities_and_the_seed_alone(precision, state):
         big.ry(0.3 + qubit, qubit)
     seen = [big.run(500, precision=precision.name, threads=t, seed=9) for t in (1, 2, 1)]
     assert seen[0] == seen[1] == seen[2] != big.run(500, precision=precision.name, seed=10)
-    first = state.seed(4).sample_outcomes(50)
-    assert np.array_equal(first, state.seed(4).sample_outcomes(50))
+    first = state.reseed(4).sample_outcomes(50)
+    assert np.array_equal(first, state.reseed(4).sample_outcomes(50))
 
 
 def test_measuring_collapses_and_projecting_normalises(precision, state):
