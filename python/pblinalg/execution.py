@@ -35,8 +35,6 @@ def run_steps(
     return done
 
 
-def shifted(
-    report: Callable[[int], object] | None, base: int
-) -> Callable[[int], object] | None:
+def shifted(report: Callable[[int], object] | None, base: int) -> Callable[[int], object] | None:
     """A function of the gates after `base` that tells `report` of all."""
     return None if report is None else lambda done: report(base + done)

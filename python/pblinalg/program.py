@@ -79,9 +79,7 @@ class Program:
 
     __slots__ = ("_num_qubits", "_num_clbits", "_registers", "_steps", "_open")
 
-    def __init__(
-        self, num_qubits: SupportsIndex, num_clbits: SupportsIndex | None = None
-    ) -> None:
+    def __init__(self, num_qubits: SupportsIndex, num_clbits: SupportsIndex | None = None) -> None:
         self._num_qubits = count(num_qubits, "num_qubits", 0, MAX_QUBITS)
         self._num_clbits = count(
             self._num_qubits if num_clbits is None else num_clbits, "num_clbits", 0, MAX_CLBITS

@@ -206,9 +206,11 @@ def _measures(steps: Sequence[Step]) -> bool:
 
 def _may_branch(plan: Sequence[_Node]) -> bool:
     return any(
-        _may_branch(node.block)
-        if isinstance(node.step, Conditional)
-        else not isinstance(node.step, GateSequence) and not node.final and not node.fresh
+        (
+            _may_branch(node.block)
+            if isinstance(node.step, Conditional)
+            else not isinstance(node.step, GateSequence) and not node.final and not node.fresh
+        )
         for node in plan
     )
 

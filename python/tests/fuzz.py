@@ -240,7 +240,9 @@ SKIP = {
     "load",
     "seed",
 }
-CALLED = {f"__{name}__" for name in "init getitem array bool copy len call iter add mul str".split()}
+CALLED = {
+    f"__{name}__" for name in "init getitem array bool copy len call iter add mul str".split()
+}
 done = passed = 0
 while done < calls:
     if random.random() < 0.02:
@@ -248,15 +250,7 @@ while done < calls:
     target = random.choice(pool)
     if isinstance(target, np.ndarray):
         continue
-    names = [
-        n
-        for n in dir(target)
-        if n not in SKIP
-        and (
-            not n.startswith("_")
-            or n in CALLED
-        )
-    ]
+    names = [n for n in dir(target) if n not in SKIP and (not n.startswith("_") or n in CALLED)]
     name = random.choice(names)
     done += 1
     try:

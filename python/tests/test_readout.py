@@ -181,7 +181,10 @@ def test_states_read_as_sequences_and_arrays_serve_as_lists_of_qubits(precision,
     amplitudes = state.to_array()
     assert len(state) == 16 and [state[i] for i in range(-16, 16)] == [*amplitudes, *amplitudes]
     assert state["0110"] == state[np.int64(6)] == amplitudes[6]
-    assert np.array_equal(np.asarray(state), amplitudes) and np.asarray(state).dtype == amplitudes.dtype
+    assert (
+        np.array_equal(np.asarray(state), amplitudes)
+        and np.asarray(state).dtype == amplitudes.dtype
+    )
     listed, array = [2, 0], np.array([2, 0], np.uint8)
     assert np.array_equal(state.probabilities(listed), state.probabilities(array))
     assert state.copy().reseed(3).sample(50, listed) == state.copy().reseed(3).sample(50, array)
