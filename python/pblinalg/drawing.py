@@ -198,23 +198,27 @@ def _text_column(column: list[Element], layout: Layout) -> list[str]:
             classical_up, classical_down = row > last_qubit, row >= last_qubit
             up = "" if row == rows[0] else "║" if classical_up else "│"
             down = "" if row == rows[-1] else "║" if classical_down else "│"
-            lines[3 * row : 3 * row + 3] = _text_cell(element, row, up, down, width)
+            wire = "─" if row < layout.num_qubits else "═"
+            lines[3 * row : 3 * row + 3] = _text_cell(element, row, (up, down), wire, width)
     return lines
 
 
-def _text_cell(element: Element, row: int, up: str, down: str, width: int) -> list[str]:
-    above, below = (up or " ").center(width), (down or " ").center(width)
+def _text_cell(
+    element: Element, row: int, connections: tuple[str, str], wire: str, width: int
+) -> list[str]:
+    """The part of an element in one row, with connections that go up and down."""
+    up, down = connections
+    above, below = up.center(width), down.center(width)
     if row in element.notes:
         sign = "╩" if row == element.measured else "■"
-        return [above, sign.center(width, "═"), element.notes[row].center(width)]
+        return [above, sign.center(width, wire), element.notes[row].center(width)]
     label = element.labels.get(row)
     if label is None:
         # The connection crosses a wire that it leaves alone.
-        if row > max(element.labels) and row >= min(element.notes, default=row + 1):
-            return [above, "╬".center(width, "═"), below]
-        return [above, ("╫" if up == "║" else "┼").center(width, "─"), below]
+        crossing = "╬" if wire == "═" else "╫" if up == "║" else "┼"
+        return [above, crossing.center(width, wire), below]
     if label in (CONTROL, CROSS):
-        return [above, label.center(width, "─"), below]
+        return [above, label.center(width, wire), below]
     shown = f"┤ {'X' if label == NOT else label} ├"
     left, middle = (width - len(shown)) // 2, width // 2
     borders = []
@@ -223,7 +227,7 @@ def _text_cell(element: Element, row: int, up: str, down: str, width: int) -> li
         if sign:
             border = border[:middle] + sign + border[middle + 1 :]
         borders.append(border.ljust(width))
-    return [borders[0], ("─" * left + shown).ljust(width, "─"), borders[1]]
+    return [borders[0], (wire * left + shown).ljust(width, wire), borders[1]]
 
 
 _BELOW = {"": "", "│": "┬", "║": "╥"}

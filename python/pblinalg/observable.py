@@ -13,10 +13,11 @@ import numpy as np
 from numpy.typing import NDArray
 
 from . import _core
+from .arguments import MAX_COUNT, require_memory
 
 _NUMBER = r"\([^()]*\)|[0-9.][0-9.eEj]*(?:(?<=[eE])[+-][0-9]+)?j?"
 _PLACED = r"[IXYZ]\d+(?:[\s*]*[IXYZ]\d+)*"
-_TERM = re.compile(rf"\s*([+-])?\s*(?:({_NUMBER})\s*\*?\s*)?({_PLACED}|[IXYZ]*)\s*")
+_TERM = re.compile(rf"\s*([+-])?\s*(?:({_NUMBER})\s*(\*)?\s*)?({_PLACED}|[IXYZ]*)\s*")
 _STRING = re.compile(rf"[IXYZ]*|{_PLACED}")
 
 #: Record classes of the lower level by precision.
@@ -134,7 +135,9 @@ class Observable:
     def _diagonals(self) -> Iterator[tuple[int, NDArray[np.complex128]]]:
         """The matrix as diagonals times exchanges of rows: entry (i ^ flip, i) is diagonal[i].
         Qubit 0 is the most significant bit of i."""
-        indices = np.arange(1 << self._num_qubits, dtype=np.uint64)
+        size = 1 << self._num_qubits
+        require_memory(f"an observable on {self._num_qubits} qubits", 64 * size)
+        indices = np.arange(size, dtype=np.uint64)
         by_flip: dict[int, list[str]] = {}
         for letters in self._terms:
             by_flip.setdefault(int("0" + letters.translate(_FLIPS), 2), []).append(letters)
@@ -169,6 +172,7 @@ class Observable:
     def matrix(self) -> NDArray[np.complex128]:
         """The dense matrix, qubit 0 being the most significant bit of its indices."""
         size = 1 << self._num_qubits
+        require_memory(f"the matrix of {self._num_qubits} qubits", 16 * size * size)
         total = np.zeros((size, size), dtype=np.complex128)
         columns = np.arange(size)
         for flip, diagonal in self._diagonals():
@@ -312,7 +316,8 @@ class Observable:
         for letters, coefficient in self._terms.items():
             real = coefficient.imag == 0
             negative = real and coefficient.real < 0
-            number = repr(abs(coefficient.real)) if real else repr(coefficient)
+            number = repr(abs(coefficient.real)) if real else f"({coefficient!r})"
+            number = number.replace("((", "(").replace("))", ")")
             sign = ("- " if negative else "+ ") if text else ("-" if negative else "")
             text += f"{' ' if text else ''}{sign}{number}*{letters}"
         return text
@@ -344,8 +349,8 @@ def _parsed(text: str) -> list[tuple[str, complex]]:
     while position < len(text):
         match = _TERM.match(text, position)
         assert match  # every part is optional
-        sign, number, letters = match.groups()
-        if not (letters or number) or (terms and sign is None):
+        sign, number, star, letters = match.groups()
+        if not (letters or number and not star) or (terms and sign is None):
             raise ValueError(f"observable {text!r}: expected a term at {text[position:]!r}")
         try:
             value = complex(number.strip("()").replace(" ", "")) if number else 1
@@ -370,6 +375,8 @@ def _needed_qubits(strings: list[str]) -> int:
     if lengths:
         return lengths[0]
     qubits = [qubit for letters in strings for _, qubit in _places(letters)]
+    if max(qubits, default=0) >= MAX_COUNT:
+        raise ValueError(f"terms name qubit {max(qubits)}: expected at most {MAX_COUNT - 1}")
     return max(qubits, default=-1) + 1
 
 
@@ -408,3 +415,6 @@ _NUMBERS = (int, float, complex, np.number)
 
 #: Notebooks show at most so many terms.
 _SHOWN = 32
+
+#: What reading an expectation value takes: strings and dicts as the constructor does.
+ObservableLike = Observable | Mapping[str, complex] | str
