@@ -21,6 +21,7 @@ from ._core import version as __version__  # noqa: E402
 
 for _name in _spin:
     del os.environ[_name]
+from .arguments import Precision
 from .circuit import Circuit
 from .counts import Counts
 from .density_matrix import DensityMatrix
@@ -44,6 +45,7 @@ __all__ = [
     "DensityMatrix",
     "Measure",
     "Observable",
+    "Precision",
     "Reset",
     "StateVector",
     "__version__",

@@ -5,8 +5,8 @@ from __future__ import annotations
 
 import operator
 import reprlib
-from collections.abc import Iterable
-from typing import Literal, SupportsIndex, Union
+from collections.abc import Iterable, Sequence
+from typing import Any, Literal, SupportsIndex, Union
 
 import numpy as np
 from numpy.typing import ArrayLike, NDArray
@@ -17,6 +17,8 @@ from ._core import available_memory
 Precision = Literal["float", "double", "single", "complex64", "complex128"]
 #: One qubit or classical bit, or several in order.
 Qubits = Union[SupportsIndex, Iterable[SupportsIndex]]
+#: Several qubits in order.
+Several = Union[Sequence[SupportsIndex], "NDArray[np.integer[Any]]"]
 
 #: The largest register that a circuit can be made for.
 MAX_QUBITS = 58

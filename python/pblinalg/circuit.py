@@ -3,15 +3,17 @@
 from __future__ import annotations
 
 import shutil
-from typing import Any
+from typing import SupportsIndex
 
 import numpy as np
 from numpy.typing import NDArray
 
 from . import drawing, inspection, qasm_writer, svg_drawing
+from .arguments import Precision
 from .counts import Counts
 from .gates import GateMethods
 from .program import Program
+from .progress import Progress
 from .running import run
 
 #: How many elements `print` and notebooks draw.
@@ -24,14 +26,23 @@ class Circuit(GateMethods, Program):
     >>> bell = Circuit(2).h(0).cx(0, 1)
 
     The gates are kept compiled, so that running a circuit costs what the library's own driver
-    costs. A circuit runs in either precision and any number of times.
+    costs. A circuit runs in either precision and any number of times, in several threads at once,
+    too; it can be copied and pickled. `len` and iteration are about its gates alone, those of
+    conditions included; a circuit is true when it has any step.
     """
 
     __slots__ = ()
 
-    def run(self, shots: int = 1024, **options: Any) -> Counts:
+    def run(
+        self,
+        shots: SupportsIndex = 1024,
+        precision: Precision = "double",
+        threads: SupportsIndex | None = None,
+        seed: SupportsIndex | None = None,
+        progress: Progress = None,
+    ) -> Counts:
         """`pblinalg.run` on this circuit: counts of what its measurements read."""
-        return run(self, shots, **options)
+        return run(self, shots, precision, threads, seed, progress)
 
     def depth(self) -> int:
         """The number of layers when every gate, measurement and reset starts as soon as its qubits

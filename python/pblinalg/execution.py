@@ -6,12 +6,12 @@ from collections.abc import Callable, Sequence
 from typing import Any
 
 from ._core import GateSequence
-from .program import Conditional, Measure, count_gates
+from .program import Conditional, Measure, Step, count_gates
 
 
 def run_steps(
     core: Any,
-    steps: Sequence,
+    steps: Sequence[Step],
     bits: list[int],
     report: Callable[[int], object] | None = None,
     done: int = 0,
@@ -20,7 +20,7 @@ def run_steps(
     that are through, `done` of them before. Returns that number."""
     for step in steps:
         if isinstance(step, GateSequence):
-            step.apply(core, report and (lambda count, base=done: report(base + count)))
+            step.apply(core, shifted(report, done))
             done += len(step)
         elif isinstance(step, Measure):
             bits[step.clbit] = core.measure([step.qubit])
@@ -33,3 +33,8 @@ def run_steps(
         else:
             core.project_then_reset([step.qubit], core.measure([step.qubit]))
     return done
+
+
+def shifted(report: Callable[[int], object] | None, base: int) -> Callable[[int], object] | None:
+    """A function of the gates after `base` that tells `report` of all."""
+    return None if report is None else lambda done: report(base + done)

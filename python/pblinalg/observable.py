@@ -215,10 +215,6 @@ class Observable:
                 simple.append(_TERMS[precision](qubits, text, coefficient))
         return simple
 
-    def __reduce__(self) -> tuple[type[Observable], tuple[dict[str, complex], int]]:
-        # Without what was compiled.
-        return type(self), (self._terms, self._num_qubits)
-
     def _same_size(self, other: object) -> Observable | None:
         """`other`, numbers as multiples of the identity; None for what is neither."""
         if isinstance(other, _NUMBERS):

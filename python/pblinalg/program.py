@@ -62,11 +62,11 @@ class Block(Generic[P]):
         self._outer: list[Step] = []
 
     def __enter__(self) -> P:
-        self._outer = self._program.open_block(self._condition)
+        self._outer = self._program._open_block(self._condition)
         return self._program
 
     def __exit__(self, *_: object) -> None:
-        self._program.close_block(self._outer)
+        self._program._close_block(self._outer)
 
     def __getattr__(self, name: str) -> Any:
         raise AttributeError(
@@ -79,9 +79,7 @@ class Program:
 
     __slots__ = ("_num_qubits", "_num_clbits", "_registers", "_steps", "_open")
 
-    def __init__(
-        self, num_qubits: SupportsIndex, num_clbits: SupportsIndex | None = None
-    ) -> None:
+    def __init__(self, num_qubits: SupportsIndex, num_clbits: SupportsIndex | None = None) -> None:
         self._num_qubits = count(num_qubits, "num_qubits", 0, MAX_QUBITS)
         self._num_clbits = count(
             self._num_qubits if num_clbits is None else num_clbits, "num_clbits", 0, MAX_CLBITS
@@ -167,15 +165,15 @@ class Program:
         bits = tuple(index(c, "clbits", self._num_clbits - 1) for c in as_qubits(clbits))
         return Block(self, Conditional(bits, index(value, "value", (1 << len(bits)) - 1)))
 
-    def open_block(self, condition: Conditional) -> list[Step]:
-        """Appends a condition that takes the following steps; returns what `close_block` wants."""
+    def _open_block(self, condition: Conditional) -> list[Step]:
+        """Appends a condition that takes the following steps; returns what `_close_block` wants."""
         outer = self._open
         outer.append(condition)
         self._open = condition.steps
         return outer
 
-    def close_block(self, outer: list[Step]) -> None:
-        """Ends the block that `open_block` began."""
+    def _close_block(self, outer: list[Step]) -> None:
+        """Ends the block that `_open_block` began."""
         self._open = outer
 
     def compose(self, other: Program) -> Self:

@@ -18,9 +18,7 @@ def check_progress(progress: Progress) -> None:
 
 
 @contextmanager
-def reporter(
-    progress: Progress, total: int, unit: str
-) -> Iterator[Callable[[int], object] | None]:
+def reporter(progress: Progress, total: int, unit: str) -> Iterator[Callable[[int], object] | None]:
     """Yields a function of the number done, or None when nobody wants to know."""
     check_progress(progress)
     if progress is False or (progress is None and not sys.stderr.isatty()):

@@ -10,6 +10,7 @@ from typing import Any, SupportsIndex
 from ._core import GateSequence, require_memory
 from .arguments import Precision, count
 from .counts import Counts
+from .execution import shifted
 from .program import Conditional, Measure, Program, Reset, Step, count_gates
 from .progress import Progress, reporter
 from .readout import NORM_TOLERANCE, register_bytes
@@ -162,8 +163,7 @@ class _Shot:
         return " ".join([text[end - size : end] for size, end in zip(registers, ends)])
 
     def _apply(self, gates: GateSequence) -> None:
-        report, base = self.report, self._done
-        gates.apply(self._core, report and (lambda done: report(base + done)))
+        gates.apply(self._core, shifted(self.report, self._done))
         self._done += len(gates)
 
     def _collapse(self, node: _Node, draw: bool) -> bool:
@@ -206,9 +206,11 @@ def _measures(steps: Sequence[Step]) -> bool:
 
 def _may_branch(plan: Sequence[_Node]) -> bool:
     return any(
-        _may_branch(node.block)
-        if isinstance(node.step, Conditional)
-        else not isinstance(node.step, GateSequence) and not node.final and not node.fresh
+        (
+            _may_branch(node.block)
+            if isinstance(node.step, Conditional)
+            else not isinstance(node.step, GateSequence) and not node.final and not node.fresh
+        )
         for node in plan
     )
 

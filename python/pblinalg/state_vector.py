@@ -209,9 +209,7 @@ class StateVector(Readout, GateMethods):
 
     # ---- Reading ---------------------------------------------------------------------------------
 
-    def to_array(
-        self, out: NDArray[Any] | None = None
-    ) -> NDArray[np.complexfloating[Any, Any]]:
+    def to_array(self, out: NDArray[Any] | None = None) -> NDArray[np.complexfloating[Any, Any]]:
         """A copy of the amplitudes with qubit 0 the most significant bit of an index; written into
         `out` when given."""
         self._require_amplitudes()

@@ -9,6 +9,7 @@ import pytest
 
 import pblinalg.lowlevel as low
 
+
 def test_an_argument_that_runs_python_code_meets_a_claimed_state():
     state = low.PybindLinAlgStateVectorCPUDouble(4)
 

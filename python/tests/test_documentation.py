@@ -35,6 +35,25 @@ def test_python_in_documents_runs_and_prints_what_they_show(name):
             assert printed.getvalue() == shown
 
 
+def test_type_checkers_accept_a_program_and_find_its_faults(tmp_path):
+    program = Path(__file__).with_name("typed_program.py")
+    result = subprocess.run([sys.executable, program], capture_output=True, text=True)
+    assert result.returncode == 0, result.stderr
+    api = pytest.importorskip("mypy.api")
+    wrong = tmp_path / "wrong.py"
+    wrong.write_text(
+        "import pblinalg as pb\n"
+        "state = pb.StateVector(2, 'half')\n"
+        "text: str = state.expectation('ZZ')\n"
+        "state.unitary([[1]], 0).hadamard(0)\n"
+        "state.h('0')\n"
+    )
+    options = ["--strict", "--cache-dir", str(tmp_path)]
+    shown, _, _ = api.run([*options, str(program), str(wrong)])
+    places = re.findall(r"(\w+)\.py:(\d+): error", shown)
+    assert places == [("wrong", line) for line in "2345"], shown
+
+
 def test_the_reference_is_up_to_date():
     script = ROOT / "python" / "tools" / "generate_api_reference.py"
     result = subprocess.run([sys.executable, script, "--check"], capture_output=True, text=True)
@@ -52,6 +71,8 @@ def test_everything_public_says_what_it_is():
             if name.startswith("_"):
                 continue
             thing = getattr(module, name)
+            if thing is pblinalg.Precision:  # a type alias, which holds no text
+                continue
             assert thing.__doc__, name
             members = vars(thing).items() if isinstance(thing, type) else ()
             for member, value in members:

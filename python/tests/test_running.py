@@ -30,6 +30,16 @@ def test_a_value_over_several_bits_has_its_first_listed_bit_most_significant():
     assert state.classical_bits == (1, 0, 1) and state.to_dict() == {"101": 1}
 
 
+def test_truth_and_length_of_circuits_and_joining_oneself():
+    assert not pb.Circuit(2) and pb.Circuit(2).measure_all() and pb.Circuit(1).reset(0)
+    assert len(pb.Circuit(2).measure_all()) == 0 and list(pb.Circuit(2).measure_all()) == []
+    circuit = pb.Circuit(1, 1).x(0).measure(0)
+    with circuit.if_(0):
+        circuit.x(0).compose(circuit)
+    # Inside the block: X, then X, a measurement of 1, and the block so far, with its X.
+    assert len(circuit) == 4 and circuit.measure(0).run(5) == {"0": 5}
+
+
 def test_reset_frees_a_qubit_for_reuse():
     circuit = pb.Circuit(2).h(0).cx(0, 1).measure(0).reset(0).measure(0, 1)
     counts = circuit.run(200, seed=3)
