@@ -205,7 +205,10 @@ def _exact(options: argparse.Namespace, circuit: Circuit, document: dict[str, An
         document["classical_bits"] = bits
     lines = [f"one course of the circuit, which read {bits}"] if measured else []
     if sums:
-        values = {text: state.expectation(o) for text, o in zip(options.expectation, sums)}
+        values = {
+            text: state.expectation(o) if o.is_hermitian() else state.expectation_complex(o)
+            for text, o in zip(options.expectation, sums)
+        }
         document["expectation"] = {
             text: [value.real, value.imag] if isinstance(value, complex) else value
             for text, value in values.items()

@@ -10,7 +10,7 @@ from itertools import islice
 
 from ._core import GateSequence
 from .gate_names import NamedGate, named_gates
-from .program import Conditional, Measure, Program
+from .program import Conditional, Measure, Program, Step
 
 #: Signs instead of boxes.
 CONTROL, CROSS, NOT, METER = "●", "×", "⊕", "M"
@@ -75,18 +75,18 @@ class Layout:
         yield from result
 
     def _elements(
-        self, steps: Sequence[object], conditions: tuple[Conditional, ...]
+        self, steps: Sequence[Step], conditions: tuple[Conditional, ...]
     ) -> Iterator[Element]:
         for step in steps:
             if isinstance(step, Conditional):
                 yield from self._elements(step.steps, (*conditions, step))
                 continue
             if isinstance(step, GateSequence):
-                found = (Element(_gate_labels(gate)) for gate in named_gates(step))
+                found: Iterator[Element] = (Element(_gate_labels(g)) for g in named_gates(step))
             elif isinstance(step, Measure):
                 found = iter([Element({step.qubit: METER}, {step.clbit: ""}, step.clbit)])
             else:
-                found = iter([Element({step.qubit: "|0⟩"})])  # type: ignore[attr-defined]
+                found = iter([Element({step.qubit: "|0⟩"})])
             for element in found:
                 for condition in conditions:
                     for i, clbit in enumerate(condition.clbits):
@@ -105,7 +105,7 @@ class Layout:
         return notes
 
 
-def _count(steps: Sequence[object]) -> int:
+def _count(steps: Sequence[Step]) -> int:
     inner = [step for step in steps if isinstance(step, (GateSequence, Conditional))]
     nested = (
         _count(step.steps) if isinstance(step, Conditional) else len(step) for step in inner

@@ -197,7 +197,7 @@ class Observable:
         """True when all coefficients are real."""
         return all(coefficient.imag == 0 for coefficient in self._terms.values())
 
-    def _record(self, precision: str):
+    def _record(self, precision: str) -> Any:
         if precision not in self._compiled:
             self._compiled[precision] = _RECORDS[precision](*self.masks())
         return self._compiled[precision]
@@ -206,7 +206,7 @@ class Observable:
         # Without what was compiled.
         return type(self), (self._terms, self._num_qubits)
 
-    def _simple_terms(self, precision: str) -> list:
+    def _simple_terms(self, precision: str) -> list[Any]:
         simple = []
         for letters, coefficient in self._terms.items():
             qubits = [q for q, letter in enumerate(letters) if letter != "I"]
@@ -218,7 +218,7 @@ class Observable:
     def _same_size(self, other: object) -> Observable | None:
         """`other`, numbers as multiples of the identity; None for what is neither."""
         if isinstance(other, _NUMBERS):
-            return Observable({"I" * self._num_qubits: other}, self._num_qubits)
+            return Observable({"I" * self._num_qubits: complex(other)}, self._num_qubits)
         if not isinstance(other, Observable):
             return None
         if other._num_qubits != self._num_qubits:

@@ -129,7 +129,9 @@ def _parse_3(text: str) -> Any:
     from openqasm3 import parser
     from qiskit.exceptions import QiskitError
 
-    class Converter(converter.ConvertVisitor):  # type: ignore[misc]
+    base: Any = converter.ConvertVisitor
+
+    class Converter(base):  # type: ignore[misc]
         """Says of every error where in the program it is."""
 
         def visit(self, node: Any, context: Any = None) -> Any:
