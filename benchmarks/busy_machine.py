@@ -18,18 +18,13 @@ RUNS = 4
 
 def brickwork() -> pb.Circuit:
     circuit = pb.Circuit(QUBITS)
-    layer = 0
-    while len(circuit) < 2016:
-        for qubit in range(QUBITS):
-            circuit.rx(0.1 + qubit + layer, qubit).rz(0.2 * layer, qubit)
-        for qubit in range(layer % 2, QUBITS - 1, 2):
-            circuit.cx(qubit, qubit + 1)
-        layer += 1
-    kept = pb.Circuit(QUBITS)
-    for _, (name, qubits, _, angle) in zip(range(2016), circuit):
-        method = {"RX": kept.rx, "RZ": kept.rz, "CNOT": kept.cx}[name]
-        method(*([] if angle is None else [angle]), *qubits)
-    return kept
+    for i in range(42 * 3 * QUBITS):
+        row, qubit = divmod(i, QUBITS)
+        if row % 3 < 2:
+            (circuit.rx, circuit.rz)[row % 3](0.1 * i, qubit)
+        else:
+            circuit.cx(qubit, (qubit + 1) % QUBITS)
+    return circuit
 
 
 def slowest_run(threads: int | None) -> float:

@@ -230,6 +230,7 @@ UPPER = [
     ("pb.Circuit(45).run(3)", MemoryError, "a register of 45 qubits needs"),
     ("v.run(pb.Circuit(3))", ValueError, "circuit acts on 3 qubits; the state has 4"),
     ("v.run('h')", TypeError, "circuit must be a Circuit"),
+    ("pb.Circuit(1).rx(1e39, 0).run(3, 'float')", ValueError, "add up to .*; expected 1"),
     # Observables
     ("pb.Observable({'ZA': 1})", ValueError, "'ZA'; expected a string"),
     ("pb.Observable({'ZZ': 1, 'Z': 1})", ValueError, "'Z' has 1 letters; expected 2"),
