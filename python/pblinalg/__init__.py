@@ -33,6 +33,7 @@ from .state_vector import StateVector
 if TYPE_CHECKING:
     from . import lowlevel as lowlevel
     from . import qasm as qasm
+    from .qiskit_circuits import from_qiskit as from_qiskit
 
 #: Modules that are loaded when they are first asked for.
 _MODULES = ("lowlevel", "qasm")
@@ -55,8 +56,10 @@ __all__ = [
 def __getattr__(name: str) -> Any:
     if name in _MODULES:
         return importlib.import_module(f"{__name__}.{name}")
+    if name == "from_qiskit":
+        return importlib.import_module(f"{__name__}.qiskit_circuits").from_qiskit
     raise AttributeError(f"module {__name__!r} has no attribute {name!r}")
 
 
 def __dir__() -> list[str]:
-    return sorted({*globals(), *_MODULES})
+    return sorted({*globals(), *_MODULES, "from_qiskit"})

@@ -11,6 +11,8 @@ from typing import Any, Literal, SupportsIndex, Union
 import numpy as np
 from numpy.typing import ArrayLike, NDArray
 
+from ._core import available_memory
+
 #: Names of the two precisions, and other spellings of them.
 Precision = Literal["float", "double", "single", "complex64", "complex128"]
 #: One qubit or classical bit, or several in order.
@@ -89,6 +91,15 @@ def outcome_number(outcome: str | SupportsIndex, width: int) -> int:
     if not 0 <= number < 1 << width:
         raise ValueError(f"outcome = {number}: expected a value between 0 and {(1 << width) - 1}")
     return number
+
+
+def require_memory(what: str, size: int) -> None:
+    """MemoryError when `size` bytes are more than what the system can give."""
+    available = available_memory()
+    if size > available:
+        raise MemoryError(
+            f"{what} needs {size / 2**30:.3g} GiB; {available / 2**30:.3g} GiB are available"
+        )
 
 
 def complex_array(values: ArrayLike, name: str) -> NDArray[np.complex128]:

@@ -9,7 +9,7 @@ import numpy as np
 from numpy.typing import NDArray
 
 from .html_tables import table
-from .observable import Observable
+from .observable import Observable, ObservableLike
 
 if TYPE_CHECKING:
     from typing_extensions import Self
@@ -75,7 +75,7 @@ class Counts(dict[str, int]):
             result[part] = result.get(part, 0) + count
         return Counts(result)
 
-    def expectation(self, observable: Observable | Mapping[str, complex] | str) -> float:
+    def expectation(self, observable: ObservableLike) -> float:
         """The mean over the shots of an observable of the letters I and Z alone: `"ZZ"`,
         `"Z0 Z3"`, `"0.5*ZI + 2*IZ"`. Letter or number k belongs to bit k of a key. ValueError for
         the letters X and Y, which need a rotation before the measurement, and without shots."""

@@ -20,6 +20,7 @@ from .arguments import (
     probability_number,
 )
 from .gates import GateMethods, apply_gate, as_qubits, conjugate
+from .html_tables import state_table
 from .program import Program
 from .progress import Progress, reporter
 from .readout import Readout, register_bytes
@@ -251,6 +252,9 @@ class DensityMatrix(Readout, GateMethods):
 
     def __repr__(self) -> str:
         return f"DensityMatrix(num_qubits={self.num_qubits}, precision={self.precision!r})"
+
+    def _repr_html_(self) -> str:
+        return state_table(repr(self), self.probabilities())
 
 
 def _check_density(matrix: NDArray[np.complex128]) -> None:

@@ -10,7 +10,7 @@ from itertools import islice
 
 from ._core import GateSequence
 from .gate_names import NamedGate, named_gates
-from .program import Conditional, Measure, Program
+from .program import Conditional, Measure, Program, Step
 
 #: Signs instead of boxes.
 CONTROL, CROSS, NOT, METER = "●", "×", "⊕", "M"
@@ -75,18 +75,18 @@ class Layout:
         yield from result
 
     def _elements(
-        self, steps: Sequence[object], conditions: tuple[Conditional, ...]
+        self, steps: Sequence[Step], conditions: tuple[Conditional, ...]
     ) -> Iterator[Element]:
         for step in steps:
             if isinstance(step, Conditional):
                 yield from self._elements(step.steps, (*conditions, step))
                 continue
             if isinstance(step, GateSequence):
-                found = (Element(_gate_labels(gate)) for gate in named_gates(step))
+                found: Iterator[Element] = (Element(_gate_labels(g)) for g in named_gates(step))
             elif isinstance(step, Measure):
                 found = iter([Element({step.qubit: METER}, {step.clbit: ""}, step.clbit)])
             else:
-                found = iter([Element({step.qubit: "|0⟩"})])  # type: ignore[attr-defined]
+                found = iter([Element({step.qubit: "|0⟩"})])
             for element in found:
                 for condition in conditions:
                     for i, clbit in enumerate(condition.clbits):
@@ -105,7 +105,7 @@ class Layout:
         return notes
 
 
-def _count(steps: Sequence[object]) -> int:
+def _count(steps: Sequence[Step]) -> int:
     inner = [step for step in steps if isinstance(step, (GateSequence, Conditional))]
     nested = (
         _count(step.steps) if isinstance(step, Conditional) else len(step) for step in inner
@@ -198,23 +198,27 @@ def _text_column(column: list[Element], layout: Layout) -> list[str]:
             classical_up, classical_down = row > last_qubit, row >= last_qubit
             up = "" if row == rows[0] else "║" if classical_up else "│"
             down = "" if row == rows[-1] else "║" if classical_down else "│"
-            lines[3 * row : 3 * row + 3] = _text_cell(element, row, up, down, width)
+            wire = "─" if row < layout.num_qubits else "═"
+            lines[3 * row : 3 * row + 3] = _text_cell(element, row, (up, down), wire, width)
     return lines
 
 
-def _text_cell(element: Element, row: int, up: str, down: str, width: int) -> list[str]:
-    above, below = (up or " ").center(width), (down or " ").center(width)
+def _text_cell(
+    element: Element, row: int, connections: tuple[str, str], wire: str, width: int
+) -> list[str]:
+    """The part of an element in one row, with connections that go up and down."""
+    up, down = connections
+    above, below = up.center(width), down.center(width)
     if row in element.notes:
         sign = "╩" if row == element.measured else "■"
-        return [above, sign.center(width, "═"), element.notes[row].center(width)]
+        return [above, sign.center(width, wire), element.notes[row].center(width)]
     label = element.labels.get(row)
     if label is None:
         # The connection crosses a wire that it leaves alone.
-        if row > max(element.labels) and row >= min(element.notes, default=row + 1):
-            return [above, "╬".center(width, "═"), below]
-        return [above, ("╫" if up == "║" else "┼").center(width, "─"), below]
+        crossing = "╬" if wire == "═" else "╫" if up == "║" else "┼"
+        return [above, crossing.center(width, wire), below]
     if label in (CONTROL, CROSS):
-        return [above, label.center(width, "─"), below]
+        return [above, label.center(width, wire), below]
     shown = f"┤ {'X' if label == NOT else label} ├"
     left, middle = (width - len(shown)) // 2, width // 2
     borders = []
@@ -223,7 +227,7 @@ def _text_cell(element: Element, row: int, up: str, down: str, width: int) -> li
         if sign:
             border = border[:middle] + sign + border[middle + 1 :]
         borders.append(border.ljust(width))
-    return [borders[0], ("─" * left + shown).ljust(width, "─"), borders[1]]
+    return [borders[0], (wire * left + shown).ljust(width, wire), borders[1]]
 
 
 _BELOW = {"": "", "│": "┬", "║": "╥"}

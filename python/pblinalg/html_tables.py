@@ -4,7 +4,13 @@ from __future__ import annotations
 
 from collections.abc import Iterable, Sequence
 from html import escape
+from typing import Any
 
+import numpy as np
+from numpy.typing import NDArray
+
+#: Tables of states show at most so many rows.
+_SHOWN = 32
 _CELL = "text-align:{};font-family:monospace;padding:1px 10px"
 
 
@@ -31,3 +37,28 @@ def table(
             )
         lines.append("</tr>")
     return "".join(lines) + "</table>"
+
+
+def state_table(
+    caption: str, weights: NDArray[Any], amplitudes: NDArray[Any] | None = None
+) -> str:
+    """The most probable basis states of the 2^n `weights`, qubit 0 being the most significant bit
+    of an index, with their amplitudes if there are any."""
+    seen = int((weights > 1e-12).sum())
+    count = min(_SHOWN, seen)
+    rest = len(weights) - count
+    # A sort of all would take long for large registers.
+    places = np.argpartition(weights, rest)[rest:] if count and rest else np.arange(count)
+    shown = sorted(places.tolist(), key=lambda i: (-round(float(weights[i]), 9), i))
+    width = len(weights).bit_length() - 1
+    rows = []
+    for i in shown:
+        name = format(i, f"0{width}b") if width else ""
+        amplitude = () if amplitudes is None else (f"{amplitudes[i]:.6g}",)
+        rows.append((f"|{name}⟩", *amplitude, f"{weights[i]:.4%}"))
+    if seen > count:
+        blank = () if amplitudes is None else ("",)
+        left = weights.sum() - weights[shown].sum()
+        rows.append((f"{seen - count} others", *blank, f"{left:.4%}"))
+    named = () if amplitudes is None else ("amplitude",)
+    return table(caption, ("basis state", *named, "probability"), rows, weights[shown].tolist())

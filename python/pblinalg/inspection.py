@@ -10,6 +10,7 @@ import numpy as np
 from numpy.typing import NDArray
 
 from ._core import GateSequence
+from .arguments import require_memory
 from .gate_names import named_gates
 from .program import Conditional, Measure, Program
 from .state_vector import StateVector
@@ -56,6 +57,7 @@ def matrix(program: Program) -> NDArray[np.complex128]:
     if not program.is_unitary:
         raise ValueError("a circuit with measurements, resets or conditions has no matrix")
     size = 1 << program.num_qubits
+    require_memory(f"the matrix of {program.num_qubits} qubits", 16 * size * size)
     result = np.empty((size, size), dtype=np.complex128)
     state = StateVector(program.num_qubits)
     column = np.zeros(size)

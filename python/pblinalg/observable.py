@@ -13,10 +13,11 @@ import numpy as np
 from numpy.typing import NDArray
 
 from . import _core
+from .arguments import MAX_COUNT, require_memory
 
 _NUMBER = r"\([^()]*\)|[0-9.][0-9.eEj]*(?:(?<=[eE])[+-][0-9]+)?j?"
 _PLACED = r"[IXYZ]\d+(?:[\s*]*[IXYZ]\d+)*"
-_TERM = re.compile(rf"\s*([+-])?\s*(?:({_NUMBER})\s*\*?\s*)?({_PLACED}|[IXYZ]*)\s*")
+_TERM = re.compile(rf"\s*([+-])?\s*(?:({_NUMBER})\s*(\*)?\s*)?({_PLACED}|[IXYZ]*)\s*")
 _STRING = re.compile(rf"[IXYZ]*|{_PLACED}")
 
 #: Record classes of the lower level by precision.
@@ -134,7 +135,9 @@ class Observable:
     def _diagonals(self) -> Iterator[tuple[int, NDArray[np.complex128]]]:
         """The matrix as diagonals times exchanges of rows: entry (i ^ flip, i) is diagonal[i].
         Qubit 0 is the most significant bit of i."""
-        indices = np.arange(1 << self._num_qubits, dtype=np.uint64)
+        size = 1 << self._num_qubits
+        require_memory(f"an observable on {self._num_qubits} qubits", 64 * size)
+        indices = np.arange(size, dtype=np.uint64)
         by_flip: dict[int, list[str]] = {}
         for letters in self._terms:
             by_flip.setdefault(int("0" + letters.translate(_FLIPS), 2), []).append(letters)
@@ -169,6 +172,7 @@ class Observable:
     def matrix(self) -> NDArray[np.complex128]:
         """The dense matrix, qubit 0 being the most significant bit of its indices."""
         size = 1 << self._num_qubits
+        require_memory(f"the matrix of {self._num_qubits} qubits", 16 * size * size)
         total = np.zeros((size, size), dtype=np.complex128)
         columns = np.arange(size)
         for flip, diagonal in self._diagonals():
@@ -193,7 +197,7 @@ class Observable:
         """True when all coefficients are real."""
         return all(coefficient.imag == 0 for coefficient in self._terms.values())
 
-    def _record(self, precision: str):
+    def _record(self, precision: str) -> Any:
         if precision not in self._compiled:
             self._compiled[precision] = _RECORDS[precision](*self.masks())
         return self._compiled[precision]
@@ -202,7 +206,7 @@ class Observable:
         # Without what was compiled.
         return type(self), (self._terms, self._num_qubits)
 
-    def _simple_terms(self, precision: str) -> list:
+    def _simple_terms(self, precision: str) -> list[Any]:
         simple = []
         for letters, coefficient in self._terms.items():
             qubits = [q for q, letter in enumerate(letters) if letter != "I"]
@@ -214,7 +218,7 @@ class Observable:
     def _same_size(self, other: object) -> Observable | None:
         """`other`, numbers as multiples of the identity; None for what is neither."""
         if isinstance(other, _NUMBERS):
-            return Observable({"I" * self._num_qubits: other}, self._num_qubits)
+            return Observable({"I" * self._num_qubits: complex(other)}, self._num_qubits)
         if not isinstance(other, Observable):
             return None
         if other._num_qubits != self._num_qubits:
@@ -308,7 +312,8 @@ class Observable:
         for letters, coefficient in self._terms.items():
             real = coefficient.imag == 0
             negative = real and coefficient.real < 0
-            number = repr(abs(coefficient.real)) if real else repr(coefficient)
+            number = repr(abs(coefficient.real)) if real else f"({coefficient!r})"
+            number = number.replace("((", "(").replace("))", ")")
             sign = ("- " if negative else "+ ") if text else ("-" if negative else "")
             text += f"{' ' if text else ''}{sign}{number}*{letters}"
         return text
@@ -340,8 +345,8 @@ def _parsed(text: str) -> list[tuple[str, complex]]:
     while position < len(text):
         match = _TERM.match(text, position)
         assert match  # every part is optional
-        sign, number, letters = match.groups()
-        if not (letters or number) or (terms and sign is None):
+        sign, number, star, letters = match.groups()
+        if not (letters or number and not star) or (terms and sign is None):
             raise ValueError(f"observable {text!r}: expected a term at {text[position:]!r}")
         try:
             value = complex(number.strip("()").replace(" ", "")) if number else 1
@@ -366,6 +371,8 @@ def _needed_qubits(strings: list[str]) -> int:
     if lengths:
         return lengths[0]
     qubits = [qubit for letters in strings for _, qubit in _places(letters)]
+    if max(qubits, default=0) >= MAX_COUNT:
+        raise ValueError(f"terms name qubit {max(qubits)}: expected at most {MAX_COUNT - 1}")
     return max(qubits, default=-1) + 1
 
 
@@ -404,3 +411,6 @@ _NUMBERS = (int, float, complex, np.number)
 
 #: Notebooks show at most so many terms.
 _SHOWN = 32
+
+#: What reading an expectation value takes: strings and dicts as the constructor does.
+ObservableLike = Observable | Mapping[str, complex] | str

@@ -6,6 +6,7 @@ from __future__ import annotations
 import importlib
 import re
 import sys
+import warnings
 from pathlib import Path
 from typing import Any
 
@@ -128,7 +129,9 @@ def _parse_3(text: str) -> Any:
     from openqasm3 import parser
     from qiskit.exceptions import QiskitError
 
-    class Converter(converter.ConvertVisitor):  # type: ignore[misc]
+    base: Any = converter.ConvertVisitor
+
+    class Converter(base):  # type: ignore[misc]
         """Says of every error where in the program it is."""
 
         def visit(self, node: Any, context: Any = None) -> Any:
@@ -148,7 +151,10 @@ def _parse_3(text: str) -> Any:
         text,
     )
     try:
-        return Converter().convert(parser.parse(text)).circuit
+        with warnings.catch_warnings():
+            # The converter calls what newer versions of qiskit call otherwise.
+            warnings.simplefilter("ignore", DeprecationWarning)
+            return Converter().convert(parser.parse(text)).circuit
     except converter.ConversionError as error:
         raise SyntaxError(error.message) from None
     except parser.QASM3ParsingError as error:

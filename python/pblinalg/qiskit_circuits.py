@@ -126,7 +126,8 @@ class _Lowering:
         elif method and (not controls or operation.ctrl_state == (1 << controls) - 1):
             getattr(self.target, method)(*map(float, operation.params), *qubits)
         elif name == "U2Gate":
-            self.target.u(math.pi / 2, *map(float, operation.params), qubits[0])
+            phi, lam = map(float, operation.params)
+            self.target.u(math.pi / 2, phi, lam, qubits[0])
         elif controls and self._controlled(operation, qubits):
             pass
         elif name == "UnitaryGate":

@@ -5,6 +5,7 @@ from __future__ import annotations
 
 import copy
 import secrets
+from collections.abc import Mapping
 from typing import TYPE_CHECKING, Any, Literal, SupportsIndex, Union
 
 import numpy as np
@@ -14,7 +15,7 @@ from . import _core
 from .arguments import Precision, Qubits, count, outcome_number, precision_name, seed_number
 from .counts import Counts
 from .gates import as_qubits
-from .observable import Observable
+from .observable import Observable, ObservableLike
 from .progress import Progress, check_progress, reporter
 
 if TYPE_CHECKING:
@@ -226,25 +227,25 @@ class Readout:
                     report(begin + len(piece))
         return out
 
-    def expectation(self, observable: Observable | str) -> float:
+    def expectation(self, observable: ObservableLike) -> float:
         """The exact expectation value. ValueError when a coefficient is not real;
         `expectation_complex` takes any."""
         observable = self._observable(observable, hermitian=True)
         return float(self._core.expectation_value(observable._record(self.precision)).real)
 
-    def expectation_complex(self, observable: Observable | str) -> complex:
+    def expectation_complex(self, observable: ObservableLike) -> complex:
         """The exact value of <P> summed with complex coefficients."""
         observable = self._observable(observable)
         return complex(self._core.expectation_value(observable._record(self.precision)))
 
-    def expectation_terms(self, observable: Observable | str) -> dict[str, complex]:
+    def expectation_terms(self, observable: ObservableLike) -> dict[str, complex]:
         """Coefficient times exact expectation value of every string but the identity."""
         observable = self._observable(observable)
         values = self._core.terms_expectations_values(observable._record(self.precision))
         names = [letters for letters in observable.terms if letters.strip("I")]
         return dict(zip(names, values))
 
-    def estimate(self, observable: Observable | str, shots: SupportsIndex) -> tuple[float, float]:
+    def estimate(self, observable: ObservableLike, shots: SupportsIndex) -> tuple[float, float]:
         """The expectation value from `shots` shots for every term, each measured in its own basis,
         and its standard error. The state is rotated and rotated back. ValueError when a coefficient
         is not real, or when the probabilities of the state do not add up to 1."""
@@ -263,12 +264,14 @@ class Readout:
     def _listed(self, qubits: Qubits | None) -> list[Any]:
         return list(range(self.num_qubits)) if qubits is None else as_qubits(qubits)
 
-    def _observable(self, observable: Observable | str, hermitian: bool = False) -> Observable:
+    def _observable(self, observable: ObservableLike, hermitian: bool = False) -> Observable:
         self._require_amplitudes()
-        if isinstance(observable, str):
-            observable = Observable.parse(observable)
+        if isinstance(observable, (str, Mapping)):
+            observable = Observable(observable, self.num_qubits)
         if not isinstance(observable, Observable):
-            raise TypeError(f"observable must be an Observable or a string, got {observable!r}")
+            raise TypeError(
+                f"observable must be an Observable, a string or a dict of terms, got {observable!r}"
+            )
         if observable.num_qubits != self.num_qubits:
             raise ValueError(
                 f"observable acts on {observable.num_qubits} qubits; the state has {self.num_qubits}"

@@ -11,6 +11,7 @@ from numpy.typing import ArrayLike, NDArray
 from .arguments import MAX_COUNT, Precision, Qubits, complex_array, count, integer, outcome_number
 from .execution import run_steps
 from .gates import GateMethods, as_qubits
+from .html_tables import state_table, table
 from .program import Program
 from .progress import Progress, reporter
 from .readout import Readout
@@ -284,6 +285,12 @@ class StateVector(Readout, GateMethods):
             return repr(self)
         kept = self.to_dict(1e-6 if self.precision == "double" else 1e-4)
         return "\n".join(f"|{key}>  {value:.6g}" for key, value in kept.items())
+
+    def _repr_html_(self) -> str:
+        if self.num_qubits > 20:
+            return table(repr(self), (), ())
+        amplitudes = self.to_array()
+        return state_table(repr(self), np.abs(amplitudes) ** 2, amplitudes)
 
 
 def _check_norm(amplitudes: NDArray[Any]) -> None:

@@ -36,15 +36,16 @@ def two_level_steps(matrix: NDArray[np.complex128]) -> list[ControlledMatrix]:
             upper, lower = order[row - 1], order[row]
             a, b = rest[upper, order[column]], rest[lower, order[column]]
             norm = math.hypot(abs(a), abs(b))
-            last = row - 1 == column
-            if abs(b) < 1e-15 and not (last and abs(a - 1) > 1e-15):
+            at_end = row - 1 == column
+            if abs(b) < 1e-15 and not (at_end and abs(a - 1) > 1e-15):
                 continue
-            rotation = np.array([[a.conjugate(), b.conjugate()], [b, -a]]) / norm
+            entries = [[a.conjugate(), b.conjugate()], [b, -a]]
+            rotation = np.array(entries, dtype=np.complex128) / norm
             rest[[upper, lower]] = rotation @ rest[[upper, lower]]
             undone.append(_step(upper, lower, places, rotation.conj().T))
     last, other = order[-1], order[-2]
     if abs(rest[last, last] - 1) > 1e-15:
-        undone.append(_step(other, last, places, np.diag([1, rest[last, last]])))
+        undone.append(_step(other, last, places, np.diag([1, rest[last, last]]).astype(np.complex128)))
     return undone[::-1]
 
 
