@@ -70,22 +70,24 @@ class Readout:
         core: Any = _STATES[kind](0)
         self._threads_chosen = number is not None
         core.set_num_threads(default_threads(core_qubits) if number is None else number)
-        # Sized after the workers are known, so that each touches its own part first.
+        # A new object clears its memory on one worker. Grown from nothing with the workers set, it
+        # has them share that, and each finds its amplitudes in the memory next to it.
         core.resize(core_qubits)
         core.rng.seed(self._seed)
         core.reset()
         self._core = core
 
     def _resize_core(self, core_qubits: int) -> None:
-        if core_qubits != self._core.nqubits or self._core.size == 0:
-            self._core.resize(core_qubits)
+        self._core.resize(core_qubits)
         if not self._threads_chosen:
             self._core.set_num_threads(default_threads(core_qubits))
         self._core.reset()
 
     def _require_amplitudes(self) -> None:
-        if self._core.size == 0:
-            raise ValueError("the state holds no amplitudes after release; resize it first")
+        if not len(self._core.state):
+            raise ValueError(
+                "the state holds no amplitudes after release or a failed resize; resize it first"
+            )
 
     def _require_norm(self) -> None:
         """Shots of a state that is none would look like results."""
@@ -104,7 +106,9 @@ class Readout:
 
     @property
     def threads(self) -> int:
-        """Worker threads of long operations; results do not depend on it."""
+        """Worker threads of long operations. Amplitudes after gates, and shots drawn from them, do
+        not depend on it; probabilities, expectation values and the norm in a collapse round alike
+        for every number above 1, and for 1 may differ in the last digits."""
         return int(self._core.num_threads)
 
     @threads.setter

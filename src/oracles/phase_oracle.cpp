@@ -2,8 +2,8 @@
 #include <pblinalg/state_vector_cpu.hpp>
 
 #include "core/parallel.hpp"
-#include "kernels/blocks/loading_blocks.hpp"
-#include "kernels/gate_kernels.hpp"
+#include "kernels/loading_kernels.hpp"
+#include "apply/gates.hpp"
 #include "oracles/bit_placement.hpp"
 
 namespace pblinalg::cpu {

@@ -8,7 +8,7 @@
 #include <pblinalg/state_vector_cpu.hpp>
 
 #include "core/parallel.hpp"
-#include "kernels/state_iterator.hpp"
+#include "core/state_iterator.hpp"
 #include "oracles/bit_placement.hpp"
 
 namespace pblinalg::cpu {

@@ -7,7 +7,7 @@
 
 #include "core/complex_math.hpp"
 #include "core/parallel.hpp"
-#include "kernels/blocks/loading_blocks.hpp"
+#include "kernels/loading_kernels.hpp"
 #include "oracles/bit_placement.hpp"
 
 namespace pblinalg::cpu {
