@@ -100,7 +100,14 @@ class Counts(dict[str, int]):
         return total / self.shots
 
     def _num_bits(self) -> int:
-        return len(next(iter(self), "").replace(" ", ""))
+        widths = set()
+        for key in self:
+            if not isinstance(key, str):
+                raise TypeError(f"outcomes must be strings, got {key!r}")
+            widths.add(len(key) - key.count(" "))
+        if len(widths) > 1:
+            raise ValueError("outcomes must be equally long")
+        return max(widths, default=0)
 
     def _shown(self, rows: int) -> tuple[dict[str, int], int, int]:
         """The most common outcomes, how many others there are, and how many shots those took."""
