@@ -199,7 +199,8 @@ class Observable:
         """True when all coefficients are real."""
         return all(coefficient.imag == 0 for coefficient in self._terms.values())
 
-    def _record(self, precision: str) -> Any:
+    def record(self, precision: str) -> Any:
+        """The lower level's record of this observable in "float" or "double"."""
         if precision not in self._compiled:
             self._compiled[precision] = _RECORDS[precision](*self.masks())
         return self._compiled[precision]
@@ -208,7 +209,8 @@ class Observable:
         # Without what was compiled.
         return type(self), (self._terms, self._num_qubits)
 
-    def _simple_terms(self, precision: str) -> list[Any]:
+    def simple_terms(self, precision: str) -> list[Any]:
+        """The lower level's terms but the identity, in "float" or "double"."""
         simple = []
         for letters, coefficient in self._terms.items():
             qubits = [q for q, letter in enumerate(letters) if letter != "I"]

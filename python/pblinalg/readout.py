@@ -231,17 +231,17 @@ class Readout:
         """The exact expectation value. ValueError when a coefficient is not real;
         `expectation_complex` takes any."""
         observable = self._observable(observable, hermitian=True)
-        return float(self._core.expectation_value(observable._record(self.precision)).real)
+        return float(self._core.expectation_value(observable.record(self.precision)).real)
 
     def expectation_complex(self, observable: ObservableLike) -> complex:
         """The exact value of <P> summed with complex coefficients."""
         observable = self._observable(observable)
-        return complex(self._core.expectation_value(observable._record(self.precision)))
+        return complex(self._core.expectation_value(observable.record(self.precision)))
 
     def expectation_terms(self, observable: ObservableLike) -> dict[str, complex]:
         """Coefficient times exact expectation value of every string but the identity."""
         observable = self._observable(observable)
-        values = self._core.terms_expectations_values(observable._record(self.precision))
+        values = self._core.terms_expectations_values(observable.record(self.precision))
         names = [letters for letters in observable.terms if letters.strip("I")]
         return dict(zip(names, values))
 
@@ -255,7 +255,7 @@ class Readout:
         value = observable.masks()[-1].real
         variance = 0.0
         # Term by term, so that Ctrl-C finds a gap; the draws are the same.
-        for term in observable._simple_terms(self.precision):
+        for term in observable.simple_terms(self.precision):
             ((mean, error),) = self._core.evaluate_terms([term], number)
             value += mean.real
             variance += abs(error) ** 2
