@@ -13,7 +13,7 @@ import numpy as np
 from numpy.typing import NDArray
 
 from . import _core
-from .arguments import MAX_COUNT, count, require_memory
+from .arguments import MAX_COUNT, count, precision_name, require_memory
 
 _NUMBER = r"\([^()]*\)|[0-9.][0-9.eEj]*(?:(?<=[eE])[+-][0-9]+)?j?"
 _PLACED = r"[IXYZ]\d+(?:[\s*]*[IXYZ]\d+)*"
@@ -201,9 +201,10 @@ class Observable:
 
     def record(self, precision: str) -> Any:
         """The lower level's record of this observable in "float" or "double"."""
-        if precision not in self._compiled:
-            self._compiled[precision] = _RECORDS[precision](*self.masks())
-        return self._compiled[precision]
+        kind = precision_name(precision)
+        if kind not in self._compiled:
+            self._compiled[kind] = _RECORDS[kind](*self.masks())
+        return self._compiled[kind]
 
     def __reduce__(self) -> tuple[type[Observable], tuple[dict[str, complex], int]]:
         # Without what was compiled.
@@ -211,12 +212,13 @@ class Observable:
 
     def simple_terms(self, precision: str) -> list[Any]:
         """The lower level's terms but the identity, in "float" or "double"."""
+        term = _TERMS[precision_name(precision)]
         simple = []
         for letters, coefficient in self._terms.items():
             qubits = [q for q, letter in enumerate(letters) if letter != "I"]
             if qubits:
                 text = "".join(letters[q] for q in qubits)
-                simple.append(_TERMS[precision](qubits, text, coefficient))
+                simple.append(term(qubits, text, coefficient))
         return simple
 
     def _same_size(self, other: object) -> Observable | None:

@@ -135,7 +135,7 @@ def test_counts_add_up_and_shrink():
     for text, value in (("ZII", 0.0), ("Z0 Z1", 0.6), ("Z0Z1 + 2*IIZ - 1", -0.4), ("2.5", 2.5)):
         assert counts.expectation(text) == pytest.approx(value)
     for call, error, message in (
-        (lambda: counts.marginal([3]), IndexError, "bits = 3: expected a bit between 0 and 2"),
+        (lambda: counts.marginal([3]), IndexError, "bits = 3: expected a value between 0 and 2"),
         (lambda: counts.expectation("X0"), ValueError, "expected I and Z only"),
         (lambda: counts.expectation("ZZ"), ValueError, "'ZZ' has 2 letters; expected 3"),
         (lambda: pb.Counts().expectation("Z"), ValueError, "no shots"),
