@@ -28,7 +28,9 @@ DYNAMIC = {
 
 @pytest.fixture
 def qiskit():
-    return pytest.importorskip("qiskit", reason="the OpenQASM parser is an optional extra")
+    reason = "the OpenQASM parsers are an optional extra"
+    pytest.importorskip("qiskit_qasm3_import", reason=reason)
+    return pytest.importorskip("qiskit", reason=reason)
 
 
 @pytest.mark.parametrize("path", UNITARY, ids=lambda path: path.stem)
