@@ -41,9 +41,7 @@ def table(
     return "".join(lines) + "</table>"
 
 
-def state_table(
-    caption: str, weights: NDArray[Any], amplitudes: NDArray[Any] | None = None
-) -> str:
+def state_table(caption: str, weights: NDArray[Any], amplitudes: NDArray[Any] | None = None) -> str:
     """The most probable basis states of the 2^n `weights`, qubit 0 being the most significant bit
     of an index, with their amplitudes if there are any."""
     seen = int((weights > 1e-12).sum())

@@ -1,4 +1,4 @@
-"""What people look at and calculate with: pictures, tables, counts and the algebra of observables."""
+"""What people look at and calculate with: pictures, tables, counts, the algebra of observables."""
 
 import copy
 import pickle
@@ -9,6 +9,7 @@ import pytest
 
 import dense
 import pblinalg as pb
+
 
 def teleport():
     circuit = pb.Circuit(3, 2)
@@ -166,7 +167,9 @@ def test_observables_calculate_as_their_matrices_do(rng):
     state = pb.StateVector(3).set_amplitudes(dense.random_state(rng, 3))
     np.testing.assert_allclose(a.apply(state), m @ state.to_array(), atol=1e-14)
     np.testing.assert_allclose(b.apply(np.arange(8)), n @ np.arange(8), atol=1e-14)
-    assert state.expectation({"ZII": 2}) == state.expectation("2*Z0") == 2 * state.expectation("ZII")
+    assert (
+        state.expectation({"ZII": 2}) == state.expectation("2*Z0") == 2 * state.expectation("ZII")
+    )
     sparse = pytest.importorskip("scipy.sparse")
     assert sparse.issparse(a.to_sparse_matrix())
     np.testing.assert_allclose(a.to_sparse_matrix().toarray(), m, atol=1e-14)
