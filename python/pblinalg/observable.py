@@ -13,7 +13,7 @@ import numpy as np
 from numpy.typing import NDArray
 
 from . import _core
-from .arguments import MAX_COUNT, precision_name, require_memory
+from .arguments import MAX_COUNT, count, precision_name, require_memory
 
 _NUMBER = r"\([^()]*\)|[0-9.][0-9.eEj]*(?:(?<=[eE])[+-][0-9]+)?j?"
 _PLACED = r"[IXYZ]\d+(?:[\s*]*[IXYZ]\d+)*"
@@ -64,6 +64,7 @@ class Observable:
             if isinstance(terms, str) and not any(letters for letters, _ in pairs):
                 raise ValueError("an observable without Pauli letters needs num_qubits")
             num_qubits = _needed_qubits([letters for letters, _ in pairs])
+        num_qubits = count(num_qubits, "num_qubits", 0, MAX_COUNT)
         sums: dict[str, complex] = {}
         for letters, coefficient in pairs:
             full = _full_string(letters, num_qubits, isinstance(terms, str))
@@ -90,6 +91,7 @@ class Observable:
         constant: complex = 0,
     ) -> Observable:
         """Decompiles the library's form: bit q of a mask is qubit q."""
+        num_qubits = count(num_qubits, "num_qubits", 0, MAX_COUNT)
         terms: list[tuple[str, complex]] = []
         lists = [list(values) for values in (coefficients, flip_masks, sign_masks, phase_powers)]
         if len({len(values) for values in lists}) != 1:
@@ -210,13 +212,13 @@ class Observable:
 
     def simple_terms(self, precision: str) -> list[Any]:
         """The lower level's terms but the identity, in "float" or "double"."""
-        make = _TERMS[precision_name(precision)]
+        term = _TERMS[precision_name(precision)]
         simple = []
         for letters, coefficient in self._terms.items():
             qubits = [q for q, letter in enumerate(letters) if letter != "I"]
             if qubits:
                 text = "".join(letters[q] for q in qubits)
-                simple.append(make(qubits, text, coefficient))
+                simple.append(term(qubits, text, coefficient))
         return simple
 
     def _same_size(self, other: object) -> Observable | None:
