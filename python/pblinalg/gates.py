@@ -76,6 +76,8 @@ def apply_matrix(
     target: Any, matrix: ArrayLike, qubits: Sequence[SupportsIndex], controls: Several | None
 ) -> None:
     """Hands a matrix to a state of the lower level or to a gate sequence."""
+    if isinstance(controls, np.ndarray):
+        controls = controls.tolist()
     if len(qubits) == 1:
         if controls:
             target.apply_1qbit_ctrl_gate(controls, qubits[0], matrix)
@@ -94,7 +96,9 @@ def apply_matrix(
 _MATRICES = {"S": SDG.conj(), "T": TDG.conj(), "Y": Y, "ISWAP": ISWAP, "SQRTSWAP": SQRTSWAP}
 
 
-def inverse(name: str, qubits: list[int], controls: list[int], value: Any) -> tuple[str, list[int], list[int], Any]:
+def inverse(
+    name: str, qubits: list[int], controls: list[int], value: Any
+) -> tuple[str, list[int], list[int], Any]:
     """The recorded gate that undoes a recorded gate; a matrix is taken to be unitary."""
     if name in ("PH", "RX", "RY", "RZ"):
         return name, qubits, controls, -value
@@ -107,7 +111,9 @@ def inverse(name: str, qubits: list[int], controls: list[int], value: Any) -> tu
     return name, qubits, controls, value
 
 
-def conjugate(name: str, qubits: list[int], controls: list[int], value: Any) -> tuple[str, list[int], list[int], Any]:
+def conjugate(
+    name: str, qubits: list[int], controls: list[int], value: Any
+) -> tuple[str, list[int], list[int], Any]:
     """The recorded gate whose matrix is the complex conjugate."""
     if name in ("PH", "RX", "RZ"):
         return name, qubits, controls, -value
