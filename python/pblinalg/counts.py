@@ -14,6 +14,8 @@ class Counts(dict):
     """
 
     def __init__(self, counts: Mapping[str, int] | None = None) -> None:
+        if not isinstance(counts, Mapping | None):
+            raise TypeError(f"counts must be a mapping, got {type(counts).__name__} {counts!r}")
         super().__init__(sorted((counts or {}).items()))
 
     @classmethod

@@ -365,6 +365,8 @@ class StateVector(Readout, GateMethods):
 
     def inner(self, other: "StateVector") -> complex:
         """The inner product <self|other>."""
+        if not isinstance(other, StateVector):
+            raise TypeError(f"other must be a StateVector, got {type(other).__name__} {other!r}")
         if other.num_qubits != self.num_qubits:
             raise ValueError(f"other has {other.num_qubits} qubits; expected {self.num_qubits}")
         return complex(np.vdot(self.amplitudes, other.amplitudes))
