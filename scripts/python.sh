@@ -1,6 +1,9 @@
 # Sourced after setup.sh: environments of their own under build/ for the Python package. A function
 # that cannot fetch what it needs says why and fails.
 
+# What pyproject.toml asks for before a build.
+build_requirements=('scikit-build-core>=0.10' 'nanobind>=2.4,<3')
+
 # Prints the Debian packages that a build against python3 lacks.
 missing_python_packages() {
     has_command python3 || echo python3
