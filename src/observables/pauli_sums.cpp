@@ -100,6 +100,7 @@ std::vector<Group> group_terms(const WObservable<T>& observable) {
         group.terms.push_back(t);
     }
     std::vector<Group> list;
+    list.reserve(groups.size());
     for (auto& [key, group] : groups)
         list.push_back(std::move(group));
     return list;
@@ -107,6 +108,7 @@ std::vector<Group> group_terms(const WObservable<T>& observable) {
 
 std::vector<Batch> batch_groups(const std::vector<Group>& groups, unsigned int block_bits) {
     std::vector<const Group*> waiting;
+    waiting.reserve(groups.size());
     for (const Group& group : groups)
         waiting.push_back(&group);
     std::vector<Batch> batches;

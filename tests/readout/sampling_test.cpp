@@ -103,6 +103,35 @@ TYPED_TEST(Sampling, InChunksGoesOnWhereTheLastOneEnded) {
     }
 }
 
+TYPED_TEST(Sampling, FollowsTheProbabilitiesByChiSquare) {
+    using T = TypeParam;
+    auto state = random_readout_state<T>(5, false);
+    state->project({}, 0);
+    constexpr std::size_t nshots = 10000;
+    std::vector<unsigned long long> shots(nshots);
+    const std::vector<T> expected = probabilities(*state);
+    double total = 0;
+    for (int seed = 1; seed <= 50; ++seed) {
+        state->rng.seed(seed);
+        state->sample(shots.data(), nshots);
+        std::vector<double> counts(32);
+        for (const unsigned long long shot : shots)
+            counts[reversed(shot, 5)] += 1;
+        double chi_square = 0;
+        for (int k = 0; k < 32; ++k) {
+            const double mean = nshots * static_cast<double>(expected[k]);
+            chi_square += (counts[k] - mean) * (counts[k] - mean) / mean;
+        }
+        // 31 degrees of freedom: exceeded by one of 50 seeds once in a thousand times.
+        EXPECT_LT(chi_square, 74.7) << seed;
+        total += chi_square;
+    }
+    // 1550 degrees of freedom: below and above lies one case in a thousand each. Shots that follow
+    // the probabilities too closely are as wrong as those that do not.
+    EXPECT_GT(total, 1384);
+    EXPECT_LT(total, 1728);
+}
+
 TYPED_TEST(Sampling, MeasuresWithOneDrawAndWithoutCollapse) {
     using T = TypeParam;
     auto state = random_readout_state<T>(6, false);
