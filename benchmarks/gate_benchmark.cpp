@@ -7,7 +7,7 @@
 #include <numeric>
 #include <optional>
 
-#include "kernels/gate_kernels.hpp"
+#include "apply/gates.hpp"
 #include "shared_state.hpp"
 
 namespace pblinalg::benchmarks {

@@ -184,10 +184,11 @@ def run_limited(command, limit, **options):
 def ordered_tests(tests, fault, seconds):
     """The tests likeliest to catch the fault first: of the same name, of the same folder, quick."""
     stem = Path(fault.file).stem
-    folder = Path(fault.file).parts[1]
+    room = Path(fault.file).parts[1]
+    folder = {"gates": "kernels", "apply": "kernels", "state": "core"}.get(room, room)
 
     def rank(test):
-        near = test.removesuffix("_test") in (stem, stem.removesuffix("_blocks"))
+        near = test.removesuffix("_test") in (stem, stem.removesuffix("_kernels"))
         same = any((ROOT / "tests" / folder).glob(f"{test}.cpp"))
         return (not near, not same, seconds[test])
 

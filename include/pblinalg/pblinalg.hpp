@@ -3,7 +3,10 @@
 
 #include <pblinalg/circuit.hpp>
 #include <pblinalg/export.hpp>
+#include <pblinalg/gate_list.hpp>
+#include <pblinalg/gates.hpp>
 #include <pblinalg/observable.hpp>
+#include <pblinalg/run.hpp>
 #include <pblinalg/state_vector.hpp>
 #include <pblinalg/state_vector_cpu.hpp>
 #include <pblinalg/threads.hpp>

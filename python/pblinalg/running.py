@@ -26,7 +26,9 @@ def run(
     A circuit without measurements is read out over all qubits at its end. Where nothing acts on a
     qubit after it was measured, the circuit is simulated once and sampled; otherwise what comes
     before the first measurement is simulated once and the rest once per shot. The same seed gives
-    the same counts, whatever the number of threads.
+    the same counts for every number of threads; but where a circuit goes on after a measurement, 1
+    thread may round the collapse differently from more, and a shot on the brink may fall the other
+    way.
 
     Ctrl-C stops between pieces of the circuit or between shots; nothing is left behind.
     """

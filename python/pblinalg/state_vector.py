@@ -43,8 +43,11 @@ class Readout:
         kind = _SPELLINGS.get(precision, precision) if isinstance(precision, str) else precision
         if kind not in _STATES:
             raise ValueError(f"precision = {precision!r}: expected 'float' or 'double'")
-        core: Any = _STATES[kind](nqubits)
+        # A new object clears its memory on one worker. Grown from nothing with the workers set, it
+        # has them share that, and each finds its amplitudes in the memory next to it.
+        core: Any = _STATES[kind](0)
         core.set_num_threads(_core.hardware_threads() if threads is None else _threads(threads))
+        core.resize(nqubits)
         if seed is not None:
             core.rng.seed(seed)
         core.reset()
@@ -57,7 +60,9 @@ class Readout:
 
     @property
     def threads(self) -> int:
-        """Worker threads of long operations; results do not depend on it."""
+        """Worker threads of long operations. Amplitudes after gates, and shots drawn from them, do not
+        depend on it; probabilities, expectation values and the norm in a collapse round alike for
+        every number above 1, and for 1 may differ in the last digits."""
         return self._core.num_threads
 
     @threads.setter
@@ -277,8 +282,7 @@ class StateVector(Readout, GateMethods):
     def resize(self, num_qubits: int) -> Self:
         """Changes the number of qubits and returns to |0...0>. BufferError while arrays from
         `amplitudes` are alive."""
-        if num_qubits != self.num_qubits:
-            self._core.resize(num_qubits)
+        self._core.resize(num_qubits)
         self._core.reset()
         return self
 

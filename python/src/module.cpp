@@ -11,7 +11,7 @@
 #include <thread>
 
 #include "bound_state.hpp"
-#include "kernels/instruction_set.hpp"
+#include "core/instruction_set.hpp"
 #include "parts.hpp"
 
 namespace pblinalg::python {

@@ -14,6 +14,7 @@
 #include "bind_gates.hpp"
 #include "bound_state.hpp"
 #include "parts.hpp"
+#include "readout/projection.hpp"
 #include "records.hpp"
 
 namespace pblinalg::python {
@@ -183,8 +184,10 @@ void bind_lifecycle(nb::class_<BoundState<T>>& target) {
             "resize",
             [](State& self, nb::handle nqubits) {
                 const Use use(self);
-                const double freed = static_cast<double>(self.size) * sizeof(std::complex<T>);
+                const double freed = static_cast<double>(self.amplitudes().bytes);
                 const unsigned int n = size_argument<T>(nqubits, freed);
+                // A count that a failed call has left is none to grow or shrink from.
+                if (!self.state) self.release_memory();
                 if (n == self.nqubits) return;
                 require_no_views(self, "resize");
                 const Unlocked unlocked(n > 14);
@@ -283,18 +286,17 @@ void bind_readout(nb::class_<BoundState<T>>& target) {
         self.require_amplitudes();
         const auto q = QubitArguments(self.nqubits).list(qubits, "qubits");
         const auto value = unsigned_argument(outcome, "outcome", (1ull << q.size()) - 1);
-        // Found out before, since the library clears the state first. The array counts as a pure
-        // state here, whatever the flag says.
-        const bool density_matrix = self.density_matrix;
-        const T weight = self.run([&] {
-            self.density_matrix = false;
-            const T sum = self.probability(value, std::vector<unsigned int>(q.rbegin(), q.rend()));
-            self.density_matrix = density_matrix;
-            return sum;
-        });
+        // An impossible outcome is found before anything is cleared, and its weight not summed
+        // again.
+        std::complex<T>* const amplitudes = self.state.get();
+        const T weight = self.run(
+            [&] { return cpu::outcome_weight(amplitudes, self.size, q, value, self.num_threads); });
         if (weight == 0)
             raise(PyExc_ValueError, "outcome = %.200R: it has probability 0", outcome.ptr());
-        self.run([&] { reset ? self.project_then_reset(q, value) : self.project(q, value); });
+        self.run([&] {
+            cpu::collapse(amplitudes, self.size, q, value, weight, self.num_threads);
+            if (reset) cpu::move_to_zero(amplitudes, self.size, q, value, self.num_threads);
+        });
     };
     target
         .def(
@@ -452,7 +454,6 @@ void bind_readout(nb::class_<BoundState<T>>& target) {
                 const Use use(self);
                 self.require_readable();
                 const auto shots = unsigned_argument(nshots, "nshots", 1ull << 48);
-                require_memory(static_cast<double>(shots) * 24, "the draws");
                 const OutputArray<unsigned long long> result(out, shots, self.amplitudes());
                 const Unlocked unlocked(self.size + shots >= min_unlocked_size);
                 self.sample(result.data(), shots);
@@ -469,7 +470,6 @@ void bind_readout(nb::class_<BoundState<T>>& target) {
                 self.require_readable();
                 const auto q = QubitArguments(self.readout_qubits()).list(qubits, "qubits");
                 const auto shots = unsigned_argument(nshots, "nshots", 1ull << 48);
-                require_memory(static_cast<double>(shots) * 24, "the draws");
                 const OutputArray<unsigned long long> result(out, shots, self.amplitudes());
                 const Unlocked unlocked(self.size + shots >= min_unlocked_size);
                 self.sample_subset(result.data(), q, shots);
@@ -503,8 +503,8 @@ void bind_observables(nb::class_<BoundState<T>>& target) {
                 const Use use(self);
                 self.require_readable();
                 check_observable<T>(observable, self.readout_qubits());
-                const WObservable<T> copy = observable;
-                return self.run([&] { return self.expectation_value(copy); });
+                WObservable<T> copy = observable;
+                return self.run([&] { return self.expectation_value(std::move(copy)); });
             },
             nb::arg("observable"), "constant + sum over terms of coefficient * <P>.")
         .def(
@@ -513,8 +513,8 @@ void bind_observables(nb::class_<BoundState<T>>& target) {
                 const Use use(self);
                 self.require_readable();
                 check_observable<T>(observable, self.readout_qubits());
-                const WObservable<T> copy = observable;
-                return self.run([&] { return self.terms_expectations_values(copy); });
+                WObservable<T> copy = observable;
+                return self.run([&] { return self.terms_expectations_values(std::move(copy)); });
             },
             nb::arg("observable"), "coefficient * <P> of each term; the constant is left out.")
         .def(

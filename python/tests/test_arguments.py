@@ -55,7 +55,7 @@ LOWER = [
     ("s.probability(16)", ValueError, "outcome must lie between 0 and 15"),
     ("s.get_distribution([0, 0])", ValueError, "the qubit is listed twice"),
     ("s.sample(-1)", ValueError, "nshots must lie between"),
-    ("s.sample(2**45)", MemoryError, "the draws needs"),
+    ("s.sample(2**45)", MemoryError, "the array of results needs"),
     ("s.measure([9])", IndexError, "qubits = 9"),
     ("s.evaluate_terms([Term([0], 'X')], 0)", ValueError, "nshots = 0"),
     ("s.evaluate_terms([Term([4], 'X')], 1)", IndexError, "qubit 4, expected below 4"),

@@ -1,5 +1,5 @@
 // The complex arithmetic that fixes bits: the product with infinity recovery, the norm, 1/sqrt(2).
-// Vector code repeats only the plain part of the product (kernels/blocks/values.hpp) and comes
+// Vector code repeats only the plain part of the product (kernels/values.hpp) and comes
 // back here when a product went wrong.
 #pragma once
 

@@ -1,86 +1,14 @@
-// The phase oracle: which amplitudes the marked values name, then one pass of negations.
+// The phase oracle's member; what it does to the array is in apply/phase_oracle.hpp.
 #include <pblinalg/state_vector_cpu.hpp>
 
-#include "core/parallel.hpp"
-#include "kernels/blocks/loading_blocks.hpp"
-#include "kernels/gate_kernels.hpp"
-#include "oracles/bit_placement.hpp"
+#include "apply/phase_oracle.hpp"
 
 namespace pblinalg::cpu {
-namespace {
-
-/// The marked amplitudes, one bit each: word extract_bits(c, chunk_mask) holds the bits of every
-/// chunk c of `marks_per_word` consecutive amplitudes.
-class MarkedAmplitudes {
-  public:
-    /// A listed number p stands for bit nqubits-1-p of an array index: deliberately the caller's
-    /// reversed order, not that of the gates. A number at or above nqubits reads 0.
-    MarkedAmplitudes(const std::vector<unsigned long long>& marked,
-                     const std::vector<unsigned int>& qubits, unsigned int nqubits) {
-        Index listed = 0;
-        for (const unsigned int qubit : qubits) {
-            if (qubit < nqubits) listed |= bit(nqubits - 1 - qubit);
-        }
-        chunk_mask_ = listed >> marks_bits;
-        words_.resize(bit(count_bits(chunk_mask_)));
-
-        // The amplitudes of a chunk that differ only in bits that the oracle does not read.
-        const Index unread = (marks_per_word - 1) & ~listed;
-        Index neighbours = 0;
-        Index place = 0;
-        do {
-            neighbours |= bit(static_cast<unsigned int>(place));
-            place = next_subset(place, unread);
-        } while (place != 0);
-
-        // Key bits to array bits and back. A value that does not come back unchanged has no index:
-        // it is too large, sets a qubit that reads 0, or contradicts itself on a repeated one.
-        BitPlacement index_of_key;
-        BitPlacement key_of_index;
-        unsigned int key_bit = 0;
-        // The last listed qubit is the least significant bit of the key.
-        for (auto qubit = qubits.rbegin(); qubit != qubits.rend() && key_bit < 64; ++qubit) {
-            if (*qubit < nqubits) {
-                index_of_key.add(key_bit, nqubits - 1 - *qubit);
-                key_of_index.add(nqubits - 1 - *qubit, key_bit);
-            }
-            ++key_bit;
-        }
-        for (const Index value : marked) {
-            const Index index = index_of_key(value);
-            if (key_of_index(index) != value) continue;
-            words_[extract_bits(index >> marks_bits, chunk_mask_)] |=
-                neighbours << (index & (marks_per_word - 1));
-        }
-    }
-
-    const Index* words() const { return words_.data(); }
-    Index chunk_mask() const { return chunk_mask_; }
-
-  private:
-    Index chunk_mask_;
-    std::vector<Index> words_;
-};
-
-}  // namespace
 
 template <class T>
 void PybindLinAlgStateVectorCPU<T>::apply_phase_oracle(
     const std::vector<unsigned long long>& marked, const Qubits& qubits) {
-    if (marked.empty()) return;
-    const MarkedAmplitudes marks(marked, qubits, nqubits);
-    std::complex<T>* const amplitudes = state.get();
-    if (size < marks_per_word) {
-        for (unsigned int i = 0; i < size; ++i) {
-            if (marks.words()[0] & bit(i)) amplitudes[i] = -amplitudes[i];
-        }
-        return;
-    }
-    for_each_block(size / marks_per_word, size, num_threads, [&](Index begin, Index end) {
-        dispatch([&]<InstructionSet set>() {
-            negate_marked<set, T>(parts(amplitudes), marks.words(), marks.chunk_mask(), begin, end);
-        });
-    });
+    negate_marked_values(state.get(), nqubits, marked, qubits, num_threads);
 }
 
 #define PBLINALG_INSTANTIATE(T)                                      \

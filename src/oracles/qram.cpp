@@ -8,8 +8,8 @@
 #include <pblinalg/state_vector_cpu.hpp>
 
 #include "core/parallel.hpp"
-#include "kernels/state_iterator.hpp"
-#include "oracles/bit_placement.hpp"
+#include "core/state_iterator.hpp"
+#include "core/bit_placement.hpp"
 
 namespace pblinalg::cpu {
 namespace {

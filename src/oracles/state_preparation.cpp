@@ -7,8 +7,8 @@
 
 #include "core/complex_math.hpp"
 #include "core/parallel.hpp"
-#include "kernels/blocks/loading_blocks.hpp"
-#include "oracles/bit_placement.hpp"
+#include "kernels/loading_kernels.hpp"
+#include "core/bit_placement.hpp"
 
 namespace pblinalg::cpu {
 namespace {

@@ -2,8 +2,8 @@
 // active instruction set.
 #pragma once
 
-#include "kernels/blocks/norm_blocks.hpp"
-#include "kernels/blocks/walk_groups.hpp"
+#include "kernels/norm_kernels.hpp"
+#include "kernels/walk_groups.hpp"
 #include "readout/views.hpp"
 
 namespace pblinalg::cpu {

@@ -2,8 +2,8 @@
 #include <array>
 #include <stdexcept>
 
-#include "kernels/diagonal.hpp"
-#include "kernels/state_iterator.hpp"
+#include "apply/diagonal.hpp"
+#include "core/state_iterator.hpp"
 #include "support/exact_reference.hpp"
 
 namespace pblinalg::test {

@@ -6,12 +6,12 @@ find_program(NM nm REQUIRED)
 # Kinds of kernels with fused multiply-adds: dense matrices, and those that take squared magnitudes,
 # which are defined as fused. Gates must have none.
 set(may_fuse "^pblinalg_(fused|loading|norm|pauli|reversal)_")
-get_property(blocks GLOBAL PROPERTY PBLINALG_BLOCKS)
-set(exact_blocks ${blocks})
-set(fused_blocks ${blocks})
-list(FILTER exact_blocks EXCLUDE REGEX ${may_fuse})
-list(FILTER fused_blocks INCLUDE REGEX ${may_fuse})
-foreach(list blocks exact_blocks fused_blocks)
+get_property(kernels GLOBAL PROPERTY PBLINALG_KERNELS)
+set(exact_kernels ${kernels})
+set(fused_kernels ${kernels})
+list(FILTER exact_kernels EXCLUDE REGEX ${may_fuse})
+list(FILTER fused_kernels INCLUDE REGEX ${may_fuse})
+foreach(list kernels exact_kernels fused_kernels)
     list(TRANSFORM ${list} REPLACE "(.+)" "$<TARGET_OBJECTS:\\1>")
 endforeach()
 
@@ -23,13 +23,13 @@ function(pblinalg_add_object_code_test name check)
         ENVIRONMENT "OBJDUMP=${OBJDUMP};NM=${NM}")
 endfunction()
 
-pblinalg_add_object_code_test(ExactKernelsAreUnfused unfused ${exact_blocks})
-pblinalg_add_object_code_test(KernelsShareNoCode private ${blocks})
+pblinalg_add_object_code_test(ExactKernelsAreUnfused unfused ${exact_kernels})
+pblinalg_add_object_code_test(KernelsShareNoCode private ${kernels})
 
 # The checks see what they look for: the fused kernels are fused, and ordinary code shares its
 # templates with the rest of the program.
 if(CMAKE_SYSTEM_PROCESSOR MATCHES "x86_64|AMD64|amd64")
-    pblinalg_add_object_code_test(FusedKernelsAreFused unfused ${fused_blocks})
+    pblinalg_add_object_code_test(FusedKernelsAreFused unfused ${fused_kernels})
     set_tests_properties(object_code.FusedKernelsAreFused PROPERTIES
         PASS_REGULAR_EXPRESSION "fuses: vfmadd")
 endif()

@@ -4,7 +4,7 @@
 #include <optional>
 #include <string>
 
-#include "kernels/gate_kernels.hpp"
+#include "apply/gates.hpp"
 #include "support/exact_reference.hpp"
 #include "support/textbook_reference.hpp"
 

@@ -14,7 +14,8 @@
 #include <random>
 #include <vector>
 
-#include "kernels/instruction_set.hpp"
+#include "core/instruction_set.hpp"
+#include "support/processors.hpp"
 
 namespace pblinalg::test {
 

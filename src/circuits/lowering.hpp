@@ -1,0 +1,67 @@
+// From gates to operations: what a gate of the table comes to, and its coefficients.
+#pragma once
+
+#include <complex>
+#include <pblinalg/circuit.hpp>
+#include <pblinalg/gate_list.hpp>
+
+#include "circuits/operations.hpp"
+
+namespace pblinalg::cpu {
+
+/// A diagonal over several qubits.
+template <class T>
+struct DiagonalTable {
+    Index bits;                         ///< of the state's index that choose an entry
+    std::vector<std::complex<T>> diag;  ///< entry extract_bits(index, bits) is that of `index`
+};
+
+/// A matrix of more than two qubits.
+template <class T>
+struct DenseMatrix {
+    std::vector<unsigned int> qubits;
+    std::vector<std::complex<T>> entries;
+};
+
+struct PhaseOracle {
+    std::vector<unsigned int> qubits;
+    std::vector<unsigned long long> marked;
+};
+
+/// Operations with everything that they refer to.
+template <class T>
+struct Program {
+    /// Coefficients that follow from the parameters of a run.
+    struct Bound {
+        std::uint32_t gate;
+        std::uint32_t factors;
+    };
+
+    unsigned int nqubits = 0;
+    std::uint32_t n_gates = 0;
+    std::vector<Operation> operations;
+    std::vector<T> factors;  ///< as interleaved parts
+    std::vector<Bound> bound;
+    std::vector<DiagonalTable<T>> tables;
+    std::vector<DenseMatrix<T>> dense;
+    std::vector<PhaseOracle> oracles;
+
+    void clear();
+};
+
+/// Appends a gate. Parametrised coefficients are left for `bind`.
+template <class T>
+void lower(const GateView& gate, Program<T>& program);
+
+/// Appends gate `i` of a record.
+/// @return false, with nothing appended, for a name that records do not know.
+template <class T>
+bool lower(const PybindLinAlgWCircuit<T>& record, std::size_t i, Program<T>& program);
+
+/// Writes the coefficients that depend on parameters.
+/// @param factors  those of the program.
+template <class T>
+void bind(const Program<T>& program, const GateList& list, std::span<const double> values,
+          T* factors);
+
+}  // namespace pblinalg::cpu

@@ -1,0 +1,322 @@
+#include "circuits/plan.hpp"
+
+#include <algorithm>
+#include <exception>
+#include <utility>
+
+#include "circuits/planner.hpp"
+#include "circuits/run_alone.hpp"
+#include "core/complex_math.hpp"
+#include "core/parallel.hpp"
+
+namespace pblinalg::cpu {
+namespace {
+
+/// The size of tiles as a number of qubits: 512 KiB.
+template <class T>
+inline constexpr unsigned int tile_qubits = sizeof(T) == 8 ? 15 : 16;
+
+/// States of fewer qubits are faster on one worker.
+template <class T>
+inline constexpr unsigned int min_parallel_qubits = sizeof(T) == 8 ? 14 : 15;
+
+/// The lowest qubits that are active in every tile, so that tiles are made of runs of 1 KiB.
+template <class T>
+inline constexpr unsigned int run_qubits = sizeof(T) == 8 ? 6 : 7;
+
+/// Operations in one pass at the most.
+constexpr std::size_t max_pass_length = 512;
+/// Operations left out while more are looked at: where a pass costs much, a longer search pays.
+constexpr std::size_t pass_look_ahead = 64;
+constexpr std::size_t window_look_ahead = 12;
+
+/// What a pass by tiles costs at the least, in passes that read and write the whole state.
+constexpr double cost_of_tiles = 2.5;
+
+/// States from this size on are written around the caches.
+constexpr std::size_t min_bytes_past_cache = std::size_t{64} << 20;
+
+template <class T>
+WindowShape window_shape_of(InstructionSet set) {
+    switch (set) {
+#if defined(__x86_64__)
+        case InstructionSet::avx512:
+            return window_shape<InstructionSet::avx512, T>();
+        case InstructionSet::avx2:
+            return window_shape<InstructionSet::avx2, T>();
+#endif
+        default:
+            return window_shape<InstructionSet::baseline, T>();
+    }
+}
+
+}  // namespace
+
+template <class T>
+int plan_workers(unsigned int nqubits, int requested) {
+    return nqubits < min_parallel_qubits<T> ? 1 : get_num_threads(requested);
+}
+
+template <class T>
+PlanShape plan_shape(unsigned int nqubits, int workers) {
+    // A tile for each worker at least, none too small to be worth a pass.
+    constexpr unsigned int min_shared_tile_bits = min_parallel_qubits<T> - 2;
+    unsigned int bits = std::min(nqubits, tile_qubits<T>);
+    while (bits > min_shared_tile_bits && (std::size_t{1} << (nqubits - bits)) < team_size(workers))
+        --bits;
+    return {nqubits, bits, active_instruction_set()};
+}
+
+template <class T>
+Plan<T>::Plan(Program<T> program, const PlanShape& shape)
+    : shape_(shape),
+      program_(std::move(program)),
+      tables_(nullptr, aligned_array_delete<std::complex<T>>) {
+    fold_parity_diagonals(program_.operations);
+    const auto& operations = program_.operations;
+    if (shape_.nqubits < window_shape_of<T>(shape_.set).bits()) {
+        Stage all;
+        for (std::uint32_t i = 0; i < operations.size(); ++i)
+            all.alone.push_back(i);
+        all.front = static_cast<std::uint32_t>(operations.size());
+        if (!all.alone.empty()) stages_.push_back(std::move(all));
+        return;
+    }
+    place_tables();
+    if (shape_.tile_bits == shape_.nqubits) {
+        plan_one_tile();
+    } else {
+        plan_passes();
+    }
+}
+
+/// Writes tables in the form of lanes; those that are too large for a cache run alone.
+template <class T>
+void Plan<T>::place_tables() {
+    if (program_.tables.empty()) return;
+    const unsigned int lane_bits = window_shape_of<T>(shape_.set).lane_bits;
+    const Index lanes = low_mask(lane_bits);
+    std::size_t rows = 0;
+    for (const DiagonalTable<T>& table : program_.tables) {
+        placed_.push_back({table.bits, static_cast<std::uint32_t>(2 * (rows << lane_bits))});
+        const unsigned int row_bits = count_bits(table.bits & ~lanes);
+        if (row_bits <= max_table_bits) rows += std::size_t{1} << row_bits;
+    }
+    for (Operation& operation : program_.operations) {
+        if (operation.action == Action::table)
+            operation.alone = count_bits(operation.selects & ~lanes) > max_table_bits;
+    }
+    tables_ = new_zeroed_array<std::complex<T>>(rows << lane_bits, 1);
+    for (std::size_t t = 0; t < placed_.size(); ++t) {
+        const DiagonalTable<T>& table = program_.tables[t];
+        const unsigned int row_bits = count_bits(table.bits & ~lanes);
+        if (row_bits > max_table_bits) continue;
+        T* to = parts(tables_.get()) + placed_[t].values;
+        const Index lane_entries = table.bits & lanes;
+        for (Index row = 0; row < bit(row_bits); ++row, to += 2 << lane_bits) {
+            for (Index lane = 0; lane <= lanes; ++lane) {
+                const Index entry =
+                    row << count_bits(lane_entries) | extract_bits(lane, lane_entries);
+                to[lane] = table.diag[entry].real();
+                to[lane + lanes + 1] = table.diag[entry].imag();
+            }
+        }
+    }
+}
+
+/// @param local  the operations as a tile of the `active` bits of the state sees them.
+template <class T>
+PassSteps Plan<T>::compile(std::span<const Operation> local, Index active) const {
+    const WindowShape shape = window_shape_of<T>(shape_.set);
+    const unsigned int tile_bits = count_bits(active);
+    PassSteps compiled;
+    compiled.steps.reserve(local.size() + local.size() / 2);
+    compiled.conditions.reserve(compiled.steps.capacity());
+    Planner planner(local, {tile_bits, shape.bits(), shape.lane_bits,
+                            low_mask(tile_bits) & ~low_mask(shape.lane_bits), window_look_ahead,
+                            max_pass_length});
+    StepWriter writer(shape.lane_bits, active, placed_, compiled);
+    const auto size = [](const auto& list) { return static_cast<unsigned int>(list.size()); };
+    for (Pass window; planner.next(window);) {
+        const unsigned int first = size(compiled.steps);
+        const unsigned int placement = size(compiled.placements) - 1;
+        writer.begin(window.active);
+        for (const auto& [operation, renumbers] : window.operations) {
+            if (renumbers) {
+                writer.renumber(*operation);
+            } else {
+                writer.append(*operation);
+            }
+        }
+        const unsigned int last = size(compiled.steps);
+        if (last > first) compiled.windows.push_back({window.active, first, last, placement});
+    }
+    return compiled;
+}
+
+template <class T>
+void Plan<T>::plan_passes() {
+    const std::vector<Operation>& operations = program_.operations;
+    Planner planner(operations, {shape_.nqubits, shape_.tile_bits, run_qubits<T>, 0,
+                                 pass_look_ahead, max_pass_length});
+    const auto number = [&](const Operation* operation) {
+        return static_cast<std::uint32_t>(operation - operations.data());
+    };
+    std::vector<Operation> local;
+    for (Pass pass; planner.next(pass);) {
+        Stage& stage = stages_.emplace_back();
+        double alone = 0;
+        for (const auto& entry : pass.operations)
+            alone += cost_alone(*entry.operation);
+        if (pass.alone || alone < cost_of_tiles) {
+            for (const auto& entry : pass.operations)
+                stage.alone.push_back(number(entry.operation));
+        } else {
+            const Relocation relocate(pass.active);
+            local.clear();
+            for (const auto& entry : pass.operations)
+                local.push_back(relocate(*entry.operation));
+            stage.active = pass.active;
+            stage.inactive = planner.inactive(pass);
+            stage.steps = compile(local, pass.active);
+        }
+        for (const Operation* const operation : planner.left_out())
+            stage.left_out.push_back(number(operation));
+        stage.front = static_cast<std::uint32_t>(planner.front());
+    }
+}
+
+/// Passes over a state that is one tile: as many operations at a time as one pass takes.
+template <class T>
+void Plan<T>::plan_one_tile() {
+    const std::span<const Operation> operations = program_.operations;
+    for (std::size_t i = 0; i < operations.size();) {
+        Stage& stage = stages_.emplace_back();
+        std::size_t end = i;
+        while (end < operations.size() && end - i < max_pass_length && !operations[end].alone)
+            ++end;
+        if (end == i) {
+            stage.alone.push_back(static_cast<std::uint32_t>(end++));
+        } else {
+            stage.active = low_mask(shape_.nqubits);
+            stage.steps = compile(operations.subspan(i, end - i), stage.active);
+        }
+        stage.front = static_cast<std::uint32_t>(end);
+        i = end;
+    }
+}
+
+template <class T>
+typename Plan<T>::Counts Plan<T>::counts() const {
+    Counts counts;
+    for (const Stage& stage : stages_) {
+        counts.alone += stage.alone.size();
+        counts.passes += stage.alone.empty();
+        counts.windows += stage.steps.windows.size();
+    }
+    return counts;
+}
+
+template <class T>
+void Plan<T>::run_pass(const Stage& stage, std::complex<T>* amplitudes, int workers,
+                       const T* factors, const TeamScratch& scratch) const {
+    const PassSteps& steps = stage.steps;
+    const TilePass<T> pass{
+        .active = stage.active,
+        .inactive = stage.inactive,
+        .windows = steps.windows.data(),
+        .n_windows = steps.windows.size(),
+        .steps = steps.steps.data(),
+        .conditions = steps.conditions.data(),
+        .n_steps = steps.steps.size(),
+        .lookups = steps.lookups.data(),
+        .n_lookups = steps.lookups.size(),
+        .placements = steps.placements.data(),
+        .n_placements = steps.placements.size(),
+        .factors = factors,
+        .tables = parts(tables_.get()),
+        .past_cache = (sizeof(std::complex<T>) << shape_.nqubits) >= min_bytes_past_cache,
+    };
+    const Index n_tiles = bit(count_bits(stage.inactive));
+    run_team(workers, [&](int id, int team) {
+        const Block tiles(n_tiles, static_cast<Index>(id), static_cast<Index>(team), 1);
+        bool shortcut = true;
+        dispatch([&]<InstructionSet set>() {
+            run_tiles<set, T>(parts(amplitudes), pass, tiles.begin, tiles.end, scratch.of(id),
+                              shortcut);
+        });
+    });
+}
+
+template <class T>
+std::size_t Plan<T>::run(std::complex<T>* amplitudes, int workers, const T* factors,
+                         const std::function<bool(std::size_t)>& between) const {
+    std::size_t bytes = 0;
+    for (const Stage& stage : stages_) {
+        if (!stage.alone.empty()) continue;
+        bytes = std::max(bytes, tile_scratch_bytes<T>(shape_.tile_bits, stage.steps.steps.size(),
+                                                      stage.steps.windows.size()));
+    }
+    const TeamScratch scratch(workers, bytes);
+    for (const Stage& stage : stages_) {
+        for (const std::uint32_t i : stage.alone) {
+            run_alone(amplitudes, shape_.nqubits, program_, program_.operations[i], factors,
+                      workers);
+        }
+        if (stage.alone.empty()) run_pass(stage, amplitudes, workers, factors, scratch);
+        if (!between || &stage == &stages_.back()) continue;
+        std::exception_ptr failure;
+        bool goes_on = false;
+        try {
+            goes_on = between(gates_done_after(stage));
+        } catch (...) {
+            failure = std::current_exception();
+        }
+        if (goes_on) continue;
+        const std::size_t done = finish_overtaken(stage, amplitudes, workers, factors);
+        if (failure) std::rethrow_exception(failure);
+        return done;
+    }
+    return program_.n_gates;
+}
+
+/// The gates that are done, none of the later ones counted.
+template <class T>
+std::size_t Plan<T>::gates_done_after(const Stage& stage) const {
+    const auto& operations = program_.operations;
+    std::size_t first = stage.left_out.empty() ? stage.front : stage.left_out.front();
+    if (first == operations.size()) return program_.n_gates;
+    while (first > 0 && operations[first].gates_before == Operation::inside_a_gate)
+        --first;
+    return operations[first].gates_before;
+}
+
+/// Does what is left of all gates that have begun.
+/// @return their number.
+template <class T>
+std::size_t Plan<T>::finish_overtaken(const Stage& stage, std::complex<T>* amplitudes, int workers,
+                                      const T* factors) const {
+    const auto& operations = program_.operations;
+    std::size_t end = stage.front;
+    while (end < operations.size() && operations[end].gates_before == Operation::inside_a_gate)
+        ++end;
+    std::vector<Operation> rest;
+    for (const std::uint32_t i : stage.left_out)
+        rest.push_back(operations[i]);
+    rest.insert(rest.end(), operations.begin() + stage.front,
+                operations.begin() + static_cast<std::ptrdiff_t>(end));
+    Program<T> program(program_);
+    program.operations = std::move(rest);
+    Plan(std::move(program), shape_).run(amplitudes, workers, factors, {});
+    return end == operations.size() ? program_.n_gates : operations[end].gates_before;
+}
+
+#define PBLINALG_INSTANTIATE(T)                          \
+    template int plan_workers<T>(unsigned int, int);     \
+    template PlanShape plan_shape<T>(unsigned int, int); \
+    template class Plan<T>;
+PBLINALG_INSTANTIATE(float)
+PBLINALG_INSTANTIATE(double)
+#undef PBLINALG_INSTANTIATE
+
+}  // namespace pblinalg::cpu

@@ -1,0 +1,74 @@
+#include "circuits/planner.hpp"
+
+#include <algorithm>
+#include <utility>
+
+namespace pblinalg::cpu {
+
+bool Planner::next(Pass& pass) {
+    if (left_out_.empty() && front_ == operations_.size()) return false;
+    pass.active = low_mask(shape_.always);
+    pass.operations.clear();
+    pass.alone = false;
+    std::swap(left_out_, deferred_);
+    left_out_.clear();
+    free_ = shape_.part_bits - shape_.always;
+    left_out_targets_ = left_out_depends_ = renumbered_depends_ = renumbered_targets_ = 0;
+    arithmetic_blocked_ = false;
+    for (const Operation* const operation : deferred_)
+        take_or_leave(*operation, pass);
+    while (front_ < operations_.size() && left_out_.size() < shape_.look_ahead && !pass.alone &&
+           pass.operations.size() < shape_.max_length) {
+        take_or_leave(operations_[front_++], pass);
+    }
+    if (std::ranges::all_of(pass.operations, [&](const Pass::Entry& entry) {
+            return can_renumber(*entry.operation);
+        })) {
+        for (auto& entry : pass.operations)
+            entry.renumbers = true;
+    }
+    // Unused room goes to the lowest bits: longer runs.
+    for (; free_ > 0; --free_)
+        pass.active |= lowest_bit(~pass.active);
+    return true;
+}
+
+bool Planner::take(const Operation& operation, Pass& pass) {
+    const Index targets = operation.target_bits;
+    const bool commutes = !(targets & (left_out_targets_ | left_out_depends_)) &&
+                          !(operation.depends_on() & left_out_targets_) &&
+                          (operation.is_permutation() || !arithmetic_blocked_);
+    if (!commutes || pass.alone || pass.operations.size() >= shape_.max_length) return false;
+    if (operation.alone) {
+        if (!pass.operations.empty()) return false;
+        pass.alone = true;
+        pass.operations.push_back({&operation, false});
+        return true;
+    }
+    const unsigned int n_fresh = count_bits(targets & ~pass.active);
+    // The target of an X needs no look at `renumbered_depends_` when it renumbers: it was inactive
+    // with no room left, so no later operation can make it active.
+    if (n_fresh <= free_ && !(targets & renumbered_depends_) &&
+        !(operation.controls & renumbered_targets_)) {
+        pass.active |= targets;
+        free_ -= n_fresh;
+        pass.operations.push_back({&operation, false});
+        return true;
+    }
+    if (!can_renumber(operation)) return false;
+    // Amplitudes that differ in a selecting bit alone may now lie in other groups.
+    renumbered_depends_ |= operation.selects | (operation.action == Action::SWAP ? targets : 0);
+    renumbered_targets_ |= targets;
+    pass.operations.push_back({&operation, true});
+    return true;
+}
+
+void Planner::take_or_leave(const Operation& operation, Pass& pass) {
+    if (take(operation, pass)) return;
+    left_out_.push_back(&operation);
+    left_out_targets_ |= operation.target_bits;
+    left_out_depends_ |= operation.depends_on();
+    arithmetic_blocked_ |= !operation.is_permutation();
+}
+
+}  // namespace pblinalg::cpu

@@ -1,0 +1,100 @@
+// Runs gate lists and circuit records.
+#include <pblinalg/run.hpp>
+#include <stdexcept>
+
+#include "circuits/gate_matrix.hpp"
+#include "circuits/plan.hpp"
+#include "circuits/plan_cache.hpp"
+#include "circuits/run_alone.hpp"
+
+namespace pblinalg {
+namespace {
+
+/// Gates of a record read before they are run; long records go in pieces of this length.
+constexpr std::size_t piece_length = 1024;
+
+template <class T>
+cpu::Program<T> lowered(const GateList& list, unsigned int nqubits) {
+    cpu::Program<T> program;
+    program.nqubits = nqubits;
+    program.operations.reserve(list.size() + list.size() / 4);
+    program.factors.reserve(4 * list.size());
+    for (const GateView gate : list)
+        cpu::lower(gate, program);
+    return program;
+}
+
+}  // namespace
+
+template <class T>
+RunReport run(cpu::PybindLinAlgStateVectorCPU<T>& state, const GateList& list,
+              std::span<const double> values, const RunOptions& options) {
+    const int workers = cpu::plan_workers<T>(state.nqubits, state.num_threads);
+    const cpu::PlanShape shape = cpu::plan_shape<T>(state.nqubits, workers);
+    const auto plan = list.plans()->plan<T>(shape, [&] {
+        return std::make_shared<cpu::Plan<T>>(lowered<T>(list, state.nqubits), shape);
+    });
+    const cpu::Program<T>& program = plan->program();
+    std::vector<T> bound;
+    if (!program.bound.empty()) {
+        bound = program.factors;
+        cpu::bind(program, list, values, bound.data());
+    }
+    const T* const factors = program.bound.empty() ? program.factors.data() : bound.data();
+    const std::size_t done = plan->run(state.state.get(), workers, factors, options.between_passes);
+    return {done, done < list.size()};
+}
+
+std::vector<std::complex<double>> gate_matrix(GateKind kind, std::span<const double> angles) {
+    const unsigned int k = info(kind).n_targets;
+    const unsigned int targets[] = {k - 1, 0};
+    std::vector<Angle> listed(angles.begin(), angles.end());
+    GateList list;
+    list.add(kind, std::span(targets, k), listed);
+    const cpu::Program<double> program = lowered<double>(list, k);
+    const std::size_t rows = std::size_t{1} << k;
+    std::vector<std::complex<double>> matrix(rows * rows);
+    for (std::size_t c = 0; c < rows; ++c) {
+        const auto column = cpu::new_zeroed_array<std::complex<double>>(rows, 1);
+        column[c] = 1.0;
+        for (const cpu::Operation& operation : program.operations)
+            cpu::run_alone(column.get(), k, program, operation, program.factors.data(), 1);
+        for (std::size_t r = 0; r < rows; ++r)
+            matrix[r * rows + c] = column[r];
+    }
+    return matrix;
+}
+
+namespace cpu {
+
+template <class T>
+void PybindLinAlgStateVectorCPU<T>::simulate_circuit(PybindLinAlgWCircuit<T>& circuit) {
+    const std::size_t n_gates = circuit.gate_names.size();
+    const int workers = plan_workers<T>(nqubits, num_threads);
+    const PlanShape shape = plan_shape<T>(nqubits, workers);
+    for (std::size_t i = 0; i < n_gates;) {
+        Program<T> program;
+        program.nqubits = nqubits;
+        bool known = true;
+        for (; i < n_gates && program.n_gates < piece_length && known; i += known)
+            known = lower(circuit, i, program);
+        const Plan<T> plan(std::move(program), shape);
+        plan.run(state.get(), workers, plan.program().factors.data(), {});
+        if (!known) {
+            throw std::invalid_argument("Gate " + circuit.gate_names[i] +
+                                        " is not supported by the pybinded circuit");
+        }
+    }
+}
+
+template void PybindLinAlgStateVectorCPU<float>::simulate_circuit(PybindLinAlgWCircuit<float>&);
+template void PybindLinAlgStateVectorCPU<double>::simulate_circuit(PybindLinAlgWCircuit<double>&);
+
+}  // namespace cpu
+
+template RunReport run<float>(cpu::PybindLinAlgStateVectorCPU<float>&, const GateList&,
+                              std::span<const double>, const RunOptions&);
+template RunReport run<double>(cpu::PybindLinAlgStateVectorCPU<double>&, const GateList&,
+                               std::span<const double>, const RunOptions&);
+
+}  // namespace pblinalg

@@ -1,0 +1,577 @@
+// Compiled like exact_kernels.cpp: once per instruction set, without contraction or automatic
+// vectorisation, and without instantiating anything of the standard library.
+#include "kernels/circuit_kernels.hpp"
+
+#include "gates/formulas.hpp"
+#include "gates/matrix_formulas.hpp"
+#include "kernels/unrolled.hpp"
+#include "kernels/values.hpp"
+#include "kernels/walk_groups.hpp"
+
+namespace pblinalg::cpu {
+namespace {
+
+constexpr InstructionSet this_set = InstructionSet::PBLINALG_INSTRUCTION_SET;
+
+/// Vectors of both parts that leave half of the registers to the arithmetic.
+constexpr unsigned int row_bits = n_registers<this_set> == 32 ? 3 : 2;
+constexpr unsigned int n_rows = 1u << row_bits;
+
+/// Calls `body.operator()<r>()` for every row r.
+template <class Body>
+PBLINALG_ALWAYS_INLINE void for_each_row(const Body& body) {
+    unrolled<n_rows>(body);
+}
+
+/// Calls `body.operator()<r0, r1>()` for every pair of rows that differ in row bit `place`.
+template <unsigned int place, class Body>
+PBLINALG_ALWAYS_INLINE void for_each_pair(const Body& body) {
+    for_each_row([&]<unsigned int r>() __attribute__((always_inline)) {
+        if constexpr (place < row_bits && !(r >> place & 1)) {
+            body.template operator()<r, (r | 1u << place)>();
+        }
+    });
+}
+
+/// The rows of a group that a step concerns.
+struct Selected {
+    unsigned int odd;  ///< those whose selecting bits, lanes aside, have odd parity
+    unsigned int on;   ///< those whose control bits, lanes aside, are as they must be
+    PBLINALG_ALWAYS_INLINE unsigned int both() const { return odd & on; }
+};
+
+/// The factors of a step, loaded where they are used.
+template <class V, class T>
+struct FactorsAt {
+    const T* parts;
+    PBLINALG_ALWAYS_INLINE typename V::Factor operator[](unsigned int i) const {
+        return {parts[2 * i], parts[2 * i + 1]};
+    }
+};
+
+template <class Gate, class V, class T>
+struct LoadedFactors {
+    typename V::Factor of[Gate::n_factors + 1];
+    PBLINALG_ALWAYS_INLINE explicit LoadedFactors(const T* factors) {
+        for (unsigned int i = 0; i < Gate::n_factors; ++i)
+            of[i] = FactorsAt<V, T>{factors}[i];
+    }
+};
+
+template <class Gate, unsigned int place, class V, class T>
+PBLINALG_ALWAYS_INLINE void mix(V* a, const T* factors) {
+    const LoadedFactors<Gate, V, T> f(factors);
+    for_each_pair<place>([&]<unsigned int r0, unsigned int r1>() __attribute__((always_inline)) {
+        V pair[2] = {a[r0], a[r1]};
+        Gate::update(pair, f.of);
+        a[r0] = pair[0];
+        a[r1] = pair[1];
+    });
+}
+
+/// On row bit 0, where the controls say so.
+template <class Gate, class V, class T>
+PBLINALG_ALWAYS_INLINE void mix_controlled(V* a, const CircuitStep& step, const T* factors,
+                                           Selected rows) {
+    if (rows.on == 0) return;
+    const LoadedFactors<Gate, V, T> f(factors);
+    const typename V::Bits chosen = V::lanes_in(step.lane_mask);
+    for_each_pair<0>([&]<unsigned int r0, unsigned int r1>() __attribute__((always_inline)) {
+        if (!(rows.on >> r0 & 1)) return;
+        V pair[2] = {a[r0], a[r1]};
+        Gate::update(pair, f.of);
+        a[r0] = V::select(chosen, pair[0], a[r0]);
+        a[r1] = V::select(chosen, pair[1], a[r1]);
+    });
+}
+
+/// A matrix on row bits 1 and 0.
+template <bool controlled, class V, class T>
+PBLINALG_ALWAYS_INLINE void mix_two(V* a, const CircuitStep& step, const T* factors,
+                                    Selected rows) {
+    if (controlled && rows.on == 0) return;
+    const FactorsAt<V, T> f{factors};
+    const typename V::Bits chosen = V::lanes_in(step.lane_mask);
+    for_each_row([&]<unsigned int r>() __attribute__((always_inline)) {
+        if constexpr (r % 4 == 0) {
+            if (controlled && !(rows.on >> r & 1)) return;
+            V quad[4] = {a[r], a[r + 1], a[r + 2], a[r + 3]};
+            _Gate2QB<true>::update(quad, f);
+            for (unsigned int i = 0; i < 4; ++i)
+                a[r + i] = controlled ? V::select(chosen, quad[i], a[r + i]) : quad[i];
+        }
+    });
+}
+
+/// X where `rows` says so.
+template <unsigned int place, class V>
+PBLINALG_ALWAYS_INLINE void flip(V* a, Selected rows) {
+    const unsigned int flipped = rows.both();
+    if (flipped == 0) return;
+    for_each_pair<place>([&]<unsigned int r0, unsigned int r1>() __attribute__((always_inline)) {
+        if (flipped >> r0 & 1) {
+            const V old = a[r0];
+            a[r0] = a[r1];
+            a[r1] = old;
+        }
+    });
+}
+
+/// Calls `body.operator()<r>(chosen)` for every row r with its selected lanes. Mostly they are the
+/// same for all rows.
+template <class V, class Body>
+PBLINALG_ALWAYS_INLINE void for_each_row_by_lane(const CircuitStep& step, Selected rows,
+                                                 const Body& body) {
+    if (rows.on == 0) return;
+    const auto lanes_of_row = [&](unsigned int r) __attribute__((always_inline)) {
+        return V::lanes_in((step.lane_pattern ^ (0u - (rows.odd >> r & 1))) & step.lane_mask &
+                           (0u - (rows.on >> r & 1)));
+    };
+    if (step.row_pattern == 0 && step.row_mask == 0xFF) {
+        const typename V::Bits chosen = lanes_of_row(0);
+        for_each_row([&]<unsigned int r>()
+                         __attribute__((always_inline)) { body.template operator()<r>(chosen); });
+    } else {
+        for_each_row([&]<unsigned int r>() __attribute__((always_inline)) {
+            body.template operator()<r>(lanes_of_row(r));
+        });
+    }
+}
+
+template <unsigned int place, class V>
+PBLINALG_ALWAYS_INLINE void flip_by_lane(V* a, const CircuitStep& step, Selected rows) {
+    for_each_row_by_lane<V>(
+        step, rows, [&]<unsigned int r>(typename V::Bits chosen) __attribute__((always_inline)) {
+            if constexpr (place < row_bits && !(r >> place & 1)) {
+                constexpr unsigned int other = r | 1u << place;
+                const V old = a[r];
+                a[r] = V::select(chosen, a[other], old);
+                a[other] = V::select(chosen, old, a[other]);
+            }
+        });
+}
+
+/// X on a lane bit.
+template <unsigned int lane_bit, class V>
+PBLINALG_ALWAYS_INLINE void flip_lanes(V* a, Selected rows) {
+    const unsigned int flipped = rows.both();
+    if (flipped == 0) return;
+    for_each_row([&]<unsigned int r>() __attribute__((always_inline)) {
+        if (flipped >> r & 1) a[r] = a[r].template flip_lane_bit<lane_bit>();
+    });
+}
+
+template <unsigned int lane_bit, class V>
+PBLINALG_ALWAYS_INLINE void flip_lanes_by_lane(V* a, const CircuitStep& step, Selected rows) {
+    for_each_row_by_lane<V>(
+        step, rows, [&]<unsigned int r>(typename V::Bits chosen) __attribute__((always_inline)) {
+            a[r] = V::select(chosen, a[r].template flip_lane_bit<lane_bit>(), a[r]);
+        });
+}
+
+/// Exchanges a lane bit with row bit 0.
+template <unsigned int lane_bit, class V>
+PBLINALG_ALWAYS_INLINE void exchange_lane(V* a) {
+    for_each_pair<0>([&]<unsigned int r0, unsigned int r1>()
+                         __attribute__((always_inline)) { V::transpose(a[r0], a[r1], lane_bit); });
+}
+
+/// Exchanges row bits p and q.
+template <unsigned int p, unsigned int q, class V>
+PBLINALG_ALWAYS_INLINE void exchange_rows(V* a) {
+    for_each_row([&]<unsigned int r>() __attribute__((always_inline)) {
+        if constexpr (q < row_bits && (r >> p & 1) && !(r >> q & 1)) {
+            constexpr unsigned int other = r ^ (1u << p | 1u << q);
+            const V old = a[r];
+            a[r] = a[other];
+            a[other] = old;
+        }
+    });
+}
+
+/// A factor for each parity.
+template <RowsDiffer differ, class V, class T>
+PBLINALG_ALWAYS_INLINE void multiply(V* a, const T* factors, Selected rows) {
+    const FactorsAt<V, T> f{factors};
+    if constexpr (differ == otherwise) {
+        for_each_row([&]<unsigned int r>() __attribute__((always_inline)) {
+            a[r] = cmul(f[rows.odd >> r & 1], a[r]);
+        });
+    } else {
+        const unsigned int first = rows.odd & 1;
+        const typename V::Factor of_row_0 = f[first], of_others = f[first ^ 1];
+        for_each_row([&]<unsigned int r>() __attribute__((always_inline)) {
+            constexpr bool other = differ != nowhere && (r >> differ & 1);
+            a[r] = cmul(other ? of_others : of_row_0, a[r]);
+        });
+    }
+}
+
+/// The same where lanes of a vector differ, or under controls.
+template <bool controlled, class V, class T>
+PBLINALG_ALWAYS_INLINE void multiply_by_lane(V* a, const CircuitStep& step, const T* factors,
+                                             Selected rows) {
+    using Factor = typename V::Factor;
+    const FactorsAt<V, T> f{factors};
+    const Factor even = f[0], odd = f[1];
+    if (controlled && rows.on == 0) return;
+    const typename V::Bits on = V::lanes_in(step.lane_mask);
+    for_each_row([&]<unsigned int r>() __attribute__((always_inline)) {
+        if (controlled && !(rows.on >> r & 1)) return;
+        const auto chosen = V::lanes_in(step.lane_pattern ^ (0u - (rows.odd >> r & 1)));
+        const V fresh = cmul(Factor::select(chosen, odd, even), a[r]);
+        a[r] = controlled ? V::select(on, fresh, a[r]) : fresh;
+    });
+}
+
+/// A diagonal gate that leaves amplitudes of even parity alone.
+template <class Gate, RowsDiffer differ, class V, class T>
+PBLINALG_ALWAYS_INLINE void multiply_odd(V* a, const T* factors, Selected rows) {
+    const unsigned int multiplied = rows.both();
+    if (multiplied == 0) return;
+    const typename V::Factor f = FactorsAt<V, T>{factors}[1];
+    if constexpr (differ == otherwise) {
+        for_each_row([&]<unsigned int r>() __attribute__((always_inline)) {
+            if (multiplied >> r & 1) Gate::update(a + r, &f);
+        });
+    } else {
+        // Rows 0 and 1 << differ stand for all: no branch for every row.
+        const auto rows_with = [&]<bool value>() __attribute__((always_inline)) {
+            for_each_row([&]<unsigned int r>() __attribute__((always_inline)) {
+                if constexpr (differ == nowhere || (r >> differ & 1) == value)
+                    Gate::update(a + r, &f);
+            });
+        };
+        if (differ == nowhere || (multiplied & 1)) {
+            rows_with.template operator()<false>();
+        } else {
+            rows_with.template operator()<true>();
+        }
+    }
+}
+
+template <class Gate, class V, class T>
+PBLINALG_ALWAYS_INLINE void multiply_odd_by_lane(V* a, const CircuitStep& step, const T* factors,
+                                                 Selected rows) {
+    const typename V::Factor f = FactorsAt<V, T>{factors}[1];
+    for_each_row_by_lane<V>(
+        step, rows, [&]<unsigned int r>(typename V::Bits chosen) __attribute__((always_inline)) {
+            V fresh = a[r];
+            Gate::update(&fresh, &f);
+            a[r] = V::select(chosen, fresh, a[r]);
+        });
+}
+
+/// A factor per amplitude from a table, one row of it for each pattern of bits above the lanes.
+/// @param row  of the group's first vector.
+template <bool controlled, class V, class T>
+PBLINALG_ALWAYS_INLINE void multiply_by_table(V* a, const CircuitStep& step, const T* table,
+                                              const unsigned short* row_columns, Index row,
+                                              Selected rows) {
+    if (controlled && rows.on == 0) return;
+    const typename V::Bits on = V::lanes_in(step.lane_mask);
+    for_each_row([&]<unsigned int r>() __attribute__((always_inline)) {
+        if (controlled && !(rows.on >> r & 1)) return;
+        Index own = row;
+        for (unsigned int b = 0; b < row_bits; ++b)
+            own ^= r >> b & 1 ? row_columns[b] : 0;
+        const V fresh = cmul(V::load_factor(table + own * (2 * V::lanes)), a[r]);
+        a[r] = controlled ? V::select(on, fresh, a[r]) : fresh;
+    });
+}
+
+/// The exclusive or of the places of the set bits.
+PBLINALG_ALWAYS_INLINE Index place_of(Index bits, const unsigned short* places) {
+    Index place = 0;
+    for (; bits != 0; bits &= bits - 1)
+        place ^= places[__builtin_ctzll(bits)];
+    return place;
+}
+
+/// One step on the vectors of a group.
+/// @param index       of the group in the tile.
+/// @param row_lowest  the row bits of the window in the tile's index, lowest first.
+template <class V, class T>
+PBLINALG_ALWAYS_INLINE void run_step(V* a, const LiveStep& live, const TilePass<T>& pass,
+                                     Index index, const unsigned char* window_rows) {
+    const CircuitStep& step = *live.step;
+    const T* const factors = pass.factors + step.factors;
+    const auto rows = [&]() __attribute__((always_inline)) {
+        const unsigned int parity = has_odd_parity(index & step.tile_selects) ^ live.parity;
+        const bool on = ((index ^ step.control_values) & step.tile_controls) == 0;
+        return Selected{step.row_pattern ^ (0u - parity), on ? step.row_mask : 0u};
+    };
+    const auto multiply_by = [&]<bool controlled>() __attribute__((always_inline)) {
+        const TableLookup& lookup = pass.lookups[step.lookup];
+        unsigned short columns[row_bits];
+        for (unsigned int b = 0; b < row_bits; ++b)
+            columns[b] = lookup.of_tile_bit[window_rows[b]];
+        const Index row = live.parity ^ place_of(index & lookup.tile_bits, lookup.of_tile_bit);
+        multiply_by_table<controlled>(a, step, pass.tables + step.factors, columns, row, rows());
+    };
+    constexpr auto by_lane = StepForm::by_lane;
+    constexpr auto controlled = StepForm::controlled;
+    constexpr auto action = [](Action kind, unsigned int place, StepForm form = StepForm::plain) {
+        return step_action(kind, place, form);
+    };
+    // clang-format off
+#define PBLINALG_MIXING(kind, Gate)                                                       \
+        case action(Action::kind, 0): return mix<Gate, 0>(a, factors);                    \
+        case action(Action::kind, 1): return mix<Gate, 1>(a, factors);                    \
+        case action(Action::kind, 2): return mix<Gate, 2>(a, factors);                    \
+        case action(Action::kind, 0, controlled): return mix_controlled<Gate>(a, step, factors, rows());
+    switch (step.action) {
+        PBLINALG_MIXING(H, GateH)
+        PBLINALG_MIXING(Y, GateY)
+        PBLINALG_MIXING(RX, GateRX)
+        PBLINALG_MIXING(RY, GateRY)
+        PBLINALG_MIXING(YtoZ, GateYtoZ)
+        PBLINALG_MIXING(ZtoY, GateZtoY)
+        PBLINALG_MIXING(matrix1, _Gate1QB<true>)
+        case action(Action::matrix2, 0): return mix_two<false>(a, step, factors, {});
+        case action(Action::matrix2, 0, controlled): return mix_two<true>(a, step, factors, rows());
+        case action(Action::X, 0): return flip<0>(a, rows());
+        case action(Action::X, 1): return flip<1>(a, rows());
+        case action(Action::X, 2): return flip<2>(a, rows());
+        case action(Action::X, 0, by_lane): return flip_by_lane<0>(a, step, rows());
+        case action(Action::X, 1, by_lane): return flip_by_lane<1>(a, step, rows());
+        case action(Action::X, 2, by_lane): return flip_by_lane<2>(a, step, rows());
+        case action(Action::X, 4): return flip_lanes<0>(a, rows());
+        case action(Action::X, 5): return flip_lanes<1>(a, rows());
+        case action(Action::X, 6): return flip_lanes<2>(a, rows());
+        case action(Action::X, 7): return flip_lanes<3>(a, rows());
+        case action(Action::X, 4, by_lane): return flip_lanes_by_lane<0>(a, step, rows());
+        case action(Action::X, 5, by_lane): return flip_lanes_by_lane<1>(a, step, rows());
+        case action(Action::X, 6, by_lane): return flip_lanes_by_lane<2>(a, step, rows());
+        case action(Action::X, 7, by_lane): return flip_lanes_by_lane<3>(a, step, rows());
+        case action(Action::exchange_lane, 0): return exchange_lane<0>(a);
+        case action(Action::exchange_lane, 1): return exchange_lane<1>(a);
+        case action(Action::exchange_lane, 2): return exchange_lane<2>(a);
+        case action(Action::exchange_lane, 3): return exchange_lane<3>(a);
+        case action(Action::exchange_rows, 0): return exchange_rows<0, 1>(a);
+        case action(Action::exchange_rows, 1): return exchange_rows<0, 2>(a);
+        case action(Action::exchange_rows, 2): return exchange_rows<1, 2>(a);
+        case action(Action::both, 0): return multiply<in_bit_0>(a, factors, rows());
+        case action(Action::both, 1): return multiply<in_bit_1>(a, factors, rows());
+        case action(Action::both, 2): return multiply<in_bit_2>(a, factors, rows());
+        case action(Action::both, 3): return multiply<nowhere>(a, factors, rows());
+        case action(Action::both, 4): return multiply<otherwise>(a, factors, rows());
+        case action(Action::both, 0, by_lane): return multiply_by_lane<false>(a, step, factors, rows());
+        case action(Action::both, 0, controlled): return multiply_by_lane<true>(a, step, factors, rows());
+        case action(Action::phase, 0): return multiply_odd<GatePH<T>, in_bit_0>(a, factors, rows());
+        case action(Action::phase, 1): return multiply_odd<GatePH<T>, in_bit_1>(a, factors, rows());
+        case action(Action::phase, 2): return multiply_odd<GatePH<T>, in_bit_2>(a, factors, rows());
+        case action(Action::phase, 3): return multiply_odd<GatePH<T>, nowhere>(a, factors, rows());
+        case action(Action::phase, 4): return multiply_odd<GatePH<T>, otherwise>(a, factors, rows());
+        case action(Action::phase, 0, by_lane): return multiply_odd_by_lane<GatePH<T>>(a, step, factors, rows());
+        case action(Action::Z, 0): return multiply_odd<GateZ, in_bit_0>(a, factors, rows());
+        case action(Action::Z, 1): return multiply_odd<GateZ, in_bit_1>(a, factors, rows());
+        case action(Action::Z, 2): return multiply_odd<GateZ, in_bit_2>(a, factors, rows());
+        case action(Action::Z, 3): return multiply_odd<GateZ, nowhere>(a, factors, rows());
+        case action(Action::Z, 4): return multiply_odd<GateZ, otherwise>(a, factors, rows());
+        case action(Action::Z, 0, by_lane): return multiply_odd_by_lane<GateZ>(a, step, factors, rows());
+        case action(Action::table, 0): return multiply_by.template operator()<false>();
+        case action(Action::table, 0, controlled): return multiply_by.template operator()<true>();
+        default: __builtin_unreachable();
+    }
+#undef PBLINALG_MIXING
+    // clang-format on
+}
+
+/// Follows a walk over a tile from place to place.
+class PlaceWalk {
+  public:
+    /// @param base  of the tile in the state.
+    PBLINALG_ALWAYS_INLINE PlaceWalk(const Placement& placement, Index base, Index free_mask)
+        : free_mask_(free_mask), place_(placement.origin ^ place_of(base, placement.of_state_bit)) {
+        // The walk counts: every step sets one free bit and clears all below it.
+        unsigned short flips = 0;
+        for (Index rest = free_mask; rest != 0; rest &= rest - 1) {
+            const int b = __builtin_ctzll(rest);
+            flips ^= placement.of_tile_bit[b];
+            flips_[b] = flips;
+        }
+    }
+
+    PBLINALG_ALWAYS_INLINE Index place() const { return place_; }
+
+    /// From the step at `index` to the next one; from the last one anywhere.
+    PBLINALG_ALWAYS_INLINE void advance(Index index) {
+        const Index set = next_subset(index, free_mask_) & ~index;
+        place_ ^= flips_[__builtin_ctzll(set | bit(max_tile_bits))];
+    }
+
+  private:
+    Index free_mask_;
+    Index place_;
+    unsigned short flips_[max_tile_bits + 1] = {};
+};
+
+/// Tiles up to this size stay in the first-level cache.
+constexpr std::size_t first_level_bytes = 32 << 10;
+
+/// The gates of a window on one group of vectors after another.
+/// @param base      of the tile in the state.
+/// @param first     the steps that this tile needs, up to `last`.
+/// @param inspects  whether to look at the results.
+/// @return false when they might differ from the definition.
+template <Products products, class T>
+[[gnu::noinline]] bool run_window(PlanarMemory<T> tile, Index size, Index base,
+                                  const TilePass<T>& pass, const CircuitWindow& window,
+                                  const LiveStep* first, const LiveStep* last, bool inspects) {
+    using V = Planar<this_set, T, products>;
+    const Placement& placement = pass.placements[window.placement];
+    Index offsets[n_rows] = {};
+    unsigned char window_rows[row_bits] = {};
+    Index rows_left = window.active & ~(Index{V::lanes} - 1);
+    for (unsigned int b = 0, row = 1; row < n_rows; ++b, row *= 2, rows_left &= rows_left - 1) {
+        window_rows[b] = static_cast<unsigned char>(__builtin_ctzll(rows_left));
+        const Index place = placement.of_tile_bit[window_rows[b]];
+        for (unsigned int r = 0; r < row; ++r)
+            offsets[row + r] = offsets[r] ^ place;
+    }
+    const bool fetches = size * 2 * sizeof(T) > first_level_bytes;
+    const Index free_mask = (size - 1) & ~window.active;
+    PlaceWalk walk(placement, base, free_mask);
+    typename V::Inspection inspection;
+    walk_groups(
+        free_mask, 0, 0,
+        size >> count_bits(window.active), [&](Index index) __attribute__((always_inline)) {
+            const Index place = walk.place();
+            walk.advance(index);
+            if (fetches) {
+                // Strides hide the next group from the processor.
+                const Index next = walk.place();
+                for_each_row([&]<unsigned int r>() __attribute__((always_inline)) {
+                    __builtin_prefetch(tile.re + (next ^ offsets[r]), 1);
+                    __builtin_prefetch(tile.im + (next ^ offsets[r]), 1);
+                });
+            }
+            V a[n_rows];
+            for_each_row([&]<unsigned int r>() __attribute__((always_inline)) {
+                a[r] = V::load(tile, place ^ offsets[r]);
+            });
+            for (const LiveStep* live = first; live != last; ++live)
+                run_step(a, *live, pass, index, window_rows);
+            if (inspects) {
+                for_each_row([&]<unsigned int r>()
+                                 __attribute__((always_inline)) { inspection.look_at(a[r]); });
+            }
+            for_each_row([&]<unsigned int r>() __attribute__((always_inline)) {
+                a[r].store(tile, place ^ offsets[r]);
+            });
+        });
+    return inspection.passed();
+}
+
+template <class T>
+using Plain = Planar<this_set, T, Products::plain>;
+
+/// Copies a tile in, parts apart. The walk is the tile's: its active bits in the state.
+template <class T>
+void gather(const T* state, Index base, Index active, PlanarMemory<T> tile, Index size) {
+    using V = Plain<T>;
+    const Index above_lanes = active & ~(Index{V::lanes} - 1);
+    Index from = 0;
+    for (Index to = 0; to < size; to += V::lanes) {
+        V::deinterleave(state + 2 * (base | from)).store(tile, to);
+        from = next_subset(from, above_lanes);
+    }
+}
+
+/// Copies a tile back.
+template <bool past_cache, class T>
+void scatter(T* state, Index base, Index active, PlanarMemory<T> tile, Index size,
+             const Placement& placement) {
+    using V = Plain<T>;
+    constexpr Index lane_mask = Index{V::lanes} - 1;
+    PlaceWalk walk(placement, base, (size - 1) & ~lane_mask);
+    Index to = 0;
+    for (Index from = 0; from < size; from += V::lanes) {
+        V::load(tile, walk.place()).template interleave<past_cache>(state + 2 * (base | to));
+        walk.advance(from);
+        to = next_subset(to, active & ~lane_mask);
+    }
+}
+
+/// The steps of every window that do something to the tile at `base`.
+/// @param ends  receives the end of each window's steps.
+template <class T>
+void find_live_steps(const TilePass<T>& pass, Index base, LiveStep* live, LiveStep** ends) {
+    for (std::size_t w = 0; w < pass.n_windows; ++w) {
+        for (std::size_t s = pass.windows[w].first_step; s < pass.windows[w].last_step; ++s) {
+            const TileCondition& condition = pass.conditions[s];
+            if ((base ^ condition.values) & condition.controls) continue;
+            std::uint32_t parity = has_odd_parity(base & condition.selects);
+            if (pass.steps[s].action / 32 == static_cast<unsigned int>(Action::table)) {
+                const TableLookup& lookup = pass.lookups[pass.steps[s].lookup];
+                parity = lookup.origin;
+                for (unsigned int p = 0; p < max_table_bits; ++p)
+                    parity ^= std::uint32_t{has_odd_parity(base & lookup.of_state[p])} << p;
+            }
+            *live++ = {pass.steps + s, parity};
+        }
+        ends[w] = live;
+    }
+}
+
+/// Runs the whole sequence on a fresh copy of the tile.
+/// @return false when the result might differ from the definition.
+template <Products products, class T>
+[[gnu::noinline]] bool run_sequence(const T* state, Index base, const TilePass<T>& pass,
+                                    const LiveStep* live, const LiveStep* const* ends,
+                                    PlanarMemory<T> tile, Index size) {
+    gather(state, base, pass.active, tile, size);
+    // What went wrong on the way shows at the end: no gate turns NaN, an infinity or a wrong sign
+    // of 0 into an ordinary number.
+    bool passed = true;
+    for (std::size_t w = 0; w < pass.n_windows; ++w) {
+        const bool last = w + 1 == pass.n_windows;
+        if (live == ends[w] && !last) continue;
+        passed = run_window<products>(tile, size, base, pass, pass.windows[w], live, ends[w], last);
+        live = ends[w];
+    }
+    return passed;
+}
+
+}  // namespace
+
+template <InstructionSet set, class T>
+WindowShape window_shape() {
+    return {Plain<T>::lane_bits, row_bits};
+}
+
+template <InstructionSet set, class T>
+void run_tiles(T* state, const TilePass<T>& pass, Index begin, Index end, void* scratch,
+               bool& shortcut) {
+    const Index size = bit(count_bits(pass.active));
+    T* const parts = static_cast<T*>(scratch);
+    const PlanarMemory<T> tile{parts, parts + size + parts_gap / sizeof(T)};
+    auto* const live = reinterpret_cast<LiveStep*>(tile.im + size);
+    auto* const ends = reinterpret_cast<LiveStep**>(live + pass.n_steps);
+    walk_groups(pass.inactive, 0, begin, end, [&](Index base) {
+        find_live_steps(pass, base, live, ends);
+        const auto run = [&]<Products products>() {
+            return run_sequence<products>(state, base, pass, live, ends, tile, size);
+        };
+        shortcut = shortcut && run.template operator()<Products::without_zeros>();
+        if (!shortcut && !run.template operator()<Products::plain>()) {
+            run.template operator()<Products::recovered>();
+        }
+        const Placement& placement = pass.placements[pass.n_placements - 1];
+        if (pass.past_cache) {
+            scatter<true>(state, base, pass.active, tile, size, placement);
+        } else {
+            scatter<false>(state, base, pass.active, tile, size, placement);
+        }
+    });
+    if (pass.past_cache) Vector<this_set, T>::finish_past_cache();
+}
+
+#define PBLINALG_INSTANTIATE(T)                       \
+    template WindowShape window_shape<this_set, T>(); \
+    template void run_tiles<this_set, T>(T*, const TilePass<T>&, Index, Index, void*, bool&);
+PBLINALG_INSTANTIATE(float)
+PBLINALG_INSTANTIATE(double)
+
+}  // namespace pblinalg::cpu

@@ -1,0 +1,588 @@
+// Gate lists: what they hold, and their runs against definitions written out gate by gate.
+#include <omp.h>
+
+#include <stdexcept>
+
+#include "circuits/gate_matrix.hpp"
+#include "circuits/plan.hpp"
+#include "support/exact_reference.hpp"
+#include "support/textbook_reference.hpp"
+
+namespace pblinalg::test {
+namespace {
+
+using Complex = std::complex<double>;
+using Angles = std::vector<Angle>;
+
+template <class T>
+Formula<T> matrix_formula(std::initializer_list<std::complex<T>> entries) {
+    const Amplitudes<T> m(entries);
+    return [=](std::complex<T>* a) {
+        const auto a0 = a[0], a1 = a[1];
+        a[0] = m[0] * a0 + m[1] * a1;
+        a[1] = m[2] * a0 + m[3] * a1;
+    };
+}
+
+/// Two amplitudes of a group of four as RX mixes them.
+template <class T>
+void rotate_pair(std::complex<T>& a, std::complex<T>& b, T theta) {
+    std::complex<T> pair[] = {a, b};
+    Exact<T>::rx(theta)(pair);
+    a = pair[0];
+    b = pair[1];
+}
+
+template <class T>
+RowFormula<T> phase_on_row(std::size_t row, std::complex<T> phase) {
+    return [=](std::size_t r, std::complex<T>& a) { a = r == row ? phase * a : a; };
+}
+
+/// Applies a gate by its definition. Numbers only.
+template <class T>
+void define(Amplitudes<T>& state, const GateView& gate) {
+    using C = std::complex<T>;
+    using E = Exact<T>;
+    const Qubits targets(gate.targets.begin(), gate.targets.end());
+    Qubits controls;
+    for (unsigned int q = 0; q < 64; ++q) {
+        if (gate.controls.mask >> q & 1) controls.push_back(q);
+    }
+    // A control that must be 0 is one that must be 1 in other words.
+    const std::uint64_t flips = gate.controls.mask & ~gate.controls.values;
+    const auto relabel = [&] {
+        Amplitudes<T> moved(state.size());
+        for (std::size_t i = 0; i < state.size(); ++i)
+            moved[i] = state[i ^ flips];
+        state = moved;
+    };
+    const auto mix = [&](const Formula<T>& f) { apply_exactly<T>(state, targets, controls, f); };
+    const auto multiply = [&](const RowFormula<T>& f) {
+        apply_diagonal_exactly<T>(state, targets, controls, f);
+    };
+    const T half(0.5), c = E::c();
+    const T theta = gate.angles.empty() ? T(0) : static_cast<T>(gate.angles[0].offset);
+    const Amplitudes<T> values(gate.values.begin(), gate.values.end());
+    relabel();
+    switch (gate.kind) {
+        case GateKind::H:
+            mix(E::h);
+            break;
+        case GateKind::X:
+            mix(E::x);
+            break;
+        case GateKind::Y:
+            mix(E::y);
+            break;
+        case GateKind::Z:
+            multiply(E::z);
+            break;
+        case GateKind::S:
+            multiply(E::s);
+            break;
+        case GateKind::T:
+            multiply(E::t);
+            break;
+        case GateKind::Sdg:
+            multiply(phase_on_row<T>(1, C(0, -1)));
+            break;
+        case GateKind::Tdg:
+            multiply(phase_on_row<T>(1, C(c, -c)));
+            break;
+        case GateKind::SX:
+            mix(matrix_formula<T>({C(half, half), C(half, -half), C(half, -half), C(half, half)}));
+            break;
+        case GateKind::SXdg:
+            mix(matrix_formula<T>({C(half, -half), C(half, half), C(half, half), C(half, -half)}));
+            break;
+        case GateKind::PH:
+            multiply(E::ph(theta));
+            break;
+        case GateKind::GPHASE:
+            multiply(phase_on_row<T>(0, std::exp(C(0, 1) * theta)));
+            break;
+        case GateKind::RX:
+            mix(E::rx(theta));
+            break;
+        case GateKind::RY:
+            mix(E::ry(theta));
+            break;
+        case GateKind::RZ:
+            multiply(E::rz(theta));
+            break;
+        case GateKind::U: {
+            const double t = gate.angles[0].offset, p = gate.angles[1].offset,
+                         l = gate.angles[2].offset, co = std::cos(t / 2), s = std::sin(t / 2);
+            const auto times = [](double angle, double r) {
+                return Complex(std::cos(angle) * r, std::sin(angle) * r);
+            };
+            mix(matrix_formula<T>(
+                {C(Complex(co, 0)), C(-times(l, s)), C(times(p, s)), C(times(p + l, co))}));
+            break;
+        }
+        case GateKind::YtoZ:
+            mix(E::y_to_z);
+            break;
+        case GateKind::ZtoY:
+            mix(E::z_to_y);
+            break;
+        case GateKind::SWAP:
+            mix(E::swap);
+            break;
+        case GateKind::SQRTSWAP:
+            mix(E::sqrt_swap);
+            break;
+        case GateKind::SQRTSWAPdg:
+            mix([=](C* a) {
+                const C a1 = a[1], a2 = a[2], stay(half, -half), cross(half, half);
+                a[1] = stay * a1 + cross * a2;
+                a[2] = cross * a1 + stay * a2;
+            });
+            break;
+        case GateKind::ISWAP:
+            mix(E::iswap);
+            break;
+        case GateKind::ISWAPdg:
+            mix([](C* a) {
+                const C a1 = a[1], a2 = a[2];
+                a[1] = C(0, -1) * a2;
+                a[2] = C(0, -1) * a1;
+            });
+            break;
+        case GateKind::RXX:
+            mix([=](C* a) {
+                rotate_pair(a[0], a[3], theta);
+                rotate_pair(a[1], a[2], theta);
+            });
+            break;
+        case GateKind::RYY:
+            mix([=](C* a) {
+                rotate_pair(a[0], a[3], -theta);
+                rotate_pair(a[1], a[2], theta);
+            });
+            break;
+        case GateKind::RZZ:
+            multiply([f = E::rz(theta)](std::size_t row, C& a) { f(row == 1 || row == 2, a); });
+            break;
+        case GateKind::matrix:
+            apply_matrix_exactly(state, targets, controls, values);
+            break;
+        case GateKind::diagonal:
+            multiply([&](std::size_t row, C& a) { a = values[row] * a; });
+            break;
+        case GateKind::phase_oracle:
+            multiply([&](std::size_t row, C& a) {
+                if (std::ranges::count(gate.marked, row) > 0) a = E::negated(a);
+            });
+            break;
+    }
+    relabel();
+}
+
+/// Random gates of all kinds on n qubits.
+class Dice {
+  public:
+    explicit Dice(std::uint64_t seed) : generator_(seed) {}
+    unsigned int below(unsigned int n) { return static_cast<unsigned int>(generator_() % n); }
+
+    Qubits qubits(unsigned int n, unsigned int count) {
+        Qubits all(n);
+        for (unsigned int q = 0; q < n; ++q)
+            all[q] = q;
+        std::shuffle(all.begin(), all.end(), generator_);
+        all.resize(count);
+        return all;
+    }
+
+    /// @return false, with nothing added, when the gate does not fit.
+    bool add(GateList& list, GateKind kind, unsigned int n) {
+        static constexpr double angles[] = {0, 0.3, -1.7, 3.141592653589793, 1e-4, 2.5};
+        unsigned int k = info(kind).n_targets;
+        if (kind == GateKind::matrix) k = 1 + below(2);
+        if (kind == GateKind::diagonal) k = below(std::min(n, 8u) + 1);
+        if (kind == GateKind::phase_oracle) k = below(n + 1);
+        if (k > n) return false;
+        const unsigned int most = std::min(n - k, below(3) == 0 ? 5u : 1u);
+        const Qubits chosen = qubits(n, k + (below(2) ? 0 : below(most + 1)));
+        const Qubits targets(chosen.begin(), chosen.begin() + k);
+        const Qubits controls(chosen.begin() + k, chosen.end());
+        const Controls condition(controls, below(3) == 0 ? generator_() : ~std::uint64_t{0});
+        if (kind == GateKind::phase_oracle) {
+            std::vector<std::uint64_t> marked;
+            for (unsigned int m = below(8) == 0 ? 100 : below(4); m > 0; --m)
+                marked.push_back(generator_() % (std::uint64_t{1} << k));
+            list.add_phase_oracle(marked, targets, condition);
+        } else if (has_values(kind)) {
+            auto values =
+                filled<double>(std::size_t{1} << (kind == GateKind::matrix ? 2 * k : k),
+                               below(4) ? Filling::ordinary : Filling::signed_zeros, generator_());
+            if (kind == GateKind::matrix) {
+                list.add_matrix(targets, values, condition);
+            } else {
+                list.add_diagonal(targets, values, condition);
+            }
+        } else {
+            Angles own;
+            for (unsigned int a = 0; a < info(kind).n_angles; ++a)
+                own.emplace_back(below(500) == 0 ? std::numeric_limits<double>::infinity()
+                                                 : angles[below(6)]);
+            list.add(kind, targets, own, condition);
+        }
+        return true;
+    }
+
+    GateList list(unsigned int n, int n_gates) {
+        GateList gates;
+        const bool moves = below(3) == 0;
+        while (static_cast<int>(gates.size()) < n_gates) {
+            // Some lists mostly move amplitudes, and most CNOTs come back after diagonals.
+            const auto kind = moves && below(3) ? (below(3) ? GateKind::X : GateKind::SWAP)
+                                                : static_cast<GateKind>(below(gate_table.size()));
+            if (!add(gates, kind, n) || kind != GateKind::X || below(2)) continue;
+            const GateList opening(gates);
+            for (unsigned int d = below(3); d > 0; --d)
+                add(gates, below(2) ? GateKind::RZ : GateKind::T, n);
+            gates.append(opening[opening.size() - 1]);
+        }
+        return gates;
+    }
+
+  private:
+    std::mt19937_64 generator_;
+};
+
+template <class T>
+Amplitudes<T> by_definition(const GateList& list, Amplitudes<T> state) {
+    for (const GateView gate : list)
+        define(state, gate);
+    return state;
+}
+
+template <class T>
+Amplitudes<T> amplitudes_of(const StateVector<T>& state) {
+    return {state.state.get(), state.state.get() + state.size};
+}
+
+template <class T>
+Amplitudes<T> by_run(const GateList& list, const Amplitudes<T>& before, int workers = 1,
+                     std::span<const double> values = {}) {
+    StateVector<T> state(qubits_of(before.size()));
+    load(state, before);
+    state.set_num_threads(workers);
+    EXPECT_EQ(run(state, list, values).gates_done, list.size());
+    return amplitudes_of(state);
+}
+
+/// Gate by gate, each in a list and so in a plan of its own.
+template <class T>
+Amplitudes<T> one_by_one(const GateList& list, const Amplitudes<T>& before) {
+    StateVector<T> state(qubits_of(before.size()));
+    load(state, before);
+    for (const GateView gate : list)
+        run(state, GateList().append(gate));
+    return amplitudes_of(state);
+}
+
+template <class T>
+class GateLists : public ::testing::Test {};
+TYPED_TEST_SUITE(GateLists, Precisions);
+
+TYPED_TEST(GateLists, ApplyEveryGateByItsDefinition) {
+    using T = TypeParam;
+    Dice dice(1);
+    for (const GateInfo& gate : gate_table) {
+        // Below 6 or 7 qubits gates run alone, above in windows.
+        for (unsigned int n = 1; n <= 8; ++n) {
+            for (int repeat = 0; repeat < 12; ++repeat) {
+                GateList list;
+                if (!dice.add(list, gate.kind, n)) continue;
+                const auto before = filled<T>(std::size_t{1} << n, all_fillings[repeat % 4], n);
+                const auto expected = by_definition(list, before);
+                for_each_instruction_set([&] {
+                    EXPECT_TRUE(same_bits(by_run(list, before).data(), expected))
+                        << gate.name << " on " << n << " qubits, repeat " << repeat;
+                });
+            }
+        }
+    }
+}
+
+TYPED_TEST(GateLists, RunAsTheirGatesInOrderToTheLastBit) {
+    using T = TypeParam;
+    std::uint64_t seed = 0;
+    for (unsigned int n = 1; n <= 9; ++n) {
+        for (const int n_gates : {3, 8, 30, 80}) {
+            for (const Filling filling : all_fillings) {
+                const GateList list = Dice(seed).list(n, n_gates);
+                const auto before = filled<T>(std::size_t{1} << n, filling, seed);
+                const auto expected = by_definition(list, before);
+                for_each_instruction_set([&] {
+                    EXPECT_TRUE(same_bits(by_run(list, before).data(), expected))
+                        << n << " qubits, " << n_gates << " gates, seed " << seed;
+                });
+                ++seed;
+            }
+        }
+    }
+}
+
+TYPED_TEST(GateLists, RunAsTheirGatesInOrderAroundTheSizesOfCaches) {
+    using T = TypeParam;
+    std::uint64_t seed = 500;
+    for (unsigned int n = 12; n <= 18; ++n) {
+        for (const Filling filling : all_fillings) {
+            const GateList list = Dice(seed).list(n, 90);
+            const auto before = filled<T>(std::size_t{1} << n, filling, seed);
+            const auto expected = one_by_one(list, before);
+            omp_set_num_threads(n % 2 == 0 ? 3 : 5);
+            for (const int workers : {1, 0}) {
+                EXPECT_TRUE(same_bits(by_run(list, before, workers).data(), expected))
+                    << n << " qubits, seed " << seed << ", workers " << workers;
+            }
+            ++seed;
+        }
+    }
+    omp_set_num_threads(omp_get_num_procs());
+    const GateList long_list = Dice(seed).list(17, 700);
+    const auto before = filled<T>(std::size_t{1} << 17, Filling::ordinary, seed);
+    for_each_instruction_set([&] {
+        EXPECT_TRUE(same_bits(by_run(long_list, before, 2).data(), one_by_one(long_list, before)));
+    });
+}
+
+TYPED_TEST(GateLists, ApplyMatricesOfManyQubitsAsTheMembersDo) {
+    using T = TypeParam;
+    for (const unsigned int n : {5u, 9u, 13u}) {
+        const auto before = filled<T>(std::size_t{1} << n, Filling::ordinary, n);
+        const auto entries = filled<T>(64, Filling::ordinary, 3);
+        const auto diag = filled<T>(std::size_t{1} << n, Filling::ordinary, 4);
+        Qubits all(n);
+        for (unsigned int q = 0; q < n; ++q)
+            all[q] = (q + 3) % n;
+        const std::vector<Complex> matrix(entries.begin(), entries.end());
+        GateList list;
+        list.add(GateKind::H, 0)
+            .add_matrix({4, 0, 2}, matrix, {1})
+            .add(GateKind::X, 3, Controls({0}));
+        list.add_diagonal(all, std::vector<Complex>(diag.begin(), diag.end()));
+        StateVector<T> state(n);
+        load(state, before);
+        state.apply_H(0);
+        state.apply_nqbit_ctrl_gate({1}, {4, 0, 2}, entries);
+        state.apply_CNOT(0, 3);
+        Amplitudes<T> full(diag);
+        auto expected = amplitudes_of(state);
+        apply_diagonal_exactly<T>(expected, all, {},
+                                  [&](std::size_t row, auto& a) { a = full[row] * a; });
+        EXPECT_TRUE(same_bits(by_run(list, before).data(), expected)) << n;
+    }
+}
+
+TYPED_TEST(GateLists, FillInParametersWithoutANewPlan) {
+    using T = TypeParam;
+    const unsigned int n = 8;
+    const auto before = filled<T>(std::size_t{1} << n, Filling::ordinary, 1);
+    GateList list;
+    const auto build = [&](GateList& to, const auto& angle) {
+        for (const GateInfo& gate : gate_table) {
+            if (gate.n_angles == 0) continue;
+            Angles angles;
+            for (unsigned int a = 0; a < gate.n_angles; ++a)
+                angles.push_back(angle(a, 1.0 + a, 0.25));
+            const Qubits targets{1, 6};
+            to.add(gate.kind, QubitList(std::span(targets).first(gate.n_targets)), angles, {3});
+        }
+    };
+    build(list, [](std::uint32_t p, double scale, double offset) {
+        return Angle::of_parameter(p, scale, offset);
+    });
+    EXPECT_EQ(list.n_parameters(), 3u);
+    const auto plans = list.plans();
+    for (const std::vector<double>& values :
+         {std::vector<double>{0.3, -1.1, 2.2}, std::vector<double>{-0.7, 0.0, 1.5}}) {
+        GateList numbers;
+        build(numbers, [&](std::uint32_t p, double scale, double offset) {
+            return Angle(offset + scale * values[p]);
+        });
+        EXPECT_TRUE(same_bits(by_run(list, before, 1, values).data(), by_run(numbers, before)));
+    }
+    EXPECT_EQ(list.plans(), plans);
+    list.add(GateKind::X, 0);
+    EXPECT_NE(list.plans(), plans);
+}
+
+TYPED_TEST(GateLists, StopBetweenPassesWithExactlyTheFirstGatesDone) {
+    using T = TypeParam;
+    const unsigned int n = 17;
+    const GateList list = Dice(77).list(n, 400);
+    const auto before = filled<T>(std::size_t{1} << n, Filling::ordinary, 1);
+    for (const bool throws : {false, true}) {
+        for (const int calls : {1, 2, 4}) {
+            StateVector<T> state(n);
+            load(state, before);
+            std::vector<std::size_t> seen;
+            RunOptions options;
+            options.between_passes = [&](std::size_t done) {
+                seen.push_back(done);
+                if (static_cast<int>(seen.size()) < calls) return true;
+                if (throws) throw std::runtime_error("stop");
+                return false;
+            };
+            std::size_t done = 0;
+            if (throws) {
+                EXPECT_THROW(run(state, list, {}, options), std::runtime_error);
+            } else {
+                const RunReport report = run(state, list, {}, options);
+                EXPECT_FALSE(report.finished());
+                done = report.gates_done;
+                EXPECT_LE(seen.back(), done);
+                EXPECT_LT(done, list.size());
+                GateList first;
+                for (std::size_t i = 0; i < done; ++i)
+                    first.append(list[i]);
+                EXPECT_TRUE(same_bits(state, one_by_one(first, before))) << calls;
+            }
+            EXPECT_EQ(static_cast<int>(seen.size()), calls);
+            EXPECT_TRUE(std::ranges::is_sorted(seen));
+        }
+    }
+}
+
+/// Layers on n qubits: `on_qubit` for each of them, then CNOTs on neighbours.
+template <class OnQubit>
+GateList layered(unsigned int n, unsigned int layers, unsigned int step, const OnQubit& on_qubit) {
+    GateList list;
+    for (unsigned int layer = 0; layer < layers; ++layer) {
+        for (unsigned int q = 0; q < n; ++q)
+            on_qubit(list, layer, q);
+        for (unsigned int q = step == 2 ? layer % 2 : 0; q + 1 < n; q += step)
+            list.add(GateKind::X, q + 1, Controls({q}));
+    }
+    return list;
+}
+
+/// What a planner makes of a list on a state that two workers share.
+template <class T>
+typename cpu::Plan<T>::Counts counts_of(const GateList& list, unsigned int n) {
+    cpu::Program<T> program;
+    program.nqubits = n;
+    for (const GateView gate : list)
+        cpu::lower(gate, program);
+    return cpu::Plan<T>(std::move(program), cpu::plan_shape<T>(n, 2)).counts();
+}
+
+TYPED_TEST(GateLists, TakeFewPassesOverTheState) {
+    using T = TypeParam;
+    const unsigned int n = 24;
+    const bool wide = sizeof(T) == 4;
+    const GateList brickwork = layered(n, 20, 2, [](GateList& list, auto layer, auto q) {
+        static constexpr GateKind axes[] = {GateKind::RX, GateKind::RY, GateKind::RZ};
+        list.add(axes[(layer + q) % 3], q, 0.1 * layer + q);
+    });
+    const GateList u3_cx = layered(n, 20, 1, [](GateList& list, auto, auto q) {
+        list.add(GateKind::U, q, std::vector<Angle>{0.1, 0.2, 0.3});
+    });
+    GateList qft, ladder;
+    for (unsigned int target = 0; target < n; ++target) {
+        qft.add(GateKind::H, target);
+        for (unsigned int control = target + 1; control < n; ++control)
+            qft.add(GateKind::PH, target, 0.1, Controls({control}));
+    }
+    for (unsigned int q = 0; q < n / 2; ++q)
+        qft.add(GateKind::SWAP, {q, n - 1 - q});
+    // Rotations about ZZ, written out: all that is left are diagonals, in one sweep.
+    for (unsigned int q = 0; q + 1 < n; ++q) {
+        ladder.add(GateKind::X, q + 1, Controls({q})).add(GateKind::RZ, q + 1, 0.2);
+        ladder.add(GateKind::X, q + 1, Controls({q}));
+    }
+    struct Case {
+        const char* name;
+        const GateList& list;
+        std::size_t passes, windows;  ///< the latter with vectors of 64 bytes
+    };
+    for (const Case& c : {Case{"brickwork", brickwork, wide ? 29u : 32u, wide ? 103u : 106u},
+                          Case{"u3_cx", u3_cx, wide ? 38u : 40u, wide ? 134u : 140u},
+                          Case{"qft", qft, wide ? 2u : 5u, 7u}, Case{"ladder", ladder, 1u, 1u}}) {
+        for_each_instruction_set([&] {
+            const auto counts = counts_of<T>(c.list, n);
+            EXPECT_LE(counts.passes + counts.alone, c.passes) << c.name;
+            const bool widest = cpu::active_instruction_set() == cpu::InstructionSet::avx512;
+            EXPECT_LE(counts.windows, widest ? c.windows : 5 * c.windows) << c.name;
+        });
+    }
+}
+
+TEST(GateList, InvertsAndConjugates) {
+    const unsigned int n = 6;
+    const auto near = [](const Amplitudes<double>& a, const Amplitudes<double>& b) {
+        double worst = 0;
+        for (std::size_t i = 0; i < a.size(); ++i)
+            worst = std::max(worst, std::abs(a[i] - b[i]));
+        return worst;
+    };
+    Dice dice(5);
+    for (const GateInfo& gate : gate_table) {
+        for (int repeat = 0; repeat < 8; ++repeat) {
+            const auto before = filled<double>(std::size_t{1} << n, Filling::ordinary, 9);
+            GateList list;
+            if (gate.kind == GateKind::matrix) {
+                list.add_matrix({3, 1}, gate_matrix(GateKind::ISWAP, {}), {0});
+                list.add_matrix(2u, gate_matrix(GateKind::U, std::vector{0.3, 0.4, -0.8}));
+            } else if (gate.kind == GateKind::diagonal) {
+                list.add_diagonal({3, 1}, std::vector<Complex>{1, {0, 1}, -1, {0.6, 0.8}});
+            } else {
+                while (list.empty() || !std::isfinite(std::abs(by_run(list, before)[0])) ||
+                       !std::isfinite(std::abs(by_run(list, before).back()))) {
+                    list.clear();
+                    dice.add(list, gate.kind, n);
+                }
+            }
+            const auto after = by_run(list, before);
+            EXPECT_LT(near(by_run(list.inverse(), after), before), 1e-12) << gate.name;
+            auto conjugate_before = before, conjugate_after = after;
+            for (auto* state : {&conjugate_before, &conjugate_after}) {
+                for (Complex& a : *state)
+                    a = std::conj(a);
+            }
+            EXPECT_LT(near(by_run(list.conjugate(), conjugate_before), conjugate_after), 1e-12)
+                << gate.name;
+        }
+    }
+}
+
+TEST(GateList, GivesItsGatesBack) {
+    GateList list;
+    const std::vector<Complex> diagonal{1, -1, 1, 1};
+    list.add(GateKind::H, 2).add(GateKind::RXX, {4, 1}, 0.5, {0});
+    list.add_diagonal({5, 0}, diagonal).add_phase_oracle(std::vector<std::uint64_t>{3}, {1, 2});
+    list.add(GateKind::U, 7, std::vector<Angle>{0.1, Angle::of_parameter(4), 0.3},
+             Controls({3}, 0));
+    EXPECT_EQ(list.size(), 5u);
+    EXPECT_EQ(list.n_qubits(), 8u);
+    EXPECT_EQ(list.n_parameters(), 5u);
+    EXPECT_EQ(list[1].targets[0], 4u);
+    EXPECT_EQ(list[1].angles[0], Angle(0.5));
+    EXPECT_EQ(list[1].controls, Controls({0}));
+    EXPECT_EQ(list[2].values[1], -1.0);
+    EXPECT_EQ(list[3].marked[0], 3u);
+    EXPECT_EQ(list[4].controls, Controls({3}, 0));
+
+    GateList copy(list);
+    EXPECT_EQ(copy, list);
+    copy.append(copy);
+    EXPECT_EQ(copy.size(), 10u);
+    EXPECT_EQ(copy[8], list[3]);
+    EXPECT_NE(copy, list);
+    const GateList shifted = list.shifted(2);
+    EXPECT_EQ(shifted.n_qubits(), 10u);
+    EXPECT_EQ(shifted[1].targets[0], 6u);
+    EXPECT_EQ(shifted[1].controls, Controls({2}));
+    EXPECT_NE(GateList().add(GateKind::H, 0), GateList().add(GateKind::H, 0, Controls({1})));
+    EXPECT_EQ(GateList().add(GateKind::H, 0).inverse(), GateList().add(GateKind::H, 0));
+    copy.clear();
+    EXPECT_TRUE(copy.empty());
+    EXPECT_EQ(copy.n_qubits(), 0u);
+}
+
+}  // namespace
+}  // namespace pblinalg::test
