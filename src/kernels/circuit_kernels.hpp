@@ -186,7 +186,7 @@ template <class T>
 constexpr std::size_t tile_scratch_bytes(unsigned int tile_bits, std::size_t n_steps,
                                          std::size_t n_windows) {
     return (2 * sizeof(T) << tile_bits) + parts_gap + n_steps * sizeof(LiveStep) +
-           n_windows * sizeof(LiveStep*);
+           n_windows * sizeof(void*);  // where the steps of each begin
 }
 
 /// Bits of a window: those inside one vector of `set`, and those that tell its vectors apart.
