@@ -1,7 +1,6 @@
 // The circuit record, and its simulation against the members that its names stand for.
-#include <omp.h>
-
-#include <functional>
+#include <algorithm>
+#include <iterator>
 #include <stdexcept>
 #include <string>
 
@@ -14,86 +13,7 @@ template <class T>
 using Circuit = PybindLinAlgWCircuit<T>;
 
 template <class T>
-class Circuits : public ::testing::Test {
-  protected:
-    struct Gate {
-        const char* name;
-        bool has_angle;
-        unsigned int n_qubits;
-        std::function<void(StateVector<T>&, const Qubits& q, T angle)> apply;
-    };
-    using S = StateVector<T>;
-    const std::vector<Gate> vocabulary{
-        {"H", false, 1, [](S& s, const Qubits& q, T) { s.apply_H(q[0]); }},
-        {"X", false, 1, [](S& s, const Qubits& q, T) { s.apply_X(q[0]); }},
-        {"Y", false, 1, [](S& s, const Qubits& q, T) { s.apply_Y(q[0]); }},
-        {"Z", false, 1, [](S& s, const Qubits& q, T) { s.apply_Z(q[0]); }},
-        {"RX", true, 1, [](S& s, const Qubits& q, T angle) { s.apply_RX(q[0], angle); }},
-        {"RY", true, 1, [](S& s, const Qubits& q, T angle) { s.apply_RY(q[0], angle); }},
-        {"RZ", true, 1, [](S& s, const Qubits& q, T angle) { s.apply_RZ(q[0], angle); }},
-        {"PH", true, 1, [](S& s, const Qubits& q, T angle) { s.apply_PH(q[0], angle); }},
-        {"T", false, 1, [](S& s, const Qubits& q, T) { s.apply_T(q[0]); }},
-        {"CNOT", false, 2, [](S& s, const Qubits& q, T) { s.apply_CNOT(q[0], q[1]); }},
-        {"SWAP", false, 2, [](S& s, const Qubits& q, T) { s.apply_SWAP(q[0], q[1]); }},
-    };
-
-    /// States on which different shortcuts hold, some of them only in parts of the state.
-    static std::vector<Amplitudes<T>> starts(unsigned int n, std::uint64_t seed) {
-        const std::size_t size = std::size_t{1} << n;
-        std::vector<Amplitudes<T>> states{Amplitudes<T>(size)};
-        states[0][0] = 1;
-        for (const Filling filling : all_fillings)
-            states.push_back(filled<T>(size, filling, seed));
-        for (const T special : {-T(0), std::numeric_limits<T>::infinity()}) {
-            states.push_back(filled<T>(size, Filling::ordinary, seed));
-            states.back()[seed * 7919 % size] = {special, T(0.5)};
-        }
-        return states;
-    }
-
-    /// Runs random gates through the driver and, one by one, through the members.
-    void check_random_circuit(unsigned int n, int n_gates, const Amplitudes<T>& before,
-                              std::uint64_t seed, int num_threads) {
-        static constexpr T angles[] = {0, T(0.3), T(-1.7), T(3.141592653589793), T(1e-4)};
-        std::mt19937_64 generator(seed);
-        const auto below = [&](unsigned int n) {
-            return static_cast<unsigned int>(generator() % n);
-        };
-        S by_circuit(n), by_members(n);
-        load(by_circuit, before);
-        load(by_members, before);
-        by_circuit.set_num_threads(num_threads);
-        Circuit<T> circuit(n);
-        const auto add = [&](const Gate& gate, const Qubits& qubits) {
-            const T angle =
-                below(1000) == 0 ? std::numeric_limits<T>::infinity() : angles[below(5)];
-            circuit.add_gate(gate.name, gate.has_angle ? std::vector<T>{angle} : std::vector<T>{},
-                             qubits);
-            gate.apply(by_members, qubits, angle);
-        };
-        for (int g = 0; g < n_gates; ++g) {
-            // Half of the circuits mostly move amplitudes: X, CNOT, SWAP.
-            static constexpr unsigned int permutations[] = {1, 9, 10};
-            const bool moves = n > 1 && seed % 2 == 0 && below(4) > 0;
-            const Gate& gate = vocabulary[moves ? permutations[below(3)] : below(n == 1 ? 9 : 11)];
-            Qubits qubits{below(n)};
-            if (gate.n_qubits == 2) qubits.push_back((qubits[0] + 1 + below(n - 1)) % n);
-            add(gate, qubits);
-            // CNOT, diagonal gates, the same CNOT: a diagonal on the parity of two qubits.
-            if (std::string(gate.name) != "CNOT" || below(2) == 0) continue;
-            for (unsigned int d = below(3) + 1; d > 0; --d) {
-                static constexpr int diagonals[] = {3, 6, 7, 8};
-                add(vocabulary[diagonals[below(4)]], {qubits[below(2)]});
-            }
-            add(gate, qubits);
-        }
-        by_circuit.simulate_circuit(circuit);
-        const Amplitudes<T> expected(&by_members.state[0], &by_members.state[0] + before.size());
-        EXPECT_TRUE(same_bits(by_circuit, expected))
-            << n << " qubits, " << n_gates << " gates, seed " << seed << ", workers "
-            << num_threads;
-    }
-};
+class Circuits : public ::testing::Test {};
 TYPED_TEST_SUITE(Circuits, Precisions);
 
 TYPED_TEST(Circuits, RecordCopiesOfWhatTheyAreGiven) {
@@ -118,42 +38,45 @@ TYPED_TEST(Circuits, RecordCopiesOfWhatTheyAreGiven) {
                 circuit.gate_params.empty());
 }
 
-TYPED_TEST(Circuits, RunAsTheirMembersDoToTheLastBit) {
-    std::uint64_t seed = 0;
-    for (unsigned int n = 1; n <= 8; ++n) {
-        // In short circuits special values stay few, in long ones they spread.
-        for (const int n_gates : {3, 5, 8, 40, 150}) {
-            for (const auto& before : this->starts(n, seed)) {
-                for_each_instruction_set(
-                    [&] { this->check_random_circuit(n, n_gates, before, seed++, 1); });
+TYPED_TEST(Circuits, RunAsListsOfTheSameGates) {
+    using T = TypeParam;
+    static constexpr T angles[] = {0, T(0.3), T(-1.7), T(3.141592653589793),
+                                   std::numeric_limits<T>::infinity()};
+    std::vector<GateInfo> known;
+    std::ranges::copy_if(gate_table, std::back_inserter(known), &GateInfo::in_record);
+    ASSERT_EQ(known.size(), 10u);
+    for (const unsigned int n : {2u, 5u, 9u, 17u}) {
+        std::mt19937_64 generator(n);
+        Circuit<T> circuit(n);
+        GateList list;
+        // More gates than are read at a time.
+        for (int g = 0; g < 1500; ++g) {
+            const auto first = static_cast<unsigned int>(generator() % n);
+            const Qubits qubits{first,
+                                (first + 1 + static_cast<unsigned int>(generator() % (n - 1))) % n};
+            const std::size_t which = generator() % 11;
+            if (which == 10) {
+                circuit.add_gate("CNOT", {}, qubits);
+                list.add(GateKind::X, qubits[1], Controls({qubits[0]}));
+                continue;
             }
+            const GateInfo& gate = known[which];
+            const T angle = angles[generator() % (g < 1400 ? 4 : 5)];
+            const QubitList targets = std::span<const unsigned int>(qubits).first(gate.n_targets);
+            circuit.add_gate(std::string(gate.name),
+                             gate.n_angles ? std::vector<T>{angle} : std::vector<T>{}, qubits);
+            gate.n_angles ? list.add(gate.kind, targets, angle) : list.add(gate.kind, targets);
         }
+        const auto before = filled<T>(std::size_t{1} << n, Filling::rare_extremes, n);
+        StateVector<T> by_circuit(n), by_list(n);
+        load(by_circuit, before);
+        load(by_list, before);
+        by_circuit.set_num_threads(2);
+        by_circuit.simulate_circuit(circuit);
+        run(by_list, list);
+        EXPECT_TRUE(same_bits(by_circuit,
+                              Amplitudes<T>(&by_list.state[0], &by_list.state[0] + before.size())));
     }
-    for_each_instruction_set(
-        [&] { this->check_random_circuit(8, 20000, this->starts(8, seed)[1], seed, 1); });
-}
-
-TYPED_TEST(Circuits, RunAsTheirMembersDoAroundTheSizesOfCaches) {
-    // Tiles have 15 or 16 qubits, and workers share states from 14 or 15 on.
-    std::uint64_t seed = 1000;
-    for (unsigned int n = 9; n <= 18; ++n) {
-        for (const auto& before : this->starts(n, seed)) {
-            // 0 asks for the default team.
-            omp_set_num_threads(n % 2 == 0 ? 3 : 5);
-            this->check_random_circuit(n, n < 16 ? 60 : 120, before, seed,
-                                       static_cast<int>(seed % 3));
-            ++seed;
-        }
-    }
-    omp_set_num_threads(omp_get_num_procs());
-    this->check_random_circuit(17, 0, this->starts(17, seed)[1], seed, 2);
-    this->check_random_circuit(17, 3, this->starts(17, seed)[1], seed, 2);
-}
-
-TYPED_TEST(Circuits, RunAsTheirMembersDoOnStatesBeyondTheCaches) {
-    const unsigned int n = sizeof(TypeParam) == 8 ? 22 : 23;
-    const auto before = filled<TypeParam>(std::size_t{1} << n, Filling::ordinary, 7);
-    for_each_instruction_set([&] { this->check_random_circuit(n, 25, before, 7, 2); });
 }
 
 TYPED_TEST(Circuits, PrepareABellState) {

@@ -64,52 +64,23 @@ void define(Amplitudes<T>& state, const GateView& gate) {
     const T theta = gate.angles.empty() ? T(0) : static_cast<T>(gate.angles[0].offset);
     const Amplitudes<T> values(gate.values.begin(), gate.values.end());
     relabel();
+    // clang-format off
     switch (gate.kind) {
-        case GateKind::H:
-            mix(E::h);
-            break;
-        case GateKind::X:
-            mix(E::x);
-            break;
-        case GateKind::Y:
-            mix(E::y);
-            break;
-        case GateKind::Z:
-            multiply(E::z);
-            break;
-        case GateKind::S:
-            multiply(E::s);
-            break;
-        case GateKind::T:
-            multiply(E::t);
-            break;
-        case GateKind::Sdg:
-            multiply(phase_on_row<T>(1, C(0, -1)));
-            break;
-        case GateKind::Tdg:
-            multiply(phase_on_row<T>(1, C(c, -c)));
-            break;
-        case GateKind::SX:
-            mix(matrix_formula<T>({C(half, half), C(half, -half), C(half, -half), C(half, half)}));
-            break;
-        case GateKind::SXdg:
-            mix(matrix_formula<T>({C(half, -half), C(half, half), C(half, half), C(half, -half)}));
-            break;
-        case GateKind::PH:
-            multiply(E::ph(theta));
-            break;
-        case GateKind::GPHASE:
-            multiply(phase_on_row<T>(0, std::exp(C(0, 1) * theta)));
-            break;
-        case GateKind::RX:
-            mix(E::rx(theta));
-            break;
-        case GateKind::RY:
-            mix(E::ry(theta));
-            break;
-        case GateKind::RZ:
-            multiply(E::rz(theta));
-            break;
+        case GateKind::H: mix(E::h); break;
+        case GateKind::X: mix(E::x); break;
+        case GateKind::Y: mix(E::y); break;
+        case GateKind::Z: multiply(E::z); break;
+        case GateKind::S: multiply(E::s); break;
+        case GateKind::T: multiply(E::t); break;
+        case GateKind::Sdg: multiply(phase_on_row<T>(1, C(0, -1))); break;
+        case GateKind::Tdg: multiply(phase_on_row<T>(1, C(c, -c))); break;
+        case GateKind::SX: mix(matrix_formula<T>({C(half, half), C(half, -half), C(half, -half), C(half, half)})); break;
+        case GateKind::SXdg: mix(matrix_formula<T>({C(half, -half), C(half, half), C(half, half), C(half, -half)})); break;
+        case GateKind::PH: multiply(E::ph(theta)); break;
+        case GateKind::GPHASE: multiply(phase_on_row<T>(0, std::exp(C(0, 1) * theta))); break;
+        case GateKind::RX: mix(E::rx(theta)); break;
+        case GateKind::RY: mix(E::ry(theta)); break;
+        case GateKind::RZ: multiply(E::rz(theta)); break;
         case GateKind::U: {
             const double t = gate.angles[0].offset, p = gate.angles[1].offset,
                          l = gate.angles[2].offset, co = std::cos(t / 2), s = std::sin(t / 2);
@@ -120,18 +91,10 @@ void define(Amplitudes<T>& state, const GateView& gate) {
                 {C(Complex(co, 0)), C(-times(l, s)), C(times(p, s)), C(times(p + l, co))}));
             break;
         }
-        case GateKind::YtoZ:
-            mix(E::y_to_z);
-            break;
-        case GateKind::ZtoY:
-            mix(E::z_to_y);
-            break;
-        case GateKind::SWAP:
-            mix(E::swap);
-            break;
-        case GateKind::SQRTSWAP:
-            mix(E::sqrt_swap);
-            break;
+        case GateKind::YtoZ: mix(E::y_to_z); break;
+        case GateKind::ZtoY: mix(E::z_to_y); break;
+        case GateKind::SWAP: mix(E::swap); break;
+        case GateKind::SQRTSWAP: mix(E::sqrt_swap); break;
         case GateKind::SQRTSWAPdg:
             mix([=](C* a) {
                 const C a1 = a[1], a2 = a[2], stay(half, -half), cross(half, half);
@@ -139,9 +102,7 @@ void define(Amplitudes<T>& state, const GateView& gate) {
                 a[2] = cross * a1 + stay * a2;
             });
             break;
-        case GateKind::ISWAP:
-            mix(E::iswap);
-            break;
+        case GateKind::ISWAP: mix(E::iswap); break;
         case GateKind::ISWAPdg:
             mix([](C* a) {
                 const C a1 = a[1], a2 = a[2];
@@ -161,21 +122,16 @@ void define(Amplitudes<T>& state, const GateView& gate) {
                 rotate_pair(a[1], a[2], theta);
             });
             break;
-        case GateKind::RZZ:
-            multiply([f = E::rz(theta)](std::size_t row, C& a) { f(row == 1 || row == 2, a); });
-            break;
-        case GateKind::matrix:
-            apply_matrix_exactly(state, targets, controls, values);
-            break;
-        case GateKind::diagonal:
-            multiply([&](std::size_t row, C& a) { a = values[row] * a; });
-            break;
+        case GateKind::RZZ: multiply([f = E::rz(theta)](std::size_t row, C& a) { f(row == 1 || row == 2, a); }); break;
+        case GateKind::matrix: apply_matrix_exactly(state, targets, controls, values); break;
+        case GateKind::diagonal: multiply([&](std::size_t row, C& a) { a = values[row] * a; }); break;
         case GateKind::phase_oracle:
             multiply([&](std::size_t row, C& a) {
                 if (std::ranges::count(gate.marked, row) > 0) a = E::negated(a);
             });
             break;
     }
+    // clang-format on
     relabel();
 }
 
@@ -343,6 +299,12 @@ TYPED_TEST(GateLists, RunAsTheirGatesInOrderAroundTheSizesOfCaches) {
         }
     }
     omp_set_num_threads(omp_get_num_procs());
+    // Beyond the caches, where tiles are written around them.
+    const unsigned int large = sizeof(T) == 8 ? 22 : 23;
+    const GateList few = Dice(seed).list(large, 12);
+    const auto start = filled<T>(std::size_t{1} << large, Filling::ordinary, seed);
+    const auto end = one_by_one(few, start);
+    for_each_instruction_set([&] { EXPECT_TRUE(same_bits(by_run(few, start, 2).data(), end)); });
     const GateList long_list = Dice(seed).list(17, 700);
     const auto before = filled<T>(std::size_t{1} << 17, Filling::ordinary, seed);
     for_each_instruction_set([&] {
