@@ -7,13 +7,36 @@
 `pblinalg.lowlevel` holds the classes of the C++ library as they are.
 """
 
-from ._core import version as __version__
-from .circuit import Circuit, Conditional, Measure, Reset
+import importlib
+import os
+from typing import TYPE_CHECKING, Any
+
+# Workers that wait for the next region in a busy loop keep the processor from whoever has work. The
+# OpenMP runtime reads this when it is loaded, with the extension, unless something loaded it before.
+_spin = {"GOMP_SPINCOUNT": "100"}
+if "GOMP_SPINCOUNT" in os.environ or "OMP_WAIT_POLICY" in os.environ:
+    _spin = {}
+os.environ.update(_spin)
+from ._core import version as __version__  # noqa: E402
+
+for _name in _spin:
+    del os.environ[_name]
+from .arguments import Precision
+from .circuit import Circuit
 from .counts import Counts
 from .density_matrix import DensityMatrix
 from .observable import Observable
+from .program import Conditional, Measure, Reset
 from .running import run
 from .state_vector import StateVector
+
+if TYPE_CHECKING:
+    from . import lowlevel as lowlevel
+    from . import qasm as qasm
+    from .qiskit_circuits import from_qiskit as from_qiskit
+
+#: Modules that are loaded when they are first asked for.
+_MODULES = ("lowlevel", "qasm")
 
 __all__ = [
     "Circuit",
@@ -22,8 +45,21 @@ __all__ = [
     "DensityMatrix",
     "Measure",
     "Observable",
+    "Precision",
     "Reset",
     "StateVector",
     "__version__",
     "run",
 ]
+
+
+def __getattr__(name: str) -> Any:
+    if name in _MODULES:
+        return importlib.import_module(f"{__name__}.{name}")
+    if name == "from_qiskit":
+        return importlib.import_module(f"{__name__}.qiskit_circuits").from_qiskit
+    raise AttributeError(f"module {__name__!r} has no attribute {name!r}")
+
+
+def __dir__() -> list[str]:
+    return sorted({*globals(), *_MODULES, "from_qiskit"})

@@ -1,232 +1,89 @@
-"""Circuits: gates in order, with measurements, resets and conditions between them."""
+"""The circuit that people use: a program with the gate methods, `run`, and ways to look at it."""
 
 from __future__ import annotations
 
-from collections.abc import Iterator, Sequence
-from contextlib import contextmanager
-from dataclasses import dataclass, field
-from typing import TYPE_CHECKING
+import shutil
+from typing import SupportsIndex
 
-from ._core import GateSequence
+import numpy as np
+from numpy.typing import NDArray
+
+from . import drawing, inspection, qasm_writer, svg_drawing
+from .arguments import Precision
 from .counts import Counts
-from .gates import GateMethods, apply_gate, as_qubits, inverse
+from .gates import GateMethods
+from .program import Program
+from .progress import Progress
+from .running import run
 
-if TYPE_CHECKING:
-    from typing_extensions import Self
-
-
-@dataclass(frozen=True)
-class Measure:
-    """Reads a qubit into a classical bit; the state collapses."""
-
-    qubit: int
-    clbit: int
+#: How many elements `print` and notebooks draw.
+_SHOWN = 400
 
 
-@dataclass(frozen=True)
-class Reset:
-    """Returns a qubit to |0>: measures it and flips it when it was 1."""
-
-    qubit: int
-
-
-@dataclass(frozen=True)
-class Conditional:
-    """Steps that run when the classical bits, the first one most significant, read `value`."""
-
-    clbits: tuple[int, ...]
-    value: int
-    steps: list = field(default_factory=list)
-
-
-class Circuit(GateMethods):
+class Circuit(GateMethods, Program):
     """A circuit on `num_qubits` qubits; every gate method appends a gate and returns the circuit.
 
     >>> bell = Circuit(2).h(0).cx(0, 1)
 
     The gates are kept compiled, so that running a circuit costs what the library's own driver
-    costs. A circuit runs in either precision and any number of times.
+    costs. A circuit runs in either precision and any number of times, in several threads at once,
+    too; it can be copied and pickled. `len` and iteration are about its gates alone, those of
+    conditions included; a circuit is true when it has any step.
     """
 
-    __slots__ = ("_num_qubits", "_num_clbits", "_registers", "_steps", "_open")
+    __slots__ = ()
 
-    def __init__(self, num_qubits: int, num_clbits: int | None = None) -> None:
-        self._num_qubits = GateSequence(num_qubits).nqubits
-        self._num_clbits = _index(
-            self._num_qubits if num_clbits is None else num_clbits, "num_clbits", 1 << 20
-        )
-        self._registers: tuple[int, ...] = (self._num_clbits,)
-        self._steps: list = []
-        self._open = self._steps
-
-    @property
-    def num_qubits(self) -> int:
-        """The number of qubits."""
-        return self._num_qubits
-
-    @property
-    def num_clbits(self) -> int:
-        """The number of classical bits that measurements write; by default one per qubit."""
-        return self._num_clbits
-
-    @property
-    def registers(self) -> tuple[int, ...]:
-        """Sizes of the classical registers; keys of counts show them with a space between."""
-        return self._registers
-
-    @registers.setter
-    def registers(self, sizes: Sequence[int]) -> None:
-        if sum(sizes) != self._num_clbits or any(size < 0 for size in sizes):
-            raise ValueError(
-                f"registers = {tuple(sizes)}: expected sizes that add up to {self._num_clbits}"
-            )
-        self._registers = tuple(sizes)
-
-    @property
-    def steps(self) -> tuple:
-        """What a run goes through: gate sequences, `Measure`, `Reset` and `Conditional`."""
-        return tuple(self._steps)
-
-    @property
-    def is_unitary(self) -> bool:
-        """True when the circuit holds gates only."""
-        return all(isinstance(step, GateSequence) for step in self._steps)
-
-    @property
-    def _gates(self) -> GateSequence:  # type: ignore[override]
-        if not self._open or not isinstance(self._open[-1], GateSequence):
-            self._open.append(GateSequence(self._num_qubits))
-        return self._open[-1]
-
-    def measure(self, qubit: int | Sequence[int], clbit: int | Sequence[int] | None = None) -> Self:
-        """Reads a qubit into a classical bit, by default the one of the same number. With two
-        lists, reads each qubit into the bit at the same place."""
-        qubits = as_qubits(qubit)
-        clbits = qubits if clbit is None else as_qubits(clbit)
-        if len(qubits) != len(clbits):
-            raise ValueError(
-                f"{len(qubits)} qubits and {len(clbits)} clbits; expected equally many"
-            )
-        steps = [
-            Measure(
-                _index(q, "qubit", self._num_qubits - 1), _index(c, "clbit", self._num_clbits - 1)
-            )
-            for q, c in zip(qubits, clbits)
-        ]
-        self._open.extend(steps)
-        return self
-
-    def measure_all(self) -> Self:
-        """Reads every qubit into the classical bit of the same number."""
-        return self.measure(range(self._num_qubits))
-
-    def reset(self, qubit: int | Sequence[int]) -> Self:
-        """Returns qubits to |0>."""
-        self._open.extend(
-            [Reset(_index(q, "qubit", self._num_qubits - 1)) for q in as_qubits(qubit)]
-        )
-        return self
-
-    @contextmanager
-    def if_(self, clbits: int | Sequence[int], value: int = 1) -> Iterator[Self]:
-        """Makes the steps of a `with` block depend on classical bits, the first listed one most
-        significant: `with circuit.if_(0): circuit.x(1)`."""
-        bits = tuple(_index(c, "clbit", self._num_clbits - 1) for c in as_qubits(clbits))
-        block = Conditional(bits, _index(value, "value", (1 << len(bits)) - 1))
-        outer = self._open
-        outer.append(block)
-        self._open = block.steps
-        try:
-            yield self
-        finally:
-            self._open = outer
-
-    def compose(self, other: "Circuit") -> Self:
-        """Appends all steps of another circuit of at most as many qubits and classical bits."""
-        if not isinstance(other, Circuit):
-            raise TypeError(f"other must be a Circuit, got {other!r}")
-        if other._num_qubits > self._num_qubits or other._num_clbits > self._num_clbits:
-            raise ValueError(
-                f"other has {other._num_qubits} qubits and {other._num_clbits} classical bits; "
-                f"expected at most {self._num_qubits} and {self._num_clbits}"
-            )
-        self._append_steps(other.steps)
-        return self
-
-    def _append_steps(self, steps: Sequence) -> None:
-        for step in steps:
-            if isinstance(step, GateSequence):
-                if self._num_qubits == step.nqubits or not _has_oracle(step):
-                    self._gates.extend(step)
-                else:
-                    raise ValueError("a circuit with a phase oracle joins only one of its own size")
-            elif isinstance(step, Conditional):
-                with self.if_(step.clbits, step.value):
-                    self._append_steps(step.steps)
-            else:
-                self._open.append(step)
-
-    def copy(self) -> "Circuit":
-        """A circuit of its own with the same steps."""
-        result = Circuit(self._num_qubits, self._num_clbits)
-        result._registers = self._registers
-        return result.compose(self)
-
-    def inverse(self) -> "Circuit":
-        """The circuit that undoes this one. ValueError when it measures or resets."""
-        if not self.is_unitary:
-            raise ValueError("a circuit with measurements, resets or conditions has no inverse")
-        result = Circuit(self._num_qubits, self._num_clbits)
-        for gate in reversed(list(self)):
-            apply_gate(result._gates, *inverse(*gate))
-        return result
-
-    def __iter__(self) -> Iterator[tuple]:
-        """The gates in order, those of conditions included, as (name, qubits, controls, value)."""
-        return _gates_of(self._steps)
-
-    def __len__(self) -> int:
-        """The number of gates, those of conditions included."""
-        return _count_gates(self._steps)
-
-    def run(self, shots: int = 1024, **options) -> Counts:
+    def run(
+        self,
+        shots: SupportsIndex = 1024,
+        precision: Precision = "double",
+        threads: SupportsIndex | None = None,
+        seed: SupportsIndex | None = None,
+        progress: Progress = None,
+    ) -> Counts:
         """`pblinalg.run` on this circuit: counts of what its measurements read."""
-        from .running import run
+        return run(self, shots, precision, threads, seed, progress)
 
-        return run(self, shots, **options)
+    def depth(self) -> int:
+        """The number of layers when every gate, measurement and reset starts as soon as its qubits
+        and classical bits are free."""
+        return inspection.depth(self)
 
-    def __repr__(self) -> str:
-        return f"Circuit(num_qubits={self._num_qubits}, gates={len(self)})"
+    def count_ops(self) -> dict[str, int]:
+        """How often each operation occurs, the most frequent one first; controls are in the name:
+        `{"cx": 3, "h": 1, "measure": 1}`."""
+        return inspection.count_ops(self)
 
+    def matrix(self) -> NDArray[np.complex128]:
+        """The matrix of 2^n rows and columns, qubit 0 being the most significant bit of an index.
+        ValueError when the circuit measures or resets."""
+        return inspection.matrix(self)
 
-def _index(value: int, name: str, last: int) -> int:
-    if isinstance(value, bool) or not hasattr(value, "__index__"):
-        raise TypeError(f"{name} must be an integer, got {value!r}")
-    number = value.__index__()
-    if not 0 <= number <= last:
-        raise IndexError(f"{name} = {number}: expected a value between 0 and {last}")
-    return number
+    def draw(self, output: str = "text", width: int | None = None) -> str:
+        """A picture of the circuit: in box-drawing characters for "text", an SVG document for
+        "svg". `width` is where it wraps: in characters, by default the terminal's, or in units of
+        the document, by default 900."""
+        if width is not None and width < 1:
+            raise ValueError(f"width = {width}: expected at least 1")
+        if output == "text":
+            return drawing.draw_text(self, width or shutil.get_terminal_size().columns)
+        if output == "svg":
+            return svg_drawing.draw_svg(self, width or 900)
+        raise ValueError(f"output = {output!r}: expected 'text' or 'svg'")
 
+    def to_qasm(self, version: int = 3) -> str:
+        """The circuit as an OpenQASM program of version 2 or 3, read back by `pblinalg.qasm.loads`.
 
-def _gates_of(steps: Sequence) -> Iterator[tuple]:
-    for step in steps:
-        if isinstance(step, GateSequence):
-            for i in range(len(step)):
-                yield step.gate(i)
-        elif isinstance(step, Conditional):
-            yield from _gates_of(step.steps)
+        Matrices are taken apart into rotations, the number of which grows as 4^k on k qubits.
+        OpenQASM 2 has no phase of the whole state: there two rotations of qubit 0 bring it about,
+        and gates with many controls come with their definitions. ValueError for matrices that are
+        not unitary, and in version 2 for conditions on anything but one whole register, its last
+        bit listed first.
+        """
+        return qasm_writer.write(self, version)
 
+    def __str__(self) -> str:
+        return drawing.draw_text(self, shutil.get_terminal_size().columns, _SHOWN)
 
-def _count_gates(steps: Sequence) -> int:
-    return sum(
-        (
-            len(step)
-            if isinstance(step, GateSequence)
-            else _count_gates(step.steps) if isinstance(step, Conditional) else 0
-        )
-        for step in steps
-    )
-
-
-def _has_oracle(sequence: GateSequence) -> bool:
-    return any(sequence.gate(i)[0] == "phase_oracle" for i in range(len(sequence)))
+    def _repr_svg_(self) -> str:
+        return svg_drawing.draw_svg(self, limit=_SHOWN)

@@ -2,17 +2,29 @@
 
 from __future__ import annotations
 
-from collections.abc import Iterable, Sequence
-from typing import TYPE_CHECKING, Any
+from collections.abc import Callable, Iterable
+from itertools import product
+from typing import TYPE_CHECKING, Any, SupportsIndex
 
 import numpy as np
 from numpy.typing import ArrayLike, NDArray
 
 from . import _core
-from .circuit import Circuit
+from .arguments import (
+    MAX_COUNT,
+    Precision,
+    Qubits,
+    complex_array,
+    count,
+    outcome_number,
+    probability_number,
+)
 from .gates import GateMethods, apply_gate, as_qubits, conjugate
+from .html_tables import state_table
+from .program import Program
 from .progress import Progress, reporter
-from .state_vector import Readout
+from .readout import Readout, register_bytes
+from .state_vector import StateVector
 
 if TYPE_CHECKING:
     from typing_extensions import Self
@@ -28,8 +40,8 @@ class _BothSides:
         self._core = core
         self._m = core.nqubits // 2
 
-    def __getattr__(self, name: str):
-        def apply(*arguments) -> None:
+    def __getattr__(self, name: str) -> Callable[..., None]:
+        def apply(*arguments: Any) -> None:
             gates = _core.GateSequence(self._m)
             getattr(gates, name)(*arguments)
             self.doubled(gates).apply(self._core)
@@ -51,106 +63,187 @@ class _BothSides:
         return result
 
 
+PAULIS = [np.eye(2), np.array([[0, 1], [1, 0]]), np.array([[0, -1j], [1j, 0]]), np.diag([1, -1])]
+
+
 class DensityMatrix(Readout, GateMethods):
     """The mixed state of `num_qubits` qubits, in |0...0><0...0| at first; arguments and order of
-    qubits as in `StateVector`. It takes the memory of a state vector of twice the qubits."""
+    qubits as in `StateVector`. It takes the memory of a state vector of twice the qubits.
+
+    `np.asarray` of it is `to_array()`. It can be copied and pickled, its generator included.
+    """
 
     __slots__ = ("_gates", "__weakref__")
 
     def __init__(
         self,
-        num_qubits: int,
-        precision: str = "double",
-        threads: int | None = None,
-        seed: int | None = None,
+        num_qubits: SupportsIndex,
+        precision: Precision = "double",
+        threads: SupportsIndex | None = None,
+        seed: SupportsIndex | None = None,
     ) -> None:
-        if isinstance(num_qubits, bool) or not hasattr(num_qubits, "__index__"):
-            raise TypeError(f"num_qubits must be an integer, got {num_qubits!r}")
-        self._allocate(2 * num_qubits, precision, threads, seed)
+        number = count(num_qubits, "num_qubits", 0, MAX_COUNT)
+        _core.require_memory(
+            register_bytes(2 * number, precision), f"a density matrix of {number} qubits"
+        )
+        self._allocate(2 * number, precision, threads, seed)
+        self._adopt()
+
+    def __setstate__(self, state: dict[str, Any]) -> None:
+        super().__setstate__(state)
+        self._adopt()
+
+    def _adopt(self) -> None:
         self._core.density_matrix = True
         self._gates = _BothSides(self._core)
 
     @property
     def num_qubits(self) -> int:
         """The number of qubits."""
-        return self._core.nqubits // 2
+        return int(self._core.nqubits) // 2
 
     def reset(self) -> Self:
         """Returns to |0...0><0...0|."""
         self._core.reset()
         return self
 
-    def set_matrix(self, matrix: ArrayLike) -> Self:
-        """Loads a 2^n x 2^n matrix, qubit 0 being the most significant bit of its indices."""
+    def set_matrix(self, matrix: ArrayLike, check: bool = True) -> Self:
+        """Loads a 2^n x 2^n matrix, qubit 0 being the most significant bit of its indices.
+        ValueError when it is not Hermitian, not of trace 1 or has a negative eigenvalue, unless
+        `check` is False. (The last takes about 4^n 2^n multiplications.)"""
         size = 1 << self.num_qubits
-        array = np.asarray(matrix, dtype=complex)
+        array = complex_array(matrix, "matrix")
         if array.shape != (size, size):
             raise ValueError(f"matrix has shape {array.shape}; expected ({size}, {size})")
-        if not np.allclose(array, array.conj().T, atol=1e-6) or abs(array.trace() - 1) > 1e-5:
-            raise ValueError("matrix must be Hermitian with trace 1")
+        if check:
+            _check_density(array)
         self._core.reset(array)
         return self
 
-    def to_array(self) -> NDArray:
+    def set_state(self, state: StateVector) -> Self:
+        """Becomes the pure state |psi><psi| of a state vector of as many qubits."""
+        if not isinstance(state, StateVector):
+            raise TypeError(f"state must be a StateVector, got {state!r}")
+        if state.num_qubits != self.num_qubits:
+            raise ValueError(f"state has {state.num_qubits} qubits; expected {self.num_qubits}")
+        amplitudes = state.to_array()
+        self._core.reset(np.outer(amplitudes, amplitudes.conj()))
+        return self
+
+    def to_array(self) -> NDArray[np.complexfloating[Any, Any]]:
         """A copy of the matrix with qubit 0 the most significant bit of its indices."""
         size = 1 << self.num_qubits
-        return self._core.get_permuted_density_matrix().reshape(size, size)
+        result: NDArray[Any] = self._core.get_permuted_density_matrix().reshape(size, size)
+        return result
 
-    def run(self, circuit: Circuit, progress: Progress = None) -> Self:
+    def __array__(self, dtype: Any = None, copy: bool | None = None) -> NDArray[Any]:
+        if copy is False:
+            raise ValueError("the matrix as an array is always a copy")
+        array = self.to_array()
+        return array.astype(dtype or array.dtype, copy=False)
+
+    def __len__(self) -> int:
+        """The number of rows, 2^n."""
+        return 1 << self.num_qubits
+
+    def run(self, circuit: Program, progress: Progress = None) -> Self:
         """Applies the gates of a circuit without measurements, resets and conditions."""
-        if not isinstance(circuit, Circuit) or not circuit.is_unitary:
-            raise ValueError("a density matrix runs circuits that hold gates only")
+        if not isinstance(circuit, Program):
+            raise TypeError(f"circuit must be a Circuit, got {circuit!r}")
+        if not circuit.is_unitary:
+            raise ValueError("circuit: a density matrix runs circuits that hold gates only")
         if circuit.num_qubits != self.num_qubits:
             raise ValueError(
                 f"circuit acts on {circuit.num_qubits} qubits; the state has {self.num_qubits}"
             )
         with reporter(progress, 2 * len(circuit), "gate") as report:
             for step in circuit.steps:
-                self._gates.doubled(step).apply(self._core, report)
+                if isinstance(step, _core.GateSequence):
+                    self._gates.doubled(step).apply(self._core, report)
         return self
 
-    def channel(
-        self, operators: Iterable[ArrayLike], qubits: int | Sequence[int], check: bool = True
-    ):
+    def measure(self, qubits: Qubits | None = None) -> str:
+        """Measures qubits (all of them by default), collapses the state and returns what was read,
+        the first listed qubit leftmost."""
+        listed = self._listed(qubits)
+        self._require_norm()
+        if not listed:
+            return ""
+        outcome = format(self._core.measure(listed), f"0{len(listed)}b")
+        self.project(outcome, listed)
+        return outcome
+
+    def project(self, outcome: str | SupportsIndex, qubits: Qubits | None = None) -> Self:
+        """Collapses qubits onto a chosen outcome. ValueError when its probability is 0."""
+        listed = self._listed(qubits)
+        number = outcome_number(outcome, len(listed))
+        weight = self.probability(number, listed)
+        if not weight > 0:
+            raise ValueError(f"outcome = {outcome!r}: it has probability {weight:g}")
+        for place, qubit in enumerate(reversed(listed)):
+            kept = np.diag([1 - (number >> place & 1), number >> place & 1])
+            self.channel([kept], qubit, check=False)
+        state = self._core.state
+        state /= weight
+        return self
+
+    def channel(self, operators: Iterable[ArrayLike], qubits: Qubits, check: bool = True) -> Self:
         """Applies a channel given by its Kraus operators, each a 2^k x 2^k matrix whose indices
         have the first listed qubit as their most significant bit. ValueError when the operators do
         not add up to a channel, unless `check` is False."""
         listed = as_qubits(qubits)
         size = 1 << len(listed)
-        kraus = [np.asarray(operator, dtype=complex) for operator in operators]
+        kraus = [complex_array(operator, "operators") for operator in operators]
         if not kraus or any(operator.shape != (size, size) for operator in kraus):
             raise ValueError(f"operators must be matrices of shape ({size}, {size})")
         total = sum(operator.conj().T @ operator for operator in kraus)
         if check and not np.abs(total - np.eye(size)).max() <= 1e-6:
-            raise ValueError("the sum of K^dagger K over the operators must be the identity")
+            raise ValueError(
+                "operators: the sum of K^dagger K over them must be the identity (pass check=False "
+                "to apply them anyway)"
+            )
         # Checks the numbers: the register has twice the qubits that may be named.
-        _core.GateSequence(self.num_qubits).apply_nqbit_gate(listed, np.eye(size))
+        _core.GateSequence(self.num_qubits).apply_nqbit_ctrl_gate([], listed, np.eye(size))
         both = sum(np.kron(operator, operator.conj()) for operator in kraus)
         columns = [qubit + self.num_qubits for qubit in listed]
         self._core.apply_nqbit_ctrl_gate([], listed + columns, both)
         return self
 
-    def depolarize(self, probability: float, qubit: int) -> Self:
-        """With the given probability replaces a qubit by the fully mixed state."""
-        p = _probability(probability)
-        paulis = [np.eye(2), [[0, 1], [1, 0]], [[0, -1j], [1j, 0]], [[1, 0], [0, -1]]]
-        weights = [1 - 0.75 * p, p / 4, p / 4, p / 4]
-        return self.channel([np.sqrt(w) * np.asarray(m) for w, m in zip(weights, paulis)], qubit)
+    def depolarize(self, probability: float, qubits: Qubits) -> Self:
+        """With the given probability replaces a qubit, or several together, by the fully mixed
+        state."""
+        p = probability_number(probability)
+        listed = as_qubits(qubits)
+        strings = []
+        for letters in product(PAULIS, repeat=len(listed)):
+            matrix = np.eye(1)
+            for letter in letters:
+                matrix = np.kron(matrix, letter)
+            strings.append(matrix)
+        weights = np.full(len(strings), p / len(strings))
+        weights[0] += 1 - p
+        return self.channel([np.sqrt(w) * m for w, m in zip(weights, strings)], listed)
 
-    def bit_flip(self, probability: float, qubit: int) -> Self:
+    def bit_flip(self, probability: float, qubit: SupportsIndex) -> Self:
         """Applies X with the given probability."""
-        p = _probability(probability)
-        return self.channel([np.sqrt(1 - p) * np.eye(2), np.sqrt(p) * np.eye(2)[::-1]], qubit)
+        p = probability_number(probability)
+        return self.channel([np.sqrt(1 - p) * np.eye(2), np.sqrt(p) * PAULIS[1]], qubit)
 
-    def phase_flip(self, probability: float, qubit: int) -> Self:
+    def phase_flip(self, probability: float, qubit: SupportsIndex) -> Self:
         """Applies Z with the given probability."""
-        p = _probability(probability)
-        return self.channel([np.sqrt(1 - p) * np.eye(2), np.sqrt(p) * np.diag([1, -1])], qubit)
+        p = probability_number(probability)
+        return self.channel([np.sqrt(1 - p) * np.eye(2), np.sqrt(p) * PAULIS[3]], qubit)
 
-    def amplitude_damping(self, probability: float, qubit: int) -> Self:
+    def amplitude_damping(self, probability: float, qubit: SupportsIndex) -> Self:
         """Lets |1> decay to |0> with the given probability."""
-        p = _probability(probability)
+        p = probability_number(probability)
         return self.channel([np.diag([1, np.sqrt(1 - p)]), [[0, np.sqrt(p)], [0, 0]]], qubit)
+
+    def phase_damping(self, probability: float, qubit: SupportsIndex) -> Self:
+        """With the given probability the surroundings learn whether the qubit is 1: what is off the
+        diagonal shrinks by the root of 1 - probability."""
+        p = probability_number(probability)
+        return self.channel([np.diag([1, np.sqrt(1 - p)]), np.diag([0, np.sqrt(p)])], qubit)
 
     def purity(self) -> float:
         """The trace of the squared matrix: 1 for a pure state, 2^-n for the fully mixed one."""
@@ -160,8 +253,17 @@ class DensityMatrix(Readout, GateMethods):
     def __repr__(self) -> str:
         return f"DensityMatrix(num_qubits={self.num_qubits}, precision={self.precision!r})"
 
+    def _repr_html_(self) -> str:
+        return state_table(repr(self), self.probabilities())
 
-def _probability(value: float) -> float:
-    if not 0 <= value <= 1:
-        raise ValueError(f"probability = {value!r}: expected a value between 0 and 1")
-    return float(value)
+
+def _check_density(matrix: NDArray[np.complex128]) -> None:
+    if not np.allclose(matrix, matrix.conj().T, atol=1e-6) or not abs(matrix.trace() - 1) <= 1e-5:
+        raise ValueError("matrix must be Hermitian with trace 1")
+    try:
+        # Succeeds for the positive ones, at a fraction of the cost of the eigenvalues.
+        np.linalg.cholesky(matrix + 1e-6 * np.eye(len(matrix)))
+    except np.linalg.LinAlgError:
+        raise ValueError(
+            "matrix has a negative eigenvalue; expected none (pass check=False to load it anyway)"
+        ) from None

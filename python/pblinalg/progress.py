@@ -3,7 +3,7 @@
 from __future__ import annotations
 
 import sys
-from collections.abc import Callable
+from collections.abc import Callable, Iterator
 from contextlib import contextmanager
 
 #: What the `progress` argument of long runs takes: a function of (done, total); True or False to
@@ -11,17 +11,22 @@ from contextlib import contextmanager
 Progress = Callable[[int, int], object] | bool | None
 
 
+def check_progress(progress: Progress) -> None:
+    """TypeError for what `progress` does not take."""
+    if not callable(progress) and not any(progress is known for known in (True, False, None)):
+        raise TypeError(f"progress must be a function, True, False or None, got {progress!r}")
+
+
 @contextmanager
-def reporter(progress: Progress, total: int, unit: str):
+def reporter(progress: Progress, total: int, unit: str) -> Iterator[Callable[[int], object] | None]:
     """Yields a function of the number done, or None when nobody wants to know."""
+    check_progress(progress)
     if progress is False or (progress is None and not sys.stderr.isatty()):
         yield None
         return
     if callable(progress):
         yield lambda done: progress(done, total)
         return
-    if progress not in (True, None):
-        raise TypeError(f"progress must be a function, True, False or None, got {progress!r}")
     try:
         from tqdm import tqdm
     except ImportError as error:

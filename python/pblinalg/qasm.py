@@ -1,128 +1,181 @@
-"""OpenQASM 2 programs as circuits. The text is parsed by qiskit's qasm2 package, an optional extra;
-here its instructions become gates of the library."""
+"""OpenQASM programs as circuits. The text is parsed by qiskit, an optional extra; what the parser
+builds becomes gates of the library in `qiskit_circuits`. The way out is `Circuit.to_qasm`."""
 
 from __future__ import annotations
 
-import cmath
-import math
+import importlib
+import re
+import sys
+import warnings
 from pathlib import Path
-
-import numpy as np
+from typing import Any
 
 from .circuit import Circuit
+from .qiskit_circuits import from_qiskit
 
-#: Gates with a method of the same meaning; the arguments are angles, then qubits.
-_METHODS = {
-    "h": "h", "x": "x", "y": "y", "z": "z", "s": "s", "sdg": "sdg", "t": "t", "tdg": "tdg",
-    "sx": "sx", "sxdg": "sxdg", "p": "p", "u1": "p", "rx": "rx", "ry": "ry", "rz": "rz", "u": "u",
-    "U": "u", "u3": "u", "cx": "cx", "CX": "cx", "cy": "cy", "cz": "cz", "ch": "ch", "cp": "cp",
-    "cu1": "cp", "crx": "crx", "cry": "cry", "crz": "crz", "ccx": "ccx", "swap": "swap",
-    "cswap": "cswap", "iswap": "iswap",
-}  # fmt: skip
+__all__ = ["from_qiskit", "load", "loads"]
+
+#: Names that the parsers know before a program defines them.
+_KNOWN = frozenset(
+    "u3 u2 u1 cx id u0 u p x y z h s sdg t tdg rx ry rz sx sxdg cz cy swap ch ccx cswap crx cry "
+    "crz cu1 cp cu3 csx cu rxx rzz rccx rc3x c3x c3sqrtx c4x phase cphase delay".split()
+)
+#: Set behind a name that a program defines itself, so that the parsers leave it alone.
+_OWN = "_of_this_program"
+_TOKEN = re.compile(r"//[^\n]*|/\*.*?\*/|\"[^\"]*\"|'[^']*'|[^\W\d]\w*|\s+|.", re.S)
 
 
 def loads(text: str) -> Circuit:
-    """The circuit of an OpenQASM 2 program. Classical bits are numbered through the registers in
-    order of declaration; qubits likewise. ValueError says where the program is wrong."""
-    qasm2 = _parser()
-    try:
-        parsed = qasm2.loads(text, custom_instructions=qasm2.LEGACY_CUSTOM_INSTRUCTIONS)
-    except qasm2.QASM2ParseError as error:
-        raise ValueError(f"OpenQASM 2: {error.message}") from None
-    return _lower(parsed)
+    """The circuit of an OpenQASM 2 or 3 program. Classical bits are numbered through the registers
+    in order of declaration; qubits likewise. ValueError says where the program is wrong or what
+    cannot be followed."""
+    if not isinstance(text, str):
+        raise TypeError(f"text must be a str, got {text!r}")
+    return _read(text, "program", Path())
 
 
 def load(path: str | Path) -> Circuit:
-    """The circuit of an OpenQASM 2 file; included files are looked for beside it."""
-    qasm2 = _parser()
+    """The circuit of an OpenQASM 2 or 3 file; included files are looked for beside it. "-" reads
+    the standard input."""
+    if str(path) == "-":
+        return _read(sys.stdin.read(), "standard input", Path())
     path = Path(path)
-    if not path.is_file():
+    if path.is_dir():
+        raise IsADirectoryError(f"{path}: a directory; expected an OpenQASM file")
+    if not path.exists():
         raise FileNotFoundError(f"{path}: no such file")
     try:
-        parsed = qasm2.load(
-            path,
-            include_path=(path.parent,),
+        text = path.read_text(encoding="utf-8")
+    except UnicodeDecodeError:
+        raise ValueError(f"{path}: not a text file") from None
+    return _read(text, str(path), path.parent)
+
+
+def _read(text: str, source: str, folder: Path) -> Circuit:
+    version = _version(text)
+    text = _own_names_first(_with_included_names(text, folder) if version == 2 else text)
+    try:
+        parsed = _parse_2(text, folder) if version == 2 else _parse_3(text)
+    except SyntaxError as error:
+        message = str(error.msg).replace(_OWN, "").replace("<input>:", "")
+        raise ValueError(f"{source}: OpenQASM {version}: {message}") from None
+    try:
+        return from_qiskit(parsed)
+    except ValueError as error:
+        message = str(error).replace(_OWN, "")
+        raise ValueError(f"{source}: OpenQASM {version}: {message}") from None
+
+
+def _version(text: str) -> int:
+    code = "".join(token for token in _TOKEN.findall(text) if token[:2] not in ("//", "/*"))
+    stated = re.match(r"\s*OPENQASM\s+(\d+)", code)
+    if stated:
+        return 2 if stated[1] == "2" else 3
+    return 3 if re.search(r"\b(qubit|bit)\b|stdgates\.inc", code) else 2
+
+
+def _with_included_names(text: str, folder: Path) -> str:
+    """The program with those included files written out that define a known name; the numbers of
+    its lines stay."""
+
+    def written_out(match: re.Match[str]) -> str:
+        path = folder / match[1]
+        if match[1] == "qelib1.inc" or not path.is_file():
+            return match[0]
+        body = _with_included_names(path.read_text(encoding="utf-8"), folder)
+        if not _own_names(body):
+            return match[0]
+        return " ".join(re.sub(r"//[^\n]*", "", body).split("\n"))
+
+    return re.sub(r"^[ \t]*include\s*\"([^\"]*)\"\s*;", written_out, text, flags=re.M)
+
+
+def _own_names(text: str) -> set[str]:
+    code = "".join(token for token in _TOKEN.findall(text) if token[:2] not in ("//", "/*"))
+    return {name for name in re.findall(r"\bgate\s+(\w+)", code) if name in _KNOWN}
+
+
+def _own_names_first(text: str) -> str:
+    """The program with known names that it defines itself changed from the definition on: what a
+    program says about a gate counts more than what the parsers know."""
+    if not _own_names(text):
+        return text
+    own: set[str] = set()
+    result = []
+    previous = ""
+    for token in _TOKEN.findall(text):
+        if previous == "gate" and token in _KNOWN:
+            own.add(token)
+        result.append(token + _OWN if token in own else token)
+        if not token.isspace() and token[:2] not in ("//", "/*"):
+            previous = token
+    return "".join(result)
+
+
+def _parse_2(text: str, folder: Path) -> Any:
+    qasm2 = _import("qiskit.qasm2")
+    try:
+        return qasm2.loads(
+            text,
+            include_path=(folder,),
             custom_instructions=qasm2.LEGACY_CUSTOM_INSTRUCTIONS,
         )
     except qasm2.QASM2ParseError as error:
-        raise ValueError(f"OpenQASM 2: {error.message}") from None
-    except UnicodeDecodeError:
-        raise ValueError(f"{path}: not a text file") from None
-    return _lower(parsed)
+        raise SyntaxError(error.message) from None
 
 
-def _parser():
+def _parse_3(text: str) -> Any:
+    converter = _import("qiskit_qasm3_import.converter")
+    from openqasm3 import parser
+    from qiskit.exceptions import QiskitError
+
+    base: Any = converter.ConvertVisitor
+
+    class Converter(base):  # type: ignore[misc]
+        """Says of every error where in the program it is."""
+
+        def visit(self, node: Any, context: Any = None) -> Any:
+            try:
+                return super().visit(node, context)
+            except (QiskitError, IndexError) as error:
+                message = getattr(error, "message", str(error))
+                raise converter.ConversionError(message, node) from error
+
+        def visit_WhileLoop(self, node: Any, context: Any) -> Any:
+            raise converter.ConversionError("'while' loops cannot be followed", node)
+
+    # The converter compares single bits with true and false only.
+    text = re.sub(
+        r"(\bif\s*\(\s*\w+\s*\[\s*\w+\s*\]\s*[!=]=\s*)([01])(?=\s*\))",
+        lambda match: match[1] + ("true" if match[2] == "1" else "false"),
+        text,
+    )
     try:
-        from qiskit import qasm2
+        with warnings.catch_warnings():
+            # The converter calls what newer versions of qiskit call otherwise.
+            warnings.simplefilter("ignore", DeprecationWarning)
+            return Converter().convert(parser.parse(text)).circuit
+    except converter.ConversionError as error:
+        raise SyntaxError(error.message) from None
+    except parser.QASM3ParsingError as error:
+        raise SyntaxError(str(error) or _unexpected(error)) from None
+
+
+def _unexpected(error: BaseException | None) -> str:
+    """What the parser stumbled over, from the causes of its error."""
+    while error is not None:
+        for part in (error, *error.args):
+            token = getattr(part, "offendingToken", None)
+            if token is not None:
+                return f"{token.line},{token.column}: unexpected {token.text!r}"
+        error = error.__cause__ or error.__context__
+    return "the program cannot be parsed"
+
+
+def _import(name: str) -> Any:
+    try:
+        return importlib.import_module(name)
     except ImportError as error:
-        raise ImportError("reading OpenQASM needs qiskit: pip install 'pblinalg[qasm]'") from error
-    return qasm2
-
-
-def _lower(parsed) -> Circuit:
-    circuit = Circuit(parsed.num_qubits, parsed.num_clbits)
-    if parsed.cregs:
-        circuit.registers = [register.size for register in parsed.cregs]
-    qubits = {qubit: i for i, qubit in enumerate(parsed.qubits)}
-    clbits = {clbit: i for i, clbit in enumerate(parsed.clbits)}
-    _lower_body(parsed, circuit, qubits, clbits)
-    return circuit
-
-
-def _lower_body(body, circuit: Circuit, qubits: dict, clbits: dict) -> None:
-    for instruction in body.data:
-        operation = instruction.operation
-        targets = [qubits[qubit] for qubit in instruction.qubits]
-        bits = [clbits[clbit] for clbit in instruction.clbits]
-        condition = getattr(operation, "condition", None)
-        if condition is None:
-            _lower_operation(operation, circuit, targets, bits)
-            continue
-        if operation.name == "if_else":
-            (block,) = [block for block in operation.blocks if block is not None]
-        else:
-            block = None
-        listed, value = _condition(condition, clbits)
-        if value >= 1 << len(listed):
-            # A register never reads a value that it cannot hold.
-            continue
-        with circuit.if_(listed, value):
-            if block is None:
-                _lower_operation(operation, circuit, targets, bits)
-            else:
-                _lower_body(
-                    block,
-                    circuit,
-                    dict(zip(block.qubits, targets)),
-                    dict(zip(block.clbits, bits)),
-                )
-
-
-def _condition(condition, clbits: dict) -> tuple[list[int], int]:
-    """Classical bits, most significant first: bit 0 of a register is its least significant."""
-    register, value = condition
-    bits = [register] if register in clbits else list(register)
-    return [clbits[bit] for bit in reversed(bits)], int(value)
-
-
-def _lower_operation(operation, circuit: Circuit, qubits: list[int], clbits: list[int]) -> None:
-    name = operation.name
-    if name == "measure":
-        circuit.measure(qubits, clbits)
-    elif name == "reset":
-        circuit.reset(qubits)
-    elif name in ("barrier", "id", "u0", "delay"):
-        return
-    elif name in _METHODS:
-        getattr(circuit, _METHODS[name])(*map(float, operation.params), *qubits)
-    elif name == "u2":
-        phi, lam = map(float, operation.params)
-        circuit.u(math.pi / 2, phi, lam, qubits[0])
-    elif operation.definition is not None:
-        inner = operation.definition
-        places = dict(zip(inner.qubits, qubits))
-        _lower_body(inner, circuit, places, dict(zip(inner.clbits, clbits)))
-        if inner.global_phase:
-            circuit.unitary(cmath.exp(1j * float(inner.global_phase)) * np.eye(2), qubits[0])
-    else:
-        raise ValueError(f"OpenQASM 2: the gate {name!r} is declared but has no definition")
+        raise ImportError(
+            f"reading OpenQASM needs {error.name}: pip install 'pblinalg[qasm]'"
+        ) from error

@@ -6,6 +6,7 @@ from collections.abc import Iterator
 
 import numpy as np
 
+from .arguments import Precision
 from .circuit import Circuit
 from .observable import Observable
 from .state_vector import StateVector
@@ -13,7 +14,8 @@ from .state_vector import StateVector
 
 def self_check() -> Iterator[tuple[str, bool]]:
     """Names of checks and whether they passed, in both precisions."""
-    for precision, tolerance in (("double", 1e-12), ("float", 1e-5)):
+    tolerances: dict[Precision, float] = {"double": 1e-12, "float": 1e-5}
+    for precision, tolerance in tolerances.items():
         yield f"gates against dense matrices ({precision})", _gates(precision) < tolerance
         yield f"a circuit and its inverse ({precision})", _round_trip(precision) < tolerance
         yield f"expectation values ({precision})", _expectation(precision) < tolerance
@@ -29,7 +31,7 @@ def _random_circuit(n: int, gates: int) -> Circuit:
     return circuit
 
 
-def _gates(precision: str) -> float:
+def _gates(precision: Precision) -> float:
     n = 5
     state = StateVector(n, precision).h(0)
     expected = np.zeros(2**n, dtype=complex)
@@ -45,21 +47,21 @@ def _gates(precision: str) -> float:
     return float(np.abs(state.to_array() - expected).max())
 
 
-def _round_trip(precision: str) -> float:
+def _round_trip(precision: Precision) -> float:
     circuit = _random_circuit(6, 10)
     state = StateVector(6, precision).run(circuit).run(circuit.inverse())
     return abs(state.probability("000000") - 1)
 
 
-def _expectation(precision: str) -> float:
+def _expectation(precision: Precision) -> float:
     state = StateVector(4, precision).run(_random_circuit(4, 8))
     observable = Observable({"XYZI": 0.5, "IZZX": -1.5, "IIII": 2.0})
     amplitudes = state.to_array().astype(complex)
     expected = np.vdot(amplitudes, observable.matrix() @ amplitudes).real
-    return abs(state.expectation(observable) - expected)
+    return float(abs(state.expectation(observable) - expected))
 
 
-def _shots(precision: str) -> bool:
+def _shots(precision: Precision) -> bool:
     circuit = _random_circuit(16, 4)
     one, two = (circuit.run(50, precision=precision, threads=t, seed=3) for t in (1, 2))
     return one == two

@@ -1,177 +1,42 @@
-"""The state vector that people use: a register, its gates and what can be read from it."""
+"""The state vector that people use: a register, its gates and how it is loaded and run. What both
+kinds of states have in common is in `readout`."""
 
 from __future__ import annotations
 
-from collections.abc import Iterable, Sequence
-from typing import TYPE_CHECKING, Any
+from typing import TYPE_CHECKING, Any, SupportsIndex
 
 import numpy as np
 from numpy.typing import ArrayLike, NDArray
 
-from . import _core
-from .circuit import Circuit, Conditional, Measure, _count_gates
-from .counts import Counts
+from .arguments import MAX_COUNT, Precision, Qubits, complex_array, count, integer, outcome_number
+from .execution import run_steps
 from .gates import GateMethods, as_qubits
-from .observable import Observable
+from .html_tables import state_table, table
+from .program import Program
 from .progress import Progress, reporter
+from .readout import Readout
 
 if TYPE_CHECKING:
     from typing_extensions import Self
 
-_STATES = {
-    "float": _core.PybindLinAlgStateVectorCPUFloat,
-    "double": _core.PybindLinAlgStateVectorCPUDouble,
-}
-_SPELLINGS = {"single": "float", "complex64": "float", "complex128": "double"}
-
-#: Shots drawn between two looks at pending signals.
-SHOTS_PER_PIECE = 1 << 20
-
-
-class Readout:
-    """What pure states and density matrices have in common; `_gates` is the lower-level state."""
-
-    __slots__ = ("_core",)
-
-    if TYPE_CHECKING:
-        _core: Any
-
-        @property
-        def num_qubits(self) -> int: ...
-
-    def _allocate(self, nqubits, precision: str, threads: int | None, seed: int | None) -> None:
-        kind = _SPELLINGS.get(precision, precision) if isinstance(precision, str) else precision
-        if kind not in _STATES:
-            raise ValueError(f"precision = {precision!r}: expected 'float' or 'double'")
-        core: Any = _STATES[kind](nqubits)
-        core.set_num_threads(_core.hardware_threads() if threads is None else _threads(threads))
-        if seed is not None:
-            core.rng.seed(seed)
-        core.reset()
-        self._core = core
-
-    @property
-    def precision(self) -> str:
-        """'float' (complex64 amplitudes) or 'double' (complex128)."""
-        return "float" if isinstance(self._core, _STATES["float"]) else "double"
-
-    @property
-    def threads(self) -> int:
-        """Worker threads of long operations; results do not depend on it."""
-        return self._core.num_threads
-
-    @threads.setter
-    def threads(self, threads: int) -> None:
-        self._core.set_num_threads(_threads(threads))
-
-    @property
-    def core(self) -> Any:
-        """The object of the lower level that holds the amplitudes."""
-        return self._core
-
-    def seed(self, value: int) -> Self:
-        """Makes all later shots and measurements repeatable."""
-        self._core.rng.seed(value)
-        return self
-
-    def probabilities(
-        self, qubits: Sequence[int] | None = None, out: NDArray | None = None
-    ) -> NDArray:
-        """The probabilities of all outcomes on `qubits` (all of them by default), the first
-        listed qubit being the most significant bit of an index; written into `out` when given."""
-        listed = range(self.num_qubits) if qubits is None else as_qubits(qubits)
-        return self._core.get_distribution(listed, out)
-
-    def probability(self, outcome: str | int, qubits: Sequence[int] | None = None) -> float:
-        """The probability of one outcome, a string of 0 and 1 or an integer, on `qubits` (all of
-        them by default); the first listed qubit is the first character or most significant bit."""
-        listed = list(range(self.num_qubits)) if qubits is None else as_qubits(qubits)
-        return self._core.probability(_outcome(outcome, len(listed)), listed[::-1])
-
-    def sample(
-        self,
-        shots: int,
-        qubits: Sequence[int] | None = None,
-        progress: Progress = None,
-    ) -> Counts:
-        """Counts of `shots` measurements of `qubits` (all of them by default). The state stays as
-        it is. Ctrl-C stops between pieces; the draws up to there are used up."""
-        listed = list(range(self.num_qubits)) if qubits is None else as_qubits(qubits)
-        outcomes = self.sample_outcomes(shots, listed, progress=progress)
-        return Counts.from_outcomes(outcomes, len(listed))
-
-    def sample_outcomes(
-        self,
-        shots: int,
-        qubits: Sequence[int] | None = None,
-        out: NDArray[np.uint64] | None = None,
-        progress: Progress = None,
-    ) -> NDArray[np.uint64]:
-        """The outcomes of `shots` measurements in order, the first listed qubit being the most
-        significant bit; written into `out` when given."""
-        listed = list(range(self.num_qubits)) if qubits is None else as_qubits(qubits)
-        result = np.empty(_count(shots), dtype=np.uint64) if out is None else out
-        if not listed:
-            # The lower level reads all qubits for an empty list.
-            result[...] = 0
-            return result
-        if len(result) != shots or shots <= SHOTS_PER_PIECE:
-            return self._core.sample_subset(listed, shots, result)
-        with reporter(progress, shots, "shot") as report:
-            for begin in range(0, shots, SHOTS_PER_PIECE):
-                piece = result[begin : begin + SHOTS_PER_PIECE]
-                self._core.sample_subset(listed, len(piece), piece)
-                if report:
-                    report(begin + len(piece))
-        return result
-
-    def expectation(self, observable: Observable | str) -> float | complex:
-        """The exact expectation value; real when the coefficients are."""
-        observable = self._observable(observable)
-        value = self._core.expectation_value(observable._record(self.precision))
-        return value.real if observable.is_hermitian() else value
-
-    def expectation_terms(self, observable: Observable | str) -> dict[str, complex]:
-        """Coefficient times exact expectation value of every string but the identity."""
-        observable = self._observable(observable)
-        values = self._core.terms_expectations_values(observable._record(self.precision))
-        names = [letters for letters in observable.terms if letters.strip("I")]
-        return dict(zip(names, values))
-
-    def estimate(self, observable: Observable | str, shots: int) -> tuple[complex, float]:
-        """The expectation value from `shots` shots for every term, each measured in its own basis,
-        and its standard error. The state is rotated and rotated back."""
-        observable = self._observable(observable)
-        value = observable.masks()[-1]
-        variance = 0.0
-        # Term by term, so that Ctrl-C finds a gap; the draws are the same.
-        for term in observable._simple_terms(self.precision):
-            ((mean, error),) = self._core.evaluate_terms([term], shots)
-            value += mean
-            variance += abs(error) ** 2
-        return (value.real if observable.is_hermitian() else value), variance**0.5
-
-    def _observable(self, observable: Observable | str) -> Observable:
-        if isinstance(observable, str):
-            observable = Observable.parse(observable)
-        if not isinstance(observable, Observable):
-            raise TypeError(f"observable must be an Observable or a string, got {observable!r}")
-        if observable.num_qubits != self.num_qubits:
-            raise ValueError(
-                f"observable acts on {observable.num_qubits} qubits; the state has {self.num_qubits}"
-            )
-        return observable
+#: How much of a state a loading may lose to values that a data register was not to have.
+LOSS_TOLERANCE = 1e-6
 
 
 class StateVector(Readout, GateMethods):
     """The pure state of `num_qubits` qubits, in |0...0> at first.
 
     precision: "double" (complex128 amplitudes) or "float" (complex64).
-    threads: worker threads of long operations, by default one per processor.
-    seed: of the generator behind shots and measurements, by default taken from the clock.
+    threads: worker threads of long operations, by default one per processor from 18 qubits on and
+    one below, where more gain next to nothing.
+    seed: of the generator behind shots and measurements, 64 bits, by default from the system's
+    randomness; `state.seed` tells it.
 
     Strings, outcomes and arrays that go in and out have qubit 0 first: leftmost, most significant.
     `amplitudes` is the one exception: it shows the memory itself, where qubit q has weight 2^q.
+
+    A state reads as a sequence of its 2^n amplitudes, too: `np.asarray(state)`, `len(state)`,
+    `state[3]`, `state["011"]`. It can be copied and pickled, its generator included.
 
     >>> StateVector(2, seed=7).h(0).cx(0, 1).sample(100)
     """
@@ -180,26 +45,36 @@ class StateVector(Readout, GateMethods):
 
     def __init__(
         self,
-        num_qubits: int,
-        precision: str = "double",
-        threads: int | None = None,
-        seed: int | None = None,
+        num_qubits: SupportsIndex,
+        precision: Precision = "double",
+        threads: SupportsIndex | None = None,
+        seed: SupportsIndex | None = None,
     ) -> None:
-        self._allocate(num_qubits, precision, threads, seed)
+        self._allocate(count(num_qubits, "num_qubits", 0, MAX_COUNT), precision, threads, seed)
         self._gates = self._core
         self._bits: list[int] = []
+
+    def __getstate__(self) -> dict[str, Any]:
+        return super().__getstate__() | {"bits": self._bits}
+
+    def __setstate__(self, state: dict[str, Any]) -> None:
+        super().__setstate__(state)
+        self._gates = self._core
+        self._bits = list(state["bits"])
 
     @property
     def num_qubits(self) -> int:
         """The number of qubits."""
-        return self._core.nqubits
+        return int(self._core.nqubits)
 
     @property
-    def amplitudes(self) -> NDArray:
+    def amplitudes(self) -> NDArray[np.complexfloating[Any, Any]]:
         """The amplitudes themselves, without a copy: basis state b at index b, qubit q of weight
         2^q (the reverse of every other array here). Writable. While such an array is alive,
         `resize` and `release` raise BufferError."""
-        return self._core.state
+        self._require_amplitudes()
+        view: NDArray[Any] = self._core.state
+        return view
 
     @property
     def classical_bits(self) -> tuple[int, ...]:
@@ -208,11 +83,12 @@ class StateVector(Readout, GateMethods):
 
     # ---- Preparing -------------------------------------------------------------------------------
 
-    def reset(self, qubits: int | Sequence[int] | None = None) -> Self:
+    def reset(self, qubits: Qubits | None = None) -> Self:
         """Returns all qubits to |0>, or measures the listed ones and returns them to |0>."""
         if qubits is None:
             self._core.reset()
         else:
+            self._require_norm()
             for qubit in as_qubits(qubits):
                 self._core.project_then_reset([qubit], self._core.measure([qubit]))
         return self
@@ -232,54 +108,78 @@ class StateVector(Readout, GateMethods):
     def set_amplitudes(self, amplitudes: ArrayLike, check: bool = True) -> Self:
         """Loads 2^n amplitudes, qubit 0 being the most significant bit of an index. ValueError
         when their norm is not 1, unless `check` is False."""
+        self._require_amplitudes()
+        array = np.asarray(amplitudes)
+        # Amplitudes of the state's own precision are read in place; so are this one's own.
+        if array.dtype not in (np.complex64, np.complex128):
+            array = complex_array(amplitudes, "amplitudes")
+        if array.size != self._core.size:
+            raise ValueError(
+                f"amplitudes holds {array.size} elements; expected {self._core.size} for "
+                f"{self.num_qubits} qubits"
+            )
         if check:
-            _check_norm(amplitudes, "amplitudes")
-        self._core.reset(amplitudes)
+            _check_norm(array)
+        self._core.reset(array)
         return self
 
-    def prepare(self, amplitudes: ArrayLike, qubits: Sequence[int], check: bool = True) -> Self:
+    def prepare(self, amplitudes: ArrayLike, qubits: Qubits, check: bool = True) -> Self:
         """Loads 2^m amplitudes on m qubits, the first listed one being the most significant bit of
         an index. For every value of the other qubits the weight that was there is kept."""
         listed = as_qubits(qubits)
-        array = np.asarray(amplitudes)
-        if check:
-            _check_norm(array, "amplitudes")
+        array = complex_array(amplitudes, "amplitudes")
         if array.size != 1 << len(listed):
             raise ValueError(
                 f"amplitudes holds {array.size} elements; expected {1 << len(listed)} for "
                 f"{len(listed)} qubits"
             )
+        if check:
+            _check_norm(array)
         # The library wants the lowest-numbered qubit least significant.
-        order = sorted(range(len(listed)), key=lambda axis: -listed[axis])
+        order = sorted(range(len(listed)), key=lambda axis: -integer(listed[axis], "qubits"))
         values = array.reshape((2,) * len(listed)).transpose(order).reshape(-1)
         self._core.apply_state_preparation(values, listed)
         return self
 
-    def load_words(self, words: ArrayLike, address: Sequence[int], data: Sequence[int]) -> Self:
+    def load_words(self, words: ArrayLike, address: Qubits, data: Qubits) -> Self:
         """QRAM with binary words: |a>|0> becomes |a>|words[a]>. In both registers the first listed
-        qubit is the most significant bit. The data register must be |0>."""
+        qubit is the most significant bit. ValueError when the data register is not |0>."""
         table = np.asarray(words)
-        if table.size and (table.min() < 0 or table.max() >= 1 << len(data)):
-            raise ValueError(f"words must lie between 0 and {(1 << len(data)) - 1}, got {table!r}")
-        self._core.apply_binary_qram(table, [*address][::-1] + [*data][::-1], len(data))
+        if table.dtype.kind not in "iu":
+            raise TypeError(f"words must be integers, got {words!r}")
+        place, store = as_qubits(address), as_qubits(data)
+        if table.size and (table.min() < 0 or table.max() >= 1 << len(store)):
+            raise ValueError(f"words must lie between 0 and {(1 << len(store)) - 1}, got {words!r}")
+        self._require_empty(store)
+        self._core.apply_binary_qram(table, place[::-1] + store[::-1], len(store))
         return self
 
-    def load_amplitudes(
-        self, table: ArrayLike, address: Sequence[int], data: Sequence[int]
-    ) -> Self:
+    def load_amplitudes(self, table: ArrayLike, address: Qubits, data: Qubits) -> Self:
         """QRAM with real amplitudes: |a>|0> becomes |a> times row a of the table, normalised, on
-        the data register. In both registers the first listed qubit is the most significant bit."""
-        if np.iscomplexobj(table) and np.any(np.imag(table)):
+        the data register. In both registers the first listed qubit is the most significant bit.
+        ValueError when the data register is not |0>."""
+        rows = complex_array(table, "table")
+        if np.any(np.imag(rows)):
             raise ValueError("table must hold real numbers")
-        self._core.apply_qram(table, [*address][::-1] + [*data][::-1], len(data))
+        place, store = as_qubits(address), as_qubits(data)
+        self._require_empty(store)
+        self._core.apply_qram(rows, place[::-1] + store[::-1], len(store))
         return self
 
-    def resize(self, num_qubits: int) -> Self:
+    def _require_empty(self, data: list[Any]) -> None:
+        self._require_amplitudes()
+        empty = self._core.probability(0, data)
+        total = float(self._core.get_distribution([])[0])
+        if not total - empty <= LOSS_TOLERANCE:
+            raise ValueError(
+                f"data: the register must be |0>, which has probability {empty:.6g}; what it holds "
+                "otherwise would be lost"
+            )
+
+    def resize(self, num_qubits: SupportsIndex) -> Self:
         """Changes the number of qubits and returns to |0...0>. BufferError while arrays from
         `amplitudes` are alive."""
-        if num_qubits != self.num_qubits:
-            self._core.resize(num_qubits)
-        self._core.reset()
+        self._resize_core(count(num_qubits, "num_qubits", 0, MAX_COUNT))
         return self
 
     def release(self) -> None:
@@ -287,23 +187,16 @@ class StateVector(Readout, GateMethods):
         `amplitudes` are alive."""
         self._core.release_memory()
 
-    def copy(self) -> "StateVector":
-        """A state of its own with the same amplitudes, precision and threads. Its generator is
-        seeded from the clock."""
-        result = StateVector(self.num_qubits, self.precision, self.threads)
-        result._core.state[:] = self._core.state
-        return result
-
     # ---- Running ---------------------------------------------------------------------------------
 
-    def run(self, circuit: Circuit, progress: Progress = None) -> Self:
+    def run(self, circuit: Program, progress: Progress = None) -> Self:
         """Applies a circuit once, measurements and all, to the state as it is.
 
         Ctrl-C, and an exception from `progress`, stop between pieces of the circuit: the state then
         holds the effect of exactly the gates and measurements up to there, and `core.gates_applied`
         has grown by the number of those gates.
         """
-        if not isinstance(circuit, Circuit):
+        if not isinstance(circuit, Program):
             raise TypeError(f"circuit must be a Circuit, got {circuit!r}")
         if circuit.num_qubits != self.num_qubits:
             raise ValueError(
@@ -311,60 +204,75 @@ class StateVector(Readout, GateMethods):
             )
         self._bits = [0] * circuit.num_clbits
         with reporter(progress, len(circuit), "gate") as report:
-            self._run_steps(circuit.steps, report, 0)
+            run_steps(self._core, circuit.steps, self._bits, report)
         return self
-
-    def _run_steps(self, steps: Sequence, report: Any, done: int) -> int:
-        for step in steps:
-            if isinstance(step, _core.GateSequence):
-                step.apply(self._core, report and (lambda count, base=done: report(base + count)))
-                done += len(step)
-            elif isinstance(step, Measure):
-                self._bits[step.clbit] = int(self.measure(step.qubit))
-            elif isinstance(step, Conditional):
-                read = "".join(str(self._bits[clbit]) for clbit in step.clbits)
-                if int(read or "0", 2) == step.value:
-                    self._run_steps(step.steps, report, done)
-                done += _count_gates(step.steps)
-            else:
-                self.reset(step.qubit)
-        return done
 
     # ---- Reading ---------------------------------------------------------------------------------
 
-    def to_array(self, out: NDArray | None = None) -> NDArray:
+    def to_array(self, out: NDArray[Any] | None = None) -> NDArray[np.complexfloating[Any, Any]]:
         """A copy of the amplitudes with qubit 0 the most significant bit of an index; written into
         `out` when given."""
-        return self._core.get_permuted_statevector(out)
+        self._require_amplitudes()
+        result: NDArray[Any] = self._core.get_permuted_statevector(out)
+        return result
+
+    def __array__(self, dtype: Any = None, copy: bool | None = None) -> NDArray[Any]:
+        if copy is False:
+            raise ValueError("the amplitudes in this order are a copy; `amplitudes` is none")
+        return self.to_array().astype(dtype or self._core.state.dtype, copy=False)
+
+    def __len__(self) -> int:
+        """The number of amplitudes, 2^n."""
+        return int(self._core.size)
+
+    def __getitem__(self, position: SupportsIndex | str) -> complex:
+        """One amplitude, by its index in `to_array` or by its basis state as a string."""
+        self._require_amplitudes()
+        n = self.num_qubits
+        if isinstance(position, str):
+            number = outcome_number(position, n)
+        else:
+            number = integer(position, "position")
+            if not -len(self) <= number < len(self):
+                raise IndexError(f"position = {number}: expected a value below {len(self)}")
+            number %= len(self)
+        stored = int(format(number, f"0{n}b")[::-1], 2) if n else 0
+        return complex(self._core.state[stored])
 
     def to_dict(self, threshold: float = 0.0) -> dict[str, complex]:
         """The amplitudes of magnitude above `threshold` by basis state, qubit 0 leftmost."""
+        self._require_amplitudes()
         n = self.num_qubits
         entries = self._core.get_mapped_statevector(threshold)
         return {format(key, f"0{n}b") if n else "": value for key, value in entries.items()}
 
-    def measure(self, qubits: int | Sequence[int] | None = None) -> str:
+    def measure(self, qubits: Qubits | None = None) -> str:
         """Measures qubits (all of them by default), collapses the state and returns what was read,
         the first listed qubit leftmost."""
-        listed = list(range(self.num_qubits)) if qubits is None else as_qubits(qubits)
+        listed = self._listed(qubits)
+        self._require_norm()
         if not listed:
             return ""
         outcome = self._core.measure(listed)
         self._core.project(listed, outcome)
         return format(outcome, f"0{len(listed)}b")
 
-    def project(self, outcome: str | int, qubits: Sequence[int] | None = None) -> Self:
+    def project(self, outcome: str | SupportsIndex, qubits: Qubits | None = None) -> Self:
         """Collapses qubits onto a chosen outcome. ValueError when its probability is 0."""
-        listed = list(range(self.num_qubits)) if qubits is None else as_qubits(qubits)
-        self._core.project(listed, _outcome(outcome, len(listed)))
+        self._require_amplitudes()
+        listed = self._listed(qubits)
+        self._core.project(listed, outcome_number(outcome, len(listed)))
         return self
 
     def norm(self) -> float:
         """The square root of the summed squared magnitudes."""
-        return float(self._core.get_distribution([])[0]) ** 0.5
+        self._require_amplitudes()
+        return float(float(self._core.get_distribution([])[0]) ** 0.5)
 
-    def inner(self, other: "StateVector") -> complex:
+    def inner(self, other: StateVector) -> complex:
         """The inner product <self|other>."""
+        if not isinstance(other, StateVector):
+            raise TypeError(f"other must be a StateVector, got {type(other).__name__} {other!r}")
         if other.num_qubits != self.num_qubits:
             raise ValueError(f"other has {other.num_qubits} qubits; expected {self.num_qubits}")
         return complex(np.vdot(self.amplitudes, other.amplitudes))
@@ -378,34 +286,16 @@ class StateVector(Readout, GateMethods):
         kept = self.to_dict(1e-6 if self.precision == "double" else 1e-4)
         return "\n".join(f"|{key}>  {value:.6g}" for key, value in kept.items())
 
-
-def _threads(threads: int) -> int:
-    if isinstance(threads, bool) or not hasattr(threads, "__index__"):
-        raise TypeError(f"threads must be an integer, got {threads!r}")
-    if threads < 1:
-        raise ValueError(f"threads = {threads}: expected at least 1")
-    return threads
+    def _repr_html_(self) -> str:
+        if self.num_qubits > 20:
+            return table(repr(self), (), ())
+        amplitudes = self.to_array()
+        return state_table(repr(self), np.abs(amplitudes) ** 2, amplitudes)
 
 
-def _count(shots: int) -> int:
-    if isinstance(shots, bool) or not hasattr(shots, "__index__"):
-        raise TypeError(f"shots must be an integer, got {shots!r}")
-    if shots < 0:
-        raise ValueError(f"shots = {shots}: expected at least 0")
-    return shots
-
-
-def _outcome(outcome: str | int, width: int) -> int:
-    if isinstance(outcome, str):
-        if len(outcome) != width or set(outcome) - set("01"):
-            raise ValueError(f"outcome = {outcome!r}: expected {width} characters 0 or 1")
-        return int(outcome or "0", 2)
-    return outcome
-
-
-def _check_norm(amplitudes: ArrayLike, name: str) -> None:
-    norm = float(np.linalg.norm(np.asarray(amplitudes).reshape(-1)))
+def _check_norm(amplitudes: NDArray[Any]) -> None:
+    norm = float(np.linalg.norm(amplitudes.reshape(-1)))
     if not abs(norm - 1) < 1e-5:
         raise ValueError(
-            f"{name} has norm {norm:.9g}; expected 1 (pass check=False to load it anyway)"
+            f"amplitudes has norm {norm:.9g}; expected 1 (pass check=False to load it anyway)"
         )

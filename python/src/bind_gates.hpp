@@ -14,7 +14,7 @@ namespace pblinalg::python {
 
 namespace gate_signatures {
 
-#define PBLINALG_CONTROLS "ctrls: collections.abc.Sequence[int] | None = None) -> None"
+#define PBLINALG_CONTROLS "controls: collections.abc.Sequence[int] | None = None) -> None"
 #define PBLINALG_MATRIX "matrix: numpy.typing.ArrayLike) -> None"
 #define PBLINALG_LIST "collections.abc.Sequence[int]"
 
@@ -31,13 +31,14 @@ inline constexpr const char* rz = "def apply_RZ(self, qubit: int, theta: float, 
 inline constexpr const char* y_to_z = "def apply_YtoZ(self, qubit: int, " PBLINALG_CONTROLS;
 inline constexpr const char* z_to_y = "def apply_ZtoY(self, qubit: int, " PBLINALG_CONTROLS;
 inline constexpr const char* one = "def apply_1qbit_gate(self, qubit: int, " PBLINALG_MATRIX;
-inline constexpr const char* two = "def apply_2qbit_gate(self, q1: int, q2: int, " PBLINALG_MATRIX;
+inline constexpr const char* two =
+    "def apply_2qbit_gate(self, qubit1: int, qubit2: int, " PBLINALG_MATRIX;
 inline constexpr const char* many =
     "def apply_nqbit_gate(self, qubits: " PBLINALG_LIST ", " PBLINALG_MATRIX;
 inline constexpr const char* one_ctrl =
     "def apply_1qbit_ctrl_gate(self, controls: " PBLINALG_LIST ", target: int, " PBLINALG_MATRIX;
 inline constexpr const char* two_ctrl = "def apply_2qbit_ctrl_gate(self, controls: " PBLINALG_LIST
-                                        ", q1: int, q2: int, " PBLINALG_MATRIX;
+                                        ", qubit1: int, qubit2: int, " PBLINALG_MATRIX;
 inline constexpr const char* many_ctrl = "def apply_nqbit_ctrl_gate(self, controls: " PBLINALG_LIST
                                          ", qubits: " PBLINALG_LIST ", " PBLINALG_MATRIX;
 inline constexpr const char* phase_oracle =
@@ -60,10 +61,10 @@ void bind_one_qubit(nb::class_<Target>& target, const char* name, const char* si
             QubitArguments qubits(self.qubit_limit());
             const unsigned int q = qubits.one(qubit, "qubit");
             typename Target::OptionalQubits controls;
-            if (!ctrls.is_none()) controls = qubits.list(ctrls, "ctrls");
+            if (!ctrls.is_none()) controls = qubits.list(ctrls, "controls");
             self.run([&] { (self.*member)(q, std::move(controls)); });
         },
-        nb::arg("qubit"), nb::arg("ctrls") = nb::none(), nb::sig(signature), doc);
+        nb::arg("qubit").none(), nb::arg("controls") = nb::none(), nb::sig(signature), doc);
 }
 
 /// A one-qubit rotation or phase under optional controls.
@@ -78,10 +79,11 @@ void bind_rotation(nb::class_<Target>& target, const char* name, const char* sig
             const unsigned int q = qubits.one(qubit, "qubit");
             const auto angle = finite_argument<typename Target::Real>(theta, "theta");
             typename Target::OptionalQubits controls;
-            if (!ctrls.is_none()) controls = qubits.list(ctrls, "ctrls");
+            if (!ctrls.is_none()) controls = qubits.list(ctrls, "controls");
             self.run([&] { (self.*member)(q, angle, std::move(controls)); });
         },
-        nb::arg("qubit"), nb::arg("theta"), nb::arg("ctrls") = nb::none(), nb::sig(signature), doc);
+        nb::arg("qubit").none(), nb::arg("theta").none(), nb::arg("controls") = nb::none(),
+        nb::sig(signature), doc);
 }
 
 template <class Target>
@@ -119,7 +121,7 @@ void bind_gates(nb::class_<Target>& target) {
             const unsigned int t = qubits.one(target, "target");
             self.run([&] { self.apply_CNOT(c, t); });
         },
-        nb::arg("control"), nb::arg("target"),
+        nb::arg("control").none(), nb::arg("target").none(),
         nb::sig("def apply_CNOT(self, control: int, target: int) -> None"),
         "Flips `target` where `control` is 1.");
     target.def(
@@ -132,22 +134,22 @@ void bind_gates(nb::class_<Target>& target) {
             const unsigned int t = qubits.one(target, "target");
             self.run([&] { self.apply_CCNOT(c1, c2, t); });
         },
-        nb::arg("control1"), nb::arg("control2"), nb::arg("target"),
+        nb::arg("control1").none(), nb::arg("control2").none(), nb::arg("target").none(),
         nb::sig("def apply_CCNOT(self, control1: int, control2: int, target: int) -> None"),
         "Flips `target` where both controls are 1.");
 
-#define PBLINALG_BIND_PAIR(NAME, DOC)                                                           \
-    target.def(                                                                                 \
-        #NAME,                                                                                  \
-        [](Target& self, nb::handle q1, nb::handle q2) {                                        \
-            const Use use(self);                                                                \
-            QubitArguments qubits(self.qubit_limit());                                          \
-            const unsigned int a = qubits.one(q1, "q1");                                        \
-            const unsigned int b = qubits.one(q2, "q2");                                        \
-            self.run([&] { self.NAME(a, b); });                                                 \
-        },                                                                                      \
-        nb::arg("q1"), nb::arg("q2"), nb::sig("def " #NAME "(self, q1: int, q2: int) -> None"), \
-        DOC)
+#define PBLINALG_BIND_PAIR(NAME, DOC)                        \
+    target.def(                                              \
+        #NAME,                                               \
+        [](Target& self, nb::handle q1, nb::handle q2) {     \
+            const Use use(self);                             \
+            QubitArguments qubits(self.qubit_limit());       \
+            const unsigned int a = qubits.one(q1, "qubit1"); \
+            const unsigned int b = qubits.one(q2, "qubit2"); \
+            self.run([&] { self.NAME(a, b); });              \
+        },                                                   \
+        nb::arg("qubit1").none(), nb::arg("qubit2").none(),  \
+        nb::sig("def " #NAME "(self, qubit1: int, qubit2: int) -> None"), DOC)
     PBLINALG_BIND_PAIR(apply_CSIGN, "Negates the amplitudes with both bits set.");
     PBLINALG_BIND_PAIR(apply_SWAP, "Exchanges two qubits.");
     PBLINALG_BIND_PAIR(apply_SQRTSWAP, "The square root of SWAP.");
@@ -163,20 +165,21 @@ void bind_gates(nb::class_<Target>& target) {
             const auto entries = matrix_argument<Complex>(matrix, 1, "matrix");
             self.run([&] { self.apply_1qbit_gate(q, entries); });
         },
-        nb::arg("qubit"), nb::arg("matrix"), nb::sig(sig::one),
+        nb::arg("qubit").none(), nb::arg("matrix").none(), nb::sig(sig::one),
         "Applies a 2 x 2 matrix, which need not be unitary.");
     target.def(
         "apply_2qbit_gate",
         [](Target& self, nb::handle q1, nb::handle q2, nb::handle matrix) {
             const Use use(self);
             QubitArguments qubits(self.qubit_limit());
-            const unsigned int a = qubits.one(q1, "q1");
-            const unsigned int b = qubits.one(q2, "q2");
+            const unsigned int a = qubits.one(q1, "qubit1");
+            const unsigned int b = qubits.one(q2, "qubit2");
             const auto entries = matrix_argument<Complex>(matrix, 2, "matrix");
             self.run([&] { self.apply_2qbit_gate(a, b, entries); });
         },
-        nb::arg("q1"), nb::arg("q2"), nb::arg("matrix"), nb::sig(sig::two),
-        "Applies a 4 x 4 matrix; `q1` is the most significant bit of its indices.");
+        nb::arg("qubit1").none(), nb::arg("qubit2").none(), nb::arg("matrix").none(),
+        nb::sig(sig::two),
+        "Applies a 4 x 4 matrix; `qubit1` is the most significant bit of its indices.");
     target.def(
         "apply_nqbit_gate",
         [](Target& self, nb::handle qubits, nb::handle matrix) {
@@ -190,7 +193,7 @@ void bind_gates(nb::class_<Target>& target) {
                 raise(PyExc_ValueError, "matrix: %s", error.what());
             }
         },
-        nb::arg("qubits"), nb::arg("matrix"), nb::sig(sig::many),
+        nb::arg("qubits").none(), nb::arg("matrix").none(), nb::sig(sig::many),
         "Applies a 2^k x 2^k matrix; the first listed qubit is the most significant bit of its "
         "indices. A diagonal matrix on 9 or more qubits raises ValueError; see "
         "apply_nqbit_ctrl_gate.");
@@ -204,21 +207,22 @@ void bind_gates(nb::class_<Target>& target) {
             const auto entries = matrix_argument<Complex>(matrix, 1, "matrix");
             self.run([&] { self.apply_1qbit_ctrl_gate(c, t, entries); });
         },
-        nb::arg("controls"), nb::arg("target"), nb::arg("matrix"), nb::sig(sig::one_ctrl),
-        "Applies a 2 x 2 matrix where all controls are 1.");
+        nb::arg("controls").none(), nb::arg("target").none(), nb::arg("matrix").none(),
+        nb::sig(sig::one_ctrl), "Applies a 2 x 2 matrix where all controls are 1.");
     target.def(
         "apply_2qbit_ctrl_gate",
         [](Target& self, nb::handle controls, nb::handle q1, nb::handle q2, nb::handle matrix) {
             const Use use(self);
             QubitArguments qubits(self.qubit_limit());
             const auto c = qubits.list(controls, "controls");
-            const unsigned int a = qubits.one(q1, "q1");
-            const unsigned int b = qubits.one(q2, "q2");
+            const unsigned int a = qubits.one(q1, "qubit1");
+            const unsigned int b = qubits.one(q2, "qubit2");
             const auto entries = matrix_argument<Complex>(matrix, 2, "matrix");
             self.run([&] { self.apply_2qbit_ctrl_gate(c, a, b, entries); });
         },
-        nb::arg("controls"), nb::arg("q1"), nb::arg("q2"), nb::arg("matrix"),
-        nb::sig(sig::two_ctrl), "Applies a 4 x 4 matrix where all controls are 1.");
+        nb::arg("controls").none(), nb::arg("qubit1").none(), nb::arg("qubit2").none(),
+        nb::arg("matrix").none(), nb::sig(sig::two_ctrl),
+        "Applies a 4 x 4 matrix where all controls are 1.");
     target.def(
         "apply_nqbit_ctrl_gate",
         [](Target& self, nb::handle controls, nb::handle qubits, nb::handle matrix) {
@@ -230,7 +234,8 @@ void bind_gates(nb::class_<Target>& target) {
             const auto entries = matrix_argument<Complex>(matrix, q.size(), "matrix");
             self.run([&] { self.apply_nqbit_ctrl_gate(c, q, entries); });
         },
-        nb::arg("controls"), nb::arg("qubits"), nb::arg("matrix"), nb::sig(sig::many_ctrl),
+        nb::arg("controls").none(), nb::arg("qubits").none(), nb::arg("matrix").none(),
+        nb::sig(sig::many_ctrl),
         "Applies a 2^k x 2^k matrix, of any size when it is diagonal, where all controls are 1.");
     target.def(
         "apply_phase_oracle",
@@ -241,7 +246,7 @@ void bind_gates(nb::class_<Target>& target) {
             self.require_amplitudes();
             self.run([&] { self.apply_phase_oracle(values, q); });
         },
-        nb::arg("marked"), nb::arg("qubits"), nb::sig(sig::phase_oracle),
+        nb::arg("marked").none(), nb::arg("qubits").none(), nb::sig(sig::phase_oracle),
         "Negates the amplitudes whose value on `qubits` is one of `marked`, the first listed qubit "
         "being the most significant bit. A listed number p stands for qubit n-1-p.");
 }

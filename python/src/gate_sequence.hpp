@@ -46,6 +46,8 @@ class GateSequence : public Shared {
     GateSequence& operator=(const GateSequence&) = delete;
 
     unsigned int nqubits;
+    /// Calls in progress that only read; see `Reading`.
+    unsigned int readers = 0;
 
     struct Gate {
         GateKind kind;
@@ -149,6 +151,26 @@ class GateSequence : public Shared {
     /// Built at the first run in a precision, dropped when a gate is appended.
     Pieces<float> float_pieces_;
     Pieces<double> double_pieces_;
+};
+
+/// Claims a sequence for calls that only read it, any number of which go together.
+class Reading {
+  public:
+    explicit Reading(GateSequence& sequence) : sequence_(sequence) {
+        if (sequence.readers == 0) {
+            const Use unclaimed(sequence);
+        }
+        sequence.busy = true;
+        ++sequence.readers;
+    }
+    Reading(const Reading&) = delete;
+    Reading& operator=(const Reading&) = delete;
+    ~Reading() {
+        if (--sequence_.readers == 0) sequence_.busy = false;
+    }
+
+  private:
+    GateSequence& sequence_;
 };
 
 }  // namespace pblinalg::python

@@ -54,6 +54,25 @@ void bind_machine(nb::module_& module) {
     module.def("available_memory", available_memory,
                "Bytes that this process can still allocate; infinite where that is not known.");
     module.def(
+        "require_memory",
+        [](double bytes, const std::string& purpose) { require_memory(bytes, purpose.c_str()); },
+        nb::arg("bytes"), nb::arg("purpose"),
+        "MemoryError unless this process can still allocate that many bytes.");
+    module.def(
+        "require_finite",
+        [](nb::handle value, const std::string& name, bool single) {
+            if (single) {
+                finite_argument<float>(value, name.c_str());
+            } else {
+                finite_argument<double>(value, name.c_str());
+            }
+        },
+        nb::arg("value").none(), nb::arg("name"), nb::arg("single") = false,
+        nb::sig("def require_finite(value: object, name: str, single: bool = False) -> None"),
+        "TypeError unless the value is a real number, ValueError unless it is finite in float64, "
+        "or "
+        "in\nfloat32 when `single`; both say `name`.");
+    module.def(
         "hardware_threads", [] { return std::max(1u, std::thread::hardware_concurrency()); },
         "Processors that this machine offers.");
     module.def(

@@ -18,7 +18,7 @@ nb::object matrix_of(const GateSequence& sequence, const GateSequence::Gate& gat
 
 template <class T>
 void apply(GateSequence& self, BoundState<T>& state, nb::handle progress) {
-    const Use use(self);
+    const Reading reading(self);
     if (!progress.is_none() && !PyCallable_Check(progress.ptr()))
         raise(PyExc_TypeError, "progress must be callable or None, got %.200R", progress.ptr());
     self.apply<T>(state, [&](std::size_t done) {
@@ -46,7 +46,7 @@ void bind_gate_sequence(nb::module_& module) {
         .def(
             "gate",
             [](GateSequence& self, nb::handle position) {
-                const Use use(self);
+                const Reading reading(self);
                 const auto i = unsigned_argument(position, "position");
                 if (i >= self.size()) {
                     raise(PyExc_IndexError, "position = %.200R: expected a value below %zu",

@@ -10,9 +10,12 @@
 #include <map>
 #include <memory>
 #include <numeric>
+#include <sstream>
 
 #include "bind_gates.hpp"
 #include "bound_state.hpp"
+#include "core/complex_math.hpp"
+#include "observables/pauli_sums.hpp"
 #include "parts.hpp"
 #include "records.hpp"
 
@@ -117,7 +120,27 @@ void bind_generator(nb::module_& module) {
                 const Use use(*self.state);
                 return static_cast<unsigned long long>(self.state->rng());
             },
-            "The next 64-bit number.");
+            "The next 64-bit number.")
+        .def_prop_rw(
+            "position",
+            [](Generator<T>& self) {
+                const Use use(*self.state);
+                std::ostringstream text;
+                text << self.state->rng;
+                return text.str();
+            },
+            [](Generator<T>& self, nb::handle value) {
+                const Use use(*self.state);
+                std::istringstream text(text_argument(value, "position"));
+                auto generator = self.state->rng;
+                if (!(text >> generator))
+                    raise(PyExc_ValueError, "position must be what `position` of a generator gave");
+                self.state->rng = generator;
+            },
+            nb::for_getter(nb::sig("def position(self) -> str")),
+            nb::for_setter(nb::sig("def position(self, value: str, /) -> None")),
+            "Where the generator stands, as text: assigned to another one, the same numbers "
+            "follow.");
 }
 
 template <class T>
@@ -452,7 +475,6 @@ void bind_readout(nb::class_<BoundState<T>>& target) {
                 const Use use(self);
                 self.require_readable();
                 const auto shots = unsigned_argument(nshots, "nshots", 1ull << 48);
-                require_memory(static_cast<double>(shots) * 24, "the draws");
                 const OutputArray<unsigned long long> result(out, shots, self.amplitudes());
                 const Unlocked unlocked(self.size + shots >= min_unlocked_size);
                 self.sample(result.data(), shots);
@@ -469,7 +491,6 @@ void bind_readout(nb::class_<BoundState<T>>& target) {
                 self.require_readable();
                 const auto q = QubitArguments(self.readout_qubits()).list(qubits, "qubits");
                 const auto shots = unsigned_argument(nshots, "nshots", 1ull << 48);
-                require_memory(static_cast<double>(shots) * 24, "the draws");
                 const OutputArray<unsigned long long> result(out, shots, self.amplitudes());
                 const Unlocked unlocked(self.size + shots >= min_unlocked_size);
                 self.sample_subset(result.data(), q, shots);
@@ -493,6 +514,30 @@ void bind_readout(nb::class_<BoundState<T>>& target) {
             "One outcome over the listed qubits; the state is not collapsed.");
 }
 
+/// Pending signals are looked at between the passes of an observable from this size on.
+constexpr unsigned long long min_interrupted_size = 1ull << 18;
+
+/// <P> of every term of an observable on a large pure state, bit for bit as in one call, with looks
+/// at pending signals in between.
+template <class T>
+std::vector<T> term_values(BoundState<T>& self, const WObservable<T>& observable) {
+    std::vector<T> values(observable.flip_masks.size());
+    for (const auto& pass : cpu::passes_of_terms(observable, self.size)) {
+        WObservable<T> part;
+        for (const auto t : pass) {
+            part.coefficients.emplace_back(1);
+            part.flip_masks.push_back(observable.flip_masks[t]);
+            part.sign_masks.push_back(observable.sign_masks[t]);
+            part.phase_powers.push_back(observable.phase_powers[t]);
+        }
+        const auto own = self.run([&] { return self.terms_expectations_values(std::move(part)); });
+        for (std::size_t i = 0; i < pass.size(); ++i)
+            values[pass[i]] = own[i].real();
+        if (PyErr_CheckSignals() != 0) throw nb::python_error();
+    }
+    return values;
+}
+
 template <class T>
 void bind_observables(nb::class_<BoundState<T>>& target) {
     using State = BoundState<T>;
@@ -503,8 +548,15 @@ void bind_observables(nb::class_<BoundState<T>>& target) {
                 const Use use(self);
                 self.require_readable();
                 check_observable<T>(observable, self.readout_qubits());
-                const WObservable<T> copy = observable;
-                return self.run([&] { return self.expectation_value(copy); });
+                if (self.density_matrix || self.size < min_interrupted_size) {
+                    WObservable<T> copy = observable;
+                    return self.run([&] { return self.expectation_value(std::move(copy)); });
+                }
+                const std::vector<T> values = term_values<T>(self, observable);
+                std::complex<T> total = 0;
+                for (std::size_t t = 0; t < values.size(); ++t)
+                    total += observable.coefficients[t] * values[t];
+                return observable.constant + total;
             },
             nb::arg("observable"), "constant + sum over terms of coefficient * <P>.")
         .def(
@@ -513,8 +565,17 @@ void bind_observables(nb::class_<BoundState<T>>& target) {
                 const Use use(self);
                 self.require_readable();
                 check_observable<T>(observable, self.readout_qubits());
-                const WObservable<T> copy = observable;
-                return self.run([&] { return self.terms_expectations_values(copy); });
+                if (self.density_matrix || self.size < min_interrupted_size) {
+                    WObservable<T> copy = observable;
+                    return self.run(
+                        [&] { return self.terms_expectations_values(std::move(copy)); });
+                }
+                std::vector<std::complex<T>> products;
+                for (const T value : term_values<T>(self, observable))
+                    products.emplace_back(value);
+                for (std::size_t t = 0; t < products.size(); ++t)
+                    products[t] = cpu::cmul(observable.coefficients[t], products[t]);
+                return products;
             },
             nb::arg("observable"), "coefficient * <P> of each term; the constant is left out.")
         .def(

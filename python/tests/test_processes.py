@@ -2,6 +2,7 @@
 
 import multiprocessing
 import os
+import signal
 import subprocess
 import sys
 import textwrap
@@ -140,6 +141,26 @@ def test_a_progress_callback_cannot_pull_the_state_away():
         state.run(circuit, progress=lambda done, total: state.release())
     assert 0 < state.core.gates_applied < 20000
     assert state.resize(15).probability("0" * 15) == 1
+
+
+def test_signals_are_seen_in_the_middle_of_an_expectation_value(precision):
+    rng = np.random.default_rng(1)
+    strings = {"".join(rng.choice(list("IXYZ"), 20)): rng.normal() for _ in range(300)}
+    state = pb.StateVector(20, precision.name).h(0)
+    alone = {letters: state.expectation(pb.Observable({letters: 1.0})) for letters in list(strings)[:20]}
+    seen = []
+    old = signal.signal(signal.SIGALRM, lambda *_: seen.append(1))
+    try:
+        for value in (state.expectation, state.expectation_terms):
+            del seen[:]
+            signal.setitimer(signal.ITIMER_REAL, 0.001, 0.001)
+            result = value(pb.Observable(strings))
+            signal.setitimer(signal.ITIMER_REAL, 0)
+            assert len(seen) > 3
+    finally:
+        signal.signal(signal.SIGALRM, old)
+    for letters, expected in alone.items():
+        assert abs(result[letters] - strings[letters] * expected) < 10 * precision.tolerance
 
 
 def test_shots_stop_between_pieces_and_use_up_the_draws():

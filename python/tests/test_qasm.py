@@ -1,6 +1,8 @@
 """OpenQASM 2 programs: amplitudes against another simulator, and the command line."""
 
+import io
 import json
+import re
 import subprocess
 import sys
 from pathlib import Path
@@ -8,8 +10,10 @@ from pathlib import Path
 import numpy as np
 import pytest
 
+import dense
 import pblinalg as pb
 from pblinalg.__main__ import main
+from pblinalg.qasm import loads
 
 CIRCUITS = Path(__file__).with_name("circuits")
 UNITARY = sorted(p for p in CIRCUITS.glob("*.qasm") if not p.name.startswith("dynamic"))
@@ -56,8 +60,223 @@ def test_measured_bits_feed_forward(qiskit, name, pattern):
     assert len(counts) == 2 ** pattern.count("?")
 
 
-def test_there_are_twenty_programs():
-    assert len(UNITARY) >= 20
+def matrix_of(other):
+    """The matrix of a qiskit circuit, qubit 0 most significant."""
+    from qiskit.quantum_info import Operator
+
+    return Operator(other.reverse_bits()).data
+
+
+def known_gates(qiskit):
+    """Name, number of angles and of qubits of all gates that the parser knows."""
+    from qiskit.qasm2 import LEGACY_CUSTOM_INSTRUCTIONS
+
+    return [
+        (gate.name, gate.num_params, gate.num_qubits)
+        for gate in LEGACY_CUSTOM_INSTRUCTIONS
+        if gate.name not in ("delay", "u0")
+    ] + [("iswap", 0, 2), ("own", 1, 2)]
+
+
+def call_of(name, angles, qubits):
+    listed = f"({','.join(str(0.4 + 0.3 * i) for i in range(angles))})" if angles else ""
+    return f"{name}{listed} {','.join(f'q[{(i + 1) % 5}]' for i in range(qubits))};"
+
+
+def test_known_gates_are_what_the_parser_says(qiskit):
+    for name, angles, qubits in known_gates(qiskit)[:-2]:
+        text = f'OPENQASM 2.0; include "qelib1.inc"; qreg q[5]; {call_of(name, angles, qubits)}'
+        expected = qiskit.qasm2.loads(
+            text, custom_instructions=qiskit.qasm2.LEGACY_CUSTOM_INSTRUCTIONS
+        )
+        np.testing.assert_allclose(
+            loads(text).matrix(), matrix_of(expected), atol=1e-14, err_msg=name
+        )
+
+
+@pytest.mark.parametrize(
+    "head,own,flip",
+    [
+        ("OPENQASM 2.0; qreg q[5];", "U", "CX"),
+        ('OPENQASM 2.0; include "qelib1.inc"; qreg q[5];', "u3", "cx"),
+        ('OPENQASM 3.0; include "stdgates.inc"; qubit[5] q;', "u3", "cx"),
+    ],
+)
+def test_gates_that_a_program_defines_are_its_own(qiskit, head, own, flip):
+    for name, angles, qubits in known_gates(qiskit):
+        if name in (own, flip):
+            continue
+        names = [f"a{i}" for i in range(qubits)]
+        body = f"{own}(0.3,0.5,0.7) a0;" + "".join(f"{flip} a0,{a};" for a in names[1:])
+        parameters = f"({','.join(f'p{i}' for i in range(angles))})" if angles else ""
+        definition = f"gate {name}{parameters} {','.join(names)} {{ {body} }}"
+        expected = pb.Circuit(5).u(0.3, 0.5, 0.7, 1)
+        for i in range(1, qubits):
+            expected.cx(1, (i + 1) % 5)
+        found = loads(f"{head} // gate h\n{definition}\n{call_of(name, angles, qubits)} // {name}")
+        np.testing.assert_allclose(found.matrix(), expected.matrix(), atol=1e-14, err_msg=name)
+
+
+def test_gates_that_an_included_file_defines_are_its_own(qiskit, tmp_path):
+    (tmp_path / "own.inc").write_text("gate cz a,b { // mine\n CX a,b; }")
+    program = tmp_path / "program.qasm"
+    program.write_text('OPENQASM 2.0;\ninclude "own.inc";\nqreg q[2];\ncz q[0],q[1];')
+    assert np.array_equal(pb.qasm.load(program).matrix(), pb.Circuit(2).cx(0, 1).matrix())
+
+
+def gates_of_all_kinds(controls):
+    rng = np.random.default_rng(controls)
+    circuit = pb.Circuit(5)
+
+    def places(count):
+        chosen = rng.permutation(5).tolist()
+        return chosen[:count], chosen[count : count + controls]
+
+    for name in ("h", "x", "y", "z", "s", "sdg", "t", "tdg", "sx", "sxdg"):
+        (qubit,), others = places(1)
+        getattr(circuit, name)(qubit, controls=others)
+    for name in ("p", "rx", "ry", "rz"):
+        (qubit,), others = places(1)
+        getattr(circuit, name)(rng.normal(), qubit, controls=others)
+    for count in range(1, min(3, 5 - controls) + 1):
+        qubits, others = places(count)
+        circuit.unitary(dense.random_unitary(rng, 2**count), qubits, others)
+    circuit.swap(0, 3).cswap(4, 1, 2).iswap(0, 1).sqrt_swap(2, 4).cx(1, 3).ccx(0, 1, 2).cz(3, 1)
+    circuit.unitary(np.exp(0.7j) * np.eye(2), 2)
+    return circuit.phase_oracle([0, 2, 5], [3, 0, 2]).phase_oracle([0], [3])
+
+
+@pytest.mark.parametrize("version", [2, 3])
+def test_written_circuits_are_read_back_the_same(qiskit, version):
+    for controls in range(5):
+        circuit = gates_of_all_kinds(controls)
+        found = loads(circuit.to_qasm(version))
+        np.testing.assert_allclose(found.matrix(), circuit.matrix(), atol=1e-12)
+
+
+def test_written_measurements_and_conditions_are_read_back_the_same(qiskit):
+    circuit = pb.Circuit(3, 4)
+    circuit.registers = [2, 1, 1]
+    circuit.ry(0.8, 0).h(2).measure([0, 2], [1, 3])
+    with circuit.if_([1, 0], 2):
+        circuit.x(1).measure(1, 2)
+    circuit.reset(2)
+    for version in (2, 3):
+        found = loads(circuit.to_qasm(version))
+        assert found.registers == (2, 1, 1)
+        assert found.run(500, seed=4) == circuit.run(500, seed=4)
+    with circuit.if_([0, 2], 1):
+        circuit.measure(1, 0)
+        with circuit.if_([3], 0):
+            circuit.h(1).measure(1, 1)
+    assert loads(circuit.to_qasm()).run(500, seed=4) == circuit.run(500, seed=4)
+    with pytest.raises(ValueError, match="one whole register only"):
+        circuit.to_qasm(2)
+    with pytest.raises(ValueError, match="version = 4"):
+        circuit.to_qasm(4)
+
+
+OPENQASM_3 = """OPENQASM 3;
+include "stdgates.inc";
+qubit[3] q; bit[2] c; bit d;
+x q[0];
+c[0] = measure q[0];
+if (c[0] == 1) { x q[1]; } else { x q[2]; }
+d = measure q[1];
+if (c == 2) x q[2]; else z q[2];
+if (!c[1]) { reset q[0]; } else { h q[0]; }
+for int i in [1:3] { rx(pi/i) q[2]; }
+negctrl @ ctrl @ x q[0], q[1], q[2];
+inv @ sx q[2]; sx q[2]; rx(-11*pi/6) q[2];
+c[1] = measure q[2];
+"""
+
+
+def test_openqasm_3_programs_are_followed(qiskit):
+    circuit = loads(OPENQASM_3)
+    assert circuit.registers == (2, 1)
+    assert circuit.run(100) == {"11 1": 100}
+
+
+def test_qiskit_circuits_come_in(qiskit):
+    from qiskit.circuit import Parameter, library
+    from qiskit.circuit.classical import expr
+    from qiskit.quantum_info import random_clifford, random_unitary
+
+    other = qiskit.QuantumCircuit(4, global_phase=0.3)
+    other.append(library.PermutationGate([2, 0, 3, 1]), [3, 1, 0, 2])
+    other.append(random_unitary(4, seed=1).to_instruction(), [2, 0])
+    other.append(random_clifford(3, seed=1), [0, 3, 1])
+    other.append(library.CUGate(0.1, 0.2, 0.3, 0.4, ctrl_state=0), [3, 1])
+    other.append(library.XGate().control(3, annotated=True, ctrl_state=2), [2, 0, 1, 3])
+    other.append(library.QFTGate(3), [2, 0, 1])
+    found = pb.from_qiskit(other)
+    np.testing.assert_allclose(found.matrix(), matrix_of(other), atol=1e-14)
+
+    for value in range(8):
+        branching = qiskit.QuantumCircuit(3)
+        branching.add_register(qiskit.ClassicalRegister(3), qiskit.ClassicalRegister(4))
+        for bit in range(3):
+            if value >> bit & 1:
+                branching.x(bit)
+        branching.measure(range(3), range(3))
+        a, b, c = (expr.lift(branching.clbits[i]) for i in range(3))
+        with branching.if_test(expr.logic_and(a, expr.logic_not(b))) as otherwise:
+            branching.measure(0, 3)
+        with otherwise:
+            branching.reset(0)
+        with branching.switch(branching.cregs[0]) as case:
+            with case(1, 6):
+                branching.measure(2, 4)
+            with case(case.DEFAULT):
+                branching.reset(1)
+        with branching.if_test(expr.less(branching.cregs[0], 5)):
+            branching.measure(1, 5)
+        with branching.if_test(expr.bit_xor(b, c)):
+            branching.measure(2, 6)
+        ours = list(pb.from_qiskit(branching).run(1))[0]
+        theirs = reading_of(value)
+        assert ours == theirs, (value, ours, theirs)
+
+    rejected = qiskit.QuantumCircuit(1, 1)
+    rejected.rx(Parameter("theta"), 0)
+    with pytest.raises(ValueError, match="without a value: theta"):
+        pb.from_qiskit(rejected)
+    rejected = qiskit.QuantumCircuit(1, 1)
+    with rejected.while_loop((rejected.clbits[0], 0)):
+        rejected.measure(0, 0)
+    with pytest.raises(ValueError, match="'while_loop' cannot be followed"):
+        pb.from_qiskit(rejected)
+    rejected = qiskit.QuantumCircuit(1, 1)
+    with rejected.if_test((rejected.clbits[0], 0)) as otherwise:
+        rejected.measure(0, 0)
+    with otherwise:
+        rejected.x(0)
+    with pytest.raises(ValueError, match="measures into a classical bit that decides"):
+        pb.from_qiskit(rejected)
+    with pytest.raises(TypeError, match="circuit must be a qiskit QuantumCircuit"):
+        pb.from_qiskit("h q[0];")
+
+
+def reading_of(value):
+    """What the bits of the branching circuit read, followed by hand."""
+    a, b, c = (value >> bit & 1 for bit in range(3))
+    qubits, bits = [a, b, c], [a, b, c, 0, 0, 0, 0]
+
+    if a and not b:
+        bits[3] = qubits[0]
+    else:
+        qubits[0] = 0
+    if value in (1, 6):
+        bits[4] = qubits[2]
+    else:
+        qubits[1] = 0
+    if value < 5:
+        bits[5] = qubits[1]
+    if b != c:
+        bits[6] = qubits[2]
+    text = "".join(map(str, bits))
+    return f"{text[:3]} {text[3:]}"
 
 
 def test_command_line_prints_counts_as_a_table_and_as_json(qiskit, capsys, tmp_path):
@@ -86,7 +305,11 @@ def test_command_line_prints_counts_as_a_table_and_as_json(qiskit, capsys, tmp_p
         (None, "no such file"),
         ("OPENQASM 2.0; qreg q[2]; x q[0];", "'x'"),
         ('OPENQASM 2.0; include "qelib1.inc"; qreg q[1]; h q[1];', "out-of-range"),
-        ("OPENQASM 3.0; qubit q;", "OpenQASM 2"),
+        ("OPENQASM 3.0;\nqubit q;\nhh q;", "program.qasm: OpenQASM 3: 3,0: gate 'hh'"),
+        ("OPENQASM 3.0;\nqubit q;\nU(1,2,3) q", "OpenQASM 3: 3,10: unexpected '<EOF>'"),
+        ("OPENQASM 3.0;\nbit c;\nwhile (c) { }", "3,0: 'while' loops cannot be followed"),
+        ("OPENQASM 2.0; gate h a { } gate h b { } qreg q[1];", "'h' is already defined"),
+        ("OPENQASM 2.0; qreg q[9]; qreg r[90];", "99 qubits in q[9], r[90]"),
         ("OPENQASM 2.0; opaque f a; qreg q[1]; f q[0];", "'f' is declared but has no definition"),
         ("OPENQASM 2.0; qreg q[45];", "a register of 45 qubits needs"),
     ],
@@ -116,5 +339,37 @@ def test_wrong_options_stop_the_command_line(capsys):
         with pytest.raises(SystemExit, match="2"):
             main(options)
     capsys.readouterr()
-    assert main(["run", str(CIRCUITS / "bell.qasm"), "--shots", "-1"]) == 1
-    assert "pblinalg: " in capsys.readouterr().err
+    for option, value in (("--shots", "-1"), ("--seed", str(2**64)), ("--threads", "0")):
+        with pytest.raises(SystemExit, match="2"):
+            main(["run", str(CIRCUITS / "bell.qasm"), option, value])
+        assert f"argument {option}: '{value}': expected" in capsys.readouterr().err
+
+
+def test_command_line_reads_standard_input_and_prints_what_is_asked(qiskit, capsys, monkeypatch):
+    def run(text, *options):
+        monkeypatch.setattr("sys.stdin", io.StringIO(text))
+        status = main(["run", "-", *options])
+        printed = capsys.readouterr()
+        assert status == 0, printed.err
+        return printed.out
+
+    plus = 'OPENQASM 3; include "stdgates.inc"; qubit[2] q; h q[0]; cx q[0], q[1]; s q[1];'
+    seed = json.loads(run(plus, "--json"))["seed"]
+    repeated = json.loads(run(plus, "--json", "--seed", str(seed)))
+    assert repeated["seed"] == seed and sum(repeated["counts"].values()) == 1024
+    assert re.search(r"^\|00>  0.70710678\d+\+0j\n\|11>  0\+0.7071\d+j$", run(plus, "--state"), re.M)
+    state = json.loads(run(plus + "x q[0];", "--state", "--json", "--bit-order", "first-right"))
+    assert list(state["amplitudes"]) == ["01", "10"]
+    sums = ["--expectation", "ZZ + 0.5*X0", "--expectation", "X0 Y1"]
+    assert run(plus, *sums).endswith("<ZZ + 0.5*X0> = 1\n<X0 Y1> = 1\n")
+    assert json.loads(run(plus, *sums, "--json"))["expectation"]["X0 Y1"] == pytest.approx(1)
+    measured = plus + "bit[2] c; x q[0]; reset q; x q[1]; c = measure q;"
+    assert "which read 01\n|01>" in run(measured, "--state", "--draw")
+    assert main(["run", str(CIRCUITS)]) == 1
+    assert "a directory; expected" in capsys.readouterr().err
+
+
+def test_long_runs_say_how_far_they_are(qiskit, capsys, monkeypatch):
+    monkeypatch.setattr("pblinalg.__main__._PATIENCE", 0.0)
+    assert main(["run", str(CIRCUITS / "dynamic_teleport.qasm"), "--shots", "20"]) == 0
+    assert "pblinalg: 20 of 20 (100%)" in capsys.readouterr().err

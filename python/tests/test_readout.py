@@ -65,8 +65,8 @@ def test_shots_follow_the_probabilities_and_the_seed_alone(precision, state):
         big.ry(0.3 + qubit, qubit)
     seen = [big.run(500, precision=precision.name, threads=t, seed=9) for t in (1, 2, 1)]
     assert seen[0] == seen[1] == seen[2] != big.run(500, precision=precision.name, seed=10)
-    first = state.seed(4).sample_outcomes(50)
-    assert np.array_equal(first, state.seed(4).sample_outcomes(50))
+    first = state.reseed(4).sample_outcomes(50)
+    assert np.array_equal(first, state.reseed(4).sample_outcomes(50))
 
 
 def test_measuring_collapses_and_projecting_normalises(precision, state):
@@ -156,6 +156,50 @@ def test_channels_act_as_their_kraus_operators(precision, rng):
     np.testing.assert_allclose(mixed.probabilities(), [0.25, 0.75], atol=1e-6)
     mixed = pb.DensityMatrix(1, precision.name).h(0).phase_flip(0.5, 0).bit_flip(0.1, 0)
     np.testing.assert_allclose(mixed.to_array(), np.eye(2) / 2, atol=1e-6)
+
+
+def test_density_matrices_collapse_like_the_states_that_they_are_made_of(precision, rng):
+    for qubits, outcome in (([1], "1"), ([2, 0], "01"), ([0, 1, 2], "101")):
+        pure = pb.StateVector(3, precision.name).set_amplitudes(dense.random_state(rng, 3))
+        mixed = pb.DensityMatrix(3, precision.name, seed=4).set_state(pure)
+        pure.project(outcome, qubits)
+        expected = np.outer(pure, np.conj(pure))
+        np.testing.assert_allclose(
+            np.asarray(mixed.project(outcome, qubits)), expected, atol=20 * precision.tolerance
+        )
+        assert mixed.measure(qubits) == outcome
+    bell = pb.DensityMatrix(2, precision.name, seed=1).h(0).cx(0, 1)
+    assert {bell.copy().reseed(seed).measure() for seed in range(20)} == {"00", "11"}
+    bell.depolarize(0.3, [1, 0])
+    plain = np.outer([1, 0, 0, 1], [1, 0, 0, 1]) / 2
+    np.testing.assert_allclose(bell.to_array(), 0.7 * plain + 0.3 * np.eye(4) / 4, atol=1e-6)
+    damped = pb.DensityMatrix(1, precision.name).h(0).phase_damping(0.19, 0)
+    np.testing.assert_allclose(damped.to_array(), [[0.5, 0.45], [0.45, 0.5]], atol=1e-6)
+
+
+def test_states_read_as_sequences_and_arrays_serve_as_lists_of_qubits(precision, state):
+    amplitudes = state.to_array()
+    assert len(state) == 16 and [state[i] for i in range(-16, 16)] == [*amplitudes, *amplitudes]
+    assert state["0110"] == state[np.int64(6)] == amplitudes[6]
+    assert (
+        np.array_equal(np.asarray(state), amplitudes)
+        and np.asarray(state).dtype == amplitudes.dtype
+    )
+    listed, array = [2, 0], np.array([2, 0], np.uint8)
+    assert np.array_equal(state.probabilities(listed), state.probabilities(array))
+    assert state.copy().reseed(3).sample(50, listed) == state.copy().reseed(3).sample(50, array)
+    for use in (
+        lambda s, q: s.measure(q),
+        lambda s, q: s.reset(q),
+        lambda s, q: s.unitary(dense.ISWAP, q).h(3, controls=q),
+        lambda s, q: s.project("10", q).prepare([0, 0, 1j, 0], q),
+        lambda s, q: s.reset(q).load_words([0, 3, 1, 2], np.array([1, 3]), q),
+        lambda s, q: s.run(pb.Circuit(4).measure(q).phase_oracle([1], q).reset(q)),
+    ):
+        pair = [state.copy().reseed(3) for _ in range(2)]
+        first, second = (use(s, q) for s, q in zip(pair, (listed, array)))
+        assert isinstance(first, pb.StateVector) or first == second
+        assert np.array_equal(pair[0].amplitudes, pair[1].amplitudes)
 
 
 def test_text_of_the_lower_level(precision, capfd):

@@ -4,7 +4,6 @@ import numpy as np
 import pytest
 
 import pblinalg as pb
-from pblinalg.running import _final_measurements
 
 
 def test_conditions_feed_measured_bits_forward(precision):
@@ -31,21 +30,129 @@ def test_a_value_over_several_bits_has_its_first_listed_bit_most_significant():
     assert state.classical_bits == (1, 0, 1) and state.to_dict() == {"101": 1}
 
 
+def test_truth_and_length_of_circuits_and_joining_oneself():
+    assert not pb.Circuit(2) and pb.Circuit(2).measure_all() and pb.Circuit(1).reset(0)
+    assert len(pb.Circuit(2).measure_all()) == 0 and list(pb.Circuit(2).measure_all()) == []
+    circuit = pb.Circuit(1, 1).x(0).measure(0)
+    with circuit.if_(0):
+        circuit.x(0).compose(circuit)
+    # Inside the block: X, then X, a measurement of 1, and the block so far, with its X.
+    assert len(circuit) == 4 and circuit.measure(0).run(5) == {"0": 5}
+
+
 def test_reset_frees_a_qubit_for_reuse():
     circuit = pb.Circuit(2).h(0).cx(0, 1).measure(0).reset(0).measure(0, 1)
     counts = circuit.run(200, seed=3)
     assert counts.keys() == {"00", "10"} and counts.shots == 200
 
 
-def test_final_measurements_are_sampled_from_one_run():
+def shots_were_run_singly(circuit, **options):
+    seen = []
+    circuit.run(7, progress=lambda done, total: seen.append(total), **options)
+    return seen[-1:] == [7]
+
+
+def test_what_all_shots_share_is_run_once(precision):
     circuit = pb.Circuit(3, 4).h(0).cx(0, 2).measure(0, 3).x(1).measure(2, 1)
-    assert _final_measurements(circuit) == {3: 0, 1: 2}
     counts = circuit.run(300, seed=1)
     assert counts.keys() == {"0000", "0101"}
-    assert _final_measurements(pb.Circuit(2).measure(0).cx(1, 0)) is None
-    assert _final_measurements(pb.Circuit(2).measure(0).reset(0)) is None
+    assert circuit.run(300, seed=1, threads=2) == counts
     circuit.registers = [1, 3]
     assert circuit.run(10, seed=1).keys() <= {"0 000", "0 101"}
+    prepared = pb.Circuit(3).reset(range(3)).h(0).cx(0, 1).measure(2)
+    with prepared.if_(2, 0):
+        prepared.x(2).ry(1, 2).ry(2, 2).ry(-3, 2).reset(2)
+    for once in (circuit, prepared, prepared.copy().measure([0, 1])):
+        assert not shots_were_run_singly(once, precision=precision.name)
+    assert prepared.measure([0, 1]).run(50, seed=1, precision=precision.name).keys() == {
+        "000",
+        "110",
+    }
+    for singly in (
+        pb.Circuit(2).h(0).measure(0).cx(1, 0),
+        pb.Circuit(2).h(0).cx(0, 1).reset(0).measure(1),
+        pb.Circuit(2).ry(1e-4, 0).reset(0).x(0),
+        early := pb.Circuit(2).h(0).measure(0).h(1).measure(1).h(1).measure(1),
+    ):
+        assert shots_were_run_singly(singly, precision=precision.name)
+    assert len(early.run(200, seed=4)) == 4
+
+
+SHOTS = 250
+
+
+def exact_distribution(circuit, precision):
+    """Probabilities of the keys, by following every outcome of every step."""
+    branches = [(1.0, pb.StateVector(circuit.num_qubits, precision), [0] * circuit.num_clbits)]
+
+    def follow(steps, branches):
+        for step in steps:
+            after = []
+            for weight, state, bits in branches:
+                if isinstance(step, pb.Conditional):
+                    read = int("".join(str(bits[c]) for c in step.clbits), 2)
+                    taken = [(weight, state, bits)]
+                    after += follow(step.steps, taken) if read == step.value else taken
+                elif isinstance(step, (pb.Measure, pb.Reset)):
+                    for outcome in range(2):
+                        p = min(state.probability(outcome, [step.qubit]), 1)
+                        if p > 1e-9:
+                            other = state.copy().project(outcome, [step.qubit])
+                            own = list(bits)
+                            if isinstance(step, pb.Measure):
+                                own[step.clbit] = outcome
+                            elif outcome:
+                                other.x(step.qubit)
+                            after.append((weight * p, other, own))
+                else:
+                    step.apply(state.core)
+                    after.append((weight, state, bits))
+            branches = after
+        return branches
+
+    distribution = {}
+    for weight, _, bits in follow(circuit.steps, branches):
+        key = "".join(map(str, bits))
+        distribution[key] = distribution.get(key, 0) + weight
+    return distribution
+
+
+def random_program(rng):
+    circuit = pb.Circuit(3, 3)
+
+    def extend(depth):
+        for _ in range(rng.integers(3, 9)):
+            a, b, c = (int(q) for q in rng.permutation(3))
+            kind = rng.integers(8)
+            if kind < 2:
+                circuit.ry(float(rng.choice([0.7, np.pi / 2, np.pi])), a)
+            elif kind == 2:
+                circuit.x(a)
+            elif kind == 3:
+                circuit.cx(a, b)
+            elif kind == 4:
+                circuit.reset(a)
+            elif kind < 7 or depth == 2:
+                circuit.measure(a, c)
+            else:
+                with circuit.if_(c, int(rng.integers(2))):
+                    extend(depth + 1)
+
+    extend(0)
+    return circuit.measure(0, 1)
+
+
+def test_shared_and_single_shots_follow_the_exact_distribution(precision, rng):
+    for _ in range(100):
+        circuit = random_program(rng)
+        exact = exact_distribution(circuit, precision.name)
+        counts = circuit.run(SHOTS, precision=precision.name, seed=int(rng.integers(1 << 63)))
+        assert sum(exact.values()) == pytest.approx(1, abs=1e-5)
+        for key in exact.keys() | counts.keys():
+            p = min(exact.get(key, 0), 1)
+            assert abs(counts.get(key, 0) - SHOTS * p) <= 6 * (SHOTS * p * (1 - p)) ** 0.5 + 1e-3
+        repeated = circuit.run(30, precision=precision.name, seed=3)
+        assert repeated == circuit.run(30, precision=precision.name, seed=3, threads=2)
 
 
 def test_a_measured_qubit_read_again_shows_the_same_value():
@@ -62,7 +169,7 @@ def test_counts_are_a_sorted_dict_with_helpers():
         "00               3   75.00%  ######",
         "11               1   25.00%  ##",
     ]
-    assert "1 more outcomes with 1 shots" in counts.histogram(rows=1)
+    assert counts.histogram(rows=1).endswith("1 others          1   25.00%")
 
 
 def test_progress_reports_gates_and_shots():
@@ -71,7 +178,7 @@ def test_progress_reports_gates_and_shots():
     assert seen == [(2, 2)]
     circuit = pb.Circuit(1).h(0).measure(0).h(0).measure(0)
     circuit.run(3, progress=lambda *a: seen.append(a))
-    assert seen[1:] == [(1, 3), (2, 3), (3, 3)]
+    assert seen[1:] == [(1, 2), (1, 3), (2, 3), (3, 3)]
     with pytest.raises(TypeError, match="progress must be"):
         pb.StateVector(1).run(circuit, progress="bar")
 

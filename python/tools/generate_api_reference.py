@@ -6,7 +6,7 @@ import sys
 from pathlib import Path
 
 import pblinalg
-from pblinalg import density_matrix, gates, lowlevel, qasm, state_vector
+from pblinalg import density_matrix, gates, lowlevel, program, qasm, readout
 
 TARGET = Path(__file__).resolve().parents[2] / "docs" / "python-api.md"
 
@@ -23,9 +23,21 @@ def text_of(thing) -> str:
     return "\n\n".join(re.sub("^", "    ", b, flags=re.M) if b[:3] == ">>>" else b for b in blocks)
 
 
+class Annotation(str):
+    """An annotation that a signature shows without quotes, its own or those of a string."""
+
+    def __repr__(self) -> str:
+        return re.sub(r"['\"]", "", self) if "Literal" not in self else str(self)
+
+
 def signature_of(name: str, member) -> str:
-    text = str(inspect.signature(member))
-    text = re.sub(r"(: |-> )['\"]([^'\"]*)['\"]", r"\1\2", re.sub(r"^\(self(, )?", "(", text))
+    signature = inspect.signature(member)
+    bare = lambda a: Annotation(a) if isinstance(a, str) else a  # noqa: E731
+    parameters = [p.replace(annotation=bare(p.annotation)) for p in signature.parameters.values()]
+    signature = signature.replace(
+        parameters=parameters, return_annotation=bare(signature.return_annotation)
+    )
+    text = re.sub(r"^\(self(, )?", "(", str(signature))
     return name + re.sub(r"\bpblinalg\.\w+\.", "", text)
 
 
@@ -51,7 +63,7 @@ def members_of(cls) -> list[str]:
 def class_section(title: str, *classes) -> list[str]:
     first = classes[0]
     lines = [f"## {title}", ""]
-    if "__init__" in vars(first) and first is not pblinalg.Counts:
+    if first is not pblinalg.Counts:
         lines += [f"`{signature_of(first.__name__, first.__init__).removesuffix(' -> None')}`", ""]
     lines += [text_of(first), ""]
     for cls in classes:
@@ -78,20 +90,22 @@ def native_section(cls) -> list[str]:
 
 def reference() -> str:
     lines = [HEAD]
-    lines += class_section("StateVector", pblinalg.StateVector, state_vector.Readout)
+    lines += class_section("StateVector", pblinalg.StateVector, readout.Readout)
     lines += ["## Gates", "", text_of(gates.GateMethods), ""]
     lines += ["`StateVector`, `DensityMatrix` and `Circuit` share these methods.", ""]
     lines += members_of(gates.GateMethods)
-    lines += class_section("Circuit", pblinalg.Circuit)
+    lines += class_section("Circuit", pblinalg.Circuit, program.Program)
     for step in (pblinalg.Measure, pblinalg.Reset, pblinalg.Conditional):
         fields = ", ".join(step.__dataclass_fields__)
         lines += entry(f"{step.__name__}({fields})", text_of(step))
     lines += ["## Running", "", *entry(signature_of("run", pblinalg.run), text_of(pblinalg.run))]
     lines += class_section("Counts", pblinalg.Counts)
     lines += class_section("Observable", pblinalg.Observable)
+    text = "An `Observable`, or the string or dict of terms that its constructor takes."
+    lines += entry("ObservableLike", text)
     lines += class_section("DensityMatrix", density_matrix.DensityMatrix)
-    lines += ["Reading works as in `StateVector`.", "", "## OpenQASM 2: `pblinalg.qasm`", ""]
-    for function in (qasm.load, qasm.loads):
+    lines += ["Reading works as in `StateVector`.", "", "## OpenQASM and qiskit: `pblinalg.qasm`", ""]
+    for function in (qasm.load, qasm.loads, qasm.from_qiskit):
         lines += entry(signature_of(function.__name__, function), text_of(function))
     lines += ["## Lower level: `pblinalg.lowlevel`", "", text_of(lowlevel), ""]
     lines += ["The classes for float have the same members with complex64 and float32.", ""]

@@ -2,6 +2,10 @@
 # Builds the extension under the address and undefined-behaviour sanitizers beside the sources and
 # runs the tests with it. Needs the active Python to have nanobind, numpy and pytest.
 set -euo pipefail
+python3 -c 'import nanobind, numpy, pytest' || {
+    echo "first: pip install nanobind numpy pytest" >&2
+    exit 1
+}
 cd "$(dirname "${BASH_SOURCE[0]}")/../.."
 
 build=build/python-sanitizer

@@ -250,4 +250,24 @@ template std::vector<double> pauli_sums<double>(const std::complex<double>*,
                                                 const WObservable<double>&, unsigned long long,
                                                 int);
 
+template <class T>
+std::vector<std::vector<unsigned long long>> passes_of_terms(const WObservable<T>& observable,
+                                                             unsigned long long size) {
+    const unsigned int block_bits = std::min(count_bits(size - 1), max_block_bits<T>);
+    const std::vector<Group> groups = group_terms(observable);
+    std::vector<std::vector<unsigned long long>> passes;
+    for (const Batch& batch : batch_groups(groups, block_bits)) {
+        std::vector<unsigned long long>& pass = passes.emplace_back();
+        for (const Group* group : batch.groups)
+            pass.insert(pass.end(), group->terms.begin(), group->terms.end());
+        std::sort(pass.begin(), pass.end());
+    }
+    return passes;
+}
+
+template std::vector<std::vector<unsigned long long>> passes_of_terms<float>(
+    const WObservable<float>&, unsigned long long);
+template std::vector<std::vector<unsigned long long>> passes_of_terms<double>(
+    const WObservable<double>&, unsigned long long);
+
 }  // namespace pblinalg::cpu

@@ -23,4 +23,10 @@ template <class T>
 std::vector<T> pauli_sums(const std::complex<T>* amplitudes, const WObservable<T>& observable,
                           unsigned long long size, int num_threads);
 
+/// The terms of each pass that `pauli_sums` makes over the state, by position. A pass taken alone
+/// gives its terms the same bits.
+template <class T>
+std::vector<std::vector<unsigned long long>> passes_of_terms(const WObservable<T>& observable,
+                                                             unsigned long long size);
+
 }  // namespace pblinalg::cpu

@@ -1,0 +1,40 @@
+"""The steps of a program on one state of the lower level: what was recorded in `program` happens."""
+
+from __future__ import annotations
+
+from collections.abc import Callable, Sequence
+from typing import Any
+
+from ._core import GateSequence
+from .program import Conditional, Measure, Step, count_gates
+
+
+def run_steps(
+    core: Any,
+    steps: Sequence[Step],
+    bits: list[int],
+    report: Callable[[int], object] | None = None,
+    done: int = 0,
+) -> int:
+    """Applies steps to a state; measurements write `bits`, `report` is told the number of gates
+    that are through, `done` of them before. Returns that number."""
+    for step in steps:
+        if isinstance(step, GateSequence):
+            step.apply(core, shifted(report, done))
+            done += len(step)
+        elif isinstance(step, Measure):
+            bits[step.clbit] = core.measure([step.qubit])
+            core.project([step.qubit], bits[step.clbit])
+        elif isinstance(step, Conditional):
+            read = "".join(str(bits[clbit]) for clbit in step.clbits)
+            if int(read or "0", 2) == step.value:
+                run_steps(core, step.steps, bits, report, done)
+            done += count_gates(step.steps)
+        else:
+            core.project_then_reset([step.qubit], core.measure([step.qubit]))
+    return done
+
+
+def shifted(report: Callable[[int], object] | None, base: int) -> Callable[[int], object] | None:
+    """A function of the gates after `base` that tells `report` of all."""
+    return None if report is None else lambda done: report(base + done)

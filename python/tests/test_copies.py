@@ -1,0 +1,151 @@
+"""Copies, pickles, threads and processes: every public object can be sent and shared."""
+
+import copy
+import multiprocessing
+import pickle
+import subprocess
+import sys
+from concurrent.futures import ThreadPoolExecutor
+
+import numpy as np
+import pytest
+
+import pblinalg as pb
+
+
+def every_gate() -> pb.Circuit:
+    circuit = pb.Circuit(3, 4).h(0).u(0.1, 0.2, 0.3, 1, [2]).rx(0.5, 1).cx(0, 2).iswap(1, 2)
+    circuit.unitary(np.diag([1, 1j, -1, 1]), [2, 0]).phase_oracle([1, 2], [0, 2]).measure(0, 3)
+    with circuit.if_([3, 0], 2):
+        circuit.cp(0.25, 0, 1)
+        with circuit.if_(3):
+            circuit.reset(2).x(2)
+    circuit.measure([1, 2])
+    circuit.registers = [1, 3]
+    return circuit
+
+
+def used_observable() -> pb.Observable:
+    observable = pb.Observable({"XYZ": 0.5, "ZZI": -2.0, "III": 1})
+    pb.StateVector(3).expectation(observable)
+    return observable
+
+
+def used_state(precision="float") -> pb.StateVector:
+    state = pb.StateVector(3, precision, threads=2, seed=5).h(0).rx(0.3, 1).cx(0, 2)
+    state.sample(3)
+    return state
+
+
+def released() -> pb.StateVector:
+    state = pb.StateVector(2)
+    state.release()
+    return state
+
+
+def mixed() -> pb.DensityMatrix:
+    return pb.DensityMatrix(2, seed=3).h(0).cx(0, 1).depolarize(0.2, 0)
+
+
+def described(thing):
+    """All that can be seen of an object; later draws of its generator, too."""
+    if isinstance(thing, pb.Circuit):
+        steps = [repr(step).split(" object at")[0] for step in thing.steps]
+        gates = [(*gate[:3], np.asarray(gate[3]).tolist()) for gate in thing]
+        return steps, gates, thing.registers, thing.run(40, seed=1)
+    if isinstance(thing, pb.Observable):
+        return str(thing), pb.StateVector(3).h(0).expectation(thing)
+    if isinstance(thing, pb.Counts):
+        return dict(thing), thing.seed
+    if not thing.core.size:
+        return "released"
+    array = thing.to_array()
+    options = (thing.precision, thing.threads, thing.seed)
+    return array.dtype, array.tolist(), options, thing.sample_outcomes(50).tolist()
+
+
+MAKERS = [every_gate, used_observable, used_state, released, mixed, lambda: every_gate().run(50)]
+
+
+@pytest.mark.parametrize(
+    "duplicate",
+    [copy.copy, copy.deepcopy, lambda thing: pickle.loads(pickle.dumps(thing))],
+    ids=["copy", "deepcopy", "pickle"],
+)
+def test_every_object_duplicates_whole_and_independent(duplicate):
+    for make in MAKERS:
+        thing = make()
+        twin = duplicate(thing)
+        assert type(twin) is type(thing) and twin is not thing
+        assert described(twin) == described(thing)
+    state = used_state()
+    duplicate(state).x(0)
+    assert described(state) == described(used_state())
+    circuit = every_gate()
+    with duplicate(circuit).if_(0) as twin:
+        twin.x(0)
+    assert described(circuit) == described(every_gate())
+
+
+def test_a_copy_of_a_state_draws_numbers_of_its_own():
+    state = used_state()
+    other = state.copy()
+    assert np.array_equal(other.amplitudes, state.amplitudes) and other.threads == 2
+    assert other.seed != state.seed
+    assert not np.array_equal(other.sample_outcomes(64), state.sample_outcomes(64))
+
+
+def run_seed(circuit_and_seed):
+    circuit, seed = circuit_and_seed
+    return circuit.run(30, seed=seed)
+
+
+def test_one_circuit_runs_in_many_threads_and_in_other_processes():
+    circuit = every_gate()
+    expected = [circuit.run(30, seed=seed) for seed in range(40)]
+    with ThreadPoolExecutor(8) as threads:
+        assert list(threads.map(run_seed, [(circuit, seed) for seed in range(40)])) == expected
+    large = pb.Circuit(16)
+    for qubit in range(16):
+        large.h(qubit).s(qubit)
+    with ThreadPoolExecutor(8) as threads:
+        counts = list(threads.map(run_seed, [(large, 3)] * 8))
+    assert counts == [large.run(30, seed=3)] * 8
+    with multiprocessing.get_context("spawn").Pool(1) as pool:
+        assert pool.map(run_seed, [(circuit, 0), (circuit, 1)]) == expected[:2]
+    with pytest.raises(RuntimeError, match="in use"):
+        pb.StateVector(3).run(circuit, progress=lambda *_: circuit.steps[0].apply_H(0))
+
+
+def test_seeds_are_wide_told_and_repeatable():
+    seeds = {pb.StateVector(1).seed for _ in range(2000)} | {pb.DensityMatrix(1).seed}
+    assert len(seeds) == 2001 and max(seeds) > 1 << 60
+    circuit = pb.Circuit(4).h(0).h(1).h(2).h(3)
+    first = circuit.run(200)
+    assert circuit.run(200, seed=first.seed) == first
+    state = pb.StateVector(4).run(circuit)
+    drawn = state.sample_outcomes(50)
+    assert np.array_equal(state.reseed(state.seed).sample_outcomes(50), drawn)
+
+
+def test_importing_brings_the_submodules_and_calm_workers():
+    script = """
+import os
+before = dict(os.environ)
+import pblinalg as pb
+assert dict(os.environ) == before
+assert {"qasm", "lowlevel", "run"} <= set(dir(pb))
+assert pb.qasm.loads and pb.lowlevel.hardware_threads() >= 1
+try:
+    pb.nothing
+except AttributeError as error:
+    assert "nothing" in str(error)
+"""
+    for given, shown in (({}, "100"), ({"GOMP_SPINCOUNT": "7"}, "7")):
+        result = subprocess.run(
+            [sys.executable, "-c", script],
+            env={"PATH": "/usr/bin:/bin", "OMP_DISPLAY_ENV": "VERBOSE", **given},
+            capture_output=True, text=True, timeout=60,
+        )  # fmt: skip
+        assert result.returncode == 0, result.stderr
+        assert f"GOMP_SPINCOUNT = '{shown}'" in result.stderr

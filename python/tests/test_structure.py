@@ -1,0 +1,30 @@
+"""The package's own modules: who may import whom, and what stays private to a file."""
+
+import ast
+from pathlib import Path
+
+import pblinalg
+
+SOURCES = sorted(Path(pblinalg.__file__).parent.glob("*.py"))
+#: Modules that may wait with an import until it is needed.
+OUTER = {"__init__", "__main__"}
+
+
+def test_modules_import_from_the_top_and_only_public_names():
+    assert len(SOURCES) > 10
+    imports = {}
+    for path in SOURCES:
+        tree = ast.parse(path.read_text())
+        inner = [n for n in ast.walk(tree) if isinstance(n, ast.ImportFrom) and n.level]
+        for node in inner:
+            private = [a.name for a in node.names if a.name[0] == "_" and a.name != "_core"]
+            assert not private or private == ["__version__"], f"{path.name}: {private}"
+        late = [n.lineno for n in inner if n not in tree.body]
+        assert path.stem in OUTER or not late, f"{path.name}: imports in lines {late}"
+        imports[path.stem] = {n.module or a.name for n in inner for a in n.names}
+    done = {"_core", "__version__"}
+    while imports:
+        ready = {name for name, needed in imports.items() if needed <= done}
+        assert ready, f"these import each other in a circle: {imports}"
+        done |= ready
+        imports = {name: needed for name, needed in imports.items() if name not in ready}

@@ -1,0 +1,74 @@
+"""A user's program that type checkers must accept in their strict modes. It uses what is public;
+`test_documentation.py` checks and runs it."""
+
+from __future__ import annotations
+
+import copy
+
+import numpy as np
+from numpy.typing import NDArray
+
+import pblinalg as pb
+
+
+def prepared(n: int, precision: pb.Precision) -> pb.StateVector:
+    state = pb.StateVector(n, precision, threads=1, seed=7)
+    for qubit in np.arange(n):
+        state.h(qubit).rz(0.5, qubit)
+    return state.cx(0, 1).u(0.1, 0.2, 0.3, 2, controls=[0]).unitary(np.eye(4), np.array([1, 2]))
+
+
+def teleported() -> pb.Circuit:
+    circuit = pb.Circuit(3, 3).ry(0.8, 0).h(1).cx(1, 2).cx(0, 1).h(0).measure([0, 1], (0, 1))
+    with circuit.if_(1):
+        circuit.x(2)
+    with circuit.if_([0, 1], 3) as same:
+        same.z(2)
+    return circuit.reset(0).compose(pb.Circuit(3).p(0.1, 2)).copy()
+
+
+def energy(state: pb.StateVector | pb.DensityMatrix, observable: pb.Observable) -> float:
+    exact: float = state.expectation(observable)
+    value, error = state.estimate(observable, 1000)
+    assert abs(value - exact) < 6 * error + 1e-9
+    return exact
+
+
+def main() -> None:
+    state = prepared(3, "double")
+    array: NDArray[np.complexfloating] = state.to_array()
+    probabilities: NDArray[np.floating] = state.probabilities([0, np.int64(1)])
+    amplitude: complex = state[3]
+    assert abs(amplitude - state["011"]) == 0 and len(state) == array.size
+    assert abs(float(probabilities.sum()) - 1) < 1e-12
+    counts: pb.Counts = state.sample(100, np.array([2, 0]))
+    best, times = counts.most_common(1)[0]
+    assert len(best) == 2 and times > 0 and counts.shots == 100
+    outcomes: NDArray[np.uint64] = state.sample_outcomes(5)
+    assert outcomes.shape == (5,)
+
+    observable = 2 * pb.Observable({"ZZI": 1.0, "IXX": -0.5}) - pb.Observable("ZII")
+    energy(state, observable)
+    terms: dict[str, complex] = state.expectation_terms(observable)
+    assert "ZZI" in terms
+
+    mixed = pb.DensityMatrix(3).set_state(state).depolarize(0.1, [0, 1]).phase_damping(0.2, 2)
+    energy(mixed.channel([np.eye(2)], 0), observable)
+    read: str = mixed.copy().measure()
+    assert len(read) == 3 and mixed.purity() < 1
+
+    circuit = teleported()
+    result = circuit.run(50, precision="single", seed=3)
+    seed: int | None = result.seed
+    assert seed == 3 and pb.run(circuit, 50, "single", seed=seed) == result
+    gates = [name for name, _, _, _ in circuit]
+    assert len(gates) == len(circuit) and bool(circuit)
+    inverted: pb.Circuit = pb.Circuit(2).h(0).cx(0, 1).inverse()
+    back = copy.deepcopy(pb.StateVector(2)).run(inverted, progress=lambda done, total: None)
+    assert back.project("1", [0]).reset([0]).norm() > 0.99
+    states: list[pb.StateVector] = [back.reseed(1), back.resize(3).set_product("01+")]
+    assert states[0].precision == "double"
+
+
+if __name__ == "__main__":
+    main()
