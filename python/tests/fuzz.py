@@ -149,7 +149,7 @@ def objects():
     if kind == 6:
         return random.choice([low.SimpleTermDouble, low.SimpleTermFloat])([0, 1], "XY")
     if kind == 7:
-        return low.GateSequence(random.randrange(5))
+        return low.GateList(random.randrange(5))
     if kind == 8:
         return pb.Circuit(random.randrange(5))
     if kind == 9:

@@ -43,8 +43,8 @@ def test_amplitudes_equal_those_of_an_independent_simulator(qiskit, path, precis
     state = pb.StateVector(other.num_qubits, precision.name)
     circuit = load(path)
     for step in circuit.steps:
-        if hasattr(step, "apply"):
-            step.apply(state.core)
+        if isinstance(step, pb.lowlevel.GateList):
+            step.run(state.core)
     np.testing.assert_allclose(state.to_array(), expected, atol=60 * precision.tolerance)
 
 

@@ -52,12 +52,12 @@ std::vector<std::complex<double>> gate_matrix(GateKind kind, std::span<const dou
     list.add(kind, std::span(targets, k), listed);
     const cpu::Program<double> program = lowered<double>(list, k);
     const std::size_t rows = std::size_t{1} << k;
-    std::vector<std::complex<double>> matrix(rows * rows), column(rows);
+    std::vector<std::complex<double>> matrix(rows * rows);
     for (std::size_t c = 0; c < rows; ++c) {
-        std::ranges::fill(column, 0.0);
+        const auto column = cpu::new_zeroed_array<std::complex<double>>(rows, 1);
         column[c] = 1.0;
         for (const cpu::Operation& operation : program.operations)
-            cpu::run_alone(column.data(), k, program, operation, program.factors.data(), 1);
+            cpu::run_alone(column.get(), k, program, operation, program.factors.data(), 1);
         for (std::size_t r = 0; r < rows; ++r)
             matrix[r * rows + c] = column[r];
     }
