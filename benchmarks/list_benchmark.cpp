@@ -168,6 +168,22 @@ void BM_List(benchmark::State& run, AddLayers add_layers) {
     run.counters["pass_ms"] = 1e3 * pass / static_cast<double>(run.iterations());
 }
 
+/// The same gates, each in a list of its own: what they cost without planning together.
+template <class T>
+void BM_GateByGate(benchmark::State& run, AddLayers add_layers) {
+    State<T>& state = shared_state<T>(run.range(0), run.range(2));
+    GateList list;
+    Source source;
+    add_layers(list, state.nqubits, static_cast<unsigned int>(run.range(1)), source);
+    std::vector<GateList> gates(list.size());
+    for (std::size_t i = 0; i < gates.size(); ++i)
+        gates[i].append(list[i]);
+    for (auto _ : run) {
+        for (const GateList& gate : gates)
+            pblinalg::run(state, gate);
+    }
+}
+
 /// Building: 10,000 rotations appended one by one.
 void BM_ListBuilding(benchmark::State& run) {
     constexpr unsigned int n_gates = 10000;
@@ -191,15 +207,19 @@ template <class T>
 bool register_lists() {
     const auto add = [](const std::string& name, AddLayers add_layers,
                         const std::vector<Size>& sizes) {
-        auto* const registered =
-            benchmark::RegisterBenchmark(benchmark_name<T>("BM_List", name).c_str(), BM_List<T>,
-                                         add_layers)
-                ->ArgNames({"qubits", "layers", "threads"})
-                ->Unit(benchmark::kMillisecond)
-                ->UseRealTime();
-        for (const Size& size : sizes) {
-            for (const std::int64_t threads : thread_counts())
-                registered->Args({size.qubits, size.layers, threads});
+        const std::pair<const char*, void (*)(benchmark::State&, AddLayers)> ways[] = {
+            {"BM_List", BM_List<T>}, {"BM_GateByGate", BM_GateByGate<T>}};
+        for (const auto& [family, function] : ways) {
+            auto* const registered =
+                benchmark::RegisterBenchmark(benchmark_name<T>(family, name).c_str(), function,
+                                             add_layers)
+                    ->ArgNames({"qubits", "layers", "threads"})
+                    ->Unit(benchmark::kMillisecond)
+                    ->UseRealTime();
+            for (const Size& size : sizes) {
+                for (const std::int64_t threads : thread_counts())
+                    registered->Args({size.qubits, size.layers, threads});
+            }
         }
     };
     add("u3_cx", add_u3_cx, {{24, 20}});

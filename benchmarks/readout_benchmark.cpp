@@ -34,7 +34,7 @@ void BM_ReadPass(benchmark::State& run) {
     const State<T> state(run);
     const T* const elements = reinterpret_cast<const T*>(state.state.get());
     for (auto _ : run) {
-        benchmark::DoNotOptimize(sum_over_blocks<std::uint32_t>(
+        benchmark::DoNotOptimize(sum_over_pieces<std::uint32_t>(
             2 * state.size, state.size, state.num_threads, [=](Index begin, Index end) {
                 std::uint32_t parity = 0;
                 const auto* const words = reinterpret_cast<const std::uint32_t*>(elements);

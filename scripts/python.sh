@@ -1,12 +1,8 @@
-# Sourced after setup.sh: puts the Python package into a virtual environment of its own under build/.
-# Where that cannot be done, a message says that the Python part is skipped and why.
+# Sourced after setup.sh: environments of their own under build/ for the Python package. A function
+# that cannot fetch what it needs says why and fails.
 
-python=build/python-environment/bin/python
-
-python_skipped() {
-    printf 'Python part SKIPPED: %s\n' "$*"
-    return 1
-}
+# What pyproject.toml asks for before a build.
+build_requirements=('scikit-build-core>=0.10' 'nanobind>=2.4,<3')
 
 # Prints the Debian packages that a build against python3 lacks.
 missing_python_packages() {
@@ -17,31 +13,18 @@ path = os.path.join(sysconfig.get_paths()["include"], "Python.h")
 raise SystemExit(not os.path.exists(path))' 2>/dev/null || echo python3-dev
 }
 
+# make_python_environment DIRECTORY: sets `python` to the interpreter of an environment there.
+make_python_environment() {
+    install_what_is_missing missing_python_packages || return 1
+    if ! python3 -c 'import sys; raise SystemExit(sys.version_info < (3, 10))'; then
+        echo "python3 is older than 3.10"
+        return 1
+    fi
+    python=$1/bin/python
+    [[ -x $python ]] || run python3 -m venv "$1"
+}
+
 # Fetches packages into the environment, giving up soon where there is no index to fetch from.
 fetch_python_packages() {
     run "$python" -m pip --disable-pip-version-check --retries 1 --timeout 15 install --quiet "$@"
-}
-
-# Leaves an environment with the package and what its tests need, or says why not and fails.
-install_python_package() {
-    local log=build/python-environment.log packages
-    mkdir -p build
-    mapfile -t packages < <(missing_python_packages)
-    if [[ ${#packages[@]} -gt 0 ]]; then
-        (install_packages "${packages[@]}") || python_skipped "missing ${packages[*]}" || return 1
-    fi
-    python3 -c 'import sys; raise SystemExit(sys.version_info < (3, 10))' ||
-        python_skipped "python3 is older than 3.10" || return 1
-    if [[ ! -x $python ]]; then
-        run python3 -m venv build/python-environment ||
-            python_skipped "no virtual environment could be made" || return 1
-    fi
-    # The tools first and on their own: an index out of reach is no failure of this package.
-    fetch_python_packages 'scikit-build-core>=0.10' 'nanobind>=2.4,<3' numpy pytest tqdm \
-        2>"$log" || python_skipped "packages cannot be fetched (see $log)" || return 1
-    fetch_python_packages qiskit matplotlib 2>>"$log" ||
-        echo "OpenQASM tests SKIPPED: qiskit and matplotlib cannot be fetched (see $log)"
-    # Again even if the version is the same; a failure from here on is one of the package.
-    run "$python" -m pip --disable-pip-version-check install --quiet --no-build-isolation \
-        --no-deps --force-reinstall . || exit 1
 }

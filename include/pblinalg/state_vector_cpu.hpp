@@ -28,6 +28,9 @@ namespace pblinalg::cpu {
 /// significant bit. Angles are in radians. An absent control list and an empty one are equal.
 ///
 /// One caller thread uses an object at a time. Gates and readouts run on `num_threads` workers.
+/// Amplitudes after a gate do not depend on their number. Probabilities, norms and expectation
+/// values round alike for all requests but 1, which keeps its own order of additions; so do the
+/// amplitudes that a projection divides by its norm.
 /// Allocation failure raises std::bad_alloc before any amplitude changes.
 template <class T>
 class PBLINALG_EXPORT PybindLinAlgStateVectorCPU : public PybindLinAlgStateVector {
@@ -53,7 +56,9 @@ class PBLINALG_EXPORT PybindLinAlgStateVectorCPU : public PybindLinAlgStateVecto
     // ---- Lifecycle -----------------------------------------------------------------------------
 
     /// Allocates 2^nqubits amplitudes, all zero; call `reset` before use. The generator is seeded
-    /// from the clock and one worker is requested.
+    /// from the clock and one worker is requested, which clears the memory; to have it touched
+    /// first by many, construct 0 qubits, set their number and `resize`. Errors: std::bad_alloc,
+    /// also for 64 or more qubits.
     explicit PybindLinAlgStateVectorCPU(unsigned int nqubits);
     ~PybindLinAlgStateVectorCPU() override;
 
@@ -192,7 +197,9 @@ class PBLINALG_EXPORT PybindLinAlgStateVectorCPU : public PybindLinAlgStateVecto
     // The state is read, not collapsed. Shot s takes draw s of `rng`. An empty list reads all
     // qubits in caller order. Running sums are kept in `T`: in single precision those of a flat
     // state stop growing at 2^24 amplitudes, so that beyond 24 qubits the last outcome is
-    // over-drawn; use double there.
+    // over-drawn; use double there. Draws are taken in OpenMP's unnamed critical section, one per
+    // process: calling these members, or `evaluate_terms`, from inside `#pragma omp critical`
+    // without a name never returns.
 
     /// Writes `nshots` outcomes over all qubits.
     void sample(unsigned long long* out, unsigned long long nshots);

@@ -78,9 +78,7 @@ def _parser() -> argparse.ArgumentParser:
     job.add_argument(
         "--shots", type=_whole_number(0), default=1024, help="number of shots (default 1024)"
     )
-    job.add_argument(
-        "--seed", type=_whole_number(0, 2**64 - 1), help="makes the shots repeatable"
-    )
+    job.add_argument("--seed", type=_whole_number(0, 2**64 - 1), help="makes the shots repeatable")
     job.add_argument("--precision", choices=("double", "float"), default="double")
     job.add_argument(
         "--threads", type=_whole_number(1), help="worker threads (default: as many as help)"

@@ -2,12 +2,13 @@
 
 from __future__ import annotations
 
-from collections.abc import Mapping, Sequence
+from collections.abc import Mapping
 from typing import TYPE_CHECKING, Any
 
 import numpy as np
 from numpy.typing import NDArray
 
+from .arguments import Qubits, index
 from .html_tables import table
 from .observable import Observable, ObservableLike
 
@@ -60,14 +61,12 @@ class Counts(dict[str, int]):
         """The same counts with every key read backwards: the first bit rightmost."""
         return Counts({key[::-1]: count for key, count in self.items()})
 
-    def marginal(self, bits: int | Sequence[int]) -> Counts:
+    def marginal(self, bits: Qubits) -> Counts:
         """Counts of some bits alone, in the order listed. Bits are numbered from 0 through all
         registers, spaces not counted. IndexError for a bit that the keys do not have."""
-        listed = [int(bit) for bit in (bits if hasattr(bits, "__iter__") else [bits])]
-        width = self._num_bits()
-        for bit in listed:
-            if not 0 <= bit < width:
-                raise IndexError(f"bits = {bit}: expected a bit between 0 and {width - 1}")
+        last = self._num_bits() - 1
+        several: Any = bits if hasattr(bits, "__iter__") else [bits]
+        listed = [index(bit, "bits", last) for bit in several]
         result: dict[str, int] = {}
         for key, count in self.items():
             plain = key.replace(" ", "")
@@ -100,7 +99,14 @@ class Counts(dict[str, int]):
         return total / self.shots
 
     def _num_bits(self) -> int:
-        return len(next(iter(self), "").replace(" ", ""))
+        widths = set()
+        for key in self:
+            if not isinstance(key, str):
+                raise TypeError(f"outcomes must be strings, got {key!r}")
+            widths.add(len(key) - key.count(" "))
+        if len(widths) > 1:
+            raise ValueError("outcomes must be equally long")
+        return max(widths, default=0)
 
     def _shown(self, rows: int) -> tuple[dict[str, int], int, int]:
         """The most common outcomes, how many others there are, and how many shots those took."""

@@ -111,9 +111,7 @@ class Layout:
 
 def _count(steps: Sequence[Step]) -> int:
     inner = [step for step in steps if isinstance(step, (GateList, Conditional))]
-    nested = (
-        _count(step.steps) if isinstance(step, Conditional) else len(step) for step in inner
-    )
+    nested = (_count(step.steps) if isinstance(step, Conditional) else len(step) for step in inner)
     return len(steps) - len(inner) + sum(nested)
 
 

@@ -20,9 +20,11 @@ def table(
     """An HTML table, the first column left-aligned; with `shares` a bar ends each of the first
     rows, as long as its share of the largest."""
     largest = max(shares, default=0) or 1
-    lines = [f"<table><caption>{escape(caption)}</caption><tr>"]
+    style = "text-align:left;white-space:nowrap"
+    lines = [f'<table><caption style="{style}">{escape(caption)}</caption><tr>']
     for i, name in enumerate(head):
-        lines.append(f'<th style="text-align:{"right" if i else "left"}">{escape(name)}</th>')
+        side = "right" if i else "left"
+        lines.append(f'<th style="text-align:{side};padding:1px 10px">{escape(name)}</th>')
     lines.append("</tr>")
     for number, row in enumerate(rows):
         lines.append("<tr>")
@@ -39,9 +41,7 @@ def table(
     return "".join(lines) + "</table>"
 
 
-def state_table(
-    caption: str, weights: NDArray[Any], amplitudes: NDArray[Any] | None = None
-) -> str:
+def state_table(caption: str, weights: NDArray[Any], amplitudes: NDArray[Any] | None = None) -> str:
     """The most probable basis states of the 2^n `weights`, qubit 0 being the most significant bit
     of an index, with their amplitudes if there are any."""
     seen = int((weights > 1e-12).sum())

@@ -13,7 +13,7 @@ import numpy as np
 from numpy.typing import NDArray
 
 from . import _core
-from .arguments import MAX_COUNT, require_memory
+from .arguments import MAX_COUNT, count, precision_name, require_memory
 
 _NUMBER = r"\([^()]*\)|[0-9.][0-9.eEj]*(?:(?<=[eE])[+-][0-9]+)?j?"
 _PLACED = r"[IXYZ]\d+(?:[\s*]*[IXYZ]\d+)*"
@@ -64,6 +64,7 @@ class Observable:
             if isinstance(terms, str) and not any(letters for letters, _ in pairs):
                 raise ValueError("an observable without Pauli letters needs num_qubits")
             num_qubits = _needed_qubits([letters for letters, _ in pairs])
+        num_qubits = count(num_qubits, "num_qubits", 0, MAX_COUNT)
         sums: dict[str, complex] = {}
         for letters, coefficient in pairs:
             full = _full_string(letters, num_qubits, isinstance(terms, str))
@@ -90,6 +91,7 @@ class Observable:
         constant: complex = 0,
     ) -> Observable:
         """Decompiles the library's form: bit q of a mask is qubit q."""
+        num_qubits = count(num_qubits, "num_qubits", 0, MAX_COUNT)
         terms: list[tuple[str, complex]] = []
         lists = [list(values) for values in (coefficients, flip_masks, sign_masks, phase_powers)]
         if len({len(values) for values in lists}) != 1:
@@ -197,22 +199,26 @@ class Observable:
         """True when all coefficients are real."""
         return all(coefficient.imag == 0 for coefficient in self._terms.values())
 
-    def _record(self, precision: str) -> Any:
-        if precision not in self._compiled:
-            self._compiled[precision] = _RECORDS[precision](*self.masks())
-        return self._compiled[precision]
+    def record(self, precision: str) -> Any:
+        """The lower level's record of this observable in "float" or "double"."""
+        kind = precision_name(precision)
+        if kind not in self._compiled:
+            self._compiled[kind] = _RECORDS[kind](*self.masks())
+        return self._compiled[kind]
 
     def __reduce__(self) -> tuple[type[Observable], tuple[dict[str, complex], int]]:
         # Without what was compiled.
         return type(self), (self._terms, self._num_qubits)
 
-    def _simple_terms(self, precision: str) -> list[Any]:
+    def simple_terms(self, precision: str) -> list[Any]:
+        """The lower level's terms but the identity, in "float" or "double"."""
+        term = _TERMS[precision_name(precision)]
         simple = []
         for letters, coefficient in self._terms.items():
             qubits = [q for q, letter in enumerate(letters) if letter != "I"]
             if qubits:
                 text = "".join(letters[q] for q in qubits)
-                simple.append(_TERMS[precision](qubits, text, coefficient))
+                simple.append(term(qubits, text, coefficient))
         return simple
 
     def _same_size(self, other: object) -> Observable | None:

@@ -67,11 +67,15 @@ def _read(text: str, source: str, folder: Path) -> Circuit:
 
 
 def _version(text: str) -> int:
-    code = "".join(token for token in _TOKEN.findall(text) if token[:2] not in ("//", "/*"))
-    stated = re.match(r"\s*OPENQASM\s+(\d+)", code)
+    stated = re.match(r"(?:\s|//[^\n]*|/\*.*?\*/)*OPENQASM\s+(\d+)", text, re.S)
     if stated:
         return 2 if stated[1] == "2" else 3
-    return 3 if re.search(r"\b(qubit|bit)\b|stdgates\.inc", code) else 2
+    return 3 if re.search(r"\b(qubit|bit)\b|stdgates\.inc", _code(text)) else 2
+
+
+def _code(text: str) -> str:
+    """The text without its comments."""
+    return "".join(token for token in _TOKEN.findall(text) if token[:2] not in ("//", "/*"))
 
 
 def _with_included_names(text: str, folder: Path) -> str:
@@ -91,8 +95,9 @@ def _with_included_names(text: str, folder: Path) -> str:
 
 
 def _own_names(text: str) -> set[str]:
-    code = "".join(token for token in _TOKEN.findall(text) if token[:2] not in ("//", "/*"))
-    return {name for name in re.findall(r"\bgate\s+(\w+)", code) if name in _KNOWN}
+    if not re.search(r"\bgate\b", text):
+        return set()
+    return {name for name in re.findall(r"\bgate\s+(\w+)", _code(text)) if name in _KNOWN}
 
 
 def _own_names_first(text: str) -> str:

@@ -1,5 +1,5 @@
-"""Circuits of qiskit as circuits of the library. Gates are told by their class, never by their name;
-what has no counterpart is taken apart into its definition."""
+"""Circuits of qiskit as circuits of the library. Gates are told by their class, never by their
+name; what has no counterpart is taken apart into its definition."""
 
 from __future__ import annotations
 
@@ -224,10 +224,7 @@ class _Lowering:
                 blocks = [block for block in operation.blocks if block is not None]
             listed, cubes = _cubes_of_if(operation.condition, clbits, len(blocks) > 1)
         written = {
-            bits[place]
-            for block in blocks
-            if hasattr(block, "data")
-            for place in _written(block)
+            bits[place] for block in blocks if hasattr(block, "data") for place in _written(block)
         }
         if len(cubes) > 1 and written & set(listed):
             raise ValueError(

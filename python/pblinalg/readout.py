@@ -73,7 +73,8 @@ class Readout(GateMethods):
         core: Any = _STATES[kind](0)
         self._threads_chosen = number is not None
         core.set_num_threads(default_threads(core_qubits) if number is None else number)
-        # Sized after the workers are known, so that each touches its own part first.
+        # A new object clears its memory on one worker. Grown from nothing with the workers set, it
+        # has them share that, and each finds its amplitudes in the memory next to it.
         core.resize(core_qubits)
         core.rng.seed(self._seed)
         core.reset()
@@ -82,15 +83,16 @@ class Readout(GateMethods):
         _core.apply_to(self, core, self._both_sides)
 
     def _resize_core(self, core_qubits: int) -> None:
-        if core_qubits != self._core.nqubits or self._core.size == 0:
-            self._core.resize(core_qubits)
+        self._core.resize(core_qubits)
         if not self._threads_chosen:
             self._core.set_num_threads(default_threads(core_qubits))
         self._core.reset()
 
     def _require_amplitudes(self) -> None:
-        if self._core.size == 0:
-            raise ValueError("the state holds no amplitudes after release; resize it first")
+        if not len(self._core.state):
+            raise ValueError(
+                "the state holds no amplitudes after release or a failed resize; resize it first"
+            )
 
     def _require_norm(self) -> None:
         """Shots of a state that is none would look like results."""
@@ -109,7 +111,9 @@ class Readout(GateMethods):
 
     @property
     def threads(self) -> int:
-        """Worker threads of long operations; results do not depend on it."""
+        """Worker threads of long operations. Amplitudes after gates, and shots drawn from them, do
+        not depend on it; probabilities, expectation values and the norm in a collapse round alike
+        for every number above 1, and for 1 may differ in the last digits."""
         return int(self._core.num_threads)
 
     @threads.setter
@@ -236,17 +240,17 @@ class Readout(GateMethods):
         """The exact expectation value. ValueError when a coefficient is not real;
         `expectation_complex` takes any."""
         observable = self._observable(observable, hermitian=True)
-        return float(self._core.expectation_value(observable._record(self.precision)).real)
+        return float(self._core.expectation_value(observable.record(self.precision)).real)
 
     def expectation_complex(self, observable: ObservableLike) -> complex:
         """The exact value of <P> summed with complex coefficients."""
         observable = self._observable(observable)
-        return complex(self._core.expectation_value(observable._record(self.precision)))
+        return complex(self._core.expectation_value(observable.record(self.precision)))
 
     def expectation_terms(self, observable: ObservableLike) -> dict[str, complex]:
         """Coefficient times exact expectation value of every string but the identity."""
         observable = self._observable(observable)
-        values = self._core.terms_expectations_values(observable._record(self.precision))
+        values = self._core.terms_expectations_values(observable.record(self.precision))
         names = [letters for letters in observable.terms if letters.strip("I")]
         return dict(zip(names, values))
 
@@ -260,7 +264,7 @@ class Readout(GateMethods):
         value = observable.masks()[-1].real
         variance = 0.0
         # Term by term, so that Ctrl-C finds a gap; the draws are the same.
-        for term in observable._simple_terms(self.precision):
+        for term in observable.simple_terms(self.precision):
             ((mean, error),) = self._core.evaluate_terms([term], number)
             value += mean.real
             variance += abs(error) ** 2

@@ -43,8 +43,9 @@ def run(
     that may go both ways is simulated once and the rest once per shot. An outcome is certain when
     the other one has a probability of at most 2^-64 (in float 2^-32).
 
-    The same seed gives the same counts, whatever the number of threads; `seed` of the result tells
-    it. Simulating once per shot takes the memory of a second state. `progress` is told the gates of
+    The same seed gives the same counts for every number of threads; but where a circuit is simulated
+    once per shot, 1 thread may round a collapse differently from more, and a shot on the brink may
+    fall the other way. `seed` of the result tells the seed. Simulating once per shot takes the memory of a second state. `progress` is told the gates of
     what the shots share, then the shots.
 
     Ctrl-C stops between pieces of the circuit or between shots; nothing is left behind.

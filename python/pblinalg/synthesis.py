@@ -45,13 +45,13 @@ def two_level_steps(matrix: NDArray[np.complex128]) -> list[ControlledMatrix]:
             undone.append(_step(upper, lower, places, rotation.conj().T))
     last, other = order[-1], order[-2]
     if abs(rest[last, last] - 1) > 1e-15:
-        undone.append(_step(other, last, places, np.diag([1, rest[last, last]]).astype(np.complex128)))
+        undone.append(
+            _step(other, last, places, np.diag([1, rest[last, last]]).astype(np.complex128))
+        )
     return undone[::-1]
 
 
-def _step(
-    upper: int, lower: int, places: int, matrix: NDArray[np.complex128]
-) -> ControlledMatrix:
+def _step(upper: int, lower: int, places: int, matrix: NDArray[np.complex128]) -> ControlledMatrix:
     target = places - (upper ^ lower).bit_length()
     if upper > lower:
         matrix = matrix[::-1, ::-1]

@@ -18,7 +18,11 @@ namespace {
 nb::object as_integer(nb::handle value) {
     if (PyBool_Check(value.ptr()) || !PyIndex_Check(value.ptr())) return nb::object();
     PyObject* const integer = PyNumber_Index(value.ptr());
-    if (!integer) throw nb::python_error();
+    if (!integer) {
+        // An array of any shape claims to be an index.
+        if (!PyErr_ExceptionMatches(PyExc_TypeError)) throw nb::python_error();
+        PyErr_Clear();
+    }
     return nb::steal(integer);
 }
 

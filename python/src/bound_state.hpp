@@ -94,7 +94,7 @@ struct BoundState : cpu::PybindLinAlgStateVectorCPU<T>, Shared {
     unsigned long long gates_applied = 0;
 
     MemoryRange amplitudes() const {
-        return {this->state.get(), this->size * sizeof(std::complex<T>)};
+        return {this->state.get(), this->state ? this->size * sizeof(std::complex<T>) : 0};
     }
     unsigned int qubit_limit() const { return this->nqubits; }
     /// Qubits of the density matrix, or of the pure state.
@@ -105,7 +105,8 @@ struct BoundState : cpu::PybindLinAlgStateVectorCPU<T>, Shared {
     void require_amplitudes() const {
         if (!this->state) {
             raise(PyExc_ValueError,
-                  "the state vector holds no amplitudes after release_memory; resize it first");
+                  "the state vector holds no amplitudes after release_memory or a failed resize; "
+                  "resize it first");
         }
     }
     void require_readable() const {
@@ -117,9 +118,11 @@ struct BoundState : cpu::PybindLinAlgStateVectorCPU<T>, Shared {
         }
     }
 
-    /// Runs `work` on the amplitudes, without the interpreter lock when there are many.
+    /// Runs `work` on the amplitudes, without the interpreter lock when there are many. There may
+    /// be none: a resize that failed leaves a qubit count without them.
     template <class Work>
     decltype(auto) run(const Work& work) const {
+        require_amplitudes();
         const Unlocked unlocked(this->size >= min_unlocked_size);
         return work();
     }

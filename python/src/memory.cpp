@@ -1,5 +1,8 @@
 // How much memory is left, so that a register that does not fit is refused before it is allocated.
 // On systems without /proc nothing is known and nothing is refused.
+#include <sys/resource.h>
+#include <unistd.h>
+
 #include <algorithm>
 #include <cstdio>
 #include <fstream>
@@ -23,26 +26,35 @@ double number_in(const std::string& path) {
     return file ? number : unknown;
 }
 
-double free_memory() {
-    std::ifstream file("/proc/meminfo");
-    std::string key;
-    double kilobytes = 0;
-    while (file >> key >> kilobytes) {
-        if (key == "MemAvailable:") return kilobytes * 1024;
-        file.ignore(std::numeric_limits<std::streamsize>::max(), '\n');
-    }
-    return unknown;
-}
-
-/// The value of `wanted` in a file of "key value" lines, 0 when it is not there.
-double entry_of(const std::string& path, const std::string& wanted) {
+/// The value of `wanted` in a file of "key value" lines, which may end in a unit.
+double entry_of(const std::string& path, const std::string& wanted, double otherwise) {
     std::ifstream file(path);
     std::string key;
     double value = 0;
     while (file >> key >> value) {
         if (key == wanted) return value;
+        file.ignore(std::numeric_limits<std::streamsize>::max(), '\n');
     }
-    return 0;
+    return otherwise;
+}
+
+double free_memory() {
+    const auto bytes = [](const char* key) {
+        return 1024 * entry_of("/proc/meminfo", key, unknown);
+    };
+    const double available = bytes("MemAvailable:");
+    // In this mode the system promises no more than it can keep, whatever is in use.
+    if (number_in("/proc/sys/vm/overcommit_memory") != 2) return available;
+    return std::min(available, bytes("CommitLimit:") - bytes("Committed_AS:"));
+}
+
+/// Room below the limit of the address space (ulimit -v).
+double room_in_address_space() {
+    rlimit limit;
+    if (getrlimit(RLIMIT_AS, &limit) != 0 || limit.rlim_cur == RLIM_INFINITY) return unknown;
+    const double pages = number_in("/proc/self/statm");
+    if (pages == unknown) return unknown;
+    return static_cast<double>(limit.rlim_cur) - pages * static_cast<double>(sysconf(_SC_PAGESIZE));
 }
 
 /// Room in the control group of this process; both generations of the interface.
@@ -65,8 +77,8 @@ double room_in_group() {
                 number_in(group + (unified ? "/memory.current" : "/memory.usage_in_bytes"));
             if (limit == unknown || used == unknown) continue;
             // File pages that were not touched lately are given back before anything fails.
-            const double cache =
-                entry_of(group + "/memory.stat", unified ? "inactive_file" : "total_inactive_file");
+            const double cache = entry_of(group + "/memory.stat",
+                                          unified ? "inactive_file" : "total_inactive_file", 0);
             room = std::min(room, limit - used + cache);
         }
     }
@@ -76,7 +88,7 @@ double room_in_group() {
 }  // namespace
 
 double available_memory() {
-    return std::max(0.0, std::min(free_memory(), room_in_group()));
+    return std::max(0.0, std::min({free_memory(), room_in_group(), room_in_address_space()}));
 }
 
 void require_memory(double bytes, const char* purpose, double reusable) {

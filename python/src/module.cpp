@@ -78,7 +78,7 @@ void bind_machine(nb::module_& module) {
     module.def(
         "instruction_set", [] { return cpu::name_of(cpu::active_instruction_set()); },
         "The vector instructions in use: baseline, avx2 or avx512.");
-    module.attr("version") = PBLINALG_VERSION;
+    module.attr("version") = version();
 }
 
 }  // namespace pblinalg::python

@@ -17,6 +17,7 @@
 #include "core/complex_math.hpp"
 #include "observables/pauli_sums.hpp"
 #include "parts.hpp"
+#include "readout/projection.hpp"
 #include "records.hpp"
 
 namespace pblinalg::python {
@@ -206,8 +207,10 @@ void bind_lifecycle(nb::class_<BoundState<T>>& target) {
             "resize",
             [](State& self, nb::handle nqubits) {
                 const Use use(self);
-                const double freed = static_cast<double>(self.size) * sizeof(std::complex<T>);
+                const double freed = static_cast<double>(self.amplitudes().bytes);
                 const unsigned int n = size_argument<T>(nqubits, freed);
+                // A count that a failed call has left is none to grow or shrink from.
+                if (!self.state) self.release_memory();
                 if (n == self.nqubits) return;
                 require_no_views(self, "resize");
                 const Unlocked unlocked(n > 14);
@@ -306,18 +309,17 @@ void bind_readout(nb::class_<BoundState<T>>& target) {
         self.require_amplitudes();
         const auto q = QubitArguments(self.nqubits).list(qubits, "qubits");
         const auto value = unsigned_argument(outcome, "outcome", (1ull << q.size()) - 1);
-        // Found out before, since the library clears the state first. The array counts as a pure
-        // state here, whatever the flag says.
-        const bool density_matrix = self.density_matrix;
-        const T weight = self.run([&] {
-            self.density_matrix = false;
-            const T sum = self.probability(value, std::vector<unsigned int>(q.rbegin(), q.rend()));
-            self.density_matrix = density_matrix;
-            return sum;
-        });
+        // An impossible outcome is found before anything is cleared, and its weight not summed
+        // again.
+        std::complex<T>* const amplitudes = self.state.get();
+        const T weight = self.run(
+            [&] { return cpu::outcome_weight(amplitudes, self.size, q, value, self.num_threads); });
         if (weight == 0)
             raise(PyExc_ValueError, "outcome = %.200R: it has probability 0", outcome.ptr());
-        self.run([&] { reset ? self.project_then_reset(q, value) : self.project(q, value); });
+        self.run([&] {
+            cpu::collapse(amplitudes, self.size, q, value, weight, self.num_threads);
+            if (reset) cpu::move_to_zero(amplitudes, self.size, q, value, self.num_threads);
+        });
     };
     target
         .def(

@@ -235,9 +235,7 @@ TAKE_SHOTS = ("sample", "estimate", "evaluate_terms", "sample_subset", "sample_o
 def public_names(target):
     if inspect.ismodule(target):
         return [n for n in target.__all__ if n not in SKIPPED]
-    return [
-        n for n in dir(target) if n not in SKIPPED and (not n.startswith("_") or n in SPECIAL)
-    ]
+    return [n for n in dir(target) if n not in SKIPPED and (not n.startswith("_") or n in SPECIAL)]
 
 
 def assign(target, name):

@@ -48,7 +48,9 @@ def test_commands_in_the_guide_run(tmp_path, monkeypatch, capsys):
     pytest.importorskip("matplotlib")
     shutil.copy(ROOT / "python/tests/circuits/bell.qasm", tmp_path / "circuit.qasm")
     monkeypatch.chdir(tmp_path)
-    lines = re.findall(r"^python -m pblinalg (run .*)$", (ROOT / "docs/python.md").read_text(), re.M)
+    lines = re.findall(
+        r"^python -m pblinalg (run .*)$", (ROOT / "docs/python.md").read_text(), re.M
+    )
     assert len(lines) > 3
     for line in lines:
         assert main(shlex.split(line)) == 0, capsys.readouterr().err

@@ -104,6 +104,7 @@ UPPER = [
     ("v.h(0.5)", TypeError, "qubit must be an integer, got 0.5"),
     ("v.h(None)", TypeError, "qubit must be an integer, got None"),
     ("v.h([0])", TypeError, r"qubit must be an integer, got \[0\]"),
+    ("v.h(np.array([0]))", TypeError, r"qubit must be an integer, got array\(\[0\]\)"),
     ("v.h(0, [0])", ValueError, "controls = 0: the qubit is listed twice"),
     ("v.h(0, [4])", IndexError, "controls = 4"),
     ("v.h(0, 1)", TypeError, "controls must be a list, tuple or array"),

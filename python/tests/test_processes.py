@@ -148,7 +148,9 @@ def test_signals_are_seen_in_the_middle_of_an_expectation_value(precision):
     rng = np.random.default_rng(1)
     strings = {"".join(rng.choice(list("IXYZ"), 20)): rng.normal() for _ in range(300)}
     state = pb.StateVector(20, precision.name).h(0)
-    alone = {letters: state.expectation(pb.Observable({letters: 1.0})) for letters in list(strings)[:20]}
+    alone = {
+        letters: state.expectation(pb.Observable({letters: 1.0})) for letters in list(strings)[:20]
+    }
     seen = []
     old = signal.signal(signal.SIGALRM, lambda *_: seen.append(1))
     try:

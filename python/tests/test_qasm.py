@@ -28,7 +28,9 @@ DYNAMIC = {
 
 @pytest.fixture
 def qiskit():
-    return pytest.importorskip("qiskit", reason="the OpenQASM parser is an optional extra")
+    reason = "the OpenQASM parsers are an optional extra"
+    pytest.importorskip("qiskit_qasm3_import", reason=reason)
+    return pytest.importorskip("qiskit", reason=reason)
 
 
 @pytest.mark.parametrize("path", UNITARY, ids=lambda path: path.stem)
@@ -357,7 +359,9 @@ def test_command_line_reads_standard_input_and_prints_what_is_asked(qiskit, caps
     seed = json.loads(run(plus, "--json"))["seed"]
     repeated = json.loads(run(plus, "--json", "--seed", str(seed)))
     assert repeated["seed"] == seed and sum(repeated["counts"].values()) == 1024
-    assert re.search(r"^\|00>  0.70710678\d+\+0j\n\|11>  0\+0.7071\d+j$", run(plus, "--state"), re.M)
+    assert re.search(
+        r"^\|00>  0.70710678\d+\+0j\n\|11>  0\+0.7071\d+j$", run(plus, "--state"), re.M
+    )
     state = json.loads(run(plus + "x q[0];", "--state", "--json", "--bit-order", "first-right"))
     assert list(state["amplitudes"]) == ["01", "10"]
     sums = ["--expectation", "ZZ + 0.5*X0", "--expectation", "X0 Y1"]

@@ -191,7 +191,7 @@ def test_states_read_as_sequences_and_arrays_serve_as_lists_of_qubits(precision,
     for use in (
         lambda s, q: s.measure(q),
         lambda s, q: s.reset(q),
-        lambda s, q: s.unitary(dense.ISWAP, q).h(3, controls=q),
+        lambda s, q: s.unitary(dense.ISWAP, q).h(3, controls=q).sdg(3, controls=q),
         lambda s, q: s.project("10", q).prepare([0, 0, 1j, 0], q),
         lambda s, q: s.reset(q).load_words([0, 3, 1, 2], np.array([1, 3]), q),
         lambda s, q: s.run(pb.Circuit(4).measure(q).phase_oracle([1], q).reset(q)),

@@ -19,6 +19,13 @@ def test_modules_import_from_the_top_and_only_public_names():
         for node in inner:
             private = [a.name for a in node.names if a.name[0] == "_" and a.name != "_core"]
             assert not private or private == ["__version__"], f"{path.name}: {private}"
+        attributes = {n for n in ast.walk(tree) if isinstance(n, ast.Attribute)}
+        own = {"_core", *(n.name for n in ast.walk(tree) if isinstance(n, ast.FunctionDef))}
+        own |= {n.value for n in ast.walk(tree) if isinstance(n, ast.Constant)}  # slots
+        for node in attributes:
+            on_self = getattr(node.value, "id", "") in ("self", "cls")
+            if node.attr[0] == "_" and node.attr[:2] != "__" and not on_self:
+                assert node.attr in own, f"{path.name}:{node.lineno}: {node.attr}"
         late = [n.lineno for n in inner if n not in tree.body]
         assert path.stem in OUTER or not late, f"{path.name}: imports in lines {late}"
         imports[path.stem] = {n.module or a.name for n in inner for a in n.names}

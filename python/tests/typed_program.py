@@ -34,7 +34,21 @@ def energy(state: pb.StateVector | pb.DensityMatrix, observable: pb.Observable) 
     return exact
 
 
+def looked_at(circuit: pb.Circuit) -> str:
+    operations: dict[str, int] = circuit.count_ops()
+    depth: int = circuit.depth()
+    assert depth <= sum(operations.values())
+    unitary: NDArray[np.complex128] = pb.Circuit(1).h(0).matrix()
+    flipped = pb.Observable("X0 + 2", 1) @ pb.Observable("Z") / 2 - 1
+    array: NDArray[np.complex128] = flipped.apply(unitary[0])
+    assert array.shape == (2,)
+    counts = circuit.run(20) + circuit.run(20).copy()
+    mean: float = counts.marginal([0, 2]).expectation({"ZZ": 1.0})
+    return f"{mean} {circuit.draw('svg', width=300)} {circuit.to_qasm(3)}"
+
+
 def main() -> None:
+    assert "<svg" in looked_at(teleported())
     state = prepared(3, "double")
     array: NDArray[np.complexfloating] = state.to_array()
     probabilities: NDArray[np.floating] = state.probabilities([0, np.int64(1)])

@@ -104,7 +104,12 @@ def reference() -> str:
     text = "An `Observable`, or the string or dict of terms that its constructor takes."
     lines += entry("ObservableLike", text)
     lines += class_section("DensityMatrix", density_matrix.DensityMatrix)
-    lines += ["Reading works as in `StateVector`.", "", "## OpenQASM and qiskit: `pblinalg.qasm`", ""]
+    lines += [
+        "Reading works as in `StateVector`.",
+        "",
+        "## OpenQASM and qiskit: `pblinalg.qasm`",
+        "",
+    ]
     for function in (qasm.load, qasm.loads, qasm.from_qiskit):
         lines += entry(signature_of(function.__name__, function), text_of(function))
     lines += ["## Lower level: `pblinalg.lowlevel`", "", text_of(lowlevel), ""]

@@ -95,10 +95,11 @@ class Lowering {
               .factors = factors});
     }
 
-    void push(Operation operation) {
-        operation.gates_before = first_ ? program_.n_gates : Operation::inside_a_gate;
-        first_ = false;
+    void push(const Operation& operation) {
         program_.operations.push_back(operation);
+        if (!first_) return;
+        program_.operations.back().gates_before = program_.n_gates;
+        first_ = false;
     }
 
     /// The gate's controls and one more qubit.

@@ -83,7 +83,11 @@ Plan<T>::Plan(Program<T> program, const PlanShape& shape)
         return;
     }
     place_tables();
-    plan_passes();
+    if (shape_.tile_bits == shape_.nqubits) {
+        plan_one_tile();
+    } else {
+        plan_passes();
+    }
 }
 
 /// Writes tables in the form of lanes; those that are too large for a cache run alone.
@@ -126,6 +130,8 @@ PassSteps Plan<T>::compile(std::span<const Operation> local, Index active) const
     const WindowShape shape = window_shape_of<T>(shape_.set);
     const unsigned int tile_bits = count_bits(active);
     PassSteps compiled;
+    compiled.steps.reserve(local.size() + local.size() / 2);
+    compiled.conditions.reserve(compiled.steps.capacity());
     Planner planner(local, {tile_bits, shape.bits(), shape.lane_bits,
                             low_mask(tile_bits) & ~low_mask(shape.lane_bits), window_look_ahead,
                             max_pass_length});
@@ -151,20 +157,18 @@ PassSteps Plan<T>::compile(std::span<const Operation> local, Index active) const
 template <class T>
 void Plan<T>::plan_passes() {
     const std::vector<Operation>& operations = program_.operations;
-    const bool one_tile = shape_.tile_bits == shape_.nqubits;
-    Planner planner(operations,
-                    {shape_.nqubits, shape_.tile_bits, one_tile ? shape_.tile_bits : run_qubits<T>,
-                     0, pass_look_ahead, max_pass_length});
+    Planner planner(operations, {shape_.nqubits, shape_.tile_bits, run_qubits<T>, 0,
+                                 pass_look_ahead, max_pass_length});
     const auto number = [&](const Operation* operation) {
         return static_cast<std::uint32_t>(operation - operations.data());
     };
     std::vector<Operation> local;
     for (Pass pass; planner.next(pass);) {
-        Stage stage;
+        Stage& stage = stages_.emplace_back();
         double alone = 0;
         for (const auto& entry : pass.operations)
             alone += cost_alone(*entry.operation);
-        if (pass.alone || (alone < cost_of_tiles && !one_tile)) {
+        if (pass.alone || alone < cost_of_tiles) {
             for (const auto& entry : pass.operations)
                 stage.alone.push_back(number(entry.operation));
         } else {
@@ -179,7 +183,26 @@ void Plan<T>::plan_passes() {
         for (const Operation* const operation : planner.left_out())
             stage.left_out.push_back(number(operation));
         stage.front = static_cast<std::uint32_t>(planner.front());
-        stages_.push_back(std::move(stage));
+    }
+}
+
+/// Passes over a state that is one tile: as many operations at a time as one pass takes.
+template <class T>
+void Plan<T>::plan_one_tile() {
+    const std::span<const Operation> operations = program_.operations;
+    for (std::size_t i = 0; i < operations.size();) {
+        Stage& stage = stages_.emplace_back();
+        std::size_t end = i;
+        while (end < operations.size() && end - i < max_pass_length && !operations[end].alone)
+            ++end;
+        if (end == i) {
+            stage.alone.push_back(static_cast<std::uint32_t>(end++));
+        } else {
+            stage.active = low_mask(shape_.nqubits);
+            stage.steps = compile(operations.subspan(i, end - i), stage.active);
+        }
+        stage.front = static_cast<std::uint32_t>(end);
+        i = end;
     }
 }
 

@@ -63,6 +63,7 @@ class Plan {
     };
 
     void place_tables();
+    void plan_one_tile();
     void plan_passes();
     PassSteps compile(std::span<const Operation> local, Index active) const;
     void run_pass(const Stage& stage, std::complex<T>* amplitudes, int workers, const T* factors,

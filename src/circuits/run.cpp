@@ -17,7 +17,8 @@ template <class T>
 cpu::Program<T> lowered(const GateList& list, unsigned int nqubits) {
     cpu::Program<T> program;
     program.nqubits = nqubits;
-    program.operations.reserve(list.size());
+    program.operations.reserve(list.size() + list.size() / 4);
+    program.factors.reserve(4 * list.size());
     for (const GateView gate : list)
         cpu::lower(gate, program);
     return program;

@@ -15,6 +15,16 @@ void as_cnots(const Operation& swap, const Body& body) {
     body(cnot(a, b));
 }
 
+RowsDiffer rows_differ(const CircuitStep& step) {
+    if (step.row_mask != 0xFF) return otherwise;
+    for (unsigned int b = 0; b < 3; ++b) {
+        const unsigned int of_bit = parity_pattern(bit(b)) & 0xFF;
+        if (step.row_pattern == of_bit || step.row_pattern == (of_bit ^ 0xFF))
+            return static_cast<RowsDiffer>(b);
+    }
+    return step.row_pattern == 0 || step.row_pattern == 0xFF ? nowhere : otherwise;
+}
+
 }  // namespace
 
 StepWriter::Parity& StepWriter::Parity::operator^=(const Parity& other) {
@@ -130,6 +140,8 @@ void StepWriter::push(const Operation& operation) {
         if (operation.is_mixing()) place = place_of(operation.targets[0]) - lane_bits_;
     } else if (operation.multiplies_all() && controlled) {
         form = StepForm::controlled;
+    } else if (operation.action != Action::table && form == StepForm::plain) {
+        place = rows_differ(step);
     } else if (operation.action == Action::table) {
         form = StepForm::plain;
     }

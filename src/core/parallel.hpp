@@ -1,4 +1,5 @@
-// The one parallel loop: a range cut into one contiguous block per worker.
+// The one parallel loop: a range cut into one contiguous block per worker; and the sums that do not
+// depend on how many workers there are.
 // What a worker does with its block is a serial function; which instruction set that runs on is
 // chosen in core/instruction_set.hpp.
 #pragma once
@@ -81,38 +82,53 @@ void for_each_block(Index count, Index amplitudes, int requested, const Work& wo
     for_each_block_of_team(count, get_num_threads(requested), work, granule);
 }
 
+/// The workers to run a job over `amplitudes` on: get_num_threads(requested), or the caller alone.
+inline int workers_for(Index amplitudes, int requested) {
+    return amplitudes < min_parallel_amplitudes ? 1 : get_num_threads(requested);
+}
+
 /// The most workers that `run_team(workers, ...)` can start.
 inline std::size_t team_size(int workers) {
     return static_cast<std::size_t>(workers > 0 ? workers : omp_get_max_threads());
 }
 
-/// What `work(id, team)` returns on each worker of `run_team`, in the order of the workers, so that
-/// what is made of it repeats from run to run. Workers that were not started leave `Result()`.
+/// Amplitudes in a piece of a sum: as many as make a job worth sharing.
+inline constexpr Index piece_amplitudes = min_parallel_amplitudes;
+
+/// Large sums have longer pieces instead, so that what their pieces return takes little memory.
+inline constexpr Index max_pieces = 1024;
+
+/// The pieces that a sum over `amplitudes` is taken in. Where one worker is asked for there is one:
+/// the sum keeps its plain order. Any other request gets as many as the size says, whatever team
+/// answers it, so that all of them round alike.
+inline Index piece_count(Index amplitudes, int requested, Index length = piece_amplitudes) {
+    return requested == 1 ? 1 : std::clamp<Index>(amplitudes / length, 1, max_pieces);
+}
+
+/// What `work(begin, end)` returns on each of `pieces` that together cover [0, count), in their
+/// order, shared out among `workers` of `run_team`. Empty pieces leave `Result()`.
 template <class Result, class Work>
-std::vector<Result> results_of_team(int workers, const Work& work) {
-    std::vector<Result> results(team_size(workers));
-    run_team(workers,
-             [&](int id, int team) { results[static_cast<std::size_t>(id)] = work(id, team); });
+std::vector<Result> results_of_pieces(Index count, Index pieces, int workers, const Work& work,
+                                      Index granule = block_granule) {
+    std::vector<Result> results(pieces);
+    const auto work_on = [&](Index first, Index last) {
+        for (Index p = first; p < last; ++p) {
+            const Block piece(count, p, pieces, granule);
+            if (piece.begin < piece.end) results[p] = work(piece.begin, piece.end);
+        }
+    };
+    for_each_block_of_team(pieces, workers, work_on, 1);
     return results;
 }
 
-/// What `work(begin, end)` returns on the blocks of `for_each_block`, in the order of the blocks.
-template <class Result, class Work>
-std::vector<Result> results_of_blocks(Index count, Index amplitudes, int requested,
-                                      const Work& work) {
-    const int workers = amplitudes < min_parallel_amplitudes ? 1 : get_num_threads(requested);
-    return results_of_team<Result>(workers, [&](int id, int team) {
-        const Block block(count, static_cast<Index>(id), static_cast<Index>(team));
-        return block.begin < block.end ? work(block.begin, block.end) : Result();
-    });
-}
-
-/// The sum of `work(begin, end)` over the blocks of `for_each_block`, in the order of the blocks.
+/// The sum of `work(begin, end)` over the pieces of [0, count), added up in their order.
 template <class T, class Work>
-T sum_over_blocks(Index count, Index amplitudes, int requested, const Work& work) {
-    if (amplitudes < min_parallel_amplitudes) return count == 0 ? T(0) : work(Index{0}, count);
+T sum_over_pieces(Index count, Index amplitudes, int requested, const Work& work) {
+    const Index pieces = piece_count(amplitudes, requested);
+    if (pieces == 1) return count == 0 ? T(0) : work(Index{0}, count);
     T total = 0;
-    for (const T sum : results_of_blocks<T>(count, amplitudes, requested, work))
+    const int workers = workers_for(amplitudes, requested);
+    for (const T sum : results_of_pieces<T>(count, pieces, workers, work))
         total += sum;
     return total;
 }

@@ -27,7 +27,9 @@ struct GateShape {
     static constexpr bool has_products = Products;
     /// True when some coefficients are real or imaginary, known as such to the formula.
     static constexpr bool has_zero_products = false;
-    static constexpr bool touches(unsigned int row) { return (Rows >> row) & 1; }
+    PBLINALG_ALWAYS_INLINE static constexpr bool touches(unsigned int row) {
+        return (Rows >> row) & 1;
+    }
 };
 
 // In every `update`, a[r] is the amplitude of local index r (first listed target is the most

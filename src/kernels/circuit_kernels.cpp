@@ -107,6 +107,7 @@ PBLINALG_ALWAYS_INLINE void mix_two(V* a, const CircuitStep& step, const T* fact
 template <unsigned int place, class V>
 PBLINALG_ALWAYS_INLINE void flip(V* a, Selected rows) {
     const unsigned int flipped = rows.both();
+    if (flipped == 0) return;
     for_each_pair<place>([&]<unsigned int r0, unsigned int r1>() __attribute__((always_inline)) {
         if (flipped >> r0 & 1) {
             const V old = a[r0];
@@ -154,6 +155,7 @@ PBLINALG_ALWAYS_INLINE void flip_by_lane(V* a, const CircuitStep& step, Selected
 template <unsigned int lane_bit, class V>
 PBLINALG_ALWAYS_INLINE void flip_lanes(V* a, Selected rows) {
     const unsigned int flipped = rows.both();
+    if (flipped == 0) return;
     for_each_row([&]<unsigned int r>() __attribute__((always_inline)) {
         if (flipped >> r & 1) a[r] = a[r].template flip_lane_bit<lane_bit>();
     });
@@ -188,12 +190,21 @@ PBLINALG_ALWAYS_INLINE void exchange_rows(V* a) {
 }
 
 /// A factor for each parity.
-template <class V, class T>
+template <RowsDiffer differ, class V, class T>
 PBLINALG_ALWAYS_INLINE void multiply(V* a, const T* factors, Selected rows) {
-    for_each_row([&]<unsigned int r>() __attribute__((always_inline)) {
-        const T* const f = factors + 2 * (rows.odd >> r & 1);
-        a[r] = cmul(typename V::Factor(f[0], f[1]), a[r]);
-    });
+    const FactorsAt<V, T> f{factors};
+    if constexpr (differ == otherwise) {
+        for_each_row([&]<unsigned int r>() __attribute__((always_inline)) {
+            a[r] = cmul(f[rows.odd >> r & 1], a[r]);
+        });
+    } else {
+        const unsigned int first = rows.odd & 1;
+        const typename V::Factor of_row_0 = f[first], of_others = f[first ^ 1];
+        for_each_row([&]<unsigned int r>() __attribute__((always_inline)) {
+            constexpr bool other = differ != nowhere && (r >> differ & 1);
+            a[r] = cmul(other ? of_others : of_row_0, a[r]);
+        });
+    }
 }
 
 /// The same where lanes of a vector differ, or under controls.
@@ -214,13 +225,29 @@ PBLINALG_ALWAYS_INLINE void multiply_by_lane(V* a, const CircuitStep& step, cons
 }
 
 /// A diagonal gate that leaves amplitudes of even parity alone.
-template <class Gate, class V, class T>
+template <class Gate, RowsDiffer differ, class V, class T>
 PBLINALG_ALWAYS_INLINE void multiply_odd(V* a, const T* factors, Selected rows) {
-    const typename V::Factor f = FactorsAt<V, T>{factors}[1];
     const unsigned int multiplied = rows.both();
-    for_each_row([&]<unsigned int r>() __attribute__((always_inline)) {
-        if (multiplied >> r & 1) Gate::update(a + r, &f);
-    });
+    if (multiplied == 0) return;
+    const typename V::Factor f = FactorsAt<V, T>{factors}[1];
+    if constexpr (differ == otherwise) {
+        for_each_row([&]<unsigned int r>() __attribute__((always_inline)) {
+            if (multiplied >> r & 1) Gate::update(a + r, &f);
+        });
+    } else {
+        // Rows 0 and 1 << differ stand for all: no branch for every row.
+        const auto rows_with = [&]<bool value>() __attribute__((always_inline)) {
+            for_each_row([&]<unsigned int r>() __attribute__((always_inline)) {
+                if constexpr (differ == nowhere || (r >> differ & 1) == value)
+                    Gate::update(a + r, &f);
+            });
+        };
+        if (differ == nowhere || (multiplied & 1)) {
+            rows_with.template operator()<false>();
+        } else {
+            rows_with.template operator()<true>();
+        }
+    }
 }
 
 template <class Gate, class V, class T>
@@ -324,12 +351,24 @@ PBLINALG_ALWAYS_INLINE void run_step(V* a, const LiveStep& live, const TilePass<
         case action(Action::exchange_rows, 0): return exchange_rows<0, 1>(a);
         case action(Action::exchange_rows, 1): return exchange_rows<0, 2>(a);
         case action(Action::exchange_rows, 2): return exchange_rows<1, 2>(a);
-        case action(Action::both, 0): return multiply(a, factors, rows());
+        case action(Action::both, 0): return multiply<in_bit_0>(a, factors, rows());
+        case action(Action::both, 1): return multiply<in_bit_1>(a, factors, rows());
+        case action(Action::both, 2): return multiply<in_bit_2>(a, factors, rows());
+        case action(Action::both, 3): return multiply<nowhere>(a, factors, rows());
+        case action(Action::both, 4): return multiply<otherwise>(a, factors, rows());
         case action(Action::both, 0, by_lane): return multiply_by_lane<false>(a, step, factors, rows());
         case action(Action::both, 0, controlled): return multiply_by_lane<true>(a, step, factors, rows());
-        case action(Action::phase, 0): return multiply_odd<GatePH<T>>(a, factors, rows());
+        case action(Action::phase, 0): return multiply_odd<GatePH<T>, in_bit_0>(a, factors, rows());
+        case action(Action::phase, 1): return multiply_odd<GatePH<T>, in_bit_1>(a, factors, rows());
+        case action(Action::phase, 2): return multiply_odd<GatePH<T>, in_bit_2>(a, factors, rows());
+        case action(Action::phase, 3): return multiply_odd<GatePH<T>, nowhere>(a, factors, rows());
+        case action(Action::phase, 4): return multiply_odd<GatePH<T>, otherwise>(a, factors, rows());
         case action(Action::phase, 0, by_lane): return multiply_odd_by_lane<GatePH<T>>(a, step, factors, rows());
-        case action(Action::Z, 0): return multiply_odd<GateZ>(a, factors, rows());
+        case action(Action::Z, 0): return multiply_odd<GateZ, in_bit_0>(a, factors, rows());
+        case action(Action::Z, 1): return multiply_odd<GateZ, in_bit_1>(a, factors, rows());
+        case action(Action::Z, 2): return multiply_odd<GateZ, in_bit_2>(a, factors, rows());
+        case action(Action::Z, 3): return multiply_odd<GateZ, nowhere>(a, factors, rows());
+        case action(Action::Z, 4): return multiply_odd<GateZ, otherwise>(a, factors, rows());
         case action(Action::Z, 0, by_lane): return multiply_odd_by_lane<GateZ>(a, step, factors, rows());
         case action(Action::table, 0): return multiply_by.template operator()<false>();
         case action(Action::table, 0, controlled): return multiply_by.template operator()<true>();

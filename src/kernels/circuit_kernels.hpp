@@ -48,11 +48,16 @@ enum class StepForm : unsigned char {
     controlled,  ///< mixing under controls, and `both`: rows and lanes may differ
 };
 
+/// How the rows of a diagonal step differ in parity: in one row bit, not at all, or otherwise, or
+/// because controls choose among them.
+enum RowsDiffer : unsigned int { in_bit_0, in_bit_1, in_bit_2, nowhere, otherwise };
+
 /// An action and how it lies in a window, as one number to switch over.
 ///
 /// @param place  H to matrix1: the row bit of the target, 0 when controlled. X: the row bit, or 4 +
 ///               the lane bit. exchange_lane: the lane bit. exchange_rows: the sum of both row bits
-///               less 1. Others: 0.
+///               less 1. Plain diagonal actions but tables: `RowsDiffer`.
+///               Others: 0.
 constexpr unsigned int step_action(Action action, unsigned int place,
                                    StepForm form = StepForm::plain) {
     return static_cast<unsigned int>(action) * 32 + static_cast<unsigned int>(form) * 8 + place;

@@ -36,7 +36,7 @@ void copy_reversed(const T* in, T* out, const ReversalTiles& tiles, Index begin,
     // Off its alignment a vector goes out in pieces that leave lines half written in each of
     // `lanes` rows; the processor keeps only a few such lines open.
     const auto out_address = reinterpret_cast<std::uintptr_t>(out);
-    const bool streams = bit(tiles.nqubits) * 2 * sizeof(T) >= ReversalTiles::min_streamed_bytes &&
+    const bool streams = bit(tiles.nqubits) * 2 * sizeof(T) >= tiles.min_streamed_bytes &&
                          out_address % (lanes > 4 ? V::bytes : 16) == 0;
     for (Index t = begin; t < end; ++t) {
         // Rows enter in the order in which they leave.

@@ -11,28 +11,29 @@ namespace pblinalg::cpu {
 /// lowest ones its column and those between them the tile. Reversed, rows and columns trade places:
 /// the rows of one column lie side by side in the output.
 struct ReversalTiles {
+    // Runs of 256 amplitudes fill whole pages on both sides; the tile fits a second-level cache.
+    static constexpr unsigned int max_side_bits = 8;
+    static constexpr Index row_padding = 8;
+
     unsigned int nqubits;
     unsigned int side_bits;
+    /// Outputs of this size are written past the caches, which could not hold them.
+    Index min_streamed_bytes = Index{1} << 27;
 
     /// For at least 8 qubits. Small states keep a few tiles for the workers to share.
     explicit ReversalTiles(unsigned int nqubits)
-        : nqubits(nqubits),
-          side_bits(nqubits < 12   ? 4
-                    : nqubits < 20 ? (nqubits - 4) / 2
-                                   : max_side_bits) {}
+        : ReversalTiles(nqubits, nqubits < 12   ? 4
+                                 : nqubits < 20 ? (nqubits - 4) / 2
+                                                : max_side_bits) {}
+    /// @param side_bits  4 to `max_side_bits`, at most half of `nqubits`.
+    ReversalTiles(unsigned int nqubits, unsigned int side_bits)
+        : nqubits(nqubits), side_bits(side_bits) {}
 
     Index count() const { return bit(nqubits - 2 * side_bits); }
 
     /// Amplitudes of scratch for one tile. Its rows are a cache line longer than needed, so that
     /// those of one column do not compete for the same place in the cache.
     Index scratch_size() const { return bit(side_bits) * (bit(side_bits) + row_padding); }
-
-    // Runs of 256 amplitudes fill whole pages on both sides; the tile fits a second-level cache.
-    static constexpr unsigned int max_side_bits = 8;
-    static constexpr Index row_padding = 8;
-
-    // Outputs of this size are written past the caches, which could not hold them.
-    static constexpr Index min_streamed_bytes = Index{1} << 27;
 };
 
 /// out[rev(k)] = in[k] for the elements of tiles [begin, end). With `thresholded`, amplitudes whose

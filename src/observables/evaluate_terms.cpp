@@ -8,8 +8,9 @@
 #include <pblinalg/state_vector_cpu.hpp>
 #include <stdexcept>
 
-#include "core/parallel.hpp"
 #include "apply/gates.hpp"
+#include "core/parallel.hpp"
+#include "core/team_scratch.hpp"
 #include "readout/distribution.hpp"
 #include "readout/draws.hpp"
 
@@ -18,11 +19,9 @@ namespace {
 
 template <class T>
 using Estimate = std::pair<std::complex<T>, std::complex<T>>;
+using Qubits = std::vector<unsigned int>;
 
 constexpr std::size_t max_term_qubits = 61;
-
-/// Shots whose draws are held in memory at once.
-constexpr Index shots_at_once = Index{1} << 18;
 
 template <class T>
 char letter_at(const SimpleTerm<T>& term, std::size_t position) {
@@ -41,17 +40,32 @@ void clean(SimpleTerm<T>& term) {
     }
 }
 
-/// Calls `action` when its scope is left.
-template <class Action>
-class ScopeEnd {
+/// What one term's estimate works in. It is allocated before the first rotation, so that a failure
+/// leaves every amplitude as it was.
+class Workspace {
   public:
-    explicit ScopeEnd(Action action) : action_(std::move(action)) {}
-    ScopeEnd(const ScopeEnd&) = delete;
-    ScopeEnd& operator=(const ScopeEnd&) = delete;
-    ~ScopeEnd() { action_(); }
+    std::vector<std::uint64_t> draws;
+    std::vector<Index> slice_starts;
+    TeamScratch sums;
+
+    Workspace(unsigned long long nshots, Index most_outcomes, std::size_t sum_bytes)
+        : draws(std::min<Index>(nshots, shots_at_once)), sums(1, sum_bytes) {
+        slice_starts.reserve(n_slices(most_outcomes, nshots) + 1);
+    }
+
+    /// Equal slices of the unit interval by which outcomes are found.
+    static Index n_slices(Index outcomes, unsigned long long nshots) {
+        Index slices = 1;
+        while (slices < std::min<Index>({outcomes, nshots, max_slices}))
+            slices *= 2;
+        return slices;
+    }
 
   private:
-    Action action_;
+    /// Shots whose draws are held in memory at once.
+    static constexpr Index shots_at_once = Index{1} << 18;
+    // Few enough for slice boundaries to be exact in single precision.
+    static constexpr Index max_slices = Index{1} << 20;
 };
 
 /// Finds outcomes in a cumulative distribution: the unit interval is cut into equal slices, and a
@@ -59,14 +73,14 @@ class ScopeEnd {
 template <class T>
 class OutcomeFinder {
   public:
-    OutcomeFinder(const std::vector<T>& cumulative, Index nshots) : cumulative_(cumulative) {
-        Index slices = 1;
-        while (slices < std::min<Index>({cumulative.size(), nshots, max_slices}))
-            slices *= 2;
+    OutcomeFinder(const std::vector<T>& cumulative, Index nshots, std::vector<Index>& starts)
+        : cumulative_(cumulative), starts_(starts) {
+        Index slices = Workspace::n_slices(cumulative.size(), nshots);
         n_slices_ = static_cast<T>(slices);
         const bool ordered =
             std::is_sorted(cumulative.begin(), cumulative.end()) && !std::isnan(cumulative.back());
         if (!ordered || slices == 1) slices = 0;
+        starts_.clear();
         Index outcome = 0;
         for (Index s = 0; s <= slices && slices > 0; ++s) {
             const T start = static_cast<T>(s) / n_slices_;
@@ -92,12 +106,9 @@ class OutcomeFinder {
     }
 
   private:
-    // Few enough for slice boundaries to be exact in single precision.
-    static constexpr Index max_slices = Index{1} << 20;
-
     const std::vector<T>& cumulative_;
     T n_slices_;
-    std::vector<Index> starts_;  ///< outcome at which each slice begins; empty: search everything
+    std::vector<Index>& starts_;  ///< outcome at which each slice begins; empty: search everything
 };
 
 }  // namespace
@@ -131,11 +142,15 @@ void basis_change_deterministic(std::complex<T>* amplitudes, const SimpleTerm<T>
     }
 }
 
+namespace {
+
+/// Scores the shots of a cumulative distribution. Nothing is allocated.
 template <class T, class RNG>
-Estimate<T> evaluate_term(const std::vector<T>& buffer, const std::complex<T>& coefficient,
-                          unsigned long long nshots, RNG& rng, int num_threads) {
-    const OutcomeFinder<T> find(buffer, nshots);
-    std::vector<std::uint64_t> draws(std::min<Index>(nshots, shots_at_once));
+Estimate<T> score_shots(const std::vector<T>& cumulative, const std::complex<T>& coefficient,
+                        unsigned long long nshots, RNG& rng, int num_threads,
+                        Workspace& workspace) {
+    const OutcomeFinder<T> find(cumulative, nshots, workspace.slice_starts);
+    std::vector<std::uint64_t>& draws = workspace.draws;
     std::atomic<Index> n_odd = 0;
     for (Index done = 0; done < nshots; done += draws.size()) {
         const Index count = std::min<Index>(nshots - done, draws.size());
@@ -155,17 +170,36 @@ Estimate<T> evaluate_term(const std::vector<T>& buffer, const std::complex<T>& c
     return {coefficient * mean, coefficient * error};
 }
 
+/// Makes `cumulative` the distribution of `qubits`. It allocates only to grow.
+template <class T>
+void accumulate_outcomes(const std::complex<T>* amplitudes, const Qubits& qubits,
+                         unsigned int num_qubits, int num_threads, std::vector<T>& cumulative,
+                         Workspace& workspace) {
+    cumulative.resize(bit(static_cast<unsigned int>(qubits.size())));
+    outcome_probabilities(amplitude_view<T>(amplitudes, num_qubits), qubits, num_threads,
+                          cumulative.data(), workspace.sums.of(0));
+    for (std::size_t v = 1; v < cumulative.size(); ++v)
+        cumulative[v] = cumulative[v - 1] + cumulative[v];
+}
+
+}  // namespace
+
+template <class T, class RNG>
+Estimate<T> evaluate_term(const std::vector<T>& buffer, const std::complex<T>& coefficient,
+                          unsigned long long nshots, RNG& rng, int num_threads) {
+    Workspace workspace(nshots, buffer.size(), 0);
+    return score_shots(buffer, coefficient, nshots, rng, num_threads, workspace);
+}
+
 template <class T, class RNG>
 Estimate<T> evaluate_term(std::complex<T>* amplitudes, std::vector<T>& buffer,
                           const SimpleTerm<T>& term, unsigned long long nshots, RNG& rng,
                           unsigned int num_qubits, int num_threads) {
-    buffer.resize(bit(static_cast<unsigned int>(term.qubits.size())));
-    outcome_probabilities(amplitude_view<T>(amplitudes, num_qubits), term.qubits, num_threads,
-                          buffer.data());
-    for (std::size_t v = 1; v < buffer.size(); ++v)
-        buffer[v] = buffer[v - 1] + buffer[v];
-    return evaluate_term(static_cast<const std::vector<T>&>(buffer), term.coefficient, nshots, rng,
-                         num_threads);
+    const auto view = amplitude_view<T>(amplitudes, num_qubits);
+    Workspace workspace(nshots, bit(static_cast<unsigned int>(term.qubits.size())),
+                        outcome_scratch_bytes(view, term.qubits, num_threads));
+    accumulate_outcomes(amplitudes, term.qubits, num_qubits, num_threads, buffer, workspace);
+    return score_shots(buffer, term.coefficient, nshots, rng, num_threads, workspace);
 }
 
 template <class T, class RNG>
@@ -174,14 +208,21 @@ std::vector<Estimate<T>> _evaluate_terms(std::complex<T>* amplitudes,
                                          unsigned long long nshots, RNG& rng,
                                          unsigned int num_qubits, int num_threads,
                                          bool density_matrix) {
+    const auto view = amplitude_view<T>(amplitudes, num_qubits);
     std::size_t longest = 0;
-    for (const SimpleTerm<T>& term : terms)
+    std::size_t sum_bytes = 0;
+    for (const SimpleTerm<T>& term : terms) {
+        if (term.qubits.size() > max_term_qubits)
+            throw std::length_error("a term has more than 61 qubits");
         longest = std::max(longest, term.qubits.size());
-    if (longest > max_term_qubits) throw std::length_error("a term has more than 61 qubits");
+        sum_bytes = std::max(sum_bytes, outcome_scratch_bytes(view, term.qubits, num_threads));
+    }
+    const Index most_outcomes = bit(static_cast<unsigned int>(longest));
     std::vector<T> buffer;
-    buffer.reserve(bit(static_cast<unsigned int>(longest)));
-
+    buffer.reserve(most_outcomes);
+    Workspace workspace(nshots, most_outcomes, sum_bytes);
     std::vector<Estimate<T>> estimates;
+    estimates.reserve(terms.size());
     for (const SimpleTerm<T>& term : terms) {
         const auto rotate = [&](bool undo) {
             if (density_matrix) {
@@ -191,10 +232,10 @@ std::vector<Estimate<T>> _evaluate_terms(std::complex<T>* amplitudes,
             }
         };
         rotate(false);
-        // Rotated back also when an allocation fails.
-        const ScopeEnd rotate_back([&] { rotate(true); });
+        accumulate_outcomes(amplitudes, term.qubits, num_qubits, num_threads, buffer, workspace);
         estimates.push_back(
-            evaluate_term(amplitudes, buffer, term, nshots, rng, num_qubits, num_threads));
+            score_shots(buffer, term.coefficient, nshots, rng, num_threads, workspace));
+        rotate(true);
     }
     return estimates;
 }

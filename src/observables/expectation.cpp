@@ -83,7 +83,8 @@ std::vector<std::complex<T>> all_term_values_density_matrix(std::complex<T>* amp
     };
     Sums values(n_terms);
     const Index reads = dim * terms_by_flip.size();
-    for (const Sums& own : results_of_blocks<Sums>(dim, reads, num_threads, sums)) {
+    for (const Sums& own : results_of_pieces<Sums>(dim, piece_count(reads, num_threads),
+                                                   workers_for(reads, num_threads), sums)) {
         for (Index t = 0; t < own.size(); ++t)
             values[t] += own[t];
     }
@@ -103,7 +104,7 @@ std::complex<T> _term_value(std::complex<T>* amplitudes, WObservable<T>& observa
     const Index flip = observable.flip_masks[term];
     const Index signs = observable.sign_masks[term];
     const unsigned int power = observable.phase_powers[term];
-    return sum_over_blocks<T>(size, size, num_threads, [=](Index begin, Index end) {
+    return sum_over_pieces<T>(size, size, num_threads, [=](Index begin, Index end) {
         T sum = 0;
         for (Index i = begin; i < end; ++i) {
             const std::complex<T> product = cmul(amplitudes[i], std::conj(amplitudes[i ^ flip]));
@@ -120,7 +121,7 @@ std::complex<T> _term_value_density_matrix(std::complex<T>* amplitudes, WObserva
     const Index flip = observable.flip_masks[term];
     const Index signs = observable.sign_masks[term];
     const unsigned int power = observable.phase_powers[term];
-    return sum_over_blocks<std::complex<T>>(dim, dim, num_threads, [=](Index begin, Index end) {
+    return sum_over_pieces<std::complex<T>>(dim, dim, num_threads, [=](Index begin, Index end) {
         std::complex<T> sum = 0;
         for (Index i = begin; i < end; ++i) {
             const std::complex<T> factor = phase_of<T>(power + 2 * count_bits(signs & i));

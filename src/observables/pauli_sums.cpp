@@ -1,14 +1,14 @@
 // The grouping of terms into batches, the walk of a batch over tiles of the state, and the fold of
-// the workers' sums. The products are summed in kernels/pauli_kernels.cpp.
+// its sums. The products are summed in kernels/pauli_kernels.cpp.
 #include "observables/pauli_sums.hpp"
 
 #include <algorithm>
 #include <map>
 #include <utility>
 
+#include "apply/gates.hpp"
 #include "core/parallel.hpp"
 #include "kernels/pauli_kernels.hpp"
-#include "apply/gates.hpp"
 
 namespace pblinalg::cpu {
 namespace {
@@ -55,6 +55,13 @@ class Batch {
         return true;
     }
 
+    Index n_terms() const {
+        Index count = 0;
+        for (const Group* group : groups)
+            count += group->terms.size();
+        return count;
+    }
+
     /// Block numbers of the tile relative to its first: entry j has bit b of j at pivot b.
     std::vector<Index> tile() const {
         std::vector<Index> numbers = {0};
@@ -93,6 +100,7 @@ std::vector<Group> group_terms(const WObservable<T>& observable) {
         group.terms.push_back(t);
     }
     std::vector<Group> list;
+    list.reserve(groups.size());
     for (auto& [key, group] : groups)
         list.push_back(std::move(group));
     return list;
@@ -100,6 +108,7 @@ std::vector<Group> group_terms(const WObservable<T>& observable) {
 
 std::vector<Batch> batch_groups(const std::vector<Group>& groups, unsigned int block_bits) {
     std::vector<const Group*> waiting;
+    waiting.reserve(groups.size());
     for (const Group& group : groups)
         waiting.push_back(&group);
     std::vector<Batch> batches;
@@ -123,36 +132,35 @@ struct alignas(64) Scratch {
     T parts[2 << max_block_bits<T>];
 };
 
-/// What one worker adds up: its share of the tiles of every batch.
+/// Products of amplitudes in a piece of a batch. Long enough for the fold of its sums not to count.
+constexpr Index products_per_piece = 4 * piece_amplitudes;
+
+/// The sums of the terms of one batch, group by group, over some of its tiles.
 template <class T>
-class Worker {
+class TileSums {
   public:
-    Worker(const T* state, unsigned int block_bits, Index n_values)
-        : state_(state), block_bits_(block_bits), values_(n_values), scratch_(1) {}
+    TileSums(const T* state, unsigned int block_bits, const Batch& batch)
+        : state_(state),
+          block_bits_(block_bits),
+          batch_(batch),
+          sums_(batch.n_terms()),
+          scratch_(1) {}
 
-    /// Adds the tiles [begin, end) of `batch`.
-    void add(const Batch& batch, Index tile_begin, Index tile_end, Index free_mask) {
-        std::size_t n_sums = 0;
-        for (const Group* group : batch.groups)
-            n_sums += group->terms.size();
-        sums_.assign(n_sums, TermSums<T>());
-
-        const std::vector<Index> tile = batch.tile();
-        const Index pivots = batch.pivots();
-        Index first = deposit_bits(tile_begin, free_mask);
-        for (Index i = tile_begin; i < tile_end; ++i) {
-            add_tile(batch, tile, pivots, first);
+    /// The sums over the tiles [begin, end).
+    std::vector<T> of(const std::vector<Index>& tile, Index free_mask, Index begin, Index end) {
+        const Index pivots = batch_.pivots();
+        Index first = deposit_bits(begin, free_mask);
+        for (Index i = begin; i < end; ++i) {
+            add_tile(tile, pivots, first);
             first = next_subset(first, free_mask);
         }
-        fold(batch);
+        return folded();
     }
 
-    const std::vector<T>& values() const { return values_; }
-
   private:
-    void add_tile(const Batch& batch, const std::vector<Index>& tile, Index pivots, Index first) {
+    void add_tile(const std::vector<Index>& tile, Index pivots, Index first) {
         TermSums<T>* sums = sums_.data();
-        for (const Group* group : batch.groups) {
+        for (const Group* group : batch_.groups) {
             const Index partner = extract_bits(group->flip >> block_bits_, pivots);
             // Blocks j and j ^ partner give the same products but for a sign that is known: one
             // of the two is enough.
@@ -176,17 +184,20 @@ class Worker {
 
     const T* block(Index number) const { return state_ + 2 * (number << block_bits_); }
 
-    void fold(const Batch& batch) {
+    std::vector<T> folded() const {
+        std::vector<T> values;
+        values.reserve(sums_.size());
         const TermSums<T>* sums = sums_.data();
-        for (const Group* group : batch.groups) {
-            for (std::size_t k = 0; k < group->terms.size(); ++k, ++sums) {
+        for (const Group* group : batch_.groups) {
+            for (const Index sign_mask : group->sign_masks) {
                 const T sum = dispatch([&]<InstructionSet set>() {
-                    return fold_signed_sums<set, T>(sums->parts, group->sign_masks[k],
-                                                    group->imaginary);
+                    return fold_signed_sums<set, T>(sums->parts, sign_mask, group->imaginary);
                 });
-                values_[group->terms[k]] += whole_sum(*group, group->sign_masks[k], sum);
+                values.push_back(whole_sum(*group, sign_mask, sum));
+                ++sums;
             }
         }
+        return values;
     }
 
     /// The sum over all indices, given that over one of each pair of blocks.
@@ -198,7 +209,7 @@ class Worker {
 
     const T* state_;
     unsigned int block_bits_;
-    std::vector<T> values_;
+    const Batch& batch_;
     std::vector<TermSums<T>> sums_;
     std::vector<Scratch<T>> scratch_;
 };
@@ -222,22 +233,27 @@ std::vector<T> pauli_sums(const std::complex<T>* amplitudes, const WObservable<T
     const std::vector<Group> groups = group_terms(observable);
     const std::vector<Batch> batches = batch_groups(groups, block_bits);
 
-    const auto work = [&](int id, int team) {
-        Worker<T> worker(parts(amplitudes), block_bits, n_terms);
-        for (const Batch& batch : batches) {
-            const Index free_mask = low_mask(size_bits - block_bits) & ~batch.pivots();
-            const Block tiles(bit(count_bits(free_mask)), static_cast<Index>(id),
-                              static_cast<Index>(team), 1);
-            worker.add(batch, tiles.begin, tiles.end, free_mask);
-        }
-        return worker.values();
-    };
-    const bool small = size * groups.size() < min_parallel_amplitudes;
-    const int workers = small ? 1 : get_num_threads(num_threads);
     std::vector<T> values(n_terms);
-    for (const std::vector<T>& own : results_of_team<std::vector<T>>(workers, work)) {
-        for (Index t = 0; t < own.size(); ++t)
-            values[t] += own[t];
+    for (const Batch& batch : batches) {
+        const std::vector<Index> tile = batch.tile();
+        const Index free_mask = low_mask(size_bits - block_bits) & ~batch.pivots();
+        const Index n_tiles = bit(count_bits(free_mask));
+        const Index products = size * batch.groups.size();
+        const Index pieces =
+            std::min(n_tiles, piece_count(products, num_threads, products_per_piece));
+        const auto sums_of = [&](Index begin, Index end) {
+            return TileSums<T>(parts(amplitudes), block_bits, batch)
+                .of(tile, free_mask, begin, end);
+        };
+        const int workers = workers_for(products, num_threads);
+        for (const std::vector<T>& sums :
+             results_of_pieces<std::vector<T>>(n_tiles, pieces, workers, sums_of, 1)) {
+            Index k = 0;
+            for (const Group* group : batch.groups) {
+                for (const Index t : group->terms)
+                    values[t] += sums[k++];
+            }
+        }
     }
     for (Index t = 0; t < n_terms; ++t)
         values[t] = with_phase(values[t], observable.phase_powers[t]);

@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "core/parallel.hpp"
+#include "core/team_scratch.hpp"
 #include "readout/probabilities.hpp"
 
 namespace pblinalg::cpu {
@@ -57,8 +58,14 @@ constexpr unsigned int wanted_chain_bits = 3;
 /// that are taken in when the run itself holds too few outcomes. Tiles come in order of the free
 /// bits for each pattern of the listed ones, so that every sum grows in index order. Outcomes are
 /// numbered by their listed index bits, compacted.
-class TileWalk {
-  public:
+struct TileWalk {
+    unsigned int run_bits;
+    Index run_listed;
+    Index run_free;
+    Index stream_mask = 0;
+    Index outer_listed;
+    Index outer_free;
+
     TileWalk(unsigned int n, const Marginal& marginal) : run_bits(std::min(n, tile_bits)) {
         Index above = marginal.listed & ~low_mask(run_bits);
         if (count_bits(marginal.listed & low_mask(run_bits)) < wanted_chain_bits && above != 0) {
@@ -70,46 +77,49 @@ class TileWalk {
                 above &= above - 1;
             }
         }
+        run_listed = marginal.listed & low_mask(run_bits);
+        run_free = marginal.free & low_mask(run_bits);
         outer_listed = above;
         outer_free = marginal.free & ~low_mask(run_bits);
-        const Index run_listed = marginal.listed & low_mask(run_bits);
-        const Index run_free = marginal.free & low_mask(run_bits);
-        const Index outcomes_per_run = bit(count_bits(run_listed));
-        for (Index e = 0; e < bit(count_bits(stream_mask)); ++e) {
-            for (Index s = 0; s < outcomes_per_run; ++s) {
-                outcome_offsets_.push_back(
-                    static_cast<unsigned int>(e << run_bits | deposit_bits(s, run_listed)));
-            }
-        }
-        for (Index f = 0; f < bit(count_bits(run_free)); ++f)
-            free_offsets_.push_back(static_cast<unsigned int>(deposit_bits(f, run_free)));
     }
-
-    unsigned int run_bits;
-    Index stream_mask = 0;
-    Index outer_listed;
-    Index outer_free;
 
     Index n_outer_outcomes() const { return bit(count_bits(outer_listed)); }
     Index n_outer_free() const { return bit(count_bits(outer_free)); }
-    Index outcomes_per_tile() const { return outcome_offsets_.size(); }
-    OutcomeTile tile() const {
-        return {outcome_offsets_.data(), outcome_offsets_.size(), free_offsets_.data(),
-                free_offsets_.size()};
+    Index outcomes_per_tile() const {
+        return bit(count_bits(run_listed) + count_bits(stream_mask));
+    }
+};
+
+/// Where the values of each outcome lie in a tile.
+class TileOffsets {
+  public:
+    explicit TileOffsets(const TileWalk& walk) {
+        const Index outcomes_per_run = bit(count_bits(walk.run_listed));
+        for (Index e = 0; e < bit(count_bits(walk.stream_mask)); ++e) {
+            for (Index s = 0; s < outcomes_per_run; ++s) {
+                of_outcome_[n_outcomes_++] = static_cast<unsigned int>(
+                    e << walk.run_bits | deposit_bits(s, walk.run_listed));
+            }
+        }
+        for (Index f = 0; f < bit(count_bits(walk.run_free)); ++f)
+            of_free_[n_free_++] = static_cast<unsigned int>(deposit_bits(f, walk.run_free));
     }
 
+    OutcomeTile tile() const { return {of_outcome_, n_outcomes_, of_free_, n_free_}; }
+
   private:
-    std::vector<unsigned int> outcome_offsets_;
-    std::vector<unsigned int> free_offsets_;
+    unsigned int of_outcome_[bit(tile_bits)];
+    unsigned int of_free_[bit(tile_bits)];
+    Index n_outcomes_ = 0;
+    Index n_free_ = 0;
 };
 
 /// Adds the elements of the outer pattern `outcome` and of the free patterns [begin, end) to the
 /// sums of their outcomes.
 template <class T, class S>
-void add_tiles(const S& view, const TileWalk& walk, Index outcome, Index begin, Index end,
-               T* sums) {
+void add_tiles(const S& view, const TileWalk& walk, const OutcomeTile& tile, Index outcome,
+               Index begin, Index end, T* sums) {
     alignas(64) T values[bit(tile_bits)];
-    const OutcomeTile tile = walk.tile();
     const Index run = bit(walk.run_bits);
     walk_groups(walk.outer_free, deposit_bits(outcome, walk.outer_listed), begin, end,
                 [&](Index base) {
@@ -126,22 +136,8 @@ void add_tiles(const S& view, const TileWalk& walk, Index outcome, Index begin, 
                 });
 }
 
-/// The sums of one worker, aligned for vectors.
-template <class T>
-class Sums {
-  public:
-    explicit Sums(Index count) : memory_(count + 64 / sizeof(T)) {}
-    T* data() {
-        const auto address = reinterpret_cast<std::uintptr_t>(memory_.data());
-        return memory_.data() + (-address % 64) / sizeof(T);
-    }
-
-  private:
-    std::vector<T> memory_;
-};
-
 /// With at least this many outer patterns for each worker the outcomes are shared out, else the
-/// elements of every outcome.
+/// pieces of every outcome.
 constexpr Index min_outer_outcomes = 8;
 
 /// Outer patterns whose sums are stored together. They differ in the highest listed index bits,
@@ -149,90 +145,151 @@ constexpr Index min_outer_outcomes = 8;
 /// each sum would touch a cache line of its own.
 constexpr unsigned int max_batch_bits = 4;
 
+/// The sums of a piece have at least this many elements each, so that neither their memory nor
+/// adding them up counts.
+constexpr Index min_elements_per_sum = 16;
+
+/// Who adds up what for all outcomes of a marginal, and the memory that it takes.
+///
+/// The elements of each outcome are added up in `pieces`, in index order within each; the sums of
+/// the pieces are added in their order. How many there are depends on the request as in
+/// `piece_count`, and on nothing else that depends on the machine.
+template <class S>
+struct OutcomePlan {
+    using T = typename S::proba_type;
+
+    Marginal marginal;
+    TileWalk walk;
+    Index outcomes;  ///< by compacted index bits
+    Index pieces;
+    int workers;
+    bool shares_outcomes;
+    Index batch = 1;      ///< outer patterns that a worker stores together
+    bool repeats_qubits;  ///< the list's outcomes are not those of the index bits one to one
+
+    OutcomePlan(const S& view, QubitSpan qubits, int requested)
+        : marginal(view.nqubits, qubits),
+          walk(view.nqubits, marginal),
+          outcomes(walk.n_outer_outcomes() * walk.outcomes_per_tile()),
+          pieces(std::min({piece_count(view.size, requested), walk.n_outer_free(),
+                           std::max<Index>(view.size / min_elements_per_sum / outcomes, 1)})),
+          workers(workers_for(view.size, requested)),
+          shares_outcomes(pieces == 1 || workers == 1 ||
+                          walk.n_outer_outcomes() >= min_outer_outcomes * team_size(workers)),
+          repeats_qubits(count_bits(marginal.listed) < qubits.size()) {
+        if (shares_outcomes && count_bits(walk.outer_listed) >= 2 * max_batch_bits)
+            batch = bit(max_batch_bits);
+    }
+
+    /// Sums in a slice of memory: those of a worker's batch and of one piece of it, or those of one
+    /// piece of all outcomes.
+    Index slice() const {
+        const Index sums = shares_outcomes ? (batch + 1) * walk.outcomes_per_tile() : outcomes;
+        return (sums + line - 1) / line * line;
+    }
+    Index n_slices() const { return shares_outcomes ? team_size(workers) : pieces; }
+    std::size_t scratch_bytes() const {
+        return (n_slices() * slice() + (repeats_qubits ? outcomes : 0)) * sizeof(T);
+    }
+
+  private:
+    static constexpr Index line = 64 / sizeof(T);
+};
+
 /// Calls `store(first, stride, n, sums, count)` with the sums of the outcomes first + i * stride +
 /// s, i < n, s < count, at sums[i * count + s], until all are given; on several workers at once.
 /// Outcomes are numbered by their compacted index bits.
-template <class T, class S, class Store>
-void sum_outcomes(const S& view, const Marginal& marginal, int num_threads, const Store& store) {
-    const TileWalk walk(view.nqubits, marginal);
+template <class S, class T, class Store>
+void sum_outcomes(const S& view, const OutcomePlan<S>& plan, T* scratch, const Store& store) {
+    const TileWalk& walk = plan.walk;
+    const TileOffsets offsets(walk);
+    const OutcomeTile tile = offsets.tile();
     const Index outer = walk.n_outer_outcomes();
     const Index per_tile = walk.outcomes_per_tile();
-    const int workers = view.size < min_parallel_amplitudes ? 1 : get_num_threads(num_threads);
-    if (workers == 1 || outer >= min_outer_outcomes * static_cast<Index>(std::max(workers, 1))) {
-        const unsigned int outer_bits = count_bits(walk.outer_listed);
-        const Index batch = bit(outer_bits < 2 * max_batch_bits ? 0 : max_batch_bits);
-        const Index batches = outer / batch;
-        run_team(workers, [&](int id, int team) {
+    const auto add_piece = [&](Index outcome, Index number, T* sums) {
+        const Block piece(walk.n_outer_free(), number, plan.pieces, 1);
+        add_tiles(view, walk, tile, outcome, piece.begin, piece.end, sums);
+    };
+    if (plan.shares_outcomes) {
+        const Index batches = outer / plan.batch;
+        run_team(plan.workers, [&](int id, int team) {
+            T* const sums = scratch + static_cast<Index>(id) * plan.slice();
+            T* const piece_sums = sums + plan.batch * per_tile;
             const Block own(batches, static_cast<Index>(id), static_cast<Index>(team), 1);
-            Sums<T> sums(batch * per_tile);
             for (Index first = own.begin; first < own.end; ++first) {
-                std::fill_n(sums.data(), batch * per_tile, T(0));
-                for (Index i = 0; i < batch; ++i) {
-                    add_tiles(view, walk, first + i * batches, 0, walk.n_outer_free(),
-                              sums.data() + i * per_tile);
+                std::fill_n(sums, plan.batch * per_tile, T(0));
+                for (Index i = 0; i < plan.batch; ++i) {
+                    T* const total = sums + i * per_tile;
+                    add_piece(first + i * batches, 0, total);
+                    for (Index p = 1; p < plan.pieces; ++p) {
+                        std::fill_n(piece_sums, per_tile, T(0));
+                        add_piece(first + i * batches, p, piece_sums);
+                        for (Index s = 0; s < per_tile; ++s)
+                            total[s] += piece_sums[s];
+                    }
                 }
-                store(first * per_tile, batches * per_tile, batch, sums.data(), per_tile);
+                store(first * per_tile, batches * per_tile, plan.batch, sums, per_tile);
             }
         });
         return;
     }
-    using OwnSums = std::unique_ptr<Sums<T>>;
-    std::vector<OwnSums> sums_of = results_of_team<OwnSums>(workers, [&](int id, int team) {
-        auto sums = std::make_unique<Sums<T>>(outer * per_tile);
-        const Block own(walk.n_outer_free(), static_cast<Index>(id), static_cast<Index>(team), 1);
-        for (Index outcome = 0; outcome < outer; ++outcome) {
-            add_tiles(view, walk, outcome, own.begin, own.end, sums->data() + outcome * per_tile);
+    const auto add_pieces = [&](Index first, Index last) {
+        for (Index p = first; p < last; ++p) {
+            T* const sums = scratch + p * plan.slice();
+            std::fill_n(sums, plan.outcomes, T(0));
+            for (Index outcome = 0; outcome < outer; ++outcome)
+                add_piece(outcome, p, sums + outcome * per_tile);
         }
-        return sums;
-    });
-    T* const total = sums_of[0]->data();
-    for (std::size_t w = 1; w < sums_of.size() && sums_of[w]; ++w) {
-        for (Index s = 0; s < outer * per_tile; ++s)
-            total[s] += sums_of[w]->data()[s];
-    }
-    store(0, 0, 1, total, outer * per_tile);
+    };
+    for_each_block_of_team(plan.pieces, plan.workers, add_pieces, 1);
+    const auto add_up = [&](Index begin, Index end) {
+        for (Index p = 1; p < plan.pieces; ++p) {
+            for (Index s = begin; s < end; ++s)
+                scratch[s] += scratch[p * plan.slice() + s];
+        }
+        store(begin, 0, 1, scratch + begin, end - begin);
+    };
+    for_each_block_of_team(plan.outcomes, plan.workers, add_up, bit(tile_bits));
 }
 
 /// As `outcome_probabilities`, each sum passed through `keep` on its way out.
-template <class S, class Keep>
-void write_outcomes(const S& view, QubitSpan qubits, int num_threads, typename S::proba_type* out,
+template <class S, class T, class Keep>
+void write_outcomes(const S& view, QubitSpan qubits, const OutcomePlan<S>& plan, T* out, T* scratch,
                     const Keep& keep) {
-    using T = typename S::proba_type;
-    const Marginal marginal(view.nqubits, qubits);
-    if (count_bits(marginal.listed) < qubits.size()) {
+    const Index listed = plan.marginal.listed;
+    if (plan.repeats_qubits) {
         // Outcomes that disagree on a repeated qubit share the index bits of their union.
-        std::vector<T> all(bit(count_bits(marginal.listed)));
-        sum_outcomes<T>(view, marginal, num_threads,
-                        [&](Index first, Index stride, Index n, const T* sums, Index count) {
-                            for (Index i = 0; i < n; ++i)
-                                std::copy_n(sums + i * count, count,
-                                            all.data() + first + i * stride);
-                        });
+        T* const all = scratch + plan.n_slices() * plan.slice();
+        sum_outcomes(view, plan, scratch,
+                     [&](Index first, Index stride, Index n, const T* sums, Index count) {
+                         for (Index i = 0; i < n; ++i)
+                             std::copy_n(sums + i * count, count, all + first + i * stride);
+                     });
         for (Index v = 0; v < bit(static_cast<unsigned int>(qubits.size())); ++v)
-            out[v] = keep(all[extract_bits(fixed_pattern(v, qubits), marginal.listed)]);
+            out[v] = keep(all[extract_bits(fixed_pattern(v, qubits), listed)]);
         return;
     }
-    // Where the outcomes of a tile go relative to its first one.
-    const unsigned int table_bits = std::min(count_bits(marginal.listed), tile_bits);
-    std::vector<Index> places(bit(table_bits));
-    for (Index s = 0; s < places.size(); ++s)
-        places[s] = outcome_of(deposit_bits(s, marginal.listed), qubits);
     const auto place_of = [&](Index outcome) {
-        return outcome_of(deposit_bits(outcome, marginal.listed), qubits);
+        return outcome_of(deposit_bits(outcome, listed), qubits);
     };
-    sum_outcomes<T>(view, marginal, num_threads,
-                    [&](Index first, Index stride, Index n, const T* sums, Index count) {
-                        for (Index done = 0; done < count; done += places.size()) {
-                            T* to[bit(max_batch_bits)];
-                            for (Index i = 0; i < n; ++i)
-                                to[i] = out + place_of(first + i * stride + done);
-                            const Index end = std::min<Index>(count - done, places.size());
-                            for (Index s = 0; s < end; ++s) {
-                                for (Index i = 0; i < n; ++i)
-                                    to[i][places[s]] = keep(sums[i * count + done + s]);
-                            }
-                        }
-                    });
+    // Where the outcomes of a tile go relative to its first one.
+    Index places[bit(tile_bits)];
+    const Index n_places = bit(std::min(count_bits(listed), tile_bits));
+    for (Index s = 0; s < n_places; ++s)
+        places[s] = place_of(s);
+    sum_outcomes(view, plan, scratch,
+                 [&](Index first, Index stride, Index n, const T* sums, Index count) {
+                     for (Index done = 0; done < count; done += n_places) {
+                         T* to[bit(max_batch_bits)];
+                         for (Index i = 0; i < n; ++i)
+                             to[i] = out + place_of(first + i * stride + done);
+                         const Index end = std::min(count - done, n_places);
+                         for (Index s = 0; s < end; ++s) {
+                             for (Index i = 0; i < n; ++i)
+                                 to[i][places[s]] = keep(sums[i * count + done + s]);
+                         }
+                     }
+                 });
 }
 
 }  // namespace
@@ -242,30 +299,33 @@ typename S::proba_type cumulative_probability(S view, unsigned long long outcome
                                               int num_threads) {
     using T = typename S::proba_type;
     const IndexWalk walk{Marginal(view.nqubits, qubits).free, fixed_pattern(outcome, qubits)};
-    return sum_over_blocks<T>(walk.count(), walk.count(), num_threads, [&](Index begin, Index end) {
+    return sum_over_pieces<T>(walk.count(), walk.count(), num_threads, [&](Index begin, Index end) {
         return sum_probabilities(view, walk, begin, end);
     });
 }
 
 template <sequence S>
-void outcome_probabilities(S view, QubitSpan qubits, int num_threads, typename S::proba_type* out) {
-    write_outcomes(view, qubits, num_threads, out, [](auto sum) { return sum; });
+std::size_t outcome_scratch_bytes(S view, QubitSpan qubits, int num_threads) {
+    return OutcomePlan<S>(view, qubits, num_threads).scratch_bytes();
 }
 
-namespace {
-
-/// The distributions read the list from its most significant bit.
-std::vector<unsigned int> reversed(QubitSpan qubits) {
-    return {qubits.rbegin(), qubits.rend()};
+template <sequence S>
+void outcome_probabilities(S view, QubitSpan qubits, int num_threads, typename S::proba_type* out,
+                           void* scratch) {
+    const OutcomePlan<S> plan(view, qubits, num_threads);
+    write_outcomes(view, qubits, plan, out, static_cast<typename S::proba_type*>(scratch),
+                   [](auto sum) { return sum; });
 }
-
-}  // namespace
 
 template <class T, sequence_of_precision<T> S, bool>
 void compute_marginal_distribution(S view, T* out, const T& threshold, QubitSpan qubits,
                                    int num_threads, unsigned long long) {
+    // The distributions read the list from its most significant bit.
+    const std::vector<unsigned int> reversed(qubits.rbegin(), qubits.rend());
     const T limit = threshold * threshold;
-    write_outcomes(view, reversed(qubits), num_threads, out,
+    const OutcomePlan<S> plan(view, reversed, num_threads);
+    const TeamScratch scratch(1, plan.scratch_bytes());
+    write_outcomes(view, reversed, plan, out, static_cast<T*>(scratch.of(0)),
                    [limit](T sum) { return sum > limit ? sum : T(0); });
 }
 
@@ -284,7 +344,8 @@ std::map<unsigned long long, T>* map_marginal_distribution(S view, const T& thre
 
 #define PBLINALG_INSTANTIATE_VIEW(T, S)                                                       \
     template T cumulative_probability<S>(S, unsigned long long, QubitSpan, int);              \
-    template void outcome_probabilities<S>(S, QubitSpan, int, T*);                            \
+    template std::size_t outcome_scratch_bytes<S>(S, QubitSpan, int);                         \
+    template void outcome_probabilities<S>(S, QubitSpan, int, T*, void*);                     \
     template void compute_marginal_distribution<T, S, false>(S, T*, const T&, QubitSpan, int, \
                                                              unsigned long long);             \
     template std::map<unsigned long long, T>* map_marginal_distribution<T, S>(S, const T&,    \

@@ -20,11 +20,16 @@ typename S::proba_type cumulative_probability(S view, unsigned long long outcome
 /// Writes the probabilities of all 2^L outcomes, bit j of an outcome being the value of qubits[j]:
 /// the *first* listed qubit is the *least* significant.
 ///
-/// Each sum is as in `cumulative_probability`. With one worker it is taken in increasing order of
-/// the element index, one addition after the other.
-/// Cost: one pass over the view. Errors: std::bad_alloc.
+/// Each sum is as in `cumulative_probability`. Where one worker is asked for it is taken in
+/// increasing order of the element index, one addition after the other; else in pieces that are the
+/// same for every other request.
+/// Cost: one pass over the view. Nothing is allocated.
+/// @param scratch  64-byte aligned memory of `outcome_scratch_bytes` for the same arguments.
 template <sequence S>
-void outcome_probabilities(S view, QubitSpan qubits, int num_threads, typename S::proba_type* out);
+void outcome_probabilities(S view, QubitSpan qubits, int num_threads, typename S::proba_type* out,
+                           void* scratch);
+template <sequence S>
+std::size_t outcome_scratch_bytes(S view, QubitSpan qubits, int num_threads);
 
 /// The dense distribution: out[v] = probability of v, the first listed qubit being the most
 /// significant bit of v, or 0 when it is not strictly greater than threshold^2.
@@ -43,7 +48,8 @@ std::map<unsigned long long, T>* map_marginal_distribution(S view, const T& thre
 
 #define PBLINALG_DECLARE(T, S)                                                                  \
     extern template T cumulative_probability<S>(S, unsigned long long, QubitSpan, int);         \
-    extern template void outcome_probabilities<S>(S, QubitSpan, int, T*);                       \
+    extern template std::size_t outcome_scratch_bytes<S>(S, QubitSpan, int);                    \
+    extern template void outcome_probabilities<S>(S, QubitSpan, int, T*, void*);                \
     extern template void compute_marginal_distribution<T, S, false>(S, T*, const T&, QubitSpan, \
                                                                     int, unsigned long long);   \
     extern template std::map<unsigned long long, T>* map_marginal_distribution<T, S>(           \

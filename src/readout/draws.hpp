@@ -7,8 +7,10 @@
 
 namespace pblinalg::cpu {
 
-/// Writes the next `count` outputs of `rng`, in generator order. Draws of all objects in the
-/// process are serialised.
+/// Writes the next `count` outputs of `rng`, in generator order.
+///
+/// Draws of all objects in the process are serialised by OpenMP's unnamed critical section: that it
+/// is this one belongs to the interface, so a caller must not draw from inside one of its own.
 template <class RNG>
 void take_draws(RNG& rng, std::uint64_t* out, Index count) {
 #pragma omp critical

@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "core/parallel.hpp"
+#include "core/team_scratch.hpp"
 #include "kernels/reversal_kernels.hpp"
 #include "readout/views.hpp"
 
@@ -23,24 +24,28 @@ typename S::element_type above(typename S::element_type element,
     return S::probability_of(element) > threshold_squared ? element : typename S::element_type();
 }
 
-/// out[rev(k)] = view[k] for views of at least `min_tiled_size` elements, without those that do not
-/// exceed the limit if `Threshold`.
+/// out[rev(k)] = view[k], tile by tile, without those that do not exceed the limit if `Threshold`.
+/// Errors: std::bad_alloc before anything is written.
+template <bool Threshold, class T>
+void copy_tiles(SVSequence<std::complex<T>> view, std::complex<T>* out, const ReversalTiles& tiles,
+                int num_threads, T threshold_squared) {
+    const int workers = workers_for(view.size, num_threads);
+    const TeamScratch scratch(workers, tiles.scratch_size() * sizeof(std::complex<T>));
+    run_team(workers, [&](int id, int team) {
+        const Block own(tiles.count(), static_cast<Index>(id), static_cast<Index>(team), 1);
+        dispatch([&]<InstructionSet set>() {
+            copy_reversed<set, Threshold>(parts(view.amplitudes), parts(out), tiles, own.begin,
+                                          own.end, threshold_squared,
+                                          static_cast<T*>(scratch.of(id)));
+        });
+    });
+}
+
+/// The same for views of at least `min_tiled_size` elements.
 template <bool Threshold, class T>
 void _permute_and_copy_vector_fast(SVSequence<std::complex<T>> view, std::complex<T>* out,
                                    const int& num_threads, T threshold_squared) {
-    const ReversalTiles tiles(view.nqubits);
-    struct alignas(64) Line {
-        T parts[64 / sizeof(T)];
-    };
-    const auto copy_tiles = [&](Index begin, Index end) {
-        const std::unique_ptr<Line[]> tile(
-            new Line[tiles.scratch_size() * sizeof(std::complex<T>) / sizeof(Line)]);
-        dispatch([&]<InstructionSet set>() {
-            copy_reversed<set, Threshold>(parts(view.amplitudes), parts(out), tiles, begin, end,
-                                          threshold_squared, tile[0].parts);
-        });
-    };
-    for_each_block(tiles.count(), view.size, num_threads, copy_tiles, 1);
+    copy_tiles<Threshold>(view, out, ReversalTiles(view.nqubits), num_threads, threshold_squared);
 }
 
 /// The same for a diagonal, whose elements lie far apart whatever the order.
@@ -102,7 +107,9 @@ std::map<unsigned long long, V>* permute_and_map_vector(S view, const T& thresho
         return own;
     };
     Entries kept;
-    for (const Entries& own : results_of_blocks<Entries>(view.size, view.size, num_threads, keep)) {
+    for (const Entries& own :
+         results_of_pieces<Entries>(view.size, piece_count(view.size, num_threads),
+                                    workers_for(view.size, num_threads), keep)) {
         kept.insert(kept.end(), own.begin(), own.end());
     }
     const auto by_key = [](const Entry& a, const Entry& b) { return a.first < b.first; };

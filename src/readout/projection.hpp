@@ -9,6 +9,23 @@ namespace pblinalg::cpu {
 
 using orb::core::iterator::QubitSpan;
 
+/// The summed squared magnitudes of the amplitudes that agree with `outcome`.
+/// Errors: std::bad_alloc.
+template <class T>
+T outcome_weight(const std::complex<T>* state, unsigned long long size, QubitSpan qubits,
+                 unsigned long long outcome, int num_threads);
+
+/// Divides the amplitudes that agree with `outcome` by the root of its `weight`, which is not 0,
+/// and sets all others to 0 divided by it.
+template <class T>
+void collapse(std::complex<T>* state, unsigned long long size, QubitSpan qubits,
+              unsigned long long outcome, T weight, int num_threads);
+
+/// Moves the amplitudes that agree with `outcome`, the only ones, to where `qubits` are 0.
+template <class T>
+void move_to_zero(std::complex<T>* state, unsigned long long size, QubitSpan qubits,
+                  unsigned long long outcome, int num_threads);
+
 /// Divides the amplitudes that agree with `outcome` by the root of their summed squared magnitudes
 /// and sets all others to 0 divided by it (0, or NaN when the sum is).
 /// @param outcome  its low bits, first listed qubit most significant. A qubit listed twice takes

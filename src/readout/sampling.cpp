@@ -265,16 +265,13 @@ class OutcomeGuide {
     std::uint32_t first_[guide_size];
 };
 
-/// Draws held at once, so that memory does not grow with the number of shots.
-constexpr Index max_draws = Index{1} << 22;
-
 /// Takes `nshots` draws in chunks and calls `answer(draws, out)` for each chunk.
 template <class RNG, class Answer>
-void for_each_chunk(RNG& rng, unsigned long long nshots, unsigned long long* out,
+void for_each_chunk(RNG& rng, unsigned long long nshots, Index chunk, unsigned long long* out,
                     const Answer& answer) {
     std::vector<std::uint64_t> draws;
     for (Index first = 0; first < nshots; first += draws.size()) {
-        draws.resize(std::min<Index>(max_draws, nshots - first));
+        draws.resize(std::min<Index>(chunk, nshots - first));
         take_draws(rng, draws.data(), draws.size());
         answer(draws, out + first);
     }
@@ -283,9 +280,9 @@ void for_each_chunk(RNG& rng, unsigned long long nshots, unsigned long long* out
 /// Many shots of few elements: each is looked up by itself.
 template <class RNG, class S>
 void pick_by_guide(const S& view, unsigned long long* out, RNG& rng, unsigned long long nshots,
-                   int num_threads, const OutcomeTable& outcome_of) {
+                   int num_threads, const OutcomeTable& outcome_of, Index chunk) {
     const OutcomeGuide<S> guide(view);
-    for_each_chunk(rng, nshots, out, [&](const auto& draws, unsigned long long* own) {
+    for_each_chunk(rng, nshots, chunk, out, [&](const auto& draws, unsigned long long* own) {
         for_each_block(draws.size(), draws.size(), num_threads, [&](Index begin, Index end) {
             for (Index shot = begin; shot < end; ++shot) {
                 const auto u = unit_interval<typename S::proba_type>(draws[shot]);
@@ -299,13 +296,13 @@ void pick_by_guide(const S& view, unsigned long long* out, RNG& rng, unsigned lo
 /// Any other shots: one scan answers all of a chunk, in increasing order.
 template <class RNG, class S>
 void pick_by_scan(const S& view, unsigned long long* out, RNG& rng, unsigned long long nshots,
-                  int num_threads, const OutcomeTable& outcome_of) {
+                  int num_threads, const OutcomeTable& outcome_of, Index chunk) {
     using T = typename S::proba_type;
     RunningSums<S> sums(view);
-    for_each_chunk(rng, nshots, out, [&](const auto& draws, unsigned long long* own) {
+    for_each_chunk(rng, nshots, chunk, out, [&](const auto& draws, unsigned long long* own) {
         const T largest = unit_interval<T>(*std::max_element(draws.begin(), draws.end()));
         const Index work = std::max<Index>(view.size, draws.size());
-        const int workers = work < min_parallel_amplitudes ? 1 : get_num_threads(num_threads);
+        const int workers = workers_for(work, num_threads);
         std::optional<DrawBuckets> buckets;
         run_team(workers, [&](int id, int team) {
             if (id == 0) sums.extend_to(largest);
@@ -323,13 +320,13 @@ void pick_by_scan(const S& view, unsigned long long* out, RNG& rng, unsigned lon
 
 template <class RNG, sequence S>
 void pick_shots_state(S view, unsigned long long* out, RNG& rng, unsigned long long nshots,
-                      int num_threads, QubitSpan qubits) {
+                      int num_threads, QubitSpan qubits, unsigned long long chunk) {
     const OutcomeTable outcome_of(view.nqubits, qubits);
     constexpr Index guide_size = OutcomeGuide<S>::guide_size;
     if (view.size <= guide_size && nshots >= guide_size) {
-        pick_by_guide(view, out, rng, nshots, num_threads, outcome_of);
+        pick_by_guide(view, out, rng, nshots, num_threads, outcome_of, chunk);
     } else {
-        pick_by_scan(view, out, rng, nshots, num_threads, outcome_of);
+        pick_by_scan(view, out, rng, nshots, num_threads, outcome_of, chunk);
     }
 }
 
@@ -342,7 +339,8 @@ unsigned long long pick_state(S view, RNG& rng, QubitSpan qubits) {
 
 #define PBLINALG_INSTANTIATE_VIEW(S)                                                             \
     template void pick_shots_state<std::mt19937_64, S>(S, unsigned long long*, std::mt19937_64&, \
-                                                       unsigned long long, int, QubitSpan);      \
+                                                       unsigned long long, int, QubitSpan,       \
+                                                       unsigned long long);                      \
     template unsigned long long pick_state<std::mt19937_64, S>(S, std::mt19937_64&, QubitSpan);
 PBLINALG_INSTANTIATE_VIEW(SVSequence<std::complex<float>>)
 PBLINALG_INSTANTIATE_VIEW(SVSequence<std::complex<double>>)

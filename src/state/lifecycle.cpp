@@ -22,6 +22,11 @@ unsigned int clock_seed() {
            static_cast<unsigned int>(static_cast<std::uint16_t>(u)) << 16;
 }
 
+/// 2^nqubits, or a size that no array can have where 64 bits do not hold it.
+unsigned long long size_of(unsigned int nqubits) {
+    return nqubits < 64 ? cpu::bit(nqubits) : ~0ull;
+}
+
 }  // namespace
 
 PybindLinAlgStateVector::PybindLinAlgStateVector() : seed(clock_seed()), rng(seed) {}
@@ -37,7 +42,7 @@ namespace cpu {
 template <class T>
 PybindLinAlgStateVectorCPU<T>::PybindLinAlgStateVectorCPU(unsigned int nqubits)
     : nqubits(nqubits),
-      size(1ull << nqubits),
+      size(size_of(nqubits)),
       state(nullptr, aligned_array_delete<std::complex<T>>),
       density_matrix(false),
       num_threads(1),
@@ -56,7 +61,7 @@ void PybindLinAlgStateVectorCPU<T>::resize(unsigned int nqubits) {
     if (nqubits == this->nqubits) return;
     const bool grows = nqubits > this->nqubits;
     this->nqubits = nqubits;
-    size = 1ull << nqubits;
+    size = size_of(nqubits);
     if (!grows) return;
     state.reset();
     state = new_zeroed_array<std::complex<T>>(size, num_threads);

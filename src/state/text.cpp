@@ -13,9 +13,12 @@ void PybindLinAlgStateVectorCPU<T>::print() {
 
 template <class T>
 std::string PybindLinAlgStateVectorCPU<T>::str() {
+    // As std::complex is written, but part by part into a stream that passes a failed allocation
+    // on; the stream inside that operator would leave amplitudes out instead.
     std::ostringstream text;
+    text.exceptions(std::ios::badbit);
     for (unsigned long long i = 0; i < size; ++i)
-        text << state[i] << " ";
+        text << '(' << state[i].real() << ',' << state[i].imag() << ") ";
     return text.str();
 }
 

@@ -448,6 +448,70 @@ TYPED_TEST(GateLists, StopBetweenPassesWithExactlyTheFirstGatesDone) {
     }
 }
 
+/// Layers on n qubits: `on_qubit` for each of them, then CNOTs on neighbours.
+template <class OnQubit>
+GateList layered(unsigned int n, unsigned int layers, unsigned int step, const OnQubit& on_qubit) {
+    GateList list;
+    for (unsigned int layer = 0; layer < layers; ++layer) {
+        for (unsigned int q = 0; q < n; ++q)
+            on_qubit(list, layer, q);
+        for (unsigned int q = step == 2 ? layer % 2 : 0; q + 1 < n; q += step)
+            list.add(GateKind::X, q + 1, Controls({q}));
+    }
+    return list;
+}
+
+/// What a planner makes of a list on a state that two workers share.
+template <class T>
+typename cpu::Plan<T>::Counts counts_of(const GateList& list, unsigned int n) {
+    cpu::Program<T> program;
+    program.nqubits = n;
+    for (const GateView gate : list)
+        cpu::lower(gate, program);
+    return cpu::Plan<T>(std::move(program), cpu::plan_shape<T>(n, 2)).counts();
+}
+
+TYPED_TEST(GateLists, TakeFewPassesOverTheState) {
+    using T = TypeParam;
+    const unsigned int n = 24;
+    const bool wide = sizeof(T) == 4;
+    const GateList brickwork = layered(n, 20, 2, [](GateList& list, auto layer, auto q) {
+        static constexpr GateKind axes[] = {GateKind::RX, GateKind::RY, GateKind::RZ};
+        list.add(axes[(layer + q) % 3], q, 0.1 * layer + q);
+    });
+    const GateList u3_cx = layered(n, 20, 1, [](GateList& list, auto, auto q) {
+        list.add(GateKind::U, q, std::vector<Angle>{0.1, 0.2, 0.3});
+    });
+    GateList qft, ladder;
+    for (unsigned int target = 0; target < n; ++target) {
+        qft.add(GateKind::H, target);
+        for (unsigned int control = target + 1; control < n; ++control)
+            qft.add(GateKind::PH, target, 0.1, Controls({control}));
+    }
+    for (unsigned int q = 0; q < n / 2; ++q)
+        qft.add(GateKind::SWAP, {q, n - 1 - q});
+    // Rotations about ZZ, written out: all that is left are diagonals, in one sweep.
+    for (unsigned int q = 0; q + 1 < n; ++q) {
+        ladder.add(GateKind::X, q + 1, Controls({q})).add(GateKind::RZ, q + 1, 0.2);
+        ladder.add(GateKind::X, q + 1, Controls({q}));
+    }
+    struct Case {
+        const char* name;
+        const GateList& list;
+        std::size_t passes, windows;  ///< the latter with vectors of 64 bytes
+    };
+    for (const Case& c : {Case{"brickwork", brickwork, wide ? 29u : 32u, wide ? 103u : 106u},
+                          Case{"u3_cx", u3_cx, wide ? 38u : 40u, wide ? 134u : 140u},
+                          Case{"qft", qft, wide ? 2u : 5u, 7u}, Case{"ladder", ladder, 1u, 1u}}) {
+        for_each_instruction_set([&] {
+            const auto counts = counts_of<T>(c.list, n);
+            EXPECT_LE(counts.passes + counts.alone, c.passes) << c.name;
+            const bool widest = cpu::active_instruction_set() == cpu::InstructionSet::avx512;
+            EXPECT_LE(counts.windows, widest ? c.windows : 5 * c.windows) << c.name;
+        });
+    }
+}
+
 TEST(GateList, InvertsAndConjugates) {
     const unsigned int n = 6;
     const auto near = [](const Amplitudes<double>& a, const Amplitudes<double>& b) {

@@ -2,6 +2,7 @@
 // precisions, so that a missing definition fails to link, and runs a Bell state.
 #include <cmath>
 #include <cstdio>
+#include <cstring>
 #include <map>
 #include <memory>
 #include <pblinalg/pblinalg.hpp>
@@ -82,6 +83,8 @@ bool check(bool holds, const char* claim) {
 
 int main() {
     bool passed = check(all_exist(&pblinalg::get_num_threads), "get_num_threads exists");
+    passed &=
+        check(std::strcmp(pblinalg::version(), PBLINALG_VERSION) == 0, "version of the headers");
     passed &= check(state_vector_members_exist<float>(), "state vector members in float");
     passed &= check(state_vector_members_exist<double>(), "state vector members in double");
     passed &= check(record_members_exist<float>(), "record members in float");

@@ -1,5 +1,6 @@
 // Fixed gates and one- and two-qubit matrices: every bit of every amplitude, on every placement,
 // instruction set and split among workers.
+#include "gates/formulas.hpp"
 #include "kernels/exact_kernels.hpp"
 #include "support/gate_table.hpp"
 
@@ -20,6 +21,44 @@ TEST(InstructionSets, RunTheCodeThatWasCompiledForThem) {
         const auto compiled = []<InstructionSet s>() { return cpu::compiled_register_bytes<s>(); };
         EXPECT_EQ(cpu::dispatch(compiled), bytes);
     });
+}
+
+/// Correctly rounded: of the angle's half, then of the angle.
+struct Coefficients {
+    double angle, cos_half, sin_half, cos, sin;
+};
+constexpr Coefficients pinned[] = {
+    {0.5, 0x1.f01549f7deea1p-1, 0x1.faaeed4f31577p-3, 0x1.c1528065b7d5p-1, 0x1.eaee8744b05fp-2},
+    {2.75, 0x1.8e6f075a987d6p-3, 0x1.f6379d619369dp-1, -0x1.d93e294faed14p-1, 0x1.86d2239c183fbp-2},
+    {-3.125, 0x1.0fd9d5c093df5p-7, -0x1.fffb7d3f3a253p-1, -0x1.ffedf51141634p-1,
+     -0x1.0fd770a03e5aap-6},
+    {100, 0x1.ee1006fc3fcfap-1, -0x1.0cabfe5fcdfc8p-2, 0x1.b981dbf665fdfp-1, -0x1.03425b78c4db8p-1},
+    {1e5, -0x1.24e6a56dfd385p-6, -0x1.ffeb0da2bbf4dp-1, -0x1.ffac3841b3da7p-1,
+     0x1.24daa9c527e96p-5},
+};
+
+// The one part of a gate that the C library decides.
+TEST(Coefficients, LieWithinOneUnitInTheLastPlaceOfTheirAngles) {
+    const auto check = []<class T>(T) {
+        const auto near = [](T got, double value) {
+            const T exact = static_cast<T>(value);
+            return std::nextafter(exact, T(-2)) <= got && got <= std::nextafter(exact, T(2));
+        };
+        for (const Coefficients& at : pinned) {
+            const T theta = static_cast<T>(at.angle);
+            const auto rx = cpu::GateRX::factors(theta);
+            const auto ry = cpu::GateRY::factors(theta);
+            const auto rz = cpu::GateRZ<T, true>(theta).diagonal;
+            const std::complex<T> phase = cpu::GatePH<T>(theta).phase;
+            EXPECT_TRUE(near(rx[0].real(), at.cos_half) && near(-rx[1].imag(), at.sin_half));
+            EXPECT_TRUE(near(ry[0].real(), at.cos_half) && near(ry[1].real(), at.sin_half));
+            EXPECT_TRUE(near(rz[1].real(), at.cos_half) && near(rz[1].imag(), at.sin_half));
+            EXPECT_EQ(rz[0], std::conj(rz[1]));
+            EXPECT_TRUE(near(phase.real(), at.cos) && near(phase.imag(), at.sin)) << theta;
+        }
+    };
+    check(0.0f);
+    check(0.0);
 }
 
 template <class T>

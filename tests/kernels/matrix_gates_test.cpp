@@ -169,6 +169,25 @@ TYPED_TEST(MatrixGates, TakeDiagonalsOfAnyLengthInTheDiagonalKernel) {
     EXPECT_THROW(apply(qubits, 257), std::runtime_error);
     EXPECT_TRUE(same_bits(state, before));
 
+    // More entries than the kernel keeps as rows of lanes: nine targets lie above the lanes of the
+    // widest registers.
+    const auto wide = filled<T>(std::size_t{1} << 14, Filling::ordinary);
+    const Qubits twelve{9, 1, 13, 8, 0, 4, 5, 6, 12, 10, 2, 7};
+    const auto factors = filled<T>(std::size_t{1} << 12, Filling::ordinary, 5);
+    StateVector<T> large(14);
+    for_each_instruction_set([&] {
+        load(large, wide);
+        cpu::_DiagGate<true>::apply_controlled<T>(large.state.get(), twelve, 14, 2, Qubits{11},
+                                                  factors);
+        for (std::size_t i = 0; i < wide.size(); ++i) {
+            std::size_t row = 0;
+            for (const unsigned int q : twelve)
+                row = 2 * row + (i >> q & 1);
+            const auto expected = i >> 11 & 1 ? factors[row] * wide[i] : wide[i];
+            ASSERT_TRUE(same_bits(large.state[i], expected)) << i;
+        }
+    });
+
     // Entries that the diagonal lacks count as 0.
     for (const std::size_t n_entries : {0, 1, 3}) {
         apply({2, 6}, n_entries);

@@ -36,3 +36,7 @@ endif()
 pblinalg_add_object_code_test(OrdinaryCodeIsShared private $<TARGET_OBJECTS:pblinalg_core>)
 set_tests_properties(object_code.OrdinaryCodeIsShared PROPERTIES
     PASS_REGULAR_EXPRESSION "shares: [^\n]*std::")
+
+add_test(NAME object_code.ExportsAreThoseListed
+    COMMAND ${CMAKE_CURRENT_LIST_DIR}/check_exports.sh $<TARGET_FILE:pblinalg>)
+set_tests_properties(object_code.ExportsAreThoseListed PROPERTIES ENVIRONMENT "NM=${NM}")

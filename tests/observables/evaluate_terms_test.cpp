@@ -2,9 +2,9 @@
 #include "observables/evaluate_terms.hpp"
 
 #include <algorithm>
-#include <sstream>
 
 #include "support/pauli_reference.hpp"
+#include "support/readouts.hpp"
 
 namespace pblinalg::test {
 namespace {
@@ -141,30 +141,12 @@ TYPED_TEST(EvaluateTerms, NoShotsGiveNaN) {
     EXPECT_EQ(estimate.second, std::complex<TypeParam>());
 }
 
-/// Makes `draw` the next output of the generator: undoes its last step, which scrambles a word of
-/// the state, and puts the result in front.
-void set_next_draw(std::mt19937_64& generator, std::uint64_t draw) {
-    draw ^= draw >> 43;
-    draw ^= draw << 37 & 0xFFF7EEE000000000;
-    std::uint64_t word = draw;
-    for (int k = 0; k < 4; ++k)
-        word = draw ^ (word << 17 & 0x71D67FFFEDA60000);
-    draw = word;
-    for (int k = 0; k < 3; ++k)
-        word = draw ^ (word >> 29 & 0x5555555555555555);
-    std::stringstream text;
-    for (int k = 0; k < 312; ++k)
-        text << word << ' ';
-    text << 0;
-    text >> generator;
-}
-
 TYPED_TEST(EvaluateTerms, DeliberatelyADrawOfZeroSelectsTheFirstOutcome) {
     using T = TypeParam;
     StateVector<T> state(3);
     state.reset();
     state.apply_X(1);
-    set_next_draw(state.rng, 0);
+    script(state.rng, {0});
     EXPECT_EQ(state.evaluate_terms({{{1}, "Z", 1}}, 1)[0].first, std::complex<T>(1));
 }
 
@@ -174,7 +156,7 @@ TYPED_TEST(EvaluateTerms, ADrawThatRoundsToOneSelectsTheLastPossibleOutcome) {
     state.reset();
     state.apply_X(0);
     state.apply_X(1);
-    set_next_draw(state.rng, ~0ull);
+    script(state.rng, std::vector<std::uint64_t>(300, ~0ull));
     const SimpleTerm<T> term{{0, 1, 2}, "ZZZ", 1};
     EXPECT_EQ(state.evaluate_terms({term}, 300)[0].first, std::complex<T>(1));
 }

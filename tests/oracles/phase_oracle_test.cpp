@@ -69,14 +69,8 @@ TYPED_TEST(PhaseOracle, LongListsOnEveryInstructionSet) {
                          workers);
 }
 
-TYPED_TEST(PhaseOracle, EmptyLists) {
-    check<TypeParam>(4, {}, {});
-    check<TypeParam>(4, {}, {1, 2});
-    check<TypeParam>(4, {0}, {});
-    check<TypeParam>(4, {1}, {});
-}
-
 TYPED_TEST(PhaseOracle, ValuesBeyondTheListNeverMatch) {
+    check<TypeParam>(4, {1}, {});
     check<TypeParam>(7, {4, 5, 6, 7, 1ull << 63, ~0ull}, {2, 6});
     // A qubit at or above the state's count reads 0, one listed twice reads the same both times.
     check<TypeParam>(4, {0, 1, 2, 3, 9}, {1, 5, 2, 63});

@@ -80,20 +80,5 @@ TYPED_TEST(StatePreparation, LargeStatesOnSeveralWorkers) {
     }
 }
 
-TYPED_TEST(StatePreparation, TheOrderOfTheListDoesNotMatterForTheInput) {
-    using T = TypeParam;
-    Amplitudes<double> input = {{0.1, 0.2}, {0.3, 0}, {0, -0.5}, {0.7, 0.25}};
-    for (const Qubits& qubits : {Qubits{1, 3}, Qubits{3, 1}}) {
-        StateVector<T> state(4);
-        state.reset();
-        state.apply_state_preparation(input.data(), qubits);
-        for (std::size_t i = 0; i < 16; ++i) {
-            std::complex<double> expected = 0;
-            if ((i & ~10u) == 0) expected = input[(i >> 1 & 1) + 2 * (i >> 3)];
-            EXPECT_EQ(state.state[i], std::complex<T>(expected)) << i;
-        }
-    }
-}
-
 }  // namespace
 }  // namespace pblinalg::test

@@ -7,27 +7,17 @@
 namespace pblinalg::test {
 namespace {
 
-/// The sum over the elements that read `outcome` on `qubits`, first listed qubit least significant,
-/// in increasing index order.
+/// The sums over the elements that read each outcome on `qubits`, first listed qubit most
+/// significant, in increasing index order.
 template <class T>
-T marginal(const std::vector<T>& elements, const Qubits& qubits, std::uint64_t outcome) {
-    T sum = 0;
-    for (std::size_t i = 0; i < elements.size(); ++i) {
-        bool agrees = true;
-        for (std::size_t j = 0; j < qubits.size(); ++j)
-            agrees = agrees && (i >> qubits[j] & 1) == (outcome >> j & 1);
-        if (agrees) sum += elements[i];
-    }
-    return sum;
-}
-
-/// First listed qubit most significant; negative sums of a matrix do not exceed a threshold of 0.
-template <class T>
-std::vector<T> distribution(const std::vector<T>& elements, Qubits qubits) {
-    std::reverse(qubits.begin(), qubits.end());
+std::vector<T> marginals(const std::vector<T>& elements, const Qubits& qubits) {
     std::vector<T> sums(std::size_t{1} << qubits.size());
-    for (std::size_t v = 0; v < sums.size(); ++v)
-        sums[v] = std::max(marginal(elements, qubits, v), T(0));
+    for (std::size_t i = 0; i < elements.size(); ++i) {
+        std::size_t v = 0;
+        for (const unsigned int q : qubits)
+            v = 2 * v + (i >> q & 1);
+        sums[v] += elements[i];
+    }
     return sums;
 }
 
@@ -50,7 +40,11 @@ TYPED_TEST(Distribution, HasTheBitsOfTheSumInIndexOrderOnOneWorker) {
                 auto state = random_readout_state<T>(density_matrix ? 2 * n : n, density_matrix);
                 const std::vector<T> elements = probabilities(*state);
                 for (const Qubits& list : every_list(n)) {
-                    EXPECT_EQ(read_distribution(*state, list), distribution(elements, list));
+                    std::vector<T> expected = marginals(elements, list);
+                    // The negative sums of a matrix do not exceed a threshold of 0.
+                    for (T& sum : expected)
+                        sum = std::max(sum, T(0));
+                    EXPECT_EQ(read_distribution(*state, list), expected);
                 }
             }
         }
@@ -68,31 +62,21 @@ TYPED_TEST(Distribution, OfManyTilesMatchesForEveryWorkerCount) {
              {Qubits{}, Qubits{0}, Qubits{15}, Qubits{13, 15}, Qubits{15, 3, 14, 12},
               Qubits{6, 7, 8, 9, 10, 11, 12, 13}, Qubits{12, 11, 15, 14, 13},
               Qubits{8, 9, 10, 11, 12, 13, 14, 15, 16, 17, 18}, all}) {
-            std::vector<T> expected(std::size_t{1} << list.size());
-            for (std::size_t i = 0; i < elements.size(); ++i) {
-                std::size_t v = 0;
-                for (const unsigned int q : list)
-                    v = 2 * v + (i >> q & 1);
-                expected[v] += elements[i];
+            const std::vector<T> expected = marginals(elements, list);
+            state->set_num_threads(1);
+            EXPECT_EQ(read_distribution(*state, list), expected);
+            state->set_num_threads(2);
+            const std::vector<T> shared = read_distribution(*state, list);
+            for (std::size_t v = 0; v < expected.size(); ++v) {
+                const T slack = 8000 * std::numeric_limits<T>::epsilon();
+                ASSERT_NEAR(shared[v], expected[v], slack * expected[v]) << v;
             }
-            for (const int workers : {1, 2}) {
-                state->set_num_threads(workers);
-                const std::vector<T> got = read_distribution(*state, list);
-                for (std::size_t v = 0; v < expected.size(); ++v) {
-                    const T slack = workers == 1 ? 0 : 8000 * std::numeric_limits<T>::epsilon();
-                    ASSERT_NEAR(got[v], expected[v], slack * expected[v]) << v;
-                }
-            }
+            for_each_shared_request([&](int request) {
+                state->set_num_threads(request);
+                EXPECT_EQ(read_distribution(*state, list), shared) << request;
+            });
         }
     });
-}
-
-TYPED_TEST(Distribution, PutsTheFirstListedQubitFirst) {
-    StateVector<TypeParam> state(3);
-    state.reset();
-    state.apply_X(0);
-    EXPECT_EQ(read_distribution(state, {2, 0}), (std::vector<TypeParam>{0, 1, 0, 0}));
-    EXPECT_EQ(read_distribution(state, {0, 2}), (std::vector<TypeParam>{0, 0, 1, 0}));
 }
 
 TYPED_TEST(Distribution, DropsWhatDoesNotExceedTheSquaredThreshold) {
@@ -151,23 +135,28 @@ TYPED_TEST(Probability, DeliberatelyReadsTheOutcomeFromItsLeastSignificantBit) {
                 auto state = random_readout_state<T>(density_matrix ? 2 * n : n, density_matrix);
                 const std::vector<T> elements = probabilities(*state);
                 for (const Qubits& list : every_list(n)) {
-                    for (std::size_t v = 0; v < std::size_t{1} << list.size(); v += 1 + v / 3) {
-                        EXPECT_NEAR(state->probability(v, list), marginal(elements, list, v), 1e-5);
-                    }
+                    const std::vector<T> sums = marginals(elements, {list.rbegin(), list.rend()});
+                    for (std::size_t v = 0; v < sums.size(); v += 1 + v / 3)
+                        EXPECT_NEAR(state->probability(v, list), sums[v], 1e-5);
                 }
             }
         }
     });
 }
 
-TYPED_TEST(Probability, IsSplitAmongWorkers) {
+TYPED_TEST(Probability, RoundsAlikeForEveryRequestButOne) {
     using T = TypeParam;
-    auto state = random_readout_state<T>(17, false);
+    auto state = random_readout_state<T>(18, false);
     const std::vector<T> elements = probabilities(*state);
-    state->set_num_threads(2);
-    for (const Qubits& list : {Qubits{}, Qubits{0}, Qubits{1, 16}, Qubits{16}}) {
-        const T expected = marginal(elements, list, 1);
-        EXPECT_NEAR(state->probability(1, list), expected, 1e-3 * expected);
+    for (const Qubits& list : {Qubits{}, Qubits{0}, Qubits{1, 16}}) {
+        state->set_num_threads(2);
+        const T shared = state->probability(1, list);
+        const T expected = marginals(elements, {list.rbegin(), list.rend()})[list.empty() ? 0 : 1];
+        EXPECT_NEAR(shared, expected, 1e-3 * expected);
+        for_each_shared_request([&](int request) {
+            state->set_num_threads(request);
+            EXPECT_EQ(state->probability(1, list), shared) << request;
+        });
     }
 }
 

@@ -78,7 +78,7 @@ class Export : public ::testing::Test {
             const auto amplitudes = mixture(n);
             StateVector<T> state(n);
             load(state, amplitudes);
-            for (const int workers : {1, 2, 0}) {
+            for (const int workers : {1, 2}) {
                 state.set_num_threads(workers);
                 for (const T threshold : thresholds) {
                     SCOPED_TRACE(::testing::Message() << n << " qubits, workers " << workers
@@ -103,6 +103,32 @@ TYPED_TEST(Export, WritesAmplitudesInCallerOrder) {
     });
 }
 
+// The tiles and the writes of outputs that no cache holds, in registers that a test can check.
+TYPED_TEST(Export, CopiesTilesOfEverySideAroundTheCacheAndThroughIt) {
+    using T = TypeParam;
+    const auto copy = [this]<bool thresholded>(unsigned int n, unsigned int side_bits,
+                                               bool streams) {
+        const auto amplitudes = this->mixture(n);
+        StateVector<T> out(n);
+        cpu::ReversalTiles tiles(n, side_bits);
+        tiles.min_streamed_bytes = streams ? 0 : ~cpu::Index{0};
+        const T threshold = thresholded ? T(0.5) : T(0);
+        for_each_instruction_set([&] {
+            cpu::copy_tiles<thresholded>(cpu::amplitude_view(amplitudes.data(), n), out.state.get(),
+                                         tiles, 2, threshold * threshold);
+            EXPECT_TRUE(same_bits(out, this->expected_dense(amplitudes, threshold)))
+                << n << " qubits, side bits " << side_bits << ", streams " << streams;
+        });
+    };
+    for (const auto& [n, side_bits] : {std::pair{8u, 4u}, {11u, 5u}, {16u, 8u}, {18u, 8u}}) {
+        for (const bool streams : {false, true}) {
+            copy.template operator()<false>(n, side_bits, streams);
+            copy.template operator()<true>(n, side_bits, streams);
+        }
+    }
+    EXPECT_EQ(cpu::ReversalTiles(20).side_bits, 8u);
+}
+
 TYPED_TEST(Export, WritesDiagonalsInCallerOrder) {
     this->for_each_export([this](auto& state, const auto& amplitudes, TypeParam threshold) {
         const auto diagonal = this->diagonal_of(amplitudes, state.nqubits / 2);
@@ -118,23 +144,6 @@ TYPED_TEST(Export, MapsNonZeroEntriesAboveTheThreshold) {
         this->check_map(state.get_mapped_density_diag(threshold),
                         this->diagonal_of(amplitudes, state.nqubits / 2), threshold);
     });
-}
-
-TYPED_TEST(Export, ReversesRowsAndColumnsOfDensityMatrices) {
-    for (const unsigned int m : {1u, 2u, 4u, 5u}) {
-        const std::size_t rows = std::size_t{1} << m;
-        const auto labels = labelled<TypeParam>(rows * rows);
-        StateVector<TypeParam> state(2 * m);
-        load(state, labels);
-        Amplitudes<TypeParam> out(rows * rows);
-        state.get_permuted_density_matrix(out.data(), 0);
-        for (std::size_t row = 0; row < rows; ++row) {
-            for (std::size_t column = 0; column < rows; ++column) {
-                EXPECT_EQ(out[reversed(column, m) * rows + reversed(row, m)],
-                          labels[row * rows + column]);
-            }
-        }
-    }
 }
 
 }  // namespace

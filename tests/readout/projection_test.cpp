@@ -1,4 +1,6 @@
 // Projection onto outcomes, with and without the return of the measured qubits to 0.
+#include "readout/projection.hpp"
+
 #include "support/readouts.hpp"
 
 namespace pblinalg::test {
@@ -44,96 +46,55 @@ TYPED_TEST_SUITE(Projection, Precisions);
 
 TYPED_TEST(Projection, DividesWhatAgreesByTheRootOfItsProbability) {
     using T = TypeParam;
+    using Limits = std::numeric_limits<T>;
     for_each_instruction_set([] {
-        for (const unsigned int n : {1u, 2u, 3u, 4u, 5u, 6u}) {
+        for (const unsigned int n : {1u, 2u, 3u, 4u, 5u, 6u, 10u}) {
             for (const Qubits& list : every_list(n)) {
                 const std::uint64_t outcome = 0x5A6B % (std::uint64_t{1} << list.size());
                 auto state = random_readout_state<T>(n, false);
+                const T specials[] = {-T(0), Limits::denorm_min(), -Limits::min(),
+                                      Limits::min() / 5};
+                for (std::size_t i = 5; i < state->size; i += 6)
+                    state->state[i].imag(specials[i / 6 % 4]);
                 const Amplitudes<T> before(state->state.get(), state->state.get() + state->size);
                 T sum = 0;
                 for (std::size_t i = 0; i < before.size(); ++i) {
                     if (reads(i, list, outcome)) sum += std::norm(before[i]);
                 }
+                const T weight =
+                    cpu::outcome_weight(state->state.get(), state->size, list, outcome, 1);
+                ASSERT_NEAR(weight, sum, 8 * Limits::epsilon());
+                const Amplitudes<T> after = projected(before, list, outcome, weight);
                 state->project(list, outcome);
-                const Amplitudes<T> expected = projected(before, list, outcome, sum);
-                for (std::size_t i = 0; i < before.size(); ++i) {
-                    ASSERT_NEAR(std::abs(state->state[i] - expected[i]), 0,
-                                8 * std::numeric_limits<T>::epsilon());
-                    ASSERT_EQ(state->state[i] == std::complex<T>(), !reads(i, list, outcome));
-                }
-                const Amplitudes<T> after(state->state.get(), state->state.get() + state->size);
+                ASSERT_TRUE(same_bits(*state, after)) << ::testing::PrintToString(list);
                 load(*state, before);
                 state->project_then_reset(list, outcome);
-                EXPECT_TRUE(same_bits(*state, moved_to_zero(after, list)));
+                ASSERT_TRUE(same_bits(*state, moved_to_zero(after, list)));
             }
         }
     });
 }
 
-TYPED_TEST(Projection, DividesExactly) {
+TYPED_TEST(Projection, RoundsAlikeForEveryRequestButOne) {
     using T = TypeParam;
-    for_each_instruction_set([] {
-        // Qubit 9 read as 0 keeps all but one amplitude of weight 9 out of a sum that is exact.
-        StateVector<T> state(10);
-        Amplitudes<T> before(1024);
-        std::mt19937_64 random(3);
-        using Limits = std::numeric_limits<T>;
-        const T specials[] = {0, -T(0), Limits::denorm_min(), -Limits::min(), Limits::min() / 5};
-        for (std::size_t i = 1; i < 512; ++i) {
-            const auto part = [&] {
-                if (random() % 8 == 0) return specials[random() % 5];
-                // Too small to change the sum.
-                return std::ldexp(random_part<T>(Filling::ordinary, random),
-                                  -20 - static_cast<int>(random() % 120));
-            };
-            const T re = part();
-            before[i] = {re, part()};
-        }
-        for (const T large : {T(3), T(1.75), T(0.7), T(1) - Limits::epsilon() / 2}) {
-            before[0] = std::ldexp(large, 8);
-            load(state, before);
-            state.project({9}, 0);
-            const T sum = before[0].real() * before[0].real();
-            const T kept = state.state[0].real();
-            // The small ones may change the sum's last bits, and with it the root.
-            T root = std::sqrt(sum);
-            while (before[0].real() / root > kept)
-                root = std::nextafter(root, Limits::infinity());
-            Amplitudes<T> expected(1024);
-            for (std::size_t i = 0; i < 512; ++i)
-                expected[i] = {before[i].real() / root, before[i].imag() / root};
-            EXPECT_TRUE(same_bits(state, expected)) << large;
-        }
-    });
-}
-
-TYPED_TEST(Projection, OfABellPairFollowsTheOutcome) {
-    StateVector<TypeParam> state(2);
-    state.reset();
-    state.apply_H(0);
-    state.apply_CNOT(0, 1);
-    state.project({0}, 1);
-    EXPECT_NEAR(std::abs(state.state[3]), 1, 1e-6);
-    state.project_then_reset({0}, 1);
-    EXPECT_NEAR(std::abs(state.state[2]), 1, 1e-6);
-    EXPECT_EQ(state.state[3], std::complex<TypeParam>());
-}
-
-TYPED_TEST(Projection, IsSplitAmongWorkers) {
-    using T = TypeParam;
-    for (const Qubits& list : {Qubits{}, Qubits{0, 16}, Qubits{1}, Qubits{9, 3, 15}}) {
-        const std::uint64_t outcome = list.empty() ? 0 : 1;
-        auto one = random_readout_state<T>(17, false);
-        auto two = random_readout_state<T>(17, false);
-        two->set_num_threads(2);
-        one->project_then_reset(list, outcome);
-        two->project_then_reset(list, outcome);
+    for (const Qubits& list : {Qubits{}, Qubits{0, 17}, Qubits{9, 3, 15}}) {
+        const auto projected_on = [&](int request) {
+            auto state = random_readout_state<T>(18, false);
+            state->set_num_threads(request);
+            state->project_then_reset(list, list.empty() ? 0 : 1);
+            return Amplitudes<T>(state->state.get(), state->state.get() + state->size);
+        };
+        const auto one = projected_on(1);
+        const auto shared = projected_on(2);
         T total = 0;
-        for (std::size_t i = 0; i < one->size; ++i) {
-            ASSERT_NEAR(std::abs(one->state[i] - two->state[i]), 0, 1e-5) << i;
-            total += std::norm(two->state[i]);
+        for (std::size_t i = 0; i < one.size(); ++i) {
+            ASSERT_NEAR(std::abs(one[i] - shared[i]), 0, 1e-5) << i;
+            total += std::norm(shared[i]);
         }
         EXPECT_NEAR(total, 1, 1e-3);
+        for_each_shared_request([&](int request) {
+            EXPECT_TRUE(same_bits(projected_on(request).data(), shared)) << request;
+        });
     }
 }
 

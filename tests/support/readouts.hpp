@@ -1,8 +1,10 @@
-// What tests of readouts share: states without symmetry and the probabilities of their elements.
+// What tests of readouts share: states without symmetry, the probabilities of their elements, and
+// generators whose next draws are known.
 #pragma once
 
 #include <algorithm>
 #include <memory>
+#include <sstream>
 
 #include "support/states.hpp"
 
@@ -36,6 +38,29 @@ inline std::vector<Qubits> every_list(unsigned int n) {
         lists.push_back(list);
     }
     return lists;
+}
+
+/// The word that the generator's output function turns into `output`.
+inline std::uint64_t untempered(std::uint64_t output) {
+    const auto undo = [](std::uint64_t x, auto step) {
+        std::uint64_t y = x;
+        for (int i = 0; i < 4; ++i)
+            y = x ^ step(y);
+        return y;
+    };
+    output = undo(output, [](std::uint64_t y) { return y >> 43; });
+    output = undo(output, [](std::uint64_t y) { return y << 37 & 0xFFF7EEE000000000u; });
+    output = undo(output, [](std::uint64_t y) { return y << 17 & 0x71D67FFFEDA60000u; });
+    return undo(output, [](std::uint64_t y) { return y >> 29 & 0x5555555555555555u; });
+}
+
+/// Makes `outputs` the next draws of `generator`.
+inline void script(std::mt19937_64& generator, const std::vector<std::uint64_t>& outputs) {
+    std::stringstream words;
+    for (std::size_t k = 0; k < std::mt19937_64::state_size; ++k)
+        words << (k < outputs.size() ? untempered(outputs[k]) : 1) << ' ';
+    words << 0;
+    words >> generator;
 }
 
 /// The probability of every element that readouts see, in index order.

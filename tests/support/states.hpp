@@ -15,6 +15,7 @@
 #include <vector>
 
 #include "core/instruction_set.hpp"
+#include "support/processors.hpp"
 
 namespace pblinalg::test {
 

@@ -1,0 +1,9 @@
+#include <pblinalg/version.hpp>
+
+namespace pblinalg {
+
+const char* version() {
+    return PBLINALG_VERSION;
+}
+
+}  // namespace pblinalg
