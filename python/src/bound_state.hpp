@@ -9,6 +9,7 @@
 #include <pblinalg/pblinalg.hpp>
 
 #include "arguments.hpp"
+#include "circuits/lowering.hpp"
 
 namespace pblinalg::python {
 
@@ -92,6 +93,8 @@ struct BoundState : cpu::PybindLinAlgStateVectorCPU<T>, Shared {
     unsigned int views = 0;
     /// Gates applied by gate lists since construction.
     unsigned long long gates_applied = 0;
+    /// Room for the gate that is applied.
+    cpu::Program<T> gate;
 
     MemoryRange amplitudes() const {
         return {this->state.get(), this->state ? this->size * sizeof(std::complex<T>) : 0};

@@ -24,7 +24,7 @@ void apply_gate(BoundState<T>& state, const GateView& gate) {
         return state.apply_ISWAP(gate.targets[0], gate.targets[1]);
     if (plain && gate.kind == GateKind::SQRTSWAP)
         return state.apply_SQRTSWAP(gate.targets[0], gate.targets[1]);
-    thread_local cpu::Program<T> program;
+    cpu::Program<T>& program = state.gate;
     program.clear();
     program.nqubits = state.nqubits;
     cpu::lower(gate, program);
