@@ -4,9 +4,9 @@
 // this set and run it on a processor without.
 #include "kernels/exact_kernels.hpp"
 
-#include "kernels/gate_vectors.hpp"
 #include "gates/formulas.hpp"
 #include "gates/matrix_formulas.hpp"
+#include "kernels/gate_vectors.hpp"
 
 namespace pblinalg::cpu {
 namespace {

@@ -5,12 +5,12 @@
 #include <initializer_list>
 #include <type_traits>
 
+#include "gates/formulas.hpp"
+#include "gates/matrix_formulas.hpp"
 #include "kernels/exact_kernels.hpp"
 #include "kernels/values.hpp"
 #include "kernels/vector_walk.hpp"
 #include "kernels/walk_groups.hpp"
-#include "gates/formulas.hpp"
-#include "gates/matrix_formulas.hpp"
 
 namespace pblinalg::cpu {
 

@@ -1,7 +1,7 @@
 // The phase oracle's member; what it does to the array is in apply/phase_oracle.hpp.
-#include <pblinalg/state_vector_cpu.hpp>
-
 #include "apply/phase_oracle.hpp"
+
+#include <pblinalg/state_vector_cpu.hpp>
 
 namespace pblinalg::cpu {
 

@@ -7,9 +7,9 @@
 #include <cmath>
 #include <pblinalg/state_vector_cpu.hpp>
 
+#include "core/bit_placement.hpp"
 #include "core/parallel.hpp"
 #include "core/state_iterator.hpp"
-#include "core/bit_placement.hpp"
 
 namespace pblinalg::cpu {
 namespace {

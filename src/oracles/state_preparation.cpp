@@ -5,10 +5,10 @@
 #include <cmath>
 #include <pblinalg/state_vector_cpu.hpp>
 
+#include "core/bit_placement.hpp"
 #include "core/complex_math.hpp"
 #include "core/parallel.hpp"
 #include "kernels/loading_kernels.hpp"
-#include "core/bit_placement.hpp"
 
 namespace pblinalg::cpu {
 namespace {

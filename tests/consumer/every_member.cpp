@@ -74,6 +74,23 @@ bool makes_bell_state() {
     return *kept == std::map<unsigned long long, std::complex<T>>{{0, amplitude}, {3, amplitude}};
 }
 
+/// A parametrised list, stopped between passes and run again.
+template <class T>
+bool runs_a_list() {
+    using namespace pblinalg;
+    GateList list;
+    list.add(GateKind::H, 0).add(GateKind::X, 1, Controls({0}));
+    list.add(GateKind::RXX, {0, 1}, Angle::of_parameter(0));
+    GateList both(list);
+    both.append(list.inverse());
+    cpu::PybindLinAlgStateVectorCPU<T> state(2);
+    state.reset();
+    const RunReport report = run(state, both, std::vector{0.25});
+    return report.finished() && report.gates_done == both.size() && both.n_parameters() == 1 &&
+           list.conjugate() != list && info(GateKind::RXX).name == "RXX" &&
+           std::abs(state.state[0] - std::complex<T>(1)) < T(1e-6);
+}
+
 bool check(bool holds, const char* claim) {
     if (!holds) std::printf("failed: %s\n", claim);
     return holds;
@@ -91,5 +108,7 @@ int main() {
     passed &= check(record_members_exist<double>(), "record members in double");
     passed &= check(makes_bell_state<float>(), "Bell state in float");
     passed &= check(makes_bell_state<double>(), "Bell state in double");
+    passed &= check(runs_a_list<float>(), "gate list in float");
+    passed &= check(runs_a_list<double>(), "gate list in double");
     return passed ? 0 : 1;
 }
