@@ -129,7 +129,7 @@ class DensityMatrix(Readout):
             raise ValueError(
                 f"circuit acts on {circuit.num_qubits} qubits; the state has {self.num_qubits}"
             )
-        numbers = values_in_order(circuit.parameters, values)
+        numbers = values_in_order(circuit, values)
         done = 0
         with reporter(progress, 2 * len(circuit), "gate") as report:
             for step in circuit.steps:

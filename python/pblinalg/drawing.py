@@ -140,8 +140,8 @@ def _gate_labels(gate: Gate) -> dict[int, str]:
 def angle_text(angle: float | Parameter) -> str:
     """A number as a simple fraction of pi where it is one, else to four digits."""
     if isinstance(angle, Parameter):
-        factor = {1: "", -1: "-"}.get(angle.scale, f"{angle.scale:.4g}*")
-        return factor + angle.name + (f"{angle.offset:+.4g}" if angle.offset else "")
+        factor = "" if angle.scale == 1 else "-" if angle.scale == -1 else f"{angle.scale:.4g}*"
+        return f"{factor}{angle.name}" + (f"{angle.offset:+.4g}" if angle.offset else "")
     for below in (1, 2, 3, 4, 6, 8, 16):
         above = angle / math.pi * below
         if above and abs(above - round(above)) < 1e-9 and abs(above) < 100:

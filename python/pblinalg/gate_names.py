@@ -12,7 +12,7 @@ _OTHER_NAMES = {
     "PH": "p", "GPHASE": "global_phase", "SQRTSWAP": "sqrt_swap", "SQRTSWAPdg": "sqrt_swap_dg",
     "YtoZ": "y_to_z", "ZtoY": "z_to_y", "matrix": "unitary",
 }  # fmt: skip
-_NAMES = {name: _OTHER_NAMES.get(name, name.lower()) for name, *_ in gate_table}
+_NAMES: dict[str, str] = {name: _OTHER_NAMES.get(name, name.lower()) for name, *_ in gate_table}
 
 
 def listed_gates(gates: GateList) -> Iterator[Gate]:

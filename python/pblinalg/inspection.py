@@ -59,7 +59,7 @@ def matrix(program: Program, values: Values | None) -> NDArray[np.complex128]:
     """See `Circuit.matrix`."""
     if not program.is_unitary:
         raise ValueError("a circuit with measurements, resets or conditions has no matrix")
-    numbers = values_in_order(program.parameters, values)
+    numbers = values_in_order(program, values)
     size = 1 << program.num_qubits
     require_memory(f"the matrix of {program.num_qubits} qubits", 16 * size * size)
     result = np.empty((size, size), dtype=np.complex128)

@@ -2,23 +2,26 @@
 
 from __future__ import annotations
 
-from collections.abc import Mapping, Sequence
+from collections.abc import Mapping
 from typing import Any, Union
 
 import numpy as np
 from numpy.typing import ArrayLike, NDArray
 
-from ._core import Parameter, require_finite
+from ._core import GateMethods, Parameter, parameter_count, parameters_of, require_finite
 
 #: One value for each parameter: in order, or by parameter or name.
 Values = Union[ArrayLike, Mapping[Union[Parameter, str], float]]
 
 
-def values_in_order(
-    parameters: Sequence[Parameter], values: Values | None
-) -> NDArray[np.float64]:
-    """One finite number for each parameter. ValueError names the first one without a value, and
-    what is given for no parameter."""
+def values_in_order(circuit: GateMethods, values: Values | None) -> NDArray[np.float64]:
+    """One finite number for each parameter of a circuit. ValueError names the first one without a
+    value, and what is given for no parameter."""
+    if isinstance(values, np.ndarray) and values.dtype == np.float64:
+        # Where all is well nobody looks at parameters one by one.
+        if values.shape == (parameter_count(circuit),) and np.isfinite(values).all():
+            return np.ascontiguousarray(values)
+    parameters = parameters_of(circuit)
     if isinstance(values, Mapping):
         given = {_name_of(key): value for key, value in values.items()}
         numbers: list[Any] = []
@@ -29,10 +32,6 @@ def values_in_order(
         if given:
             raise ValueError(f"values: {next(iter(given))!r} is no parameter of the circuit")
     else:
-        # Arrays of float64 need no look at their elements; the lower level checks them.
-        if isinstance(values, np.ndarray) and values.dtype == np.float64 and values.ndim == 1:
-            if len(values) == len(parameters) and np.isfinite(values).all():
-                return np.ascontiguousarray(values)
         if isinstance(values, (str, bytes)) or not (values is None or hasattr(values, "__len__")):
             raise TypeError(
                 f"values must be a sequence of numbers or a dict by parameter, got {values!r}"

@@ -10,6 +10,9 @@ from collections.abc import Iterator, Sequence
 from dataclasses import dataclass, field
 from typing import TYPE_CHECKING, Any, Generic, SupportsIndex, TypeVar, Union
 
+import numpy as np
+from numpy.typing import NDArray
+
 from . import _core
 from ._core import GateList, Parameter
 from .arguments import MAX_QUBITS, Qubits, count, index
@@ -214,7 +217,7 @@ class Program(GateMethods):
     def bind(self, values: Values) -> Self:
         """The circuit with numbers in place of its parameters: `values` in the order of
         `parameters`, or by parameter or name."""
-        numbers = values_in_order(self.parameters, values)
+        numbers = values_in_order(self, values)
         result = type(self)(self._num_qubits, self._num_clbits)
         result._registers = self._registers
         result._append_steps(_bound(self._steps, numbers))
@@ -311,7 +314,7 @@ def count_gates(steps: Sequence[Step]) -> int:
     )
 
 
-def _bound(steps: Sequence[Step], numbers: Sequence[float]) -> list[Step]:
+def _bound(steps: Sequence[Step], numbers: NDArray[np.float64]) -> list[Step]:
     """The steps with numbers in place of parameters."""
     result: list[Step] = []
     for step in steps:

@@ -21,7 +21,9 @@ _SIMPLE = frozenset("h x y z s sdg t tdg sx sxdg p rx ry rz u swap".split())
 _PHASES = {"s": math.pi / 2, "sdg": -math.pi / 2, "t": math.pi / 4, "tdg": -math.pi / 4}
 
 #: What a parameter must not be called.
-_TAKEN = re.compile(r"pi|tau|euler|[ab]\d+|q|c\d*|U|u[123]?|input|bit|qubit|float|gate|if|ctrl|inv|mc[xp]\d+")
+_TAKEN = re.compile(
+    r"pi|tau|euler|[ab]\d+|q|c\d*|U|u[123]?|input|bit|qubit|float|gate|if|ctrl|inv|mc[xp]\d+"
+)
 
 #: Angles of a gate: numbers, or parameters.
 _Angles = tuple[float | Parameter, ...]
@@ -220,16 +222,15 @@ class _Writer:
         arguments = f"({', '.join(map(_text, angles))})" if angles else ""
         self.line(f"{name}{arguments} {', '.join(f'q[{qubit}]' for qubit in qubits)};")
 
-    def gate(
-        self, name: str, angles: _Angles, controls: list[int], targets: list[int]
-    ) -> float:
+    def gate(self, name: str, angles: _Angles, controls: list[int], targets: list[int]) -> float:
         """Writes a gate and returns what it adds to the phase of everything."""
         if name == "gphase":
-            if not controls and isinstance(angles[0], Parameter):
-                self.global_phase(angles[0])
+            (angle,) = angles
+            if not controls and isinstance(angle, Parameter):
+                self.global_phase(angle)
                 return 0.0
             if not controls:
-                return float(angles[0])
+                return float(angle)  # type: ignore[arg-type]
             name, controls, targets = "p", controls[:-1], controls[-1:]
         if name == "sxdg":
             name = "inv @ sx"
@@ -296,9 +297,7 @@ class _Writer2(_Writer):
         self.body(step.steps)
         self.prefix = ""
 
-    def gate(
-        self, name: str, angles: _Angles, controls: list[int], targets: list[int]
-    ) -> float:
+    def gate(self, name: str, angles: _Angles, controls: list[int], targets: list[int]) -> float:
         count = len(controls)
         if name == "gphase":
             if not controls:

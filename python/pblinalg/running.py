@@ -53,7 +53,7 @@ def run(
     if not isinstance(circuit, Program):
         raise TypeError(f"circuit must be a Circuit, got {circuit!r}")
     number = count(shots, "shots")
-    numbers = values_in_order(circuit.parameters, values)
+    numbers = values_in_order(circuit, values)
     steps: Sequence[Step] = circuit.steps
     num_bits, registers = circuit.num_clbits, circuit.registers
     if not _measures(steps):

@@ -204,7 +204,7 @@ class StateVector(Readout):
             raise ValueError(
                 f"circuit acts on {circuit.num_qubits} qubits; the state has {self.num_qubits}"
             )
-        numbers = values_in_order(circuit.parameters, values)
+        numbers = values_in_order(circuit, values)
         self._bits = [0] * circuit.num_clbits
         with reporter(progress, len(circuit), "gate") as report:
             run_steps(self._core, circuit.steps, self._bits, numbers, report)

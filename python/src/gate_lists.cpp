@@ -383,7 +383,12 @@ void BoundGateList::add(GateKind kind, QubitList targets, std::span<const AngleA
 
 void BoundGateList::extend(const BoundGateList& other) {
     if (names == other.names || other.gates.n_parameters() == 0) {
-        gates.append(other.gates);
+        // A copy comes with the plans that there are.
+        if (gates.empty()) {
+            gates = other.gates;
+        } else {
+            gates.append(other.gates);
+        }
         return;
     }
     gates.reserve(gates.size() + other.gates.size());

@@ -459,6 +459,10 @@ void bind_functions(nb::module_& module) {
         nb::sig("def parameters_of(circuit: GateMethods) -> tuple[Parameter, ...]"),
         "The parameters of a circuit in order of first use.");
     module.def(
+        "parameter_count", [](GateMethods& self) { return self.names().list().size(); },
+        nb::arg("circuit"), nb::sig("def parameter_count(circuit: GateMethods) -> int"),
+        "The number of parameters of a circuit.");
+    module.def(
         "add_parameter",
         [](GateMethods& self, const Parameter& parameter) {
             self.names().number_of(parameter.name);

@@ -73,7 +73,13 @@ def test_drawings_show_parameters_open_controls_and_phases():
     for label in ("Rx(2*a)", "○", "Rzz(a-1)", " φ(π) ", "●φ(a)"):
         assert label in text
     assert ElementTree.fromstring(circuit.draw("svg"))
-    assert circuit.count_ops() == {"global_phase": 1, "rx": 1, "cx": 1, "rzz": 1, "cglobal_phase": 1}
+    assert circuit.count_ops() == {
+        "global_phase": 1,
+        "rx": 1,
+        "cx": 1,
+        "rzz": 1,
+        "cglobal_phase": 1,
+    }
     assert circuit.depth() == 4
 
 

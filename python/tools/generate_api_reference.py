@@ -137,7 +137,9 @@ def reference() -> str:
             if not name.endswith("Float"):
                 lines += native_section(member)
         elif isinstance(member, tuple):
-            text = "The gates of a `GateList`: name, number of targets and of angles (0 targets where "
+            text = (
+                "The gates of a `GateList`: name, number of targets and of angles (0 targets where "
+            )
             lines += entry(name, text + "each gate has its own number), and what the gate does.")
         else:
             signature, text, *_ = member.__nb_signature__[0]
