@@ -18,12 +18,18 @@ namespace {
 /// same.
 template <class T>
 void apply_gate(BoundState<T>& state, const GateView& gate) {
-    const bool plain = gate.controls.mask == 0;
-    // The members do in one pass over the amplitudes what a list does in several.
-    if (plain && gate.kind == GateKind::ISWAP)
-        return state.apply_ISWAP(gate.targets[0], gate.targets[1]);
-    if (plain && gate.kind == GateKind::SQRTSWAP)
-        return state.apply_SQRTSWAP(gate.targets[0], gate.targets[1]);
+    // The members do these in one pass over the amplitudes, or with less ado around it.
+    const std::uint64_t controls = gate.controls.mask;
+    const auto& q = gate.targets;
+    if (gate.kind == GateKind::X && std::has_single_bit(controls) &&
+        controls == gate.controls.values)
+        return state.apply_CNOT(static_cast<unsigned int>(std::countr_zero(controls)), q[0]);
+    if (controls == 0) {
+        if (gate.kind == GateKind::T) return state.apply_T(q[0]);
+        if (gate.kind == GateKind::SWAP) return state.apply_SWAP(q[0], q[1]);
+        if (gate.kind == GateKind::ISWAP) return state.apply_ISWAP(q[0], q[1]);
+        if (gate.kind == GateKind::SQRTSWAP) return state.apply_SQRTSWAP(q[0], q[1]);
+    }
     cpu::Program<T>& program = state.gate;
     program.clear();
     program.nqubits = state.nqubits;
