@@ -183,8 +183,13 @@ void run_list(BoundGateList& self, BoundState<T>& state, nb::handle values, nb::
             return !stopped;
         };
         if (both_sides) {
-            report =
-                pblinalg::run(state, on_both_sides(self.gates, self.nqubits), numbers, options);
+            const GateList both = on_both_sides(self.gates, self.nqubits);
+            report = pblinalg::run(state, both, numbers, options);
+            if (report.gates_done % 2 != 0) {
+                // No gate is left on the rows alone.
+                pblinalg::run(state, GateList().append(both[report.gates_done]), numbers);
+                ++report.gates_done;
+            }
         } else {
             report = pblinalg::run(state, self.gates, numbers, options);
         }

@@ -133,6 +133,24 @@ def test_a_stopped_circuit_leaves_the_gates_up_to_a_boundary(instrument):
     assert result.returncode == 0, result.stdout + result.stderr
 
 
+def test_a_stopped_density_matrix_has_every_gate_on_both_sides():
+    n, gates = 8, 3000
+    circuit = pb.Circuit(n)
+    for i in range(gates):
+        circuit.rx(0.1 + i % 7, i % n).cx(i % n, (i + 1) % n).y(i % n)
+    state = pb.DensityMatrix(n, threads=1)
+    with pytest.raises(ZeroDivisionError):
+        state.run(circuit, progress=lambda done, total: 1 / 0)
+    done, odd = divmod(state.core.gates_applied, 2)
+    assert 0 < done < 3 * gates and not odd
+    expected = pb.lowlevel.GateList(n)
+    for gate, _ in zip(circuit, range(done)):
+        expected.add(*gate)
+    other = pb.DensityMatrix(n)
+    expected.run(other.core, both_sides=True)
+    assert np.array_equal(other.core.state, state.core.state)
+
+
 def test_a_progress_callback_cannot_pull_the_state_away():
     circuit = pb.Circuit(15)
     for step in range(20000):
