@@ -1,12 +1,12 @@
-# Read by scripts/coverage.sh through CMAKE_PROJECT_pblinalg_INCLUDE: counters go into the library's
-# ordinary objects and its baseline kernels, which are the same source as the others.
+# Read by scripts/coverage.py through CMAKE_PROJECT_pblinalg_INCLUDE: puts counters into the
+# library's ordinary objects and its baseline kernels.
 function(pblinalg_count_branches)
-    get_property(blocks GLOBAL PROPERTY PBLINALG_BLOCKS)
-    list(FILTER blocks INCLUDE REGEX "_baseline$")
-    foreach(target pblinalg_core ${blocks})
-        # Inlining would hide lines; counters of several threads must add up.
-        target_compile_options(
-            ${target} PRIVATE --coverage -fprofile-update=atomic -O1 -fno-inline)
+    get_property(kernels GLOBAL PROPERTY PBLINALG_KERNELS)
+    list(FILTER kernels INCLUDE REGEX "_baseline$")
+    foreach(target pblinalg_core ${kernels})
+        # Counters of several threads must add up.
+        target_compile_options(${target} PRIVATE
+            -fprofile-instr-generate -fcoverage-mapping -fprofile-update=atomic)
     endforeach()
 endfunction()
 cmake_language(DEFER CALL pblinalg_count_branches)

@@ -23,6 +23,10 @@ from pathlib import Path
 
 ROOT = Path(__file__).resolve().parents[1]
 HARMLESS = Path(__file__).with_name("harmless_faults.txt")
+# A fault that all tests survive meets them again with the address sanitizer: many a loop that goes
+# one too far does no harm that can be seen.
+PLAIN = ""
+SANITIZED = "-fsanitize=address,undefined -fno-sanitize-recover=all"
 COPIED = ["CMakeLists.txt", "README.md", "cmake", "include", "src", "tests"]
 
 # Binary operators stand between spaces, since all sources are formatted; the angle brackets,
@@ -113,12 +117,15 @@ def chosen_faults(options):
 
 
 class Tree:
-    """The copy that gets broken, and its build."""
+    """The copy that gets broken, and one of its builds."""
 
-    def __init__(self, folder, jobs):
+    def __init__(self, folder, name, flags, jobs):
         self.source = folder / "source"
-        self.build = folder / "build"
+        self.build = folder / name
+        self.flags = flags
         self.jobs = jobs
+        self.seconds = None
+        self.clean = None
 
     def copy_sources(self):
         """Makes the copy equal to the tree; files that did not change keep their times."""
@@ -141,6 +148,7 @@ class Tree:
         subprocess.run(
             ["cmake", "-S", self.source, "-B", self.build, "-G", "Ninja",
              "-DCMAKE_BUILD_TYPE=Debug", "-DCMAKE_CXX_FLAGS_DEBUG=-O1",
+             f"-DCMAKE_CXX_FLAGS={self.flags}",
              "-DPBLINALG_BUILD_BENCHMARKS=OFF", "-DPBLINALG_BUILD_EXAMPLES=OFF",
              "-DCMAKE_GTEST_DISCOVER_TESTS_DISCOVERY_MODE=PRE_TEST", *launcher],
             check=True, stdout=subprocess.DEVNULL,
@@ -157,8 +165,22 @@ class Tree:
             for path in (self.build / "src").rglob("*.o")
         }
 
-    def tests(self):
-        return sorted(path.name.removesuffix(".cpp") for path in (ROOT / "tests").rglob("*_test.cpp"))
+    def prepare(self):
+        """Builds the unbroken code, and measures its tests, which must pass."""
+        self.configure()
+        if not self.make("pblinalg_internals", 7200):
+            sys.exit(f"the library does not build without a fault in {self.build}")
+        seconds = {}
+        for test in sorted(path.stem for path in (ROOT / "tests").rglob("*_test.cpp")):
+            if not self.make(test, 7200):
+                sys.exit(f"{test} does not build without a fault")
+            start = processor_seconds()
+            if run_test(self, test, 3600) != 0:
+                sys.exit(f"{test} fails without a fault")
+            seconds[test] = processor_seconds() - start
+            print(f"{test:24} {seconds[test]:6.1f} s", flush=True)
+        self.seconds = seconds
+        self.clean = self.object_digests()
 
     def write(self, fault, line):
         path = self.source / fault.file
@@ -181,17 +203,18 @@ def run_limited(command, limit, **options):
         return None
 
 
-def ordered_tests(tests, fault, seconds):
+def ordered_tests(seconds, fault):
     """The tests likeliest to catch the fault first: of the same name, of the same folder, quick."""
     stem = Path(fault.file).stem
-    folder = Path(fault.file).parts[1]
+    room = Path(fault.file).parts[1]
+    folder = {"gates": "kernels", "apply": "kernels", "state": "core"}.get(room, room)
 
     def rank(test):
-        near = test.removesuffix("_test") in (stem, stem.removesuffix("_blocks"))
+        near = test.removesuffix("_test") in (stem, stem.removesuffix("_kernels"))
         same = any((ROOT / "tests" / folder).glob(f"{test}.cpp"))
         return (not near, not same, seconds[test])
 
-    return sorted(tests, key=rank)
+    return sorted(seconds, key=rank)
 
 
 def run_test(tree, test, limit):
@@ -205,44 +228,41 @@ def run_test(tree, test, limit):
     )  # fmt: skip
 
 
-def try_fault(tree, fault, clean, seconds, build_limit):
-    """What became of one fault: the outcome and the test that saw it."""
-    tree.write(fault, fault.after)
-    try:
-        if not tree.make("pblinalg_internals", build_limit):
+def try_build(tree, fault, build_limit):
+    """What became of a fault that is in the sources, in one build: the outcome and its test."""
+    if not tree.make("pblinalg_internals", build_limit):
+        return "does not build", None
+    if tree.object_digests() == tree.clean:
+        return "same code", None
+    for test in ordered_tests(tree.seconds, fault):
+        if not tree.make(test, build_limit):
             return "does not build", None
-        if tree.object_digests() == clean:
-            return "same code", None
-        for test in ordered_tests(seconds, fault, seconds):
-            if not tree.make(test, build_limit):
-                return "does not build", None
-            # A fault may also make a loop endless.
-            code = run_test(tree, test, 10 + 5 * seconds[test])
-            if code != 0:
-                hangs = code in (None, -signal.SIGXCPU, -signal.SIGKILL)
-                return "caught", f"{test}{' (hangs)' if hangs else ''}"
-        return "survived", None
-    finally:
-        tree.write(fault, fault.before)
+        # A fault may also make a loop endless.
+        code = run_test(tree, test, 10 + 5 * tree.seconds[test])
+        if code != 0:
+            hangs = code in (None, -signal.SIGXCPU, -signal.SIGKILL)
+            return "caught", f"{test}{' (hangs)' if hangs else ''}"
+    return "survived", None
+
+
+def try_fault(trees, fault, build_limit):
+    """What became of one fault: the outcome and the test that saw it."""
+    for tree in trees:
+        if tree.seconds is None:
+            tree.prepare()
+        tree.write(fault, fault.after)
+        try:
+            outcome, test = try_build(tree, fault, build_limit)
+        finally:
+            tree.write(fault, fault.before)
+        if outcome != "survived":
+            return outcome, f"{test}{', sanitized' if tree.flags == SANITIZED else ''}"
+    return "survived", None
 
 
 def processor_seconds():
     used = resource.getrusage(resource.RUSAGE_CHILDREN)
     return used.ru_utime + used.ru_stime
-
-
-def measure_tests(tree, build_limit):
-    """Processor seconds of each test on the unbroken code, which must pass all of them."""
-    seconds = {}
-    for test in tree.tests():
-        if not tree.make(test, build_limit):
-            sys.exit(f"{test} does not build without a fault")
-        start = processor_seconds()
-        if run_test(tree, test, 3600) != 0:
-            sys.exit(f"{test} fails without a fault")
-        seconds[test] = processor_seconds() - start
-        print(f"{test:24} {seconds[test]:6.1f} s", flush=True)
-    return seconds
 
 
 def digest_of_sources(root):
@@ -290,13 +310,11 @@ def main():
         report(records)
         return
 
-    tree = Tree(folder, options.jobs)
-    tree.copy_sources()
-    tree.configure()
-    if not tree.make("pblinalg_internals", 7200):
-        sys.exit("the library does not build without a fault")
-    seconds = measure_tests(tree, 7200)
-    clean = tree.object_digests()
+    trees = [
+        Tree(folder, "plain", PLAIN, options.jobs),
+        Tree(folder, "sanitized", SANITIZED, options.jobs),
+    ]
+    trees[0].copy_sources()
 
     known = {record["key"]: record for record in records}
     tried = []
@@ -306,7 +324,7 @@ def main():
         record = known.get(fault.key)
         if record is None:
             start = time.monotonic()
-            outcome, test = try_fault(tree, fault, clean, seconds, options.build_limit)
+            outcome, test = try_fault(trees, fault, options.build_limit)
             record = {
                 "key": fault.key, "file": fault.file, "line": fault.line + 1,
                 "before": fault.before, "after": fault.after, "outcome": outcome, "test": test,

@@ -366,10 +366,35 @@ void lower_named(GateKind kind, const unsigned int* q, Controls controls, std::u
     }
 }
 
-/// The gate that a record calls so, CNOT aside.
-std::optional<GateKind> record_gate(std::string_view name) {
+/// The letters of a short name as one number; other numbers, if any, for longer ones.
+constexpr std::uint64_t packed(std::string_view name) {
+    std::uint64_t key = name.size();
+    for (std::size_t i = 0; i < name.size() && i < 7; ++i)
+        key = key << 8 | static_cast<unsigned char>(name[i]);
+    return key;
+}
+
+constexpr std::size_t n_record_gates =
+    std::ranges::count_if(gate_table, [](const GateInfo& gate) { return gate.in_record; });
+
+/// The gates that records know, CNOT aside.
+struct RecordGate {
+    std::uint64_t key;
+    GateKind kind;
+};
+constexpr auto record_gates = [] {
+    std::array<RecordGate, n_record_gates> gates{};
+    std::size_t n = 0;
     for (const GateInfo& gate : gate_table) {
-        if (gate.in_record && gate.name == name) return gate.kind;
+        if (gate.in_record) gates[n++] = {packed(gate.name), gate.kind};
+    }
+    return gates;
+}();
+
+std::optional<GateKind> record_gate(std::string_view name) {
+    const std::uint64_t key = packed(name);
+    for (const RecordGate& gate : record_gates) {
+        if (gate.key == key) return gate.kind;
     }
     return std::nullopt;
 }

@@ -140,7 +140,7 @@ void StepWriter::push(const Operation& operation) {
         if (operation.is_mixing()) place = place_of(operation.targets[0]) - lane_bits_;
     } else if (operation.multiplies_all() && controlled) {
         form = StepForm::controlled;
-    } else if (operation.action != Action::table && form == StepForm::plain) {
+    } else if (operation.action != Action::table) {
         place = rows_differ(step);
     } else if (operation.action == Action::table) {
         form = StepForm::plain;

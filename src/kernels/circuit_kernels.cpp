@@ -117,30 +117,43 @@ PBLINALG_ALWAYS_INLINE void flip(V* a, Selected rows) {
     });
 }
 
-/// Calls `body.operator()<r>(chosen)` for every row r with its selected lanes. Mostly they are the
-/// same for all rows.
-template <class V, class Body>
+/// Calls `body.operator()<r>(chosen)` for every row r with its selected lanes.
+template <RowsDiffer differ, class V, class Body>
 PBLINALG_ALWAYS_INLINE void for_each_row_by_lane(const CircuitStep& step, Selected rows,
                                                  const Body& body) {
     if (rows.on == 0) return;
-    const auto lanes_of_row = [&](unsigned int r) __attribute__((always_inline)) {
-        return V::lanes_in((step.lane_pattern ^ (0u - (rows.odd >> r & 1))) & step.lane_mask &
-                           (0u - (rows.on >> r & 1)));
+    const auto lanes_of = [&](unsigned int odd, unsigned int on) __attribute__((always_inline)) {
+        return V::lanes_in((step.lane_pattern ^ (0u - odd)) & step.lane_mask & (0u - on));
     };
-    if (step.row_pattern == 0 && step.row_mask == 0xFF) {
-        const typename V::Bits chosen = lanes_of_row(0);
-        for_each_row([&]<unsigned int r>()
-                         __attribute__((always_inline)) { body.template operator()<r>(chosen); });
-    } else {
+    if constexpr (differ == otherwise) {
         for_each_row([&]<unsigned int r>() __attribute__((always_inline)) {
-            body.template operator()<r>(lanes_of_row(r));
+            body.template operator()<r>(lanes_of(rows.odd >> r & 1, rows.on >> r & 1));
         });
+    } else {
+        const unsigned int first = rows.odd & 1;
+        const typename V::Bits of_row_0 = lanes_of(first, 1);
+        const typename V::Bits of_others = differ == nowhere ? of_row_0 : lanes_of(first ^ 1, 1);
+        for_each_row([&]<unsigned int r>() __attribute__((always_inline)) {
+            constexpr bool other = differ != nowhere && (r >> differ & 1);
+            body.template operator()<r>(other ? of_others : of_row_0);
+        });
+    }
+}
+
+/// X moves between rows, which have the same parity then: mostly all of them do.
+template <class V, class Body>
+PBLINALG_ALWAYS_INLINE void for_each_flipped_row_by_lane(const CircuitStep& step, Selected rows,
+                                                         const Body& body) {
+    if (step.row_pattern == 0 && step.row_mask == 0xFF) {
+        for_each_row_by_lane<nowhere, V>(step, rows, body);
+    } else {
+        for_each_row_by_lane<otherwise, V>(step, rows, body);
     }
 }
 
 template <unsigned int place, class V>
 PBLINALG_ALWAYS_INLINE void flip_by_lane(V* a, const CircuitStep& step, Selected rows) {
-    for_each_row_by_lane<V>(
+    for_each_flipped_row_by_lane<V>(
         step, rows, [&]<unsigned int r>(typename V::Bits chosen) __attribute__((always_inline)) {
             if constexpr (place < row_bits && !(r >> place & 1)) {
                 constexpr unsigned int other = r | 1u << place;
@@ -163,7 +176,7 @@ PBLINALG_ALWAYS_INLINE void flip_lanes(V* a, Selected rows) {
 
 template <unsigned int lane_bit, class V>
 PBLINALG_ALWAYS_INLINE void flip_lanes_by_lane(V* a, const CircuitStep& step, Selected rows) {
-    for_each_row_by_lane<V>(
+    for_each_flipped_row_by_lane<V>(
         step, rows, [&]<unsigned int r>(typename V::Bits chosen) __attribute__((always_inline)) {
             a[r] = V::select(chosen, a[r].template flip_lane_bit<lane_bit>(), a[r]);
         });
@@ -207,20 +220,42 @@ PBLINALG_ALWAYS_INLINE void multiply(V* a, const T* factors, Selected rows) {
     }
 }
 
-/// The same where lanes of a vector differ, or under controls.
-template <bool controlled, class V, class T>
+/// The same where lanes of a vector differ.
+template <RowsDiffer differ, class V, class T>
 PBLINALG_ALWAYS_INLINE void multiply_by_lane(V* a, const CircuitStep& step, const T* factors,
                                              Selected rows) {
     using Factor = typename V::Factor;
     const FactorsAt<V, T> f{factors};
     const Factor even = f[0], odd = f[1];
-    if (controlled && rows.on == 0) return;
+    if constexpr (differ == otherwise) {
+        for_each_row_by_lane<otherwise, V>(
+            step,
+            rows, [&]<unsigned int r>(typename V::Bits chosen) __attribute__((always_inline)) {
+                a[r] = cmul(Factor::select(chosen, odd, even), a[r]);
+            });
+    } else {
+        const typename V::Bits chosen = V::lanes_in(step.lane_pattern ^ (0u - (rows.odd & 1)));
+        const Factor of_row_0 = Factor::select(chosen, odd, even);
+        const Factor of_others = differ == nowhere ? of_row_0 : Factor::select(chosen, even, odd);
+        for_each_row([&]<unsigned int r>() __attribute__((always_inline)) {
+            constexpr bool other = differ != nowhere && (r >> differ & 1);
+            a[r] = cmul(other ? of_others : of_row_0, a[r]);
+        });
+    }
+}
+
+/// The same under controls.
+template <class V, class T>
+PBLINALG_ALWAYS_INLINE void multiply_controlled(V* a, const CircuitStep& step, const T* factors,
+                                                Selected rows) {
+    using Factor = typename V::Factor;
+    const FactorsAt<V, T> f{factors};
+    const Factor even = f[0], odd = f[1];
     const typename V::Bits on = V::lanes_in(step.lane_mask);
     for_each_row([&]<unsigned int r>() __attribute__((always_inline)) {
-        if (controlled && !(rows.on >> r & 1)) return;
+        if (!(rows.on >> r & 1)) return;
         const auto chosen = V::lanes_in(step.lane_pattern ^ (0u - (rows.odd >> r & 1)));
-        const V fresh = cmul(Factor::select(chosen, odd, even), a[r]);
-        a[r] = controlled ? V::select(on, fresh, a[r]) : fresh;
+        a[r] = V::select(on, cmul(Factor::select(chosen, odd, even), a[r]), a[r]);
     });
 }
 
@@ -250,11 +285,11 @@ PBLINALG_ALWAYS_INLINE void multiply_odd(V* a, const T* factors, Selected rows) 
     }
 }
 
-template <class Gate, class V, class T>
+template <class Gate, RowsDiffer differ, class V, class T>
 PBLINALG_ALWAYS_INLINE void multiply_odd_by_lane(V* a, const CircuitStep& step, const T* factors,
                                                  Selected rows) {
     const typename V::Factor f = FactorsAt<V, T>{factors}[1];
-    for_each_row_by_lane<V>(
+    for_each_row_by_lane<differ, V>(
         step, rows, [&]<unsigned int r>(typename V::Bits chosen) __attribute__((always_inline)) {
             V fresh = a[r];
             Gate::update(&fresh, &f);
@@ -320,6 +355,13 @@ PBLINALG_ALWAYS_INLINE void run_step(V* a, const LiveStep& live, const TilePass<
         case action(Action::kind, 1): return mix<Gate, 1>(a, factors);                    \
         case action(Action::kind, 2): return mix<Gate, 2>(a, factors);                    \
         case action(Action::kind, 0, controlled): return mix_controlled<Gate>(a, step, factors, rows());
+#define PBLINALG_DIAGONAL(differ)                                                                                      \
+        case action(Action::both, differ): return multiply<differ>(a, factors, rows());                                \
+        case action(Action::both, differ, by_lane): return multiply_by_lane<differ>(a, step, factors, rows());         \
+        case action(Action::phase, differ): return multiply_odd<GatePH<T>, differ>(a, factors, rows());                \
+        case action(Action::phase, differ, by_lane): return multiply_odd_by_lane<GatePH<T>, differ>(a, step, factors, rows()); \
+        case action(Action::Z, differ): return multiply_odd<GateZ, differ>(a, factors, rows());                        \
+        case action(Action::Z, differ, by_lane): return multiply_odd_by_lane<GateZ, differ>(a, step, factors, rows());
     switch (step.action) {
         PBLINALG_MIXING(H, GateH)
         PBLINALG_MIXING(Y, GateY)
@@ -351,30 +393,18 @@ PBLINALG_ALWAYS_INLINE void run_step(V* a, const LiveStep& live, const TilePass<
         case action(Action::exchange_rows, 0): return exchange_rows<0, 1>(a);
         case action(Action::exchange_rows, 1): return exchange_rows<0, 2>(a);
         case action(Action::exchange_rows, 2): return exchange_rows<1, 2>(a);
-        case action(Action::both, 0): return multiply<in_bit_0>(a, factors, rows());
-        case action(Action::both, 1): return multiply<in_bit_1>(a, factors, rows());
-        case action(Action::both, 2): return multiply<in_bit_2>(a, factors, rows());
-        case action(Action::both, 3): return multiply<nowhere>(a, factors, rows());
-        case action(Action::both, 4): return multiply<otherwise>(a, factors, rows());
-        case action(Action::both, 0, by_lane): return multiply_by_lane<false>(a, step, factors, rows());
-        case action(Action::both, 0, controlled): return multiply_by_lane<true>(a, step, factors, rows());
-        case action(Action::phase, 0): return multiply_odd<GatePH<T>, in_bit_0>(a, factors, rows());
-        case action(Action::phase, 1): return multiply_odd<GatePH<T>, in_bit_1>(a, factors, rows());
-        case action(Action::phase, 2): return multiply_odd<GatePH<T>, in_bit_2>(a, factors, rows());
-        case action(Action::phase, 3): return multiply_odd<GatePH<T>, nowhere>(a, factors, rows());
-        case action(Action::phase, 4): return multiply_odd<GatePH<T>, otherwise>(a, factors, rows());
-        case action(Action::phase, 0, by_lane): return multiply_odd_by_lane<GatePH<T>>(a, step, factors, rows());
-        case action(Action::Z, 0): return multiply_odd<GateZ, in_bit_0>(a, factors, rows());
-        case action(Action::Z, 1): return multiply_odd<GateZ, in_bit_1>(a, factors, rows());
-        case action(Action::Z, 2): return multiply_odd<GateZ, in_bit_2>(a, factors, rows());
-        case action(Action::Z, 3): return multiply_odd<GateZ, nowhere>(a, factors, rows());
-        case action(Action::Z, 4): return multiply_odd<GateZ, otherwise>(a, factors, rows());
-        case action(Action::Z, 0, by_lane): return multiply_odd_by_lane<GateZ>(a, step, factors, rows());
+        PBLINALG_DIAGONAL(in_bit_0)
+        PBLINALG_DIAGONAL(in_bit_1)
+        PBLINALG_DIAGONAL(in_bit_2)
+        PBLINALG_DIAGONAL(nowhere)
+        PBLINALG_DIAGONAL(otherwise)
+        case action(Action::both, 0, controlled): return multiply_controlled(a, step, factors, rows());
         case action(Action::table, 0): return multiply_by.template operator()<false>();
         case action(Action::table, 0, controlled): return multiply_by.template operator()<true>();
         default: __builtin_unreachable();
     }
 #undef PBLINALG_MIXING
+#undef PBLINALG_DIAGONAL
     // clang-format on
 }
 

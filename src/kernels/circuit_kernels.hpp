@@ -56,7 +56,8 @@ enum RowsDiffer : unsigned int { in_bit_0, in_bit_1, in_bit_2, nowhere, otherwis
 ///
 /// @param place  H to matrix1: the row bit of the target, 0 when controlled. X: the row bit, or 4 +
 ///               the lane bit. exchange_lane: the lane bit. exchange_rows: the sum of both row bits
-///               less 1. Plain diagonal actions but tables: `RowsDiffer`.
+///               less 1. Diagonal actions but tables and those under
+///               `controlled`: `RowsDiffer`.
 ///               Others: 0.
 constexpr unsigned int step_action(Action action, unsigned int place,
                                    StepForm form = StepForm::plain) {
@@ -185,7 +186,7 @@ template <class T>
 constexpr std::size_t tile_scratch_bytes(unsigned int tile_bits, std::size_t n_steps,
                                          std::size_t n_windows) {
     return (2 * sizeof(T) << tile_bits) + parts_gap + n_steps * sizeof(LiveStep) +
-           n_windows * sizeof(LiveStep*);
+           n_windows * sizeof(void*);  // where the steps of each begin
 }
 
 /// Bits of a window: those inside one vector of `set`, and those that tell its vectors apart.
