@@ -32,7 +32,7 @@ if TYPE_CHECKING:
     from typing_extensions import Self
 
 
-PAULIS = [np.eye(2), np.array([[0, 1], [1, 0]]), np.array([[0, -1j], [1j, 0]]), np.diag([1, -1])]
+PAULIS = [np.eye(2), *map(_core.gate_matrix, "XYZ")]
 
 
 class DensityMatrix(Readout):

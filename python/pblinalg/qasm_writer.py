@@ -332,7 +332,8 @@ class _Writer2(_Writer):
         elif name == "z":
             self.gate("p", (math.pi,), controls, targets)
         else:
-            self.conjugated(name, float(angles[0]) if angles else 0.0, controls, target)
+            angle = float(angles[0]) if angles else 0.0  # type: ignore[arg-type]
+            self.conjugated(name, angle, controls, target)
         return 0.0
 
     def conjugated(self, name: str, angle: float, controls: list[int], target: int) -> None:

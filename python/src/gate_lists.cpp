@@ -161,6 +161,8 @@ void run_list(BoundGateList& self, BoundState<T>& state, nb::handle values, nb::
         raise(PyExc_ValueError, "the state has %u qubits; the gates were made for %u",
               state.nqubits, expected);
     }
+    // Made while this thread has the lock: another one may copy the list once it runs.
+    self.gates.plans();
     std::exception_ptr stopped;
     const auto look = [&](std::size_t done) {
         try {
