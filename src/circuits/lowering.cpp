@@ -24,14 +24,22 @@ class Lowering {
   public:
     Lowering(Program<T>& program, Controls controls) : program_(program), controls_(controls) {}
 
+    /// Operations are filled in place: a copy would wait for all the narrow stores.
+    Operation& push(Action action) {
+        Operation& operation = program_.operations.emplace_back();
+        operation.action = action;
+        if (first_) operation.gates_before = program_.n_gates;
+        first_ = false;
+        return operation;
+    }
+
     void mix(Action action, unsigned int target, Controls controls, std::uint32_t factors = 0) {
-        push({.action = action,
-              .inverted = true,
-              .targets = {static_cast<unsigned char>(target), 0},
-              .target_bits = bit(target),
-              .controls = controls.mask,
-              .control_values = controls.values,
-              .factors = factors});
+        Operation& operation = push(action);
+        operation.inverted = true;
+        operation.targets[0] = static_cast<unsigned char>(target);
+        operation.target_bits = bit(target);
+        operation.factors = factors;
+        control(operation, controls);
     }
     void mix(Action action, unsigned int target, std::uint32_t factors = 0) {
         mix(action, target, controls_, factors);
@@ -39,23 +47,19 @@ class Lowering {
 
     /// X where the controls say so: one of them as the selecting bit of a CNOT.
     void flip(unsigned int target, Controls controls) {
-        Operation x{.action = Action::X,
-                    .inverted = true,
-                    .targets = {static_cast<unsigned char>(target), 0},
-                    .target_bits = bit(target)};
-        select_by_control(x, controls);
-        push(x);
+        Operation& operation = push(Action::X);
+        operation.inverted = true;
+        operation.targets[0] = static_cast<unsigned char>(target);
+        operation.target_bits = bit(target);
+        select_by_control(operation, controls);
     }
 
     /// CNOT without the gate's controls: it is undone by a later one.
-    void frame(unsigned int control, unsigned int target) { push(cnot(control, target)); }
+    void frame(unsigned int control, unsigned int target) { flip(target, Controls({control})); }
 
     void swap(unsigned int a, unsigned int b) {
         if (controls_.mask == 0) {
-            push({.action = Action::SWAP,
-                  .inverted = true,
-                  .targets = {static_cast<unsigned char>(a), static_cast<unsigned char>(b)},
-                  .target_bits = bit(a) | bit(b)});
+            pair(Action::SWAP, a, b);
             return;
         }
         frame(b, a);
@@ -65,41 +69,45 @@ class Lowering {
 
     /// A factor, or -1, where the parity of `selects` is odd; everywhere without any.
     void multiply(Action action, Index selects, std::uint32_t factors = 0) {
-        Operation product{.action = action, .selects = selects, .factors = factors};
+        Operation& operation = push(action);
+        operation.selects = selects;
+        operation.factors = factors;
         if (selects == 0) {
-            product.inverted = true;
-            select_by_control(product, controls_);
+            operation.inverted = true;
+            select_by_control(operation, controls_);
         } else {
-            product.controls = controls_.mask;
-            product.control_values = controls_.values;
+            control(operation, controls_);
         }
-        push(product);
     }
 
     void table(std::vector<std::complex<T>> diag, Index bits) {
         program_.tables.push_back({bits, std::move(diag)});
-        push({.action = Action::table,
-              .selects = bits,
-              .controls = controls_.mask,
-              .control_values = controls_.values,
-              .data = static_cast<std::uint32_t>(program_.tables.size() - 1)});
+        Operation& operation = push(Action::table);
+        operation.selects = bits;
+        operation.data = static_cast<std::uint32_t>(program_.tables.size() - 1);
+        control(operation, controls_);
     }
 
-    void matrix2(unsigned int a, unsigned int b, std::uint32_t factors) {
-        push({.action = Action::matrix2,
-              .inverted = true,
-              .targets = {static_cast<unsigned char>(a), static_cast<unsigned char>(b)},
-              .target_bits = bit(a) | bit(b),
-              .controls = controls_.mask,
-              .control_values = controls_.values,
-              .factors = factors});
+    /// On two targets, the first listed one first.
+    void pair(Action action, unsigned int a, unsigned int b, std::uint32_t factors = 0) {
+        Operation& operation = push(action);
+        operation.inverted = true;
+        operation.targets[0] = static_cast<unsigned char>(a);
+        operation.targets[1] = static_cast<unsigned char>(b);
+        operation.target_bits = bit(a) | bit(b);
+        operation.factors = factors;
+        control(operation, controls_);
     }
 
-    void push(const Operation& operation) {
-        program_.operations.push_back(operation);
-        if (!first_) return;
-        program_.operations.back().gates_before = program_.n_gates;
-        first_ = false;
+    /// On the whole state only.
+    void alone(Action action, Index targets, Index selects, std::size_t data) {
+        Operation& operation = push(action);
+        operation.inverted = true;
+        operation.alone = true;
+        operation.target_bits = targets;
+        operation.selects = selects;
+        operation.data = static_cast<std::uint32_t>(data);
+        if (selects == 0) control(operation, controls_);
     }
 
     /// The gate's controls and one more qubit.
@@ -120,6 +128,10 @@ class Lowering {
     }
 
   private:
+    static void control(Operation& operation, Controls controls) {
+        operation.controls = controls.mask;
+        operation.control_values = controls.values;
+    }
     static void select_by_control(Operation& operation, Controls controls) {
         if (controls.mask == 0) return;
         operation.selects = lowest_bit(controls.mask);
@@ -224,18 +236,12 @@ void lower_matrix(Lowering<T>& to, const GateView& gate, Program<T>& program) {
         if (gate.targets.size() == 1) {
             to.mix(Action::matrix1, gate.targets[0], factors);
         } else {
-            to.matrix2(gate.targets[0], gate.targets[1], factors);
+            to.pair(Action::matrix2, gate.targets[0], gate.targets[1], factors);
         }
         return;
     }
     program.dense.push_back({{gate.targets.begin(), gate.targets.end()}, std::move(m)});
-    to.push({.action = Action::dense,
-             .inverted = true,
-             .alone = true,
-             .target_bits = bits_of(gate.targets),
-             .controls = gate.controls.mask,
-             .control_values = gate.controls.values,
-             .data = static_cast<std::uint32_t>(program.dense.size() - 1)});
+    to.alone(Action::dense, bits_of(gate.targets), 0, program.dense.size() - 1);
 }
 
 template <class T>
@@ -273,10 +279,7 @@ void lower_oracle(const GateView& gate, Program<T>& program) {
             value |= control_values << width;
         const Index bits = bits_of(qubits);
         program.oracles.push_back({std::move(qubits), std::move(marked)});
-        whole.push({.action = Action::oracle,
-                    .alone = true,
-                    .selects = bits,
-                    .data = static_cast<std::uint32_t>(program.oracles.size() - 1)});
+        whole.alone(Action::oracle, 0, bits, program.oracles.size() - 1);
     }
 }
 
@@ -456,13 +459,13 @@ bool lower(const PybindLinAlgWCircuit<T>& record, std::size_t i, Program<T>& pro
     if (name == "CNOT") {
         const unsigned int control = qubits[0], target = qubits[1];
         if (control < program.nqubits) {
-            Lowering<T>(program, {}).push(cnot(control, target));
+            Lowering<T>(program, {}).frame(control, target);
         } else {
             // A control that the state does not have leaves the lower half of the groups: those
             // whose highest bit, the target aside, is 0.
             const Index free_bits = low_mask(program.nqubits) & ~bit(target);
             const auto highest = static_cast<unsigned int>(std::bit_width(free_bits) - 1);
-            if (free_bits != 0) Lowering<T>(program, {}).push(cnot(highest, target, false));
+            if (free_bits != 0) Lowering<T>(program, {}).flip(target, Controls({highest}, 0));
         }
     } else {
         const std::optional<GateKind> kind = record_gate(name);

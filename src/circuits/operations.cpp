@@ -34,9 +34,8 @@ std::size_t find_twin(const std::vector<Operation>& operations, std::size_t firs
 
 }  // namespace
 
-Operation cnot(unsigned int control, unsigned int target, bool value) {
+Operation cnot(unsigned int control, unsigned int target) {
     return {.action = Action::X,
-            .inverted = !value,
             .targets = {static_cast<unsigned char>(target), 0},
             .target_bits = bit(target),
             .selects = bit(control)};

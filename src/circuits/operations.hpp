@@ -14,7 +14,7 @@ namespace pblinalg::cpu {
 struct Operation {
     static constexpr std::uint32_t inside_a_gate = ~std::uint32_t{0};
 
-    Action action;
+    Action action = Action::H;
     /// Acts where the parity of the selecting bits is 0; without selecting bits everywhere.
     bool inverted = false;
     bool alone = false;                 ///< runs on the whole state only
@@ -42,8 +42,8 @@ struct Operation {
     bool multiplies_all() const { return action == Action::both || action == Action::table; }
 };
 
-/// X on `target` where `control` has the value, 1 unless said otherwise.
-Operation cnot(unsigned int control, unsigned int target, bool value = true);
+/// X on `target` where `control` is 1.
+Operation cnot(unsigned int control, unsigned int target);
 
 /// Replaces CNOT(c, t), diagonal gates, CNOT(c, t) by the diagonal gates on the parity of c and t:
 /// the same products on the same amplitudes, without the moves.

@@ -114,7 +114,9 @@ void StepWriter::push(const Operation& operation) {
     const Index select_places = places_of(selects.tile);
     const Index control_places = places_of(operation.controls);
     const Index value_places = places_of(operation.control_values);
-    CircuitStep step{};
+    // Written in place: a copy would wait for all the narrow stores.
+    pass_.conditions.push_back({selects.state, operation.state.controls, operation.state.values});
+    CircuitStep& step = pass_.steps.emplace_back();
     step.factors = operation.factors;
     step.tile_selects = static_cast<std::uint16_t>(selects.tile & outside);
     step.tile_controls = static_cast<std::uint16_t>(operation.controls & outside);
@@ -126,7 +128,6 @@ void StepWriter::push(const Operation& operation) {
                                                  (selects.inverted ? ~0u : 0u));
     step.row_mask = static_cast<std::uint8_t>(
         match_pattern(control_places >> lane_bits_, value_places >> lane_bits_));
-    TileCondition condition{selects.state, operation.state.controls, operation.state.values};
 
     const bool by_lane = step.lane_pattern != 0 || step.lane_mask != 0xFFFF;
     const bool controlled = operation.controls != 0;
@@ -135,29 +136,19 @@ void StepWriter::push(const Operation& operation) {
     if (operation.action == Action::X) {
         place = place_of(operation.targets[0]);
         place = place < lane_bits_ ? 4 + place : place - lane_bits_;
-    } else if (operation.is_mixing() || operation.action == Action::matrix2) {
+    } else if (!operation.is_diagonal()) {
         form = controlled ? StepForm::controlled : StepForm::plain;
         if (operation.is_mixing()) place = place_of(operation.targets[0]) - lane_bits_;
-    } else if (operation.multiplies_all() && controlled) {
-        form = StepForm::controlled;
-    } else if (operation.action != Action::table) {
-        place = rows_differ(step);
     } else if (operation.action == Action::table) {
-        form = StepForm::plain;
-    }
-    if (operation.action == Action::table) {
+        form = controlled ? StepForm::controlled : StepForm::plain;
         step.lookup = lookup(operation);
         step.factors = tables_[operation.data].values;
-        step.tile_selects = 0;
-        condition.selects = 0;
+    } else if (operation.action == Action::both && controlled) {
+        form = StepForm::controlled;
+    } else {
+        place = rows_differ(step);
     }
     step.action = static_cast<std::uint16_t>(step_action(operation.action, place, form));
-    push(step, condition);
-}
-
-void StepWriter::push(const CircuitStep& step, const TileCondition& condition) {
-    pass_.conditions.push_back(condition);
-    pass_.steps.push_back(step);
 }
 
 std::uint32_t StepWriter::lookup(const Operation& operation) {
@@ -217,9 +208,8 @@ void StepWriter::exchange(unsigned int action) {
         pass_.steps.pop_back();
         pass_.conditions.pop_back();
     } else {
-        CircuitStep step{};
-        step.action = static_cast<std::uint16_t>(action);
-        push(step);
+        pass_.conditions.push_back({0, 0, 0});
+        pass_.steps.emplace_back().action = static_cast<std::uint16_t>(action);
     }
 }
 

@@ -57,7 +57,6 @@ class StepWriter {
 
     Parity selection(const Operation& operation) const;
     void push(const Operation& operation);
-    void push(const CircuitStep& step, const TileCondition& condition = {0, 0, 0});
     unsigned int place_of(unsigned int tile_bit) const;
     Index places_of(Index tile_bits) const;
     std::uint32_t lookup(const Operation& operation);

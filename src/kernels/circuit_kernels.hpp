@@ -88,16 +88,16 @@ constexpr unsigned int match_pattern(Index mask, Index values) {
 /// parity, `both` on the others, too. All these bits lie in lanes, in rows, or outside the group,
 /// where they are one truth for all its amplitudes.
 struct CircuitStep {
-    std::uint32_t factors;         ///< place of its coefficients among those of the run
-    std::uint32_t lookup;          ///< table: number of the `TableLookup`
-    std::uint16_t action;          ///< `step_action`
-    std::uint16_t tile_selects;    ///< selecting bits of the tile's index
-    std::uint16_t tile_controls;   ///< control bits of the tile's index ...
-    std::uint16_t control_values;  ///< ... and what they must be
-    std::uint16_t lane_pattern;    ///< parity of the selecting lane bits, by lane
-    std::uint16_t lane_mask;       ///< whether the control bits in lanes are as they must be
-    std::uint8_t row_pattern;      ///< the same for rows
-    std::uint8_t row_mask;
+    std::uint32_t factors = 0;         ///< place of its coefficients among those of the run
+    std::uint32_t lookup = 0;          ///< table: number of the `TableLookup`
+    std::uint16_t action = 0;          ///< `step_action`
+    std::uint16_t tile_selects = 0;    ///< selecting bits of the tile's index
+    std::uint16_t tile_controls = 0;   ///< control bits of the tile's index ...
+    std::uint16_t control_values = 0;  ///< ... and what they must be
+    std::uint16_t lane_pattern = 0;    ///< parity of the selecting lane bits, by lane
+    std::uint16_t lane_mask = 0;       ///< whether the control bits in lanes are as they must be
+    std::uint8_t row_pattern = 0;      ///< the same for rows
+    std::uint8_t row_mask = 0;
 };
 
 /// What decides for whole tiles about a step: bits of the state's index.
