@@ -17,6 +17,7 @@ _spin = {"GOMP_SPINCOUNT": "100"}
 if "GOMP_SPINCOUNT" in os.environ or "OMP_WAIT_POLICY" in os.environ:
     _spin = {}
 os.environ.update(_spin)
+from ._core import Parameter  # noqa: E402
 from ._core import version as __version__  # noqa: E402
 
 for _name in _spin:
@@ -25,6 +26,7 @@ from .arguments import Precision
 from .circuit import Circuit
 from .counts import Counts
 from .density_matrix import DensityMatrix
+from .gates import Gate
 from .observable import Observable
 from .program import Conditional, Measure, Reset
 from .running import run
@@ -43,8 +45,10 @@ __all__ = [
     "Conditional",
     "Counts",
     "DensityMatrix",
+    "Gate",
     "Measure",
     "Observable",
+    "Parameter",
     "Precision",
     "Reset",
     "StateVector",

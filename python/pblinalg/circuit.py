@@ -11,7 +11,7 @@ from numpy.typing import NDArray
 from . import drawing, inspection, qasm_writer, svg_drawing
 from .arguments import Precision
 from .counts import Counts
-from .gates import GateMethods
+from .parameters import Values
 from .program import Program
 from .progress import Progress
 from .running import run
@@ -20,13 +20,13 @@ from .running import run
 _SHOWN = 400
 
 
-class Circuit(GateMethods, Program):
+class Circuit(Program):
     """A circuit on `num_qubits` qubits; every gate method appends a gate and returns the circuit.
 
     >>> bell = Circuit(2).h(0).cx(0, 1)
 
-    The gates are kept compiled, so that running a circuit costs what the library's own driver
-    costs. A circuit runs in either precision and any number of times, in several threads at once,
+    The gates are kept as a list of the library, with the plan of their run. Angles may be a
+    `Parameter`: one circuit then runs with ever new `values`. A circuit runs in either precision and any number of times, in several threads at once,
     too; it can be copied and pickled. `len` and iteration are about its gates alone, those of
     conditions included; a circuit is true when it has any step.
     """
@@ -40,9 +40,10 @@ class Circuit(GateMethods, Program):
         threads: SupportsIndex | None = None,
         seed: SupportsIndex | None = None,
         progress: Progress = None,
+        values: Values | None = None,
     ) -> Counts:
         """`pblinalg.run` on this circuit: counts of what its measurements read."""
-        return run(self, shots, precision, threads, seed, progress)
+        return run(self, shots, precision, threads, seed, progress, values)
 
     def depth(self) -> int:
         """The number of layers when every gate, measurement and reset starts as soon as its qubits
@@ -54,10 +55,10 @@ class Circuit(GateMethods, Program):
         `{"cx": 3, "h": 1, "measure": 1}`."""
         return inspection.count_ops(self)
 
-    def matrix(self) -> NDArray[np.complex128]:
+    def matrix(self, values: Values | None = None) -> NDArray[np.complex128]:
         """The matrix of 2^n rows and columns, qubit 0 being the most significant bit of an index.
-        ValueError when the circuit measures or resets."""
-        return inspection.matrix(self)
+        `values` are those of the parameters. ValueError when the circuit measures or resets."""
+        return inspection.matrix(self, values)
 
     def draw(self, output: str = "text", width: int | None = None) -> str:
         """A picture of the circuit: in box-drawing characters for "text", an SVG document for
@@ -77,7 +78,7 @@ class Circuit(GateMethods, Program):
         Matrices are taken apart into rotations, the number of which grows as 4^k on k qubits.
         OpenQASM 2 has no phase of the whole state: there two rotations of qubit 0 bring it about,
         and gates with many controls come with their definitions. ValueError for matrices that are
-        not unitary, and in version 2 for conditions on anything but one whole register, its last
+        not unitary, and in version 2 for parameters and for conditions on anything but one whole register, its last
         bit listed first.
         """
         return qasm_writer.write(self, version)

@@ -2,7 +2,7 @@
 
 from __future__ import annotations
 
-from collections.abc import Callable, Iterable
+from collections.abc import Iterable
 from itertools import product
 from typing import TYPE_CHECKING, Any, SupportsIndex
 
@@ -19,8 +19,10 @@ from .arguments import (
     outcome_number,
     probability_number,
 )
-from .gates import GateMethods, apply_gate, as_qubits, conjugate
+from .execution import shifted
+from .gates import as_qubits
 from .html_tables import state_table
+from .parameters import Values, values_in_order
 from .program import Program
 from .progress import Progress, reporter
 from .readout import Readout, register_bytes
@@ -30,50 +32,18 @@ if TYPE_CHECKING:
     from typing_extensions import Self
 
 
-class _BothSides:
-    """Takes the gates of m qubits and applies them to the rows and, conjugated, to the columns of
-    a density matrix kept as 2m qubits: rows on qubits 0 to m-1, columns on qubits m to 2m-1."""
-
-    __slots__ = ("_core", "_m")
-
-    def __init__(self, core: Any) -> None:
-        self._core = core
-        self._m = core.nqubits // 2
-
-    def __getattr__(self, name: str) -> Callable[..., None]:
-        def apply(*arguments: Any) -> None:
-            gates = _core.GateSequence(self._m)
-            getattr(gates, name)(*arguments)
-            self.doubled(gates).apply(self._core)
-
-        return apply
-
-    def doubled(self, gates: _core.GateSequence) -> _core.GateSequence:
-        m = self._m
-        result = _core.GateSequence(2 * m)
-        for i in range(len(gates)):
-            gate = gates.gate(i)
-            for shift, (name, qubits, controls, value) in ((0, gate), (m, conjugate(*gate))):
-                if name == "phase_oracle":
-                    # Numbers of an oracle count from the last qubit down.
-                    qubits = [q + m - shift for q in qubits]
-                else:
-                    qubits = [q + shift for q in qubits]
-                apply_gate(result, name, qubits, [c + shift for c in controls], value)
-        return result
+PAULIS = [np.eye(2), *map(_core.gate_matrix, "XYZ")]
 
 
-PAULIS = [np.eye(2), np.array([[0, 1], [1, 0]]), np.array([[0, -1j], [1j, 0]]), np.diag([1, -1])]
-
-
-class DensityMatrix(Readout, GateMethods):
+class DensityMatrix(Readout):
     """The mixed state of `num_qubits` qubits, in |0...0><0...0| at first; arguments and order of
     qubits as in `StateVector`. It takes the memory of a state vector of twice the qubits.
 
     `np.asarray` of it is `to_array()`. It can be copied and pickled, its generator included.
     """
 
-    __slots__ = ("_gates", "__weakref__")
+    __slots__ = ("__weakref__",)
+    _both_sides = True
 
     def __init__(
         self,
@@ -95,7 +65,6 @@ class DensityMatrix(Readout, GateMethods):
 
     def _adopt(self) -> None:
         self._core.density_matrix = True
-        self._gates = _BothSides(self._core)
 
     @property
     def num_qubits(self) -> int:
@@ -146,8 +115,12 @@ class DensityMatrix(Readout, GateMethods):
         """The number of rows, 2^n."""
         return 1 << self.num_qubits
 
-    def run(self, circuit: Program, progress: Progress = None) -> Self:
-        """Applies the gates of a circuit without measurements, resets and conditions."""
+    def run(
+        self, circuit: Program, progress: Progress = None, values: Values | None = None
+    ) -> Self:
+        """Applies the gates of a circuit without measurements, resets and conditions; each counts
+        twice for `progress`, since it acts on rows and columns. `values` are those of its
+        parameters, in order or by parameter or name."""
         if not isinstance(circuit, Program):
             raise TypeError(f"circuit must be a Circuit, got {circuit!r}")
         if not circuit.is_unitary:
@@ -156,10 +129,13 @@ class DensityMatrix(Readout, GateMethods):
             raise ValueError(
                 f"circuit acts on {circuit.num_qubits} qubits; the state has {self.num_qubits}"
             )
+        numbers = values_in_order(circuit, values)
+        done = 0
         with reporter(progress, 2 * len(circuit), "gate") as report:
             for step in circuit.steps:
-                if isinstance(step, _core.GateSequence):
-                    self._gates.doubled(step).apply(self._core, report)
+                if isinstance(step, _core.GateList):
+                    step.run(self._core, numbers, shifted(report, done), True)
+                    done += 2 * len(step)
         return self
 
     def measure(self, qubits: Qubits | None = None) -> str:
@@ -203,7 +179,7 @@ class DensityMatrix(Readout, GateMethods):
                 "to apply them anyway)"
             )
         # Checks the numbers: the register has twice the qubits that may be named.
-        _core.GateSequence(self.num_qubits).apply_nqbit_ctrl_gate([], listed, np.eye(size))
+        Program(self.num_qubits).diagonal(np.ones(size), listed)
         both = sum(np.kron(operator, operator.conj()) for operator in kraus)
         columns = [qubit + self.num_qubits for qubit in listed]
         self._core.apply_nqbit_ctrl_gate([], listed + columns, both)

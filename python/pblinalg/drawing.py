@@ -8,16 +8,20 @@ from collections.abc import Iterator, Sequence
 from dataclasses import dataclass, field
 from itertools import islice
 
-from ._core import GateSequence
-from .gate_names import NamedGate, named_gates
+from ._core import GateList, Parameter
+from .gate_names import control_bits, listed_gates, plain_name
+from .gates import Gate
 from .program import Conditional, Measure, Program, Step
 
 #: Signs instead of boxes.
-CONTROL, CROSS, NOT, METER = "●", "×", "⊕", "M"
+CONTROL, OPEN, CROSS, NOT, METER = "●", "○", "×", "⊕", "M"
+_SIGNS = (CONTROL, OPEN, CROSS)
 
 _LABELS = {
-    "sdg": "S†", "tdg": "T†", "sx": "√X", "sxdg": "√X†", "iswap": "iSWAP", "sqrt_swap": "√SWAP",
-    "rx": "Rx", "ry": "Ry", "rz": "Rz", "y_to_z": "Y→Z", "z_to_y": "Z→Y", "phase_oracle": "oracle",
+    "sdg": "S†", "tdg": "T†", "sx": "√X", "sxdg": "√X†", "iswap": "iSWAP", "iswapdg": "iSWAP†",
+    "sqrt_swap": "√SWAP", "sqrt_swap_dg": "√SWAP†", "rx": "Rx", "ry": "Ry", "rz": "Rz",
+    "rxx": "Rxx", "ryy": "Ryy", "rzz": "Rzz", "y_to_z": "Y→Z", "z_to_y": "Z→Y", "unitary": "U",
+    "diagonal": "diag", "phase_oracle": "oracle", "global_phase": "φ",
 }  # fmt: skip
 
 
@@ -81,8 +85,8 @@ class Layout:
             if isinstance(step, Conditional):
                 yield from self._elements(step.steps, (*conditions, step))
                 continue
-            if isinstance(step, GateSequence):
-                found: Iterator[Element] = (Element(_gate_labels(g)) for g in named_gates(step))
+            if isinstance(step, GateList):
+                found: Iterator[Element] = (Element(_gate_labels(g)) for g in listed_gates(step))
             elif isinstance(step, Measure):
                 found = iter([Element({step.qubit: METER}, {step.clbit: ""}, step.clbit)])
             else:
@@ -106,30 +110,38 @@ class Layout:
 
 
 def _count(steps: Sequence[Step]) -> int:
-    inner = [step for step in steps if isinstance(step, (GateSequence, Conditional))]
+    inner = [step for step in steps if isinstance(step, (GateList, Conditional))]
     nested = (_count(step.steps) if isinstance(step, Conditional) else len(step) for step in inner)
     return len(steps) - len(inner) + sum(nested)
 
 
-def _gate_labels(gate: NamedGate) -> dict[int, str]:
-    labels = {qubit: CONTROL for qubit in gate.controls}
-    if gate.name == "swap":
+def _gate_labels(gate: Gate) -> dict[int, str]:
+    name = plain_name(gate)
+    labels = {qubit: CONTROL if bit else OPEN for qubit, bit in control_bits(gate).items()}
+    if name == "swap":
         return labels | {qubit: CROSS for qubit in gate.targets}
-    if gate.name == "x" and gate.controls:
+    if name == "x" and gate.controls:
         return labels | {gate.targets[0]: NOT}
-    if gate.name == "z" and gate.controls:
+    if name == "z" and gate.controls:
         return labels | {gate.targets[0]: CONTROL}
-    label = _LABELS.get(gate.name, gate.name.upper() if len(gate.name) == 1 else "U")
-    if gate.angle is not None:
-        label += f"({angle_text(gate.angle)})"
-    if gate.name in ("unitary", "phase_oracle"):
+    label = _LABELS.get(name, name.upper())
+    if gate.angles:
+        label += f"({', '.join(map(angle_text, gate.angles))})"
+    if name == "global_phase":
+        # It has no target: written behind the sign of a control, or on the first qubit.
+        qubit = max(labels, default=0)
+        return labels | {qubit: labels.get(qubit, "") + label}
+    if len(gate.targets) > 1 and gate.values is not None:
         # The place of each qubit matters.
         return labels | {qubit: f"{label}:{i}" for i, qubit in enumerate(gate.targets)}
     return labels | {qubit: label for qubit in gate.targets}
 
 
-def angle_text(angle: float) -> str:
-    """The angle as a simple fraction of pi where it is one, else to four digits."""
+def angle_text(angle: float | Parameter) -> str:
+    """A number as a simple fraction of pi where it is one, else to four digits."""
+    if isinstance(angle, Parameter):
+        factor = "" if angle.scale == 1 else "-" if angle.scale == -1 else f"{angle.scale:.4g}*"
+        return f"{factor}{angle.name}" + (f"{angle.offset:+.4g}" if angle.offset else "")
     for below in (1, 2, 3, 4, 6, 8, 16):
         above = angle / math.pi * below
         if above and abs(above - round(above)) < 1e-9 and abs(above) < 100:
@@ -185,7 +197,7 @@ def _text_column(column: list[Element], layout: Layout) -> list[str]:
     """Three lines per row: above the wire, the wire, below it."""
     texts = [label for element in column for label in element.labels.values()]
     notes = [note for element in column for note in element.notes.values()]
-    boxes = [len(text) + 4 for text in texts if text not in (CONTROL, CROSS)]
+    boxes = [len(text) + 4 for text in texts if text not in _SIGNS]
     # Odd, so that connections have a middle.
     width = max([3, *boxes, *map(len, notes)]) | 1
     lines = [_wire(i, layout) * width for i in range(3 * len(layout.names))]
@@ -215,7 +227,7 @@ def _text_cell(
         # The connection crosses a wire that it leaves alone.
         crossing = "╬" if wire == "═" else "╫" if up == "║" else "┼"
         return [above, crossing.center(width, wire), below]
-    if label in (CONTROL, CROSS):
+    if label in _SIGNS:
         return [above, label.center(width, wire), below]
     shown = f"┤ {'X' if label == NOT else label} ├"
     left, middle = (width - len(shown)) // 2, width // 2

@@ -5,7 +5,10 @@ from __future__ import annotations
 from collections.abc import Callable, Sequence
 from typing import Any
 
-from ._core import GateSequence
+import numpy as np
+from numpy.typing import NDArray
+
+from ._core import GateList
 from .program import Conditional, Measure, Step, count_gates
 
 
@@ -13,14 +16,16 @@ def run_steps(
     core: Any,
     steps: Sequence[Step],
     bits: list[int],
+    values: NDArray[np.float64],
     report: Callable[[int], object] | None = None,
     done: int = 0,
 ) -> int:
-    """Applies steps to a state; measurements write `bits`, `report` is told the number of gates
+    """Applies steps to a state; measurements write `bits`, `values` are those of the
+    parameters, `report` is told the number of gates
     that are through, `done` of them before. Returns that number."""
     for step in steps:
-        if isinstance(step, GateSequence):
-            step.apply(core, shifted(report, done))
+        if isinstance(step, GateList):
+            step.run(core, values, shifted(report, done))
             done += len(step)
         elif isinstance(step, Measure):
             bits[step.clbit] = core.measure([step.qubit])
@@ -28,7 +33,7 @@ def run_steps(
         elif isinstance(step, Conditional):
             read = "".join(str(bits[clbit]) for clbit in step.clbits)
             if int(read or "0", 2) == step.value:
-                run_steps(core, step.steps, bits, report, done)
+                run_steps(core, step.steps, bits, values, report, done)
             done += count_gates(step.steps)
         else:
             core.project_then_reset([step.qubit], core.measure([step.qubit]))

@@ -9,9 +9,10 @@ from typing import Any
 import numpy as np
 from numpy.typing import NDArray
 
-from ._core import GateSequence
+from ._core import GateList
 from .arguments import require_memory
-from .gate_names import named_gates
+from .gate_names import full_name, listed_gates
+from .parameters import Values, values_in_order
 from .program import Conditional, Measure, Program
 from .state_vector import StateVector
 
@@ -22,9 +23,9 @@ _Operation = tuple[str, list[int], list[int], list[int]]
 def operations(steps: Sequence[Any], read: tuple[int, ...] = ()) -> Iterator[_Operation]:
     """Gates, measurements and resets in order, those of conditions included."""
     for step in steps:
-        if isinstance(step, GateSequence):
-            for gate in named_gates(step):
-                yield gate.full_name, [*gate.controls, *gate.targets], [], [*read]
+        if isinstance(step, GateList):
+            for gate in listed_gates(step):
+                yield full_name(gate), [*gate.controls, *gate.targets], [], [*read]
         elif isinstance(step, Conditional):
             yield from operations(step.steps, (*read, *step.clbits))
         elif isinstance(step, Measure):
@@ -44,6 +45,8 @@ def depth(program: Program) -> int:
     clbit_ends = [0] * program.num_clbits
     for _, qubits, written, read in operations(program.steps):
         clbits = [*written, *read]
+        if not qubits and not clbits:
+            continue  # a phase of everything
         end = 1 + max([qubit_ends[q] for q in qubits] + [clbit_ends[c] for c in clbits])
         for qubit in qubits:
             qubit_ends[qubit] = end
@@ -52,10 +55,11 @@ def depth(program: Program) -> int:
     return max(qubit_ends, default=0)
 
 
-def matrix(program: Program) -> NDArray[np.complex128]:
+def matrix(program: Program, values: Values | None) -> NDArray[np.complex128]:
     """See `Circuit.matrix`."""
     if not program.is_unitary:
         raise ValueError("a circuit with measurements, resets or conditions has no matrix")
+    numbers = values_in_order(program, values)
     size = 1 << program.num_qubits
     require_memory(f"the matrix of {program.num_qubits} qubits", 16 * size * size)
     result = np.empty((size, size), dtype=np.complex128)
@@ -63,6 +67,6 @@ def matrix(program: Program) -> NDArray[np.complex128]:
     column = np.zeros(size)
     for i in range(size):
         column[i] = 1
-        result[:, i] = state.set_amplitudes(column).run(program, progress=False).to_array()
+        result[:, i] = state.set_amplitudes(column).run(program, False, numbers).to_array()
         column[i] = 0
     return result

@@ -3,11 +3,12 @@
 `PybindLinAlgStateVectorCPUFloat` and `...Double`, `PybindLinAlgWCircuitFloat` and `...Double`,
 `WObservableFloat` and `...Double`, `SimpleTermFloat` and `...Double` mirror the C++ templates. An
 argument that C++ takes as a pointer is an array here; members that fill a caller's buffer take it
-as `out`, or make one when it is left out. `GateSequence` records gates for either precision.
+as `out`, or make one when it is left out. `GateList` records gates for either precision; `gate_table` and `gate_matrix`
+say what gates there are.
 """
 
 from ._core import (
-    GateSequence,
+    GateList,
     GeneratorDouble,
     GeneratorFloat,
     PybindLinAlgStateVectorCPUDouble,
@@ -20,13 +21,15 @@ from ._core import (
     WObservableFloat,
     available_memory,
     contains_no_first_qubits,
+    gate_matrix,
+    gate_table,
     get_num_threads,
     hardware_threads,
     instruction_set,
 )
 
 __all__ = [
-    "GateSequence",
+    "GateList",
     "GeneratorDouble",
     "GeneratorFloat",
     "PybindLinAlgStateVectorCPUDouble",
@@ -39,6 +42,8 @@ __all__ = [
     "WObservableFloat",
     "available_memory",
     "contains_no_first_qubits",
+    "gate_matrix",
+    "gate_table",
     "get_num_threads",
     "hardware_threads",
     "instruction_set",

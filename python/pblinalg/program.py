@@ -10,9 +10,15 @@ from collections.abc import Iterator, Sequence
 from dataclasses import dataclass, field
 from typing import TYPE_CHECKING, Any, Generic, SupportsIndex, TypeVar, Union
 
-from ._core import GateSequence
+import numpy as np
+from numpy.typing import NDArray
+
+from . import _core
+from ._core import GateList, Parameter
 from .arguments import MAX_QUBITS, Qubits, count, index
-from .gates import apply_gate, as_qubits, inverse
+from .gate_names import listed_gates
+from .gates import Gate, GateMethods, as_qubits
+from .parameters import Values, values_in_order
 
 if TYPE_CHECKING:
     from typing_extensions import Self
@@ -43,9 +49,7 @@ class Conditional:
 
 
 #: What a run goes through.
-Step = Union[GateSequence, Measure, Reset, Conditional]
-#: A gate as recorded: name, qubits, controls, and angle, matrix, marked values or None.
-Gate = tuple[str, list[int], list[int], Any]
+Step = Union[GateList, Measure, Reset, Conditional]
 
 P = TypeVar("P", bound="Program")
 
@@ -74,19 +78,20 @@ class Block(Generic[P]):
         )
 
 
-class Program:
+class Program(GateMethods):
     """The steps of a circuit on `num_qubits` qubits and `num_clbits` classical bits."""
 
     __slots__ = ("_num_qubits", "_num_clbits", "_registers", "_steps", "_open")
 
     def __init__(self, num_qubits: SupportsIndex, num_clbits: SupportsIndex | None = None) -> None:
+        super().__init__()
         self._num_qubits = count(num_qubits, "num_qubits", 0, MAX_QUBITS)
         self._num_clbits = count(
             self._num_qubits if num_clbits is None else num_clbits, "num_clbits", 0, MAX_CLBITS
         )
         self._registers: tuple[int, ...] = (self._num_clbits,)
         self._steps: list[Step] = []
-        self._open = self._steps
+        self._open_steps(self._steps)
 
     @property
     def num_qubits(self) -> int:
@@ -114,21 +119,24 @@ class Program:
 
     @property
     def steps(self) -> tuple[Step, ...]:
-        """What a run goes through: gate sequences, `Measure`, `Reset` and `Conditional`."""
+        """What a run goes through: gate lists, `Measure`, `Reset` and `Conditional`."""
         return tuple(self._steps)
 
     @property
     def is_unitary(self) -> bool:
         """True when the circuit holds gates only."""
-        return all(isinstance(step, GateSequence) for step in self._steps)
+        return all(isinstance(step, GateList) for step in self._steps)
 
     @property
-    def _gates(self) -> GateSequence:
-        last = self._open[-1] if self._open else None
-        if not isinstance(last, GateSequence):
-            last = GateSequence(self._num_qubits)
-            self._open.append(last)
-        return last
+    def parameters(self) -> tuple[Parameter, ...]:
+        """The parameters in the order of the values of a run: that of their first use. `copy`,
+        `inverse` and `compose` keep it."""
+        return _core.parameters_of(self)
+
+    def _open_steps(self, steps: list[Step]) -> None:
+        """Gates and other steps go to the end of `steps` from now on."""
+        self._open = steps
+        _core.record_into(self, steps, self._num_qubits)
 
     def measure(self, qubit: Qubits, clbit: Qubits | None = None) -> Self:
         """Reads a qubit into a classical bit, by default the one of the same number. With two
@@ -169,15 +177,16 @@ class Program:
         """Appends a condition that takes the following steps; returns what `_close_block` wants."""
         outer = self._open
         outer.append(condition)
-        self._open = condition.steps
+        self._open_steps(condition.steps)
         return outer
 
     def _close_block(self, outer: list[Step]) -> None:
         """Ends the block that `_open_block` began."""
-        self._open = outer
+        self._open_steps(outer)
 
     def compose(self, other: Program) -> Self:
-        """Appends all steps of another circuit of at most as many qubits and classical bits."""
+        """Appends all steps of another circuit of at most as many qubits and classical bits.
+        Parameters of the same name become one."""
         if not isinstance(other, Program):
             raise TypeError(f"other must be a Circuit, got {other!r}")
         if other._num_qubits > self._num_qubits or other._num_clbits > self._num_clbits:
@@ -186,21 +195,33 @@ class Program:
                 f"expected at most {self._num_qubits} and {self._num_clbits}"
             )
         # A program that joins itself inside a block must not see the block grow.
-        self._append_steps((other.copy() if other is self else other).steps)
+        source = other.copy() if other is self else other
+        self._add_parameters(source.parameters)
+        self._append_steps(source.steps)
         return self
 
     def _append_steps(self, steps: Sequence[Step]) -> None:
         for step in steps:
-            if isinstance(step, GateSequence):
-                if self._num_qubits == step.nqubits or not _has_oracle(step):
-                    self._gates.extend(step)
-                else:
-                    raise ValueError("a circuit with a phase oracle joins only one of its own size")
+            if isinstance(step, GateList):
+                _core.take_gates(self, step)
             elif isinstance(step, Conditional):
                 with self.if_(step.clbits, step.value):
                     self._append_steps(step.steps)
             else:
                 self._open.append(step)
+
+    def _add_parameters(self, parameters: Sequence[Parameter]) -> None:
+        for parameter in parameters:
+            _core.add_parameter(self, parameter)
+
+    def bind(self, values: Values) -> Self:
+        """The circuit with numbers in place of its parameters: `values` in the order of
+        `parameters`, or by parameter or name."""
+        numbers = values_in_order(self, values)
+        result = type(self)(self._num_qubits, self._num_clbits)
+        result._registers = self._registers
+        result._append_steps(_bound(self._steps, numbers))
+        return result
 
     def copy(self) -> Self:
         """A circuit of its own with the same steps."""
@@ -213,8 +234,10 @@ class Program:
         if not self.is_unitary:
             raise ValueError("a circuit with measurements, resets or conditions has no inverse")
         result = type(self)(self._num_qubits, self._num_clbits)
-        for gate in reversed(list(self)):
-            apply_gate(result._gates, *inverse(*gate))
+        result._add_parameters(self.parameters)
+        for step in reversed(self._steps):
+            if isinstance(step, GateList):
+                _core.take_gates(result, step.inverse())
         return result
 
     def __copy__(self) -> Self:
@@ -229,28 +252,20 @@ class Program:
         return {
             "sizes": (self._num_qubits, self._num_clbits),
             "registers": self._registers,
-            "steps": _plain(self._steps),
+            "parameters": self.parameters,
+            "steps": self._steps,
         }
 
     def __setstate__(self, state: dict[str, Any]) -> None:
         Program.__init__(self, *state["sizes"])
         self._registers = state["registers"]
-        self._append_plain(state["steps"])
-
-    def _append_plain(self, steps: Sequence[Any]) -> None:
-        for step in steps:
-            if isinstance(step, list):
-                for gate in step:
-                    apply_gate(self._gates, *gate)
-            elif isinstance(step, Conditional):
-                with self.if_(step.clbits, step.value):
-                    self._append_plain(step.steps)
-            else:
-                self._open.append(step)
+        self._add_parameters(state["parameters"])
+        self._append_steps(state["steps"])
 
     def __iter__(self) -> Iterator[Gate]:
-        """The gates in order, those of conditions included, as (name, qubits, controls, value).
-        Measurements, resets and conditions themselves are in `steps` only."""
+        """The gates in order, those of conditions included, as tuples of `name` (the library's),
+        `targets`, `controls`, `ctrl_state`, `angles` and `values`. Measurements, resets and
+        conditions themselves are in `steps` only."""
         return _gates_of(self._steps)
 
     def __len__(self) -> int:
@@ -261,15 +276,28 @@ class Program:
         """True when there is any step, be it no gate."""
         return bool(self._steps)
 
+    def __eq__(self, other: object) -> bool:
+        """True for circuits of the same size with equal steps, registers and parameters."""
+        if not isinstance(other, Program):
+            return NotImplemented
+        return (
+            self._num_qubits == other._num_qubits
+            and self._registers == other._registers
+            and self.parameters == other.parameters
+            and self._steps == other._steps
+        )
+
     def __repr__(self) -> str:
-        return f"{type(self).__name__}(num_qubits={self._num_qubits}, gates={len(self)})"
+        parameters = f", parameters={len(self.parameters)}" if self.parameters else ""
+        return (
+            f"{type(self).__name__}(num_qubits={self._num_qubits}, gates={len(self)}{parameters})"
+        )
 
 
 def _gates_of(steps: Sequence[Step]) -> Iterator[Gate]:
     for step in steps:
-        if isinstance(step, GateSequence):
-            for i in range(len(step)):
-                yield step.gate(i)
+        if isinstance(step, GateList):
+            yield from listed_gates(step)
         elif isinstance(step, Conditional):
             yield from _gates_of(step.steps)
 
@@ -279,28 +307,21 @@ def count_gates(steps: Sequence[Step]) -> int:
     return sum(
         (
             len(step)
-            if isinstance(step, GateSequence)
+            if isinstance(step, GateList)
             else count_gates(step.steps) if isinstance(step, Conditional) else 0
         )
         for step in steps
     )
 
 
-def _has_oracle(sequence: GateSequence) -> bool:
-    return any(sequence.gate(i)[0] == "phase_oracle" for i in range(len(sequence)))
-
-
-def _plain(steps: Sequence[Step]) -> list[Any]:
-    """The steps with a list of recorded gates for each gate sequence."""
-    return [
-        (
-            [step.gate(i) for i in range(len(step))]
-            if isinstance(step, GateSequence)
-            else (
-                Conditional(step.clbits, step.value, _plain(step.steps))
-                if isinstance(step, Conditional)
-                else step
-            )
-        )
-        for step in steps
-    ]
+def _bound(steps: Sequence[Step], numbers: NDArray[np.float64]) -> list[Step]:
+    """The steps with numbers in place of parameters."""
+    result: list[Step] = []
+    for step in steps:
+        if isinstance(step, GateList):
+            result.append(step.bind(numbers))
+        elif isinstance(step, Conditional):
+            result.append(Conditional(step.clbits, step.value, _bound(step.steps, numbers)))
+        else:
+            result.append(step)
+    return result

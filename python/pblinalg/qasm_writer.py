@@ -4,68 +4,120 @@ from __future__ import annotations
 
 import cmath
 import math
+import re
 from collections.abc import Iterator, Sequence
 from typing import Any
 
 import numpy as np
 
-from ._core import GateSequence
-from .gate_names import NamedGate, named_gates
-from .gates import check_unitary
+from ._core import GateList, Parameter, gate_matrix
+from .gate_names import control_bits, listed_gates, plain_name
+from .gates import Gate, check_unitary
 from .program import Conditional, Measure, Program
 from .synthesis import euler_angles, two_level_steps
 
 #: Gates that both formats have or that are written in terms of them.
-_SIMPLE = frozenset("h x y z s sdg t tdg sx sxdg p rx ry rz swap".split())
+_SIMPLE = frozenset("h x y z s sdg t tdg sx sxdg p rx ry rz u swap".split())
 _PHASES = {"s": math.pi / 2, "sdg": -math.pi / 2, "t": math.pi / 4, "tdg": -math.pi / 4}
 
-#: Name ("gphase" for a phase of everything), angle, controls, targets.
-_Gate = tuple[str, float | None, list[int], list[int]]
+#: What a parameter must not be called.
+_TAKEN = re.compile(
+    r"pi|tau|euler|[ab]\d+|q|c\d*|U|u[123]?|input|bit|qubit|float|gate|if|ctrl|inv|mc[xp]\d+"
+)
+
+#: Angles of a gate: numbers, or parameters.
+_Angles = tuple[float | Parameter, ...]
+#: Name ("gphase" for a phase of everything), angles, controls, targets.
+_Gate = tuple[str, _Angles, list[int], list[int]]
 
 
 def write(circuit: Program, version: int = 3) -> str:
     """See `Circuit.to_qasm`."""
     if version not in (2, 3):
         raise ValueError(f"version = {version!r}: expected 2 or 3")
+    if version == 2 and circuit.parameters:
+        raise ValueError(
+            f"OpenQASM 2 has no parameters, the circuit has {circuit.parameters[0].name!r}: give it "
+            "numbers with `bind`, or write version=3"
+        )
+    for parameter in circuit.parameters:
+        if not re.fullmatch(r"[^\W\d]\w*", parameter.name) or _TAKEN.fullmatch(parameter.name):
+            raise ValueError(f"parameter {parameter.name!r} cannot be called so in OpenQASM")
     writer = _Writer2(circuit) if version == 2 else _Writer(circuit)
     writer.body(circuit.steps)
     return writer.text()
 
 
-def _simple_gates(gate: NamedGate) -> Iterator[_Gate]:
+def _simple_gates(gate: Gate) -> Iterator[_Gate]:
     """A gate as gates that the formats have a name for."""
-    name, angle, controls, targets, value = gate
-    if name == "iswap":
+    zeros: list[_Gate] = [("x", (), [], [q]) for q, bit in control_bits(gate).items() if not bit]
+    yield from zeros
+    yield from _under_ones(gate)
+    yield from zeros
+
+
+def _under_ones(gate: Gate) -> Iterator[_Gate]:
+    """A gate whose controls must all be 1."""
+    name, angles, controls, targets = plain_name(gate), gate.angles, gate.controls, gate.targets
+    if name in _SIMPLE:
+        yield name, angles, controls, targets
+    elif name == "global_phase":
+        yield "gphase", angles, controls, []
+    elif name in ("rxx", "ryy", "rzz"):
+        # A change of basis around the rotation of a parity.
+        first: list[_Gate] = [] if name == "rzz" else [("h", (), [], [q]) for q in targets]
+        last = list(first)
+        if name == "ryy":
+            first = [("sdg", (), [], [q]) for q in targets] + first
+            last += [("s", (), [], [q]) for q in targets]
+        yield from first
+        yield "x", (), targets[:1], targets[1:]
+        yield "rz", angles, controls, targets[1:]
+        yield "x", (), targets[:1], targets[1:]
+        yield from last
+    elif name in ("iswap", "iswapdg"):
         for qubit in targets:
-            yield "s", None, controls, [qubit]
-        yield "z", None, controls + targets[:1], targets[1:]
-        yield "swap", None, controls, targets
-    elif name == "phase_oracle":
-        *places, last = targets
-        for number in value:
-            bits = {q: number >> (len(targets) - 1 - i) & 1 for i, q in enumerate(targets)}
-            minus_one = np.diag([1, -1]) if bits[last] else np.diag([-1, 1])
-            yield from _where({q: bits[q] for q in places}, minus_one, controls, last)
-    elif name in _SIMPLE:
-        yield name, angle, controls, targets
+            yield "s" if name == "iswap" else "sdg", (), controls, [qubit]
+        yield "z", (), controls + targets[:1], targets[1:]
+        yield "swap", (), controls, targets
+    elif name in ("phase_oracle", "diagonal"):
+        yield from _diagonal(gate)
     else:
-        matrix = gate.matrix()
-        if matrix.shape[1] != len(matrix):
-            matrix = np.diag(matrix.reshape(-1))
-        check_unitary(matrix)
-        if len(targets) == 1:
-            yield from _one_qubit(matrix, controls, targets[0])
-            return
-        for target, read, small in two_level_steps(matrix):
-            where = {targets[place]: bit for place, bit in read.items()}
-            yield from _where(where, small, controls, targets[target])
+        yield from _matrix(gate)
+
+
+def _diagonal(gate: Gate) -> Iterator[_Gate]:
+    """Factors of the values of the targets, one after the other."""
+    if gate.name == "diagonal":
+        factors = {i: factor for i, factor in enumerate(gate.values) if factor != 1}
+        if np.abs(np.abs(gate.values) - 1).max(initial=0) > 1e-6:
+            raise ValueError("a diagonal is not unitary")
+    else:
+        factors = dict.fromkeys(gate.values, -1)
+    *places, last = gate.targets
+    for number, factor in factors.items():
+        bits = {q: number >> (len(places) - i) & 1 for i, q in enumerate(gate.targets)}
+        matrix = np.diag([1, factor] if bits[last] else [factor, 1])
+        yield from _where({q: bits[q] for q in places}, matrix, gate.controls, last)
+
+
+def _matrix(gate: Gate) -> Iterator[_Gate]:
+    """A gate that is known by its matrix only."""
+    matrix = gate_matrix(gate.name) if gate.values is None else gate.values
+    check_unitary(matrix)
+    if len(gate.targets) == 1:
+        yield from _one_qubit(matrix, gate.controls, gate.targets[0])
+        return
+    for target, read, small in two_level_steps(matrix):
+        where = {gate.targets[place]: bit for place, bit in read.items()}
+        yield from _where(where, small, gate.controls, gate.targets[target])
 
 
 def _where(
     read: dict[int, int], matrix: np.ndarray, controls: list[int], target: int
 ) -> Iterator[_Gate]:
     """A matrix on one qubit where other qubits read what is listed."""
-    zeros: list[_Gate] = [("x", None, [], [qubit]) for qubit, bit in read.items() if not bit]
+    zeros: list[_Gate] = [("x", (), [], [qubit]) for qubit, bit in read.items() if not bit]
     yield from zeros
     yield from _one_qubit(matrix, controls + list(read), target)
     yield from zeros
@@ -80,7 +132,14 @@ def _one_qubit(matrix: np.ndarray, controls: list[int], target: int) -> Iterator
         parts = [("rz", delta), ("ry", gamma), ("rz", beta), ("gphase", alpha)]
     for name, angle in parts:
         if angle:
-            yield name, angle, controls, [] if name == "gphase" else [target]
+            yield name, (angle,), controls, [] if name == "gphase" else [target]
+
+
+def _text(angle: float | Parameter) -> str:
+    if not isinstance(angle, Parameter):
+        return repr(angle)
+    factor = "" if angle.scale == 1 else f"{angle.scale!r} * "
+    return factor + angle.name + (f" + {angle.offset!r}" if angle.offset else "")
 
 
 class _Writer:
@@ -103,6 +162,7 @@ class _Writer:
         head = ["OPENQASM 3.0;", 'include "stdgates.inc";']
         if self.circuit.num_qubits:
             head.append(f"qubit[{self.circuit.num_qubits}] q;")
+        head[2:2] = [f"input float {parameter.name};" for parameter in self.circuit.parameters]
         head += [f"bit[{size}] {name};" for name, size in self.sizes.items()]
         return "\n".join(head + self.lines) + "\n"
 
@@ -112,9 +172,9 @@ class _Writer:
     def body(self, steps: Sequence[Any]) -> None:
         phase = 0.0
         for step in steps:
-            if isinstance(step, GateSequence):
-                for named in named_gates(step):
-                    for gate in _simple_gates(named):
+            if isinstance(step, GateList):
+                for listed in listed_gates(step):
+                    for gate in _simple_gates(listed):
                         phase += self.gate(*gate)
             elif isinstance(step, Conditional):
                 self.conditional(step)
@@ -126,8 +186,8 @@ class _Writer:
         if phase:
             self.global_phase(phase)
 
-    def global_phase(self, phase: float) -> None:
-        self.line(f"gphase({phase!r});")
+    def global_phase(self, phase: float | Parameter) -> None:
+        self.line(f"gphase({_text(phase)});")
 
     def measure(self, qubit: str, clbit: str) -> None:
         self.line(f"{clbit} = measure {qubit};")
@@ -158,20 +218,24 @@ class _Writer:
             self.line("}")
         self.prefix = outer
 
-    def call(self, name: str, angle: float | None, qubits: Sequence[int]) -> None:
-        arguments = "" if angle is None else f"({angle!r})"
+    def call(self, name: str, angles: _Angles, qubits: Sequence[int]) -> None:
+        arguments = f"({', '.join(map(_text, angles))})" if angles else ""
         self.line(f"{name}{arguments} {', '.join(f'q[{qubit}]' for qubit in qubits)};")
 
-    def gate(
-        self, name: str, angle: float | None, controls: list[int], targets: list[int]
-    ) -> float:
+    def gate(self, name: str, angles: _Angles, controls: list[int], targets: list[int]) -> float:
         """Writes a gate and returns what it adds to the phase of everything."""
         if name == "gphase":
+            (angle,) = angles
+            if not controls and isinstance(angle, Parameter):
+                self.global_phase(angle)
+                return 0.0
             if not controls:
-                return angle or 0.0
+                return float(angle)  # type: ignore[arg-type]
             name, controls, targets = "p", controls[:-1], controls[-1:]
         if name == "sxdg":
             name = "inv @ sx"
+        if name == "u":
+            name = "U"
         count = len(controls)
         if count == 1 and name in ("x", "y", "z", "h", "p", "rx", "ry", "rz", "swap"):
             name = "c" + name
@@ -179,7 +243,7 @@ class _Writer:
             name = "ccx"
         elif count:
             name = f"ctrl({count}) @ {name}" if count > 1 else f"ctrl @ {name}"
-        self.call(name, angle, controls + targets)
+        self.call(name, angles, controls + targets)
         return 0.0
 
 
@@ -212,10 +276,10 @@ class _Writer2(_Writer):
             if k > 2:
                 yield f"gate mcx{k} {qubits} {{ h {target}; mcp{k}(pi) {qubits}; h {target}; }}"
 
-    def global_phase(self, phase: float) -> None:
+    def global_phase(self, phase: Any) -> None:
         # Nothing in the language turns everything; together these two do.
-        self.call("rz", -2 * phase, [0])
-        self.call("u1", 2 * phase, [0])
+        self.call("rz", (-2 * phase,), [0])
+        self.call("u1", (2 * phase,), [0])
 
     def measure(self, qubit: str, clbit: str) -> None:
         self.line(f"measure {qubit} -> {clbit};")
@@ -233,58 +297,63 @@ class _Writer2(_Writer):
         self.body(step.steps)
         self.prefix = ""
 
-    def gate(
-        self, name: str, angle: float | None, controls: list[int], targets: list[int]
-    ) -> float:
+    def gate(self, name: str, angles: _Angles, controls: list[int], targets: list[int]) -> float:
         count = len(controls)
         if name == "gphase":
             if not controls:
-                return angle or 0.0
-            return self.gate("p", angle, controls[:-1], controls[-1:])
+                return float(angles[0])  # type: ignore[arg-type]
+            return self.gate("p", angles, controls[:-1], controls[-1:])
         if name in ("sx", "sxdg"):
             sign = 1 if name == "sx" else -1
-            self.gate("rx", sign * math.pi / 2, controls, targets)
-            return self.gate("gphase", sign * math.pi / 4, controls, [])
+            self.gate("rx", (sign * math.pi / 2,), controls, targets)
+            return self.gate("gphase", (sign * math.pi / 4,), controls, [])
         if name == "swap":
             a, b = targets
-            self.call("cx", None, [b, a])
-            self.gate("x", None, [*controls, a], [b])
-            self.call("cx", None, [b, a])
+            self.call("cx", (), [b, a])
+            self.gate("x", (), [*controls, a], [b])
+            self.call("cx", (), [b, a])
             return 0.0
         (target,) = targets
+        if name == "u":
+            if count > 1:
+                matrix = gate_matrix("U", angles)  # type: ignore[arg-type]
+                return sum(self.gate(*gate) for gate in _one_qubit(matrix, controls, target))
+            self.call("cu3" if count else "u3", angles, controls + targets)
+            return 0.0
         if name in _PHASES and count:
-            name, angle = "p", _PHASES[name]
+            name, angles = "p", (_PHASES[name],)
         if count == 0:
-            self.call("u1" if name == "p" else name, angle, targets)
+            self.call("u1" if name == "p" else name, angles, targets)
         elif count == 1 and name in ("x", "y", "z", "h", "p", "rz"):
-            self.call("cu1" if name == "p" else "c" + name, angle, controls + targets)
+            self.call("cu1" if name == "p" else "c" + name, angles, controls + targets)
         elif name in ("x", "p"):
             self.most_controls = max(self.most_controls, 0 if name == "x" and count == 2 else count)
-            self.call(_flip(count) if name == "x" else f"mcp{count}", angle, controls + targets)
+            self.call(_flip(count) if name == "x" else f"mcp{count}", angles, controls + targets)
         elif name == "z":
-            self.gate("p", math.pi, controls, targets)
+            self.gate("p", (math.pi,), controls, targets)
         else:
-            self.conjugated(name, angle or 0.0, controls, target)
+            angle = float(angles[0]) if angles else 0.0  # type: ignore[arg-type]
+            self.conjugated(name, angle, controls, target)
         return 0.0
 
     def conjugated(self, name: str, angle: float, controls: list[int], target: int) -> None:
         """Controlled gates as smaller ones between rotations of the target that cancel without."""
         if name == "y":
-            self.call("sdg", None, [target])
-            self.gate("x", None, controls, [target])
-            self.call("s", None, [target])
+            self.call("sdg", (), [target])
+            self.gate("x", (), controls, [target])
+            self.call("s", (), [target])
         elif name == "h":
-            self.call("ry", -math.pi / 4, [target])
-            self.gate("z", None, controls, [target])
-            self.call("ry", math.pi / 4, [target])
+            self.call("ry", (-math.pi / 4,), [target])
+            self.gate("z", (), controls, [target])
+            self.call("ry", (math.pi / 4,), [target])
         elif name == "rx":
-            self.call("h", None, [target])
-            self.gate("rz", angle, controls, [target])
-            self.call("h", None, [target])
+            self.call("h", (), [target])
+            self.gate("rz", (angle,), controls, [target])
+            self.call("h", (), [target])
         else:
             for half in (angle / 2, -angle / 2):
-                self.call(name, half, [target])
-                self.gate("x", None, controls, [target])
+                self.call(name, (half,), [target])
+                self.gate("x", (), controls, [target])
 
 
 def _flip(controls: int) -> str:

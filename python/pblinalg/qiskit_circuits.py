@@ -9,20 +9,14 @@ from collections.abc import Callable, Iterator, Mapping
 from functools import lru_cache
 from typing import Any
 
-import numpy as np
-
+from ._core import Parameter
 from .circuit import Circuit
+from .gates import GateMethods
 
-#: Methods of a circuit by the class of the same meaning; the arguments are angles, then qubits.
-_METHODS = {
-    "HGate": "h", "XGate": "x", "YGate": "y", "ZGate": "z", "SGate": "s", "SdgGate": "sdg",
-    "TGate": "t", "TdgGate": "tdg", "SXGate": "sx", "SXdgGate": "sxdg", "PhaseGate": "p",
-    "U1Gate": "p", "RXGate": "rx", "RYGate": "ry", "RZGate": "rz", "UGate": "u", "U3Gate": "u",
-    "CXGate": "cx", "CYGate": "cy", "CZGate": "cz", "CHGate": "ch", "CPhaseGate": "cp",
-    "CU1Gate": "cp", "CRXGate": "crx", "CRYGate": "cry", "CRZGate": "crz", "CCXGate": "ccx",
-    "SwapGate": "swap", "CSwapGate": "cswap", "iSwapGate": "iswap",
-}  # fmt: skip
-_NO_OPERATION = ("Barrier", "Delay", "IGate", "_U0Gate")
+#: Methods that are called otherwise than the class; the others are its name in small letters.
+#: Arguments of both are angles, then qubits.
+_OTHER_NAMES = {"I": "id", "Phase": "p", "U1": "p", "U3": "u", "GlobalPhase": "global_phase"}
+_NO_OPERATION = ("Barrier", "Delay", "_U0Gate")
 
 #: A condition is looked at for all values of at most so many classical bits.
 _CONDITION_BITS = 12
@@ -33,8 +27,9 @@ def from_qiskit(circuit: Any) -> Circuit:
 
     Qubits and classical bits keep their numbers, classical registers their sizes. Gates without a
     method here are taken apart into their definitions. `if`/`else`, `switch` and `for` are
-    followed where the branches leave alone the classical bits that decide between them; ValueError
-    names what cannot be followed, such as `while` or parameters without a value.
+    followed where the branches leave alone the classical bits that decide between them. Parameters
+    without a value become those of the circuit, in order of first use. ValueError names what cannot
+    be followed, such as `while` or an angle that is not linear in one parameter.
     """
     try:
         from qiskit import QuantumCircuit
@@ -42,9 +37,6 @@ def from_qiskit(circuit: Any) -> Circuit:
         raise ImportError("from_qiskit needs qiskit: pip install 'pblinalg[qasm]'") from error
     if not isinstance(circuit, QuantumCircuit):
         raise TypeError(f"circuit must be a qiskit QuantumCircuit, got {circuit!r}")
-    if circuit.parameters:
-        names = ", ".join(sorted(parameter.name for parameter in circuit.parameters))
-        raise ValueError(f"circuit has parameters without a value: {names}")
     try:
         result = Circuit(circuit.num_qubits, circuit.num_clbits)
     except (ValueError, OverflowError) as error:
@@ -77,9 +69,29 @@ def _register_sizes(circuit: Any) -> list[int]:
 
 @lru_cache(maxsize=1)
 def _methods() -> dict[type, str]:
+    """Methods of a circuit by the class of the same meaning; controls are told apart from it."""
     import qiskit.circuit.library.standard_gates as standard
+    from qiskit.circuit import ControlledGate
 
-    return {getattr(standard, name): method for name, method in _METHODS.items()}
+    methods = {}
+    for name, kind in vars(standard).items():
+        base = name.removesuffix("Gate")
+        method = _OTHER_NAMES.get(base, base.lower())
+        if base != name and not issubclass(kind, ControlledGate) and hasattr(GateMethods, method):
+            methods[kind] = method
+    return methods
+
+
+def _angle(value: Any) -> float | Parameter:
+    """A number, or a parameter times a number plus a number."""
+    if not getattr(value, "parameters", ()):
+        return float(value)
+    slope = value.gradient(next(iter(value.parameters)))
+    if len(value.parameters) > 1 or getattr(slope, "parameters", ()):
+        raise ValueError(f"the angle {value} cannot be followed; expected one parameter, linear")
+    (parameter,) = value.parameters
+    offset = float(value.bind({parameter: 0}))
+    return Parameter(parameter.name, float(slope), offset)
 
 
 class _Lowering:
@@ -92,14 +104,22 @@ class _Lowering:
         """Appends all instructions and the phase that they leave on the whole state."""
         self._phase(self._instructions(body, qubits, clbits))
 
+    def _add_phase(self, phase: float, more: Any) -> float:
+        """The sum of two phases of the whole; a parameter is appended instead."""
+        angle = _angle(more)
+        if isinstance(angle, Parameter):
+            self.target.global_phase(angle)
+            return phase
+        return phase + angle
+
     def _phase(self, phase: float) -> None:
-        if abs(cmath.exp(1j * phase) - 1) > 1e-15 and self.target.num_qubits:
-            self.target.unitary(cmath.exp(1j * phase) * np.eye(2), 0)
+        if abs(cmath.exp(1j * phase) - 1) > 1e-15:
+            self.target.global_phase(phase)
 
     def _instructions(
         self, body: Any, qubits: Mapping[Any, int], clbits: Mapping[Any, int]
     ) -> float:
-        phase = float(body.global_phase)
+        phase = self._add_phase(0.0, body.global_phase)
         for instruction in body.data:
             operation = instruction.operation
             targets = [qubits[qubit] for qubit in instruction.qubits]
@@ -116,19 +136,19 @@ class _Lowering:
         kind = getattr(operation, "base_class", type(operation))
         name = kind.__name__
         method = _methods().get(kind)
-        controls = getattr(operation, "num_ctrl_qubits", 0)
+        controlled = getattr(operation, "num_ctrl_qubits", 0) > 0
         if name == "Measure":
             self.target.measure(qubits, clbits)
         elif name == "Reset":
             self.target.reset(qubits)
         elif name in _NO_OPERATION:
             pass
-        elif method and (not controls or operation.ctrl_state == (1 << controls) - 1):
-            getattr(self.target, method)(*map(float, operation.params), *qubits)
+        elif method:
+            getattr(self.target, method)(*map(_angle, operation.params), *qubits)
         elif name == "U2Gate":
-            phi, lam = map(float, operation.params)
+            phi, lam = map(_angle, operation.params)
             self.target.u(math.pi / 2, phi, lam, qubits[0])
-        elif controls and self._controlled(operation, qubits):
+        elif controlled and self._controlled(operation, qubits):
             pass
         elif name == "UnitaryGate":
             # qiskit's first qubit is the least significant one of a matrix.
@@ -170,24 +190,17 @@ class _Lowering:
         return phase
 
     def _controlled(self, operation: Any, qubits: list[int]) -> bool:
-        """Appends a controlled gate with one of the methods, if there is one for its base."""
+        """Appends a controlled gate with the method of its base, if there is one."""
         base = operation.base_gate
         method = _methods().get(base.base_class)
-        # The fourth angle of a controlled U turns its control.
-        phase = float(operation.params[3]) if operation.base_class.__name__ == "CUGate" else 0.0
-        count = operation.num_ctrl_qubits
-        controls, targets = qubits[:count], qubits[count:]
-        if method is None or base.num_qubits != 1 or len(targets) != 1 or phase and count > 1:
+        if method in (None, "id"):
             return False
-        open_controls = [q for i, q in enumerate(controls) if not operation.ctrl_state >> i & 1]
-        for qubit in open_controls:
-            self.target.x(qubit)
-        if phase:
-            self.target.p(phase, controls[0])
-        angles = map(float, base.params)
-        getattr(self.target, method)(*angles, *targets, controls=controls)
-        for qubit in open_controls:
-            self.target.x(qubit)
+        count = operation.num_ctrl_qubits
+        # qiskit's first control is the least significant bit of the state.
+        under = {"controls": qubits[:count][::-1], "ctrl_state": operation.ctrl_state}
+        getattr(self.target, method)(*map(_angle, base.params), *qubits[count:], **under)
+        if operation.base_class.__name__ == "CUGate" and operation.params[3] != 0:
+            self.target.global_phase(_angle(operation.params[3]), **under)
         return True
 
     def _annotated(self, operation: Any, qubits: list[int]) -> None:

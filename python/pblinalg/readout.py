@@ -14,7 +14,7 @@ from numpy.typing import NDArray
 from . import _core
 from .arguments import Precision, Qubits, count, outcome_number, precision_name, seed_number
 from .counts import Counts
-from .gates import as_qubits
+from .gates import GateMethods, as_qubits
 from .observable import Observable, ObservableLike
 from .progress import Progress, check_progress, reporter
 
@@ -46,10 +46,13 @@ def register_bytes(num_qubits: int, precision: str) -> float:
     return (8.0 if precision_name(precision) == "float" else 16.0) * 2.0 ** min(num_qubits, 1000)
 
 
-class Readout:
+class Readout(GateMethods):
     """What pure states and density matrices have in common; `_core` is the lower-level state."""
 
     __slots__ = ("_core", "_seed", "_threads_chosen")
+
+    #: A density matrix, on the rows and columns of which gates act.
+    _both_sides = False
 
     if TYPE_CHECKING:
         _core: Any
@@ -76,6 +79,8 @@ class Readout:
         core.rng.seed(self._seed)
         core.reset()
         self._core = core
+        GateMethods.__init__(self)
+        _core.apply_to(self, core, self._both_sides)
 
     def _resize_core(self, core_qubits: int) -> None:
         self._core.resize(core_qubits)

@@ -7,10 +7,14 @@ from dataclasses import dataclass
 from itertools import accumulate, islice
 from typing import Any, SupportsIndex
 
-from ._core import GateSequence, require_memory
+import numpy as np
+from numpy.typing import NDArray
+
+from ._core import GateList, require_memory
 from .arguments import Precision, count
 from .counts import Counts
 from .execution import shifted
+from .parameters import Values, values_in_order
 from .program import Conditional, Measure, Program, Reset, Step, count_gates
 from .progress import Progress, reporter
 from .readout import NORM_TOLERANCE, register_bytes
@@ -28,8 +32,10 @@ def run(
     threads: SupportsIndex | None = None,
     seed: SupportsIndex | None = None,
     progress: Progress = None,
+    values: Values | None = None,
 ) -> Counts:
-    """Runs a circuit from |0...0> and counts what its measurements read.
+    """Runs a circuit from |0...0> and counts what its measurements read. `values` are those of its
+    parameters, in order or by parameter or name.
 
     A circuit without measurements is read out over all qubits at its end. Where nothing acts on a
     qubit after it was measured, and where the outcome of a measurement or reset is certain, the
@@ -47,6 +53,7 @@ def run(
     if not isinstance(circuit, Program):
         raise TypeError(f"circuit must be a Circuit, got {circuit!r}")
     number = count(shots, "shots")
+    numbers = values_in_order(circuit, values)
     steps: Sequence[Step] = circuit.steps
     num_bits, registers = circuit.num_clbits, circuit.registers
     if not _measures(steps):
@@ -60,7 +67,7 @@ def run(
             f"running {circuit.num_qubits} qubits once per shot",
         )
     state = StateVector(circuit.num_qubits, precision, threads, seed)
-    shared = _Shot(state, [0] * num_bits, {})
+    shared = _Shot(state, numbers, [0] * num_bits, {})
     with reporter(progress, count_gates(steps), "gate") as report:
         shared.report = report
         rest = shared.follow([plan], draw=False)
@@ -73,7 +80,7 @@ def run(
             for shot in range(number):
                 if shot:
                     state.amplitudes[:] = start
-                own = _Shot(state, list(shared.bits), dict(shared.deferred))
+                own = _Shot(state, numbers, list(shared.bits), dict(shared.deferred))
                 own.follow(rest, draw=True)
                 key = own.draw(registers)
                 counts[key] = counts.get(key, 0) + 1
@@ -101,8 +108,15 @@ class _Shot:
     """A run of a plan on a state: the bits read so far, and the final measurements, which are
     sampled together at the end, as qubits by classical bit."""
 
-    def __init__(self, state: StateVector, bits: list[int], deferred: dict[int, int]) -> None:
+    def __init__(
+        self,
+        state: StateVector,
+        values: NDArray[np.float64],
+        bits: list[int],
+        deferred: dict[int, int],
+    ) -> None:
         self._state = state
+        self._values = values
         self._core: Any = state.core
         self._negligible = NEGLIGIBLE[state.precision]
         self.bits = bits
@@ -118,7 +132,7 @@ class _Shot:
             nodes = waiting.pop()
             for place, node in enumerate(nodes):
                 step = node.step
-                if isinstance(step, GateSequence):
+                if isinstance(step, GateList):
                     self._apply(step)
                 elif isinstance(step, Conditional):
                     read = "".join(str(self.bits[clbit]) for clbit in step.clbits)
@@ -163,8 +177,8 @@ class _Shot:
         ends = list(accumulate(registers))
         return " ".join([text[end - size : end] for size, end in zip(registers, ends)])
 
-    def _apply(self, gates: GateSequence) -> None:
-        gates.apply(self._core, shifted(self.report, self._done))
+    def _apply(self, gates: GateList) -> None:
+        gates.run(self._core, self._values, shifted(self.report, self._done))
         self._done += len(gates)
 
     def _collapse(self, node: _Node, draw: bool) -> bool:
@@ -210,7 +224,7 @@ def _may_branch(plan: Sequence[_Node]) -> bool:
         (
             _may_branch(node.block)
             if isinstance(node.step, Conditional)
-            else not isinstance(node.step, GateSequence) and not node.final and not node.fresh
+            else not isinstance(node.step, GateList) and not node.final and not node.fresh
         )
         for node in plan
     )
@@ -227,9 +241,7 @@ class _Used:
     """Which qubits and classical bits the steps use, as masks."""
 
     def __init__(self, num_qubits: int) -> None:
-        self._num_qubits = num_qubits
         self._all = (1 << num_qubits) - 1
-        self._masks: dict[int, int] = {}
 
     def forward(self, steps: Sequence[Step], touched: int) -> tuple[list[_Node], int]:
         """Marks what is fresh; `touched` are the qubits that may not be |0>."""
@@ -237,9 +249,9 @@ class _Used:
         for step in steps:
             node = _Node(step)
             nodes.append(node)
-            if isinstance(step, GateSequence):
+            if isinstance(step, GateList):
                 if touched != self._all:
-                    touched |= self._qubits_of(step)
+                    touched |= step.qubits
             elif isinstance(step, Conditional):
                 node.block, after = self.forward(step.steps, touched)
                 touched |= after
@@ -256,10 +268,10 @@ class _Used:
         for place in range(len(nodes) - 1, -1, -1):
             node = nodes[place]
             step = node.step
-            if isinstance(step, GateSequence):
+            if isinstance(step, GateList):
                 # What comes before the first measurement asks for nothing.
                 if place > first:
-                    acted |= self._qubits_of(step)
+                    acted |= step.qubits
             elif isinstance(step, Conditional):
                 inner, asked = self.backward(node.block, acted, read)
                 acted |= inner
@@ -275,16 +287,3 @@ class _Used:
     @staticmethod
     def _measures(node: _Node) -> bool:
         return isinstance(node.step, (Measure, Conditional))
-
-    def _qubits_of(self, gates: GateSequence) -> int:
-        if id(gates) not in self._masks:
-            mask = 0
-            for i in range(len(gates)):
-                name, qubits, controls, _ = gates.gate(i)
-                for qubit in (*qubits, *controls):
-                    # Numbers of an oracle count from the last qubit down.
-                    mask |= 1 << (self._num_qubits - 1 - qubit if name == "phase_oracle" else qubit)
-                if mask == self._all:
-                    break
-            self._masks[id(gates)] = mask
-        return self._masks[id(gates)]

@@ -10,8 +10,9 @@ from numpy.typing import ArrayLike, NDArray
 
 from .arguments import MAX_COUNT, Precision, Qubits, complex_array, count, integer, outcome_number
 from .execution import run_steps
-from .gates import GateMethods, as_qubits
+from .gates import as_qubits
 from .html_tables import state_table, table
+from .parameters import Values, values_in_order
 from .program import Program
 from .progress import Progress, reporter
 from .readout import Readout
@@ -23,7 +24,7 @@ if TYPE_CHECKING:
 LOSS_TOLERANCE = 1e-6
 
 
-class StateVector(Readout, GateMethods):
+class StateVector(Readout):
     """The pure state of `num_qubits` qubits, in |0...0> at first.
 
     precision: "double" (complex128 amplitudes) or "float" (complex64).
@@ -41,7 +42,7 @@ class StateVector(Readout, GateMethods):
     >>> StateVector(2, seed=7).h(0).cx(0, 1).sample(100)
     """
 
-    __slots__ = ("_gates", "_bits", "__weakref__")
+    __slots__ = ("_bits", "__weakref__")
 
     def __init__(
         self,
@@ -51,7 +52,6 @@ class StateVector(Readout, GateMethods):
         seed: SupportsIndex | None = None,
     ) -> None:
         self._allocate(count(num_qubits, "num_qubits", 0, MAX_COUNT), precision, threads, seed)
-        self._gates = self._core
         self._bits: list[int] = []
 
     def __getstate__(self) -> dict[str, Any]:
@@ -59,7 +59,6 @@ class StateVector(Readout, GateMethods):
 
     def __setstate__(self, state: dict[str, Any]) -> None:
         super().__setstate__(state)
-        self._gates = self._core
         self._bits = list(state["bits"])
 
     @property
@@ -189,12 +188,15 @@ class StateVector(Readout, GateMethods):
 
     # ---- Running ---------------------------------------------------------------------------------
 
-    def run(self, circuit: Program, progress: Progress = None) -> Self:
-        """Applies a circuit once, measurements and all, to the state as it is.
+    def run(
+        self, circuit: Program, progress: Progress = None, values: Values | None = None
+    ) -> Self:
+        """Applies a circuit once, measurements and all, to the state as it is. `values` are those
+        of its parameters, in order or by parameter or name.
 
-        Ctrl-C, and an exception from `progress`, stop between pieces of the circuit: the state then
-        holds the effect of exactly the gates and measurements up to there, and `core.gates_applied`
-        has grown by the number of those gates.
+        Ctrl-C, and an exception from `progress`, stop between passes over the state: it then holds
+        the effect of exactly the gates and measurements up to there, and `core.gates_applied` has
+        grown by the number of those gates. While gates run, the state is not to be used.
         """
         if not isinstance(circuit, Program):
             raise TypeError(f"circuit must be a Circuit, got {circuit!r}")
@@ -202,9 +204,10 @@ class StateVector(Readout, GateMethods):
             raise ValueError(
                 f"circuit acts on {circuit.num_qubits} qubits; the state has {self.num_qubits}"
             )
+        numbers = values_in_order(circuit, values)
         self._bits = [0] * circuit.num_clbits
         with reporter(progress, len(circuit), "gate") as report:
-            run_steps(self._core, circuit.steps, self._bits, report)
+            run_steps(self._core, circuit.steps, self._bits, numbers, report)
         return self
 
     # ---- Reading ---------------------------------------------------------------------------------

@@ -4,7 +4,7 @@ from __future__ import annotations
 
 from html import escape
 
-from .drawing import CONTROL, CROSS, METER, NOT, Element, Layout
+from .drawing import CONTROL, CROSS, METER, NOT, OPEN, Element, Layout
 from .program import Program
 
 _PITCH = 40  # between wires
@@ -120,6 +120,8 @@ def _element(element: Element, x: float, top: float) -> list[str]:
 def _sign(label: str, x: float, y: float) -> list[str]:
     if label == CONTROL:
         return [f'<circle class="dot" cx="{x:g}" cy="{y:g}" r="4"/>']
+    if label == OPEN:
+        return [f'<circle class="box" cx="{x:g}" cy="{y:g}" r="4"/>']
     if label == CROSS:
         return [f'<path d="M{x - 6:g} {y - 6:g}l12 12m0 -12l-12 12" stroke-width="1.5"/>']
     if label == NOT:

@@ -55,7 +55,19 @@ class QubitArguments {
   public:
     explicit QubitArguments(unsigned int nqubits) : nqubits_(nqubits) {}
 
-    unsigned int one(nb::handle value, const char* name) { return add(value, name, -1); }
+    unsigned int one(nb::handle value, const char* name) {
+        if (PyLong_CheckExact(value.ptr())) {
+            int overflow = 0;
+            const long qubit = PyLong_AsLongAndOverflow(value.ptr(), &overflow);
+            const bool in_range =
+                overflow == 0 && qubit >= 0 && qubit < static_cast<long>(nqubits_);
+            if (in_range && !(seen_ >> qubit & 1)) {
+                seen_ |= std::uint64_t{1} << qubit;
+                return static_cast<unsigned int>(qubit);
+            }
+        }
+        return add(value, name, -1);
+    }
     std::vector<unsigned int> list(nb::handle values, const char* name);
 
   private:

@@ -1,5 +1,4 @@
-// The gate members, bound once for everything that takes gates: state vectors apply them, gate
-// sequences record them. Arguments are checked here and nowhere further down.
+// The gate members of the state vectors. Arguments are checked here and nowhere further down.
 #pragma once
 
 #include <nanobind/nanobind.h>

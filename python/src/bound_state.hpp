@@ -9,6 +9,7 @@
 #include <pblinalg/pblinalg.hpp>
 
 #include "arguments.hpp"
+#include "circuits/lowering.hpp"
 
 namespace pblinalg::python {
 
@@ -22,22 +23,38 @@ extern std::atomic<int> unlocked_calls;
 /// Releases the interpreter lock for its lifetime, when `worthwhile`.
 class Unlocked {
   public:
-    explicit Unlocked(bool worthwhile) : thread_(nullptr) {
-        if (!worthwhile) return;
+    explicit Unlocked(bool worthwhile) : worthwhile_(worthwhile) { release(); }
+    Unlocked(const Unlocked&) = delete;
+    Unlocked& operator=(const Unlocked&) = delete;
+    ~Unlocked() { take(); }
+
+    /// Runs `work` with the lock.
+    template <class Work>
+    void locked(const Work& work) {
+        struct Again {
+            Unlocked& unlocked;
+            ~Again() { unlocked.release(); }
+        };
+        take();
+        const Again again{*this};
+        work();
+    }
+
+  private:
+    void release() {
+        if (!worthwhile_) return;
         ++unlocked_calls;
         thread_ = PyEval_SaveThread();
     }
-    Unlocked(const Unlocked&) = delete;
-    Unlocked& operator=(const Unlocked&) = delete;
-    ~Unlocked() {
-        if (!thread_) return;
+    void take() {
+        if (!worthwhile_) return;
         // Before the lock is asked for: a fork holds the lock while it waits for this count.
         --unlocked_calls;
         PyEval_RestoreThread(thread_);
     }
 
-  private:
-    PyThreadState* thread_;
+    bool worthwhile_;
+    PyThreadState* thread_ = nullptr;
 };
 
 /// What a call in progress marks on every object that it uses.
@@ -45,14 +62,16 @@ struct Shared {
     bool busy = false;
 };
 
+[[noreturn]] inline void raise_in_use() {
+    raise(PyExc_RuntimeError, "the object is in use by another call; use one thread at a time");
+}
+
 /// Claims an object for one call: a second thread, or Python code run by the conversion of an
 /// argument, gets RuntimeError instead of a torn object.
 class Use {
   public:
     explicit Use(Shared& object) : object_(object) {
-        if (object.busy)
-            raise(PyExc_RuntimeError,
-                  "the object is in use by another call; use one thread at a time");
+        if (object.busy) raise_in_use();
         object.busy = true;
     }
     Use(const Use&) = delete;
@@ -72,8 +91,10 @@ struct BoundState : cpu::PybindLinAlgStateVectorCPU<T>, Shared {
 
     /// NumPy arrays that look at the amplitudes.
     unsigned int views = 0;
-    /// Gates applied by gate sequences since construction.
+    /// Gates applied by gate lists since construction.
     unsigned long long gates_applied = 0;
+    /// Room for the gate that is applied.
+    cpu::Program<T> gate;
 
     MemoryRange amplitudes() const {
         return {this->state.get(), this->state ? this->size * sizeof(std::complex<T>) : 0};

@@ -9,7 +9,8 @@ template <class T>
 void bind_records(nanobind::module_& module);
 template <class T>
 void bind_state(nanobind::module_& module);
-void bind_gate_sequence(nanobind::module_& module);
+void bind_gate_lists(nanobind::module_& module);
+void bind_gate_methods(nanobind::module_& module);
 void bind_machine(nanobind::module_& module);
 
 }  // namespace pblinalg::python

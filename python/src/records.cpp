@@ -11,21 +11,16 @@ namespace pblinalg::python {
 namespace {
 
 struct GateShape {
-    const char* name;
     std::size_t qubits;
     std::size_t params;
 };
 
-/// The gates that a circuit record can hold.
-constexpr GateShape gate_shapes[] = {{"H", 1, 0},  {"X", 1, 0},    {"Y", 1, 0},   {"Z", 1, 0},
-                                     {"RX", 1, 1}, {"RY", 1, 1},   {"RZ", 1, 1},  {"PH", 1, 1},
-                                     {"T", 1, 0},  {"CNOT", 2, 0}, {"SWAP", 2, 0}};
-
-const GateShape* shape_of(const std::string& name) {
-    for (const GateShape& shape : gate_shapes) {
-        if (name == shape.name) return &shape;
-    }
-    return nullptr;
+/// What a circuit record holds for a gate that it knows.
+std::optional<GateShape> shape_of(const std::string& name) {
+    if (name == "CNOT") return GateShape{2, 0};
+    const std::optional<GateKind> kind = gate_named(name);
+    if (!kind || !info(*kind).in_record) return std::nullopt;
+    return GateShape{info(*kind).n_targets, info(*kind).n_angles};
 }
 
 template <class T>
@@ -80,14 +75,14 @@ void bind_circuit(nb::module_& module) {
                 const Use use(self);
                 const std::string gate = text_argument(name, "name");
                 const auto angles = finite_list<T>(params, "params");
-                const GateShape* const shape = shape_of(gate);
+                const std::optional<GateShape> shape = shape_of(gate);
                 QubitArguments arguments(self.nqubits);
                 const auto listed =
                     shape ? arguments.list(qubits, "qubits") : word_list(qubits, "qubits");
                 if (shape && (listed.size() != shape->qubits || angles.size() != shape->params)) {
                     raise(PyExc_ValueError,
                           "%s: %zu qubits and %zu params; expected %zu qubits and %zu params",
-                          shape->name, listed.size(), angles.size(), shape->qubits, shape->params);
+                          gate.c_str(), listed.size(), angles.size(), shape->qubits, shape->params);
                 }
                 self.add_gate(gate, angles, listed);
                 if (!shape && !self.unknown) self.unknown = gate;

@@ -191,7 +191,7 @@ void bind_lifecycle(nb::class_<BoundState<T>>& target) {
         .def_prop_ro("named_ctrl_gates", [](const State& self) { return self.named_ctrl_gates; })
         .def_ro("views", &State::views, "Arrays of amplitudes that are alive.")
         .def_ro("gates_applied", &State::gates_applied,
-                "Gates applied by gate sequences since construction.")
+                "Gates applied by gate lists since construction.")
         .def(
             "get_named_ctrl_gates", [](State& self) { return self.get_named_ctrl_gates(); },
             "Names of the gates that take control qubits.")

@@ -11,7 +11,7 @@ H = (X + Z) / np.sqrt(2)
 
 
 def rotation(pauli, theta):
-    return np.cos(theta / 2) * np.eye(2) - 1j * np.sin(theta / 2) * pauli
+    return np.cos(theta / 2) * np.eye(len(pauli)) - 1j * np.sin(theta / 2) * pauli
 
 
 def phase(theta):

@@ -149,9 +149,9 @@ def objects():
     if kind == 6:
         return random.choice([low.SimpleTermDouble, low.SimpleTermFloat])([0, 1], "XY")
     if kind == 7:
-        return low.GateSequence(random.randrange(5))
+        return low.GateList(random.randrange(5))
     if kind == 8:
-        return pb.Circuit(random.randrange(5))
+        return pb.Circuit(random.randrange(5)).global_phase(pb.Parameter("a"))
     if kind == 9:
         return pb.StateVector(random.randrange(5))
     if kind == 10:
@@ -203,13 +203,17 @@ def likely(name):
     if name in ("qubits", "ctrls", "controls", "address", "data", "clbits"):
         return random.sample(range(5), random.randrange(4))
     if name in ("theta", "phi", "lam", "threshold", "probability", "factor", "coefficient"):
-        return random.choice([0.0, 0.3, -1.2])
+        return random.choice([0.0, 0.3, -1.2, pb.Parameter("a"), 2 * pb.Parameter("b")])
     if name in ("matrix", "operators"):
         return np.eye(2 ** random.choice([1, 1, 2, 3]))
     if name in ("nqubits", "num_qubits", "shots", "nshots", "outcome", "data_width", "num_threads"):
         return random.randrange(6)
-    if name in ("out", "source", "amplitudes", "words", "table", "marked"):
+    if name in ("out", "source", "amplitudes", "words", "table"):
         return random.choice([None, [0, 1], array()])
+    if name in ("values", "marked", "angles"):
+        return random.choice([None, [0, 1], (), {"a": 1.5}, array()])
+    if name == "ctrl_state":
+        return random.choice([None, 0, 1, "01"])
     if name in ("terms", "letters", "description", "paulis", "text", "name"):
         return text()
     return random.choice(pool)

@@ -51,7 +51,7 @@ def described(thing):
     """All that can be seen of an object; later draws of its generator, too."""
     if isinstance(thing, pb.Circuit):
         steps = [repr(step).split(" object at")[0] for step in thing.steps]
-        gates = [(*gate[:3], np.asarray(gate[3]).tolist()) for gate in thing]
+        gates = [(*gate[:5], np.asarray(gate[5]).tolist()) for gate in thing]
         return steps, gates, thing.registers, thing.run(40, seed=1)
     if isinstance(thing, pb.Observable):
         return str(thing), pb.StateVector(3).h(0).expectation(thing)
@@ -114,7 +114,7 @@ def test_one_circuit_runs_in_many_threads_and_in_other_processes():
     with multiprocessing.get_context("spawn").Pool(1) as pool:
         assert pool.map(run_seed, [(circuit, 0), (circuit, 1)]) == expected[:2]
     with pytest.raises(RuntimeError, match="in use"):
-        pb.StateVector(3).run(circuit, progress=lambda *_: circuit.steps[0].apply_H(0))
+        pb.StateVector(3).run(circuit, progress=lambda *_: circuit.steps[0].add("H", [0]))
 
 
 def test_seeds_are_wide_told_and_repeatable():

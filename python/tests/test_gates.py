@@ -5,7 +5,8 @@ import pytest
 
 import dense
 import pblinalg as pb
-from pblinalg.lowlevel import GateSequence
+from pblinalg._core import take_gates
+from pblinalg.lowlevel import GateList, gate_matrix, gate_table
 
 T = 0.7312
 U = np.array(
@@ -31,6 +32,16 @@ ONE_QUBIT = {
     "rz": ((T,), dense.rotation(dense.Z, T)),
     "u": ((T, 0.2, 0.3), U),
 }
+EXCHANGE = {
+    "swap": ((), dense.SWAP),
+    "sqrt_swap": ((), dense.SQRT_SWAP),
+    "iswap": ((), dense.ISWAP),
+    "rxx": ((T,), dense.rotation(np.kron(dense.X, dense.X), T)),
+    "ryy": ((T,), dense.rotation(np.kron(dense.Y, dense.Y), T)),
+    "rzz": ((T,), dense.rotation(np.kron(dense.Z, dense.Z), T)),
+}
+#: Gates that take controls and what these read.
+BASES = ONE_QUBIT | EXCHANGE
 SEVERAL_QUBITS = {
     "cx": ((), dense.controlled(dense.X, 1)),
     "cy": ((), dense.controlled(dense.Y, 1)),
@@ -40,14 +51,21 @@ SEVERAL_QUBITS = {
     "crx": ((T,), dense.controlled(dense.rotation(dense.X, T), 1)),
     "cry": ((T,), dense.controlled(dense.rotation(dense.Y, T), 1)),
     "crz": ((T,), dense.controlled(dense.rotation(dense.Z, T), 1)),
+    "csx": ((), dense.controlled(ONE_QUBIT["sx"][1], 1)),
+    "cu": ((T, 0.2, 0.3, 0.4), dense.controlled(np.exp(0.4j) * U, 1)),
     "ccx": ((), dense.controlled(dense.X, 2)),
-    "swap": ((), dense.SWAP),
     "cswap": ((), dense.controlled(dense.SWAP, 1)),
-    "sqrt_swap": ((), dense.SQRT_SWAP),
-    "iswap": ((), dense.ISWAP),
 }
-GATES = ONE_QUBIT | SEVERAL_QUBITS
+GATES = BASES | SEVERAL_QUBITS
 QUBITS = 4
+
+
+def held(matrix, controls, state):
+    """`matrix` where more qubits, which come first, read `state`."""
+    result = np.eye(len(matrix) << controls, dtype=complex)
+    place = slice(state * len(matrix), (state + 1) * len(matrix))
+    result[place, place] = matrix
+    return result
 
 
 def every_use(rng):
@@ -55,14 +73,48 @@ def every_use(rng):
     for name, (angles, matrix) in GATES.items():
         qubits = [int(q) for q in rng.permutation(QUBITS)[: len(matrix).bit_length() - 1]]
         yield name, (lambda o, n=name, a=angles, q=qubits: getattr(o, n)(*a, *q)), qubits, matrix
-    for name, (angles, matrix) in ONE_QUBIT.items():
-        qubit, *controls = [int(q) for q in rng.permutation(QUBITS)[:3]]
+    for name, (angles, matrix) in BASES.items():
+        targets = len(matrix).bit_length() - 1
+        for state in (None, int(rng.integers(4))):
+            listed = [int(q) for q in rng.permutation(QUBITS)[: targets + 2]]
+            yield (
+                f"{name} under {state}",
+                lambda o, n=name, a=angles, q=listed, s=state: getattr(o, n)(
+                    *a, *q[2:], controls=q[:2], ctrl_state=s
+                ),
+                listed,
+                held(matrix, 2, 3 if state is None else state),
+            )
+    for name, (angles, matrix) in SEVERAL_QUBITS.items():
+        controls = 2 if name == "ccx" else 1
+        small = matrix[-(len(matrix) >> controls) :, -(len(matrix) >> controls) :]
+        listed = [int(q) for q in rng.permutation(QUBITS)[: len(matrix).bit_length() - 1]]
         yield (
-            f"{name} under controls",
-            (lambda o, n=name, a=angles, q=qubit, c=controls: getattr(o, n)(*a, q, controls=c)),
-            [*controls, qubit],
-            dense.controlled(matrix, 2),
+            f"{name} under zeros",
+            lambda o, n=name, a=angles, q=listed, c=controls: getattr(o, n)(
+                *a, *q, ctrl_state="0" * c
+            ),
+            listed,
+            held(small, controls, 0),
         )
+    for name, angles, matrix in (
+        ("mcx", (), dense.X), ("mcz", (), dense.Z), ("mcp", (T,), dense.phase(T))
+    ):  # fmt: skip
+        listed = [int(q) for q in rng.permutation(QUBITS)]
+        yield (
+            name,
+            lambda o, n=name, a=angles, q=listed: getattr(o, n)(*a, q[:3], q[3], "011"),
+            listed,
+            held(matrix, 3, 3),
+        )
+    yield "id", lambda o: o.id(1), [1], dense.I2
+    yield "global_phase", lambda o: o.global_phase(T), [0], np.exp(1j * T) * dense.I2
+    yield (
+        "a phase under a control",
+        lambda o: o.global_phase(T, [2], 0),
+        [2],
+        np.diag([np.exp(1j * T), 1]),
+    )
     for k in (1, 2, 3, 4):
         for controls in range(0, QUBITS - k + 1):
             unitary = dense.random_unitary(rng, 2**k)
@@ -73,6 +125,21 @@ def every_use(rng):
                     (lambda o, m=matrix, q=listed, c=controls: o.unitary(m, q[c:], q[:c])),
                     listed,
                     dense.controlled(matrix, controls),
+                )
+            signs = np.where(np.arange(2**k) % 3 == 1, -1, 1)
+            for name, values, diag in (
+                ("diagonal", np.diag(matrix), matrix),
+                ("phase_oracle", np.flatnonzero(signs < 0), np.diag(signs)),
+            ):
+                listed = [int(q) for q in rng.permutation(QUBITS)[: controls + k]]
+                state = int(rng.integers(2**controls))
+                yield (
+                    f"{name} of {2**k} values under {controls} controls that read {state}",
+                    lambda o, n=name, v=values, q=listed, c=controls, s=state: getattr(o, n)(
+                        v, q[c:], q[:c], ctrl_state=s
+                    ),
+                    listed,
+                    held(diag, controls, state),
                 )
 
 
@@ -112,6 +179,46 @@ def test_basis_changes_of_the_lower_level(precision):
             np.testing.assert_allclose(state.state, matrix[:, column], atol=precision.tolerance)
 
 
+def test_every_row_of_the_table_has_a_matrix_an_inverse_and_a_conjugate(rng):
+    for name, targets, n_angles, formula in gate_table:
+        angles = [float(a) for a in rng.normal(size=n_angles)]
+        gates = GateList(3)
+        matrix, values = None, None
+        if name in ("matrix", "diagonal", "phase_oracle"):
+            targets = 2
+            matrix = dense.random_unitary(rng, 4)
+            if name == "diagonal":
+                matrix = np.diag(np.exp(1j * rng.normal(size=4)))
+            if name == "phase_oracle":
+                matrix = np.diag([1, -1, 1, -1])
+            values = {"matrix": matrix, "diagonal": np.diag(matrix), "phase_oracle": [1, 3]}[name]
+        else:
+            matrix = gate_matrix(name, angles)
+        listed = [2, 0][:targets]
+        gates.add(name, listed, [1], 0, angles, values)
+        expected = dense.embed(held(matrix, 1, 0), [1, *listed], 3)
+        for relation, wanted in (
+            (lambda g: g, expected),
+            (lambda g: g.inverse(), expected.conj().T),
+            (lambda g: g.conjugate(), expected.conj()),
+        ):
+            circuit = pb.Circuit(3)
+            take_gates(circuit, relation(gates))
+            np.testing.assert_allclose(circuit.matrix(), wanted, atol=1e-14, err_msg=name + formula)
+        record = pb.lowlevel.PybindLinAlgWCircuitDouble(3)
+        state = pb.StateVector(3)
+        try:
+            record.add_gate(name, angles, listed)
+            state.core.simulate_circuit(record)
+        except ValueError:
+            continue
+        alone = pb.StateVector(3)
+        gates = GateList(3)
+        gates.add(name, listed, angles=angles)
+        gates.run(alone.core)
+        assert np.array_equal(alone.amplitudes, state.amplitudes), name
+
+
 def test_random_circuits_agree_with_dense_products_and_bit_for_bit_between_paths(precision, rng):
     n = 6
     for _ in range(5):
@@ -141,20 +248,6 @@ def test_random_circuits_agree_with_dense_products_and_bit_for_bit_between_paths
         assert np.array_equal(by_record.state, direct.state)
 
 
-def test_phase_oracle_marks_values_with_the_first_listed_qubit_most_significant(precision, rng):
-    n, qubits, marked = 5, [3, 0, 4], [1, 6]
-    start = dense.random_state(rng, n)
-    signs = np.array([-1 if v in marked else 1 for v in range(8)])
-    expected = dense.embed(np.diag(signs), qubits, n) @ start
-    state = pb.StateVector(n, precision.name).set_amplitudes(start)
-    np.testing.assert_allclose(
-        state.phase_oracle(marked, qubits).to_array(), expected, atol=precision.tolerance
-    )
-    circuit = pb.Circuit(n).phase_oracle(marked, qubits)
-    other = pb.StateVector(n, precision.name).set_amplitudes(start).run(circuit)
-    assert np.array_equal(other.amplitudes, state.amplitudes)
-
-
 def test_a_diagonal_beyond_the_library_s_limit_is_applied(precision, rng):
     n = 9
     phases = np.exp(1j * rng.normal(size=2**n))
@@ -166,14 +259,17 @@ def test_a_diagonal_beyond_the_library_s_limit_is_applied(precision, rng):
         state.core.apply_nqbit_gate(range(n), np.diag(phases))
 
 
-def test_sequences_list_extend_and_compose_what_was_recorded():
-    circuit = pb.Circuit(3).h(0).rx(0.5, 1, [2]).cx(1, 2).unitary(dense.H, 0).phase_oracle([1], [0])
-    names = [gate[0] for gate in circuit]
-    assert names == ["H", "RX", "CNOT", "matrix", "phase_oracle"]
-    assert list(circuit)[1] == ("RX", [1], [2], 0.5)
-    assert list(circuit)[4] == ("phase_oracle", [2], [], [1])
-    assert len(circuit.compose(circuit)) == 10 and len(circuit.copy()) == 10
-    sequence = GateSequence(2)
-    sequence.apply_X(1)
-    sequence.extend(sequence)
-    assert [sequence.gate(i) for i in range(2)] == [("X", [1], [], None)] * 2
+def test_circuits_list_their_gates_and_join():
+    circuit = pb.Circuit(3).h(0).rx(0.5, 1, [2]).ccx(2, 0, 1, "10").phase_oracle([1], [0, 2])
+    assert [gate.name for gate in circuit] == ["H", "RX", "X", "phase_oracle"]
+    assert list(circuit)[1:3] == [
+        ("RX", [1], [2], 1, (0.5,), None),
+        # Controls in order of their numbers.
+        ("X", [1], [0, 2], 0b01, (), None),
+    ]
+    wider = pb.Circuit(4).compose(circuit).compose(circuit)
+    assert list(wider) == list(circuit) * 2 and list(circuit.copy()) == list(circuit)
+    gates = GateList(2)
+    gates.add("X", [1])
+    gates.extend(gates)
+    assert [gates.gate(i) for i in range(2)] == [("X", [1], [], 0, (), None)] * 2

@@ -66,6 +66,23 @@ def test_svg_drawings_are_documents_of_the_same_elements():
     assert circuit._repr_svg_() == circuit.draw("svg")
 
 
+def test_drawings_show_parameters_open_controls_and_phases():
+    a = pb.Parameter("a")
+    circuit = pb.Circuit(2).rx(2 * a, 0).x(1, [0], ctrl_state=0).rzz(a - 1, 0, 1)
+    text = circuit.global_phase(np.pi).global_phase(a, [1]).draw(width=200)
+    for label in ("Rx(2*a)", "○", "Rzz(a-1)", " φ(π) ", "●φ(a)"):
+        assert label in text
+    assert ElementTree.fromstring(circuit.draw("svg"))
+    assert circuit.count_ops() == {
+        "global_phase": 1,
+        "rx": 1,
+        "cx": 1,
+        "rzz": 1,
+        "cglobal_phase": 1,
+    }
+    assert circuit.depth() == 4
+
+
 def test_operations_depth_and_matrix(rng):
     circuit = teleport()
     assert circuit.count_ops() == {

@@ -141,7 +141,7 @@ UPPER = [
     ("v.unitary(EYE, '0')", TypeError, "qubits must be a qubit or a list of qubits, got '0'"),
     ("v.phase_oracle([4], [0, 1])", ValueError, "marked must lie between 0 and 3, got 4"),
     ("v.phase_oracle([0], [4])", IndexError, "qubits = 4"),
-    ("v.phase_oracle([0], [0.5])", TypeError, "qubits must be integers, got 0.5"),
+    ("v.phase_oracle([0], [0.5])", TypeError, r"qubits\[0\] must be an integer, got 0.5"),
     # Loading
     ("v.set_product('012+')", ValueError, "expected 4 characters 0, 1, . or -"),
     ("v.set_product(5)", TypeError, "description must be a str, got 5"),

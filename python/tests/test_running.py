@@ -105,7 +105,7 @@ def exact_distribution(circuit, precision):
                                 other.x(step.qubit)
                             after.append((weight * p, other, own))
                 else:
-                    step.apply(state.core)
+                    step.run(state.core)
                     after.append((weight, state, bits))
             branches = after
         return branches

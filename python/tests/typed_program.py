@@ -75,7 +75,7 @@ def main() -> None:
     result = circuit.run(50, precision="single", seed=3)
     seed: int | None = result.seed
     assert seed == 3 and pb.run(circuit, 50, "single", seed=seed) == result
-    gates = [name for name, _, _, _ in circuit]
+    gates = [gate.name for gate in circuit]
     assert len(gates) == len(circuit) and bool(circuit)
     inverted: pb.Circuit = pb.Circuit(2).h(0).cx(0, 1).inverse()
     back = copy.deepcopy(pb.StateVector(2)).run(inverted, progress=lambda done, total: None)

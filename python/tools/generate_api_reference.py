@@ -6,7 +6,7 @@ import sys
 from pathlib import Path
 
 import pblinalg
-from pblinalg import density_matrix, gates, lowlevel, program, qasm, readout
+from pblinalg import _core, density_matrix, gates, lowlevel, program, qasm, readout
 
 TARGET = Path(__file__).resolve().parents[2] / "docs" / "python-api.md"
 
@@ -75,6 +75,22 @@ def native_signature(signature: str) -> str:
     return signature.removeprefix("def ").replace("self, ", "").replace("self", "")
 
 
+def gate_signature(signature: str) -> str:
+    """The native signature of a gate method with the names that `arguments` has for its types."""
+    several = r"collections\.abc\.Sequence\[typing\.SupportsIndex\] \| [\w.]+\[[\w.]+\[[\w.]+\]\]"
+    text = re.sub(several, "Several", native_signature(signature))
+    return re.sub(r"\b(typing|typing_extensions)\.", "", text)
+
+
+def gate_members(cls) -> list[str]:
+    lines = []
+    for name, member in vars(cls).items():
+        if hasattr(member, "__nb_signature__") and not name.startswith("_"):
+            signature, text, *_ = member.__nb_signature__[0]
+            lines += entry(gate_signature(signature), inspect.cleandoc(text))
+    return lines
+
+
 def native_section(cls) -> list[str]:
     lines = [f"### {cls.__name__}", "", text_of(cls), ""]
     for name, member in vars(cls).items():
@@ -93,8 +109,9 @@ def reference() -> str:
     lines += class_section("StateVector", pblinalg.StateVector, readout.Readout)
     lines += ["## Gates", "", text_of(gates.GateMethods), ""]
     lines += ["`StateVector`, `DensityMatrix` and `Circuit` share these methods.", ""]
-    lines += members_of(gates.GateMethods)
+    lines += gate_members(_core.GateMethods) + members_of(gates.GateMethods)
     lines += class_section("Circuit", pblinalg.Circuit, program.Program)
+    lines += native_section(pblinalg.Parameter)
     for step in (pblinalg.Measure, pblinalg.Reset, pblinalg.Conditional):
         fields = ", ".join(step.__dataclass_fields__)
         lines += entry(f"{step.__name__}({fields})", text_of(step))
@@ -119,6 +136,11 @@ def reference() -> str:
         if inspect.isclass(member):
             if not name.endswith("Float"):
                 lines += native_section(member)
+        elif isinstance(member, tuple):
+            text = (
+                "The gates of a `GateList`: name, number of targets and of angles (0 targets where "
+            )
+            lines += entry(name, text + "each gate has its own number), and what the gate does.")
         else:
             signature, text, *_ = member.__nb_signature__[0]
             lines += entry(native_signature(signature), text_of(member))
