@@ -13,7 +13,7 @@ namespace pblinalg {
 /// A gate of a gate list. The last three take their values from the list.
 enum class GateKind : unsigned char {
     H, X, Y, Z, S, Sdg, T, Tdg, SX, SXdg, PH, RX, RY, RZ, U, YtoZ, ZtoY, GPHASE,
-    SWAP, SQRTSWAP, SQRTSWAPdg, ISWAP, ISWAPdg, RXX, RYY, RZZ,
+    SWAP, SQRTSWAP, SQRTSWAPdg, ISWAP, ISWAPdg, RXX, RYY, RZZ, RZX,
     matrix, diagonal, phase_oracle,
 };
 // clang-format on
@@ -89,6 +89,7 @@ inline constexpr std::array gate_table = [] {
         {RXX, "RXX", 2, 1, mixes, R::negated, R::negated, RXX, false, "exp(-i theta XX / 2)"},
         {RYY, "RYY", 2, 1, mixes, R::negated, R::negated, RYY, false, "exp(-i theta YY / 2)"},
         {RZZ, "RZZ", 2, 1, multiplies, R::negated, R::negated, RZZ, false, "exp(-i theta ZZ / 2)"},
+        {RZX, "RZX", 2, 1, mixes, R::negated, R::negated, RZX, false, "exp(-i theta ZX / 2), Z on the first target"},
         {matrix, "matrix", 0, 0, mixes, R::by_values, R::by_values, matrix, false, "its values, row-major"},
         {diagonal, "diagonal", 0, 0, multiplies, R::by_values, R::by_values, diagonal, false, "diag(its values)"},
         {phase_oracle, "phase_oracle", 0, 0, multiplies, R::same, R::same, phase_oracle, false,

@@ -416,6 +416,9 @@ void bind_two_qubit_gates(nb::class_<GateMethods>& cls) {
              nb::sig("def ryy(self, theta" PBLINALG_ANGLE PBLINALG_TWO), "exp(-i theta YY / 2).")
         .def("rzz", take_pair_turn<RZZ>, theta, first, second, controls, state,
              nb::sig("def rzz(self, theta" PBLINALG_ANGLE PBLINALG_TWO), "exp(-i theta ZZ / 2).")
+        .def("rzx", take_pair_turn<RZX>, theta, first, second, controls, state,
+             nb::sig("def rzx(self, theta" PBLINALG_ANGLE PBLINALG_TWO),
+             "exp(-i theta ZX / 2), Z on the first qubit.")
         .def(
             "cswap",
             [](Self self, nb::handle control, nb::handle qubit1, nb::handle qubit2,

@@ -39,6 +39,7 @@ EXCHANGE = {
     "rxx": ((T,), dense.rotation(np.kron(dense.X, dense.X), T)),
     "ryy": ((T,), dense.rotation(np.kron(dense.Y, dense.Y), T)),
     "rzz": ((T,), dense.rotation(np.kron(dense.Z, dense.Z), T)),
+    "rzx": ((T,), dense.rotation(np.kron(dense.Z, dense.X), T)),
 }
 #: Gates that take controls and what these read.
 BASES = ONE_QUBIT | EXCHANGE

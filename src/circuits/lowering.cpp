@@ -1,7 +1,8 @@
 // Every gate comes to moves, which cost nothing, around operations that have a kernel:
 //   RXX(a, b) = CNOT(a, b) RX(a) CNOT(a, b), since CNOT turns the pairs |00>, |11> and |01>, |10>
 //   into pairs that differ in a alone; RYY the same, with the angle negated where b is 0 then;
-//   SQRTSWAP likewise, as a 2x2 matrix where b is 1; RZZ, and the factors of ISWAP, go by parity.
+//   SQRTSWAP likewise, as a 2x2 matrix where b is 1; RZZ, and the factors of ISWAP, go by parity;
+//   RZX(a, b) is RX(b), with the angle negated where a is 1.
 #include "circuits/lowering.hpp"
 
 #include <algorithm>
@@ -147,7 +148,8 @@ class Lowering {
 
 /// Parts of coefficients that follow from a gate's angles.
 constexpr unsigned int n_angle_factors(GateKind kind) {
-    return kind == GateKind::U || kind == GateKind::RYY ? 8 : info(kind).n_angles == 0 ? 0 : 4;
+    using enum GateKind;
+    return kind == U || kind == RYY || kind == RZX ? 8 : info(kind).n_angles == 0 ? 0 : 4;
 }
 
 /// Writes the coefficients that follow from the angles.
@@ -165,6 +167,7 @@ void write_factors(GateKind kind, const double* angles, T* to) {
                 write(factor);
             return;
         case GateKind::RYY:
+        case GateKind::RZX:
             for (const T angle : {-theta, theta}) {
                 for (const auto& factor : GateRX::factors(angle))
                     write(factor);
@@ -290,7 +293,6 @@ void lower_named(GateKind kind, const unsigned int* q, Controls controls, std::u
     using C = std::complex<T>;
     const T half(0.5), diagonal = inv_sqrt2<T>;
     Lowering<T> to(program, controls);
-    // The second target's parity with the first one, or what a frame leaves of it.
     const auto phase = [&](C factor, Index selects) {
         to.multiply(Action::phase, selects, to.factors({C(1), factor}));
     };
@@ -360,6 +362,9 @@ void lower_named(GateKind kind, const unsigned int* q, Controls controls, std::u
                 to.mix(Action::RX, q[0], to.with(q[1], false), factors);
                 to.mix(Action::RX, q[0], to.with(q[1], true), factors + 4);
             });
+        case GateKind::RZX:
+            to.mix(Action::RX, q[1], to.with(q[0], true), factors);
+            return to.mix(Action::RX, q[1], to.with(q[0], false), factors + 4);
         case GateKind::RZZ:
             return to.multiply(Action::both, bit(q[0]) | bit(q[1]), factors);
         case GateKind::matrix:

@@ -122,6 +122,12 @@ void define(Amplitudes<T>& state, const GateView& gate) {
                 rotate_pair(a[1], a[2], theta);
             });
             break;
+        case GateKind::RZX:
+            mix([=](C* a) {
+                rotate_pair(a[0], a[1], theta);
+                rotate_pair(a[2], a[3], -theta);
+            });
+            break;
         case GateKind::RZZ: multiply([f = E::rz(theta)](std::size_t row, C& a) { f(row == 1 || row == 2, a); }); break;
         case GateKind::matrix: apply_matrix_exactly(state, targets, controls, values); break;
         case GateKind::diagonal: multiply([&](std::size_t row, C& a) { a = values[row] * a; }); break;
