@@ -232,6 +232,16 @@ void bind_parameter(nb::module_& module) {
         if (!is_number(other)) return nb::borrow(Py_NotImplemented);
         return nb::cast(result(number(other)));
     };
+    const auto times = [=](const Parameter& self, nb::handle factor) {
+        return combined(factor, [&](double f) {
+            return Parameter{self.name, self.scale * f, self.offset * f};
+        });
+    };
+    const auto plus = [=](const Parameter& self, nb::handle term) {
+        return combined(term, [&](double t) {
+            return Parameter{self.name, self.scale, self.offset + t};
+        });
+    };
     nb::class_<Parameter>(module, "Parameter",
                           "An angle that is given when a circuit runs.\n\n"
                           "Takes the place of any angle, also times a number or plus a number: "
@@ -253,22 +263,8 @@ void bind_parameter(nb::module_& module) {
         .def_ro("name", &Parameter::name)
         .def_ro("scale", &Parameter::scale, "What its value is multiplied by.")
         .def_ro("offset", &Parameter::offset, "What is added then.")
-        .def(
-            "__mul__",
-            [=](const Parameter& self, nb::handle factor) {
-                return combined(factor, [&](double f) {
-                    return Parameter{self.name, self.scale * f, self.offset * f};
-                });
-            },
-            nb::sig("def __mul__(self, factor: float, /) -> Parameter"))
-        .def(
-            "__rmul__",
-            [=](const Parameter& self, nb::handle factor) {
-                return combined(factor, [&](double f) {
-                    return Parameter{self.name, self.scale * f, self.offset * f};
-                });
-            },
-            nb::sig("def __rmul__(self, factor: float, /) -> Parameter"))
+        .def("__mul__", times, nb::sig("def __mul__(self, factor: float, /) -> Parameter"))
+        .def("__rmul__", times, nb::sig("def __rmul__(self, factor: float, /) -> Parameter"))
         .def(
             "__truediv__",
             [=](const Parameter& self, nb::handle divisor) {
@@ -278,22 +274,8 @@ void bind_parameter(nb::module_& module) {
                 });
             },
             nb::sig("def __truediv__(self, divisor: float, /) -> Parameter"))
-        .def(
-            "__add__",
-            [=](const Parameter& self, nb::handle term) {
-                return combined(term, [&](double t) {
-                    return Parameter{self.name, self.scale, self.offset + t};
-                });
-            },
-            nb::sig("def __add__(self, term: float, /) -> Parameter"))
-        .def(
-            "__radd__",
-            [=](const Parameter& self, nb::handle term) {
-                return combined(term, [&](double t) {
-                    return Parameter{self.name, self.scale, self.offset + t};
-                });
-            },
-            nb::sig("def __radd__(self, term: float, /) -> Parameter"))
+        .def("__add__", plus, nb::sig("def __add__(self, term: float, /) -> Parameter"))
+        .def("__radd__", plus, nb::sig("def __radd__(self, term: float, /) -> Parameter"))
         .def(
             "__sub__",
             [=](const Parameter& self, nb::handle term) {
