@@ -82,26 +82,13 @@ void BM_Circuit(benchmark::State& run, void (*add_gates)(Circuit<T>&, unsigned i
     run.counters["gates"] = static_cast<double>(circuit.gate_names.size());
 }
 
-/// The sizes of one circuit: qubits and layers.
-struct Size {
-    std::int64_t qubits;
-    std::int64_t layers;
-};
-
 template <class T>
 bool register_circuits() {
     const auto add = [](const std::string& name, void (*add_gates)(Circuit<T>&, unsigned int),
                         const std::vector<Size>& sizes) {
-        auto* const registered =
-            benchmark::RegisterBenchmark(benchmark_name<T>("BM_Circuit", name).c_str(),
-                                         BM_Circuit<T>, add_gates)
-                ->ArgNames({"qubits", "layers", "threads"})
-                ->Unit(benchmark::kMillisecond)
-                ->UseRealTime();
-        for (const Size& size : sizes) {
-            for (const std::int64_t threads : thread_counts())
-                registered->Args({size.qubits, size.layers, threads});
-        }
+        set_sizes(benchmark::RegisterBenchmark(benchmark_name<T>("BM_Circuit", name).c_str(),
+                                               BM_Circuit<T>, add_gates),
+                  sizes);
     };
     add("brickwork", add_brickwork<T>, {{10, 1000}, {16, 200}, {24, 20}, {26, 20}});
     add("qft", add_fourier_transform<T>, {{24, 1}, {26, 1}});

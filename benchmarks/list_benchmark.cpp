@@ -146,13 +146,19 @@ double fastest_pass(State<T>& state) {
     return fastest;
 }
 
+GateList list_of(const benchmark::State& run, AddLayers add_layers) {
+    GateList list;
+    Source source;
+    add_layers(list, static_cast<unsigned int>(run.range(0)),
+               static_cast<unsigned int>(run.range(1)), source);
+    return list;
+}
+
 /// Arguments: qubits, layers, threads.
 template <class T>
 void BM_List(benchmark::State& run, AddLayers add_layers) {
     State<T>& state = shared_state<T>(run.range(0), run.range(2));
-    GateList list;
-    Source source;
-    add_layers(list, state.nqubits, static_cast<unsigned int>(run.range(1)), source);
+    const GateList list = list_of(run, add_layers);
     double pass = 0, whole = 0;
     for (auto _ : run) {
         run.PauseTiming();
@@ -172,9 +178,7 @@ void BM_List(benchmark::State& run, AddLayers add_layers) {
 template <class T>
 void BM_GateByGate(benchmark::State& run, AddLayers add_layers) {
     State<T>& state = shared_state<T>(run.range(0), run.range(2));
-    GateList list;
-    Source source;
-    add_layers(list, state.nqubits, static_cast<unsigned int>(run.range(1)), source);
+    const GateList list = list_of(run, add_layers);
     std::vector<GateList> gates(list.size());
     for (std::size_t i = 0; i < gates.size(); ++i)
         gates[i].append(list[i]);
@@ -197,12 +201,6 @@ void BM_ListBuilding(benchmark::State& run) {
 }
 BENCHMARK(BM_ListBuilding)->Unit(benchmark::kMicrosecond);
 
-/// The sizes of one list: qubits and layers.
-struct Size {
-    std::int64_t qubits;
-    std::int64_t layers;
-};
-
 template <class T>
 bool register_lists() {
     const auto add = [](const std::string& name, AddLayers add_layers,
@@ -210,16 +208,9 @@ bool register_lists() {
         const std::pair<const char*, void (*)(benchmark::State&, AddLayers)> ways[] = {
             {"BM_List", BM_List<T>}, {"BM_GateByGate", BM_GateByGate<T>}};
         for (const auto& [family, function] : ways) {
-            auto* const registered =
-                benchmark::RegisterBenchmark(benchmark_name<T>(family, name).c_str(), function,
-                                             add_layers)
-                    ->ArgNames({"qubits", "layers", "threads"})
-                    ->Unit(benchmark::kMillisecond)
-                    ->UseRealTime();
-            for (const Size& size : sizes) {
-                for (const std::int64_t threads : thread_counts())
-                    registered->Args({size.qubits, size.layers, threads});
-            }
+            set_sizes(benchmark::RegisterBenchmark(benchmark_name<T>(family, name).c_str(),
+                                                   function, add_layers),
+                      sizes);
         }
     };
     add("u3_cx", add_u3_cx, {{24, 20}});

@@ -51,6 +51,23 @@ std::string benchmark_name(std::string name, const std::string& subject = "") {
     return name.append(">");
 }
 
+/// The sizes of one circuit: qubits and layers.
+struct Size {
+    std::int64_t qubits;
+    std::int64_t layers;
+};
+
+/// Runs a benchmark of circuits for every size and number of threads.
+inline void set_sizes(benchmark::internal::Benchmark* registered, const std::vector<Size>& sizes) {
+    registered->ArgNames({"qubits", "layers", "threads"})
+        ->Unit(benchmark::kMillisecond)
+        ->UseRealTime();
+    for (const Size& size : sizes) {
+        for (const std::int64_t threads : thread_counts())
+            registered->Args({size.qubits, size.layers, threads});
+    }
+}
+
 /// Every iteration read and wrote this many amplitudes.
 template <class T>
 void report_amplitudes(benchmark::State& run, std::int64_t amplitudes) {

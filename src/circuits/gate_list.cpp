@@ -29,6 +29,9 @@ Values transposed(const Values& matrix, std::size_t n_rows) {
     return result;
 }
 
+/// Guards `plans_` of all lists while runs make them.
+std::mutex plans_mutex;
+
 enum class Wanted { inverse, conjugate };
 
 void append_related(GateList& list, const GateView& gate, Wanted wanted) {
@@ -82,9 +85,22 @@ bool operator==(const GateView& a, const GateView& b) {
 }
 
 GateList::GateList() = default;
-GateList::GateList(const GateList&) = default;
+GateList::GateList(const GateList& other)
+    : entries_(other.entries_),
+      targets_(other.targets_),
+      angles_(other.angles_),
+      values_(other.values_),
+      marked_(other.marked_),
+      n_parameters_(other.n_parameters_),
+      n_qubits_(other.n_qubits_) {
+    // A first run of `other` in another thread may just make its plans.
+    const std::lock_guard lock(plans_mutex);
+    plans_ = other.plans_;
+}
 GateList::GateList(GateList&&) noexcept = default;
-GateList& GateList::operator=(const GateList&) = default;
+GateList& GateList::operator=(const GateList& other) {
+    return *this = GateList(other);
+}
 GateList& GateList::operator=(GateList&&) noexcept = default;
 GateList::~GateList() = default;
 
@@ -225,8 +241,7 @@ bool operator==(const GateList& a, const GateList& b) {
 }
 
 std::shared_ptr<PlanCache> GateList::plans() const {
-    static std::mutex mutex;
-    const std::lock_guard lock(mutex);
+    const std::lock_guard lock(plans_mutex);
     if (!plans_) plans_ = std::make_shared<PlanCache>();
     return plans_;
 }
