@@ -49,11 +49,15 @@ struct Angle {
 class QubitList {
   public:
     constexpr QubitList(const unsigned int& qubit) : qubits_(&qubit, 1) {}
+#if defined(__GNUC__) && !defined(__clang__)
 #pragma GCC diagnostic push
 #pragma GCC diagnostic ignored "-Winit-list-lifetime"  // lives as long as the argument
+#endif
     constexpr QubitList(std::initializer_list<unsigned int> qubits)
         : qubits_(qubits.begin(), qubits.size()) {}
+#if defined(__GNUC__) && !defined(__clang__)
 #pragma GCC diagnostic pop
+#endif
     constexpr QubitList(std::span<const unsigned int> qubits) : qubits_(qubits) {}
     QubitList(const std::vector<unsigned int>& qubits) : qubits_(qubits) {}
 
