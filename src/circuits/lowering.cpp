@@ -287,7 +287,6 @@ void lower_named(GateKind kind, const unsigned int* q, Controls controls, std::u
     using C = std::complex<T>;
     const T half(0.5), diagonal = inv_sqrt2<T>;
     Lowering<T> to(program, controls);
-    // The second target's parity with the first one, or what a frame leaves of it.
     const auto phase = [&](C factor, Index selects) {
         to.multiply(Action::phase, selects, to.factors({C(1), factor}));
     };
@@ -385,17 +384,6 @@ std::uint32_t append_angle_factors(GateKind kind, const double* angles, Program<
 }  // namespace
 
 template <class T>
-void Program<T>::clear() {
-    n_gates = 0;
-    operations.clear();
-    factors.clear();
-    bound.clear();
-    tables.clear();
-    dense.clear();
-    oracles.clear();
-}
-
-template <class T>
 void lower(const GateView& gate, Program<T>& program) {
     Lowering<T> to(program, gate.controls);
     switch (gate.kind) {
@@ -466,7 +454,6 @@ void bind(const Program<T>& program, const GateList& list, std::span<const doubl
 }
 
 #define PBLINALG_INSTANTIATE(T)                                                       \
-    template struct Program<T>;                                                       \
     template void lower<T>(const GateView&, Program<T>&);                             \
     template bool lower<T>(const PybindLinAlgWCircuit<T>&, std::size_t, Program<T>&); \
     template void bind<T>(const Program<T>&, const GateList&, std::span<const double>, T*);
