@@ -49,13 +49,13 @@ struct Angle {
 class QubitList {
   public:
     constexpr QubitList(const unsigned int& qubit) : qubits_(&qubit, 1) {}
-#if !defined(__clang__)
+#if defined(__GNUC__) && !defined(__clang__)
 #pragma GCC diagnostic push
 #pragma GCC diagnostic ignored "-Winit-list-lifetime"  // lives as long as the argument
 #endif
     constexpr QubitList(std::initializer_list<unsigned int> qubits)
         : qubits_(qubits.begin(), qubits.size()) {}
-#if !defined(__clang__)
+#if defined(__GNUC__) && !defined(__clang__)
 #pragma GCC diagnostic pop
 #endif
     constexpr QubitList(std::span<const unsigned int> qubits) : qubits_(qubits) {}
@@ -220,6 +220,15 @@ class PBLINALG_EXPORT GateList {
         Controls controls;
     };
 
+    /// Shared by copies, which may be taken while other threads run the list.
+    struct Plans {
+        Plans() = default;
+        Plans(const Plans&);
+        Plans(Plans&&) noexcept = default;
+        Plans& operator=(Plans&&) noexcept = default;
+        std::shared_ptr<PlanCache> cache;
+    };
+
     Entry& push(GateKind kind, QubitList targets, Controls controls);
 
     std::vector<Entry> entries_;
@@ -229,7 +238,7 @@ class PBLINALG_EXPORT GateList {
     std::vector<std::uint64_t> marked_;
     std::uint32_t n_parameters_ = 0;
     unsigned int n_qubits_ = 0;
-    mutable std::shared_ptr<PlanCache> plans_;
+    mutable Plans plans_;
 };
 
 }  // namespace pblinalg

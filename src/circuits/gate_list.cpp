@@ -1,5 +1,6 @@
 #include <algorithm>
 #include <bit>
+#include <cassert>
 #include <mutex>
 #include <pblinalg/gate_list.hpp>
 #include <utility>
@@ -28,9 +29,6 @@ Values transposed(const Values& matrix, std::size_t n_rows) {
     }
     return result;
 }
-
-/// Guards `plans_` of all lists while runs make them.
-std::mutex plans_mutex;
 
 enum class Wanted { inverse, conjugate };
 
@@ -76,6 +74,23 @@ void append_related(GateList& list, const GateView& gate, Wanted wanted) {
     list.append(related);
 }
 
+/// Appends values that may lie in the pool itself.
+template <class V>
+void extend(std::vector<V>& pool, std::span<const V> values) {
+    const std::size_t size = pool.size();
+    std::vector<V> outgrown;
+    if (pool.capacity() - size < values.size()) {
+        outgrown.reserve(std::max(size + values.size(), 2 * pool.capacity()));
+        outgrown.assign(pool.begin(), pool.end());
+        pool.swap(outgrown);
+    }
+    pool.resize(size + values.size());
+    std::ranges::copy(values, pool.begin() + static_cast<std::ptrdiff_t>(size));
+}
+
+/// Guards the plans of all lists.
+std::mutex plans_mutex;
+
 }  // namespace
 
 bool operator==(const GateView& a, const GateView& b) {
@@ -85,18 +100,7 @@ bool operator==(const GateView& a, const GateView& b) {
 }
 
 GateList::GateList() = default;
-GateList::GateList(const GateList& other)
-    : entries_(other.entries_),
-      targets_(other.targets_),
-      angles_(other.angles_),
-      values_(other.values_),
-      marked_(other.marked_),
-      n_parameters_(other.n_parameters_),
-      n_qubits_(other.n_qubits_) {
-    // A first run of `other` in another thread may just make its plans.
-    const std::lock_guard lock(plans_mutex);
-    plans_ = other.plans_;
-}
+GateList::GateList(const GateList&) = default;
 GateList::GateList(GateList&&) noexcept = default;
 GateList& GateList::operator=(const GateList& other) {
     return *this = GateList(other);
@@ -104,36 +108,42 @@ GateList& GateList::operator=(const GateList& other) {
 GateList& GateList::operator=(GateList&&) noexcept = default;
 GateList::~GateList() = default;
 
+GateList::Plans::Plans(const Plans& other) {
+    const std::lock_guard lock(plans_mutex);
+    cache = other.cache;
+}
+
 // Pools are filled before the entry that refers to them: what fails in between leaves the list as
 // it was.
 GateList::Entry& GateList::push(GateKind kind, QubitList targets, Controls controls) {
     const auto first = static_cast<std::uint32_t>(targets_.size());
-    targets_.insert(targets_.end(), targets.begin(), targets.end());
+    extend(targets_, std::span<const unsigned int>(targets));
     entries_.push_back({kind, static_cast<unsigned char>(targets.size()), first, 0, 0, controls});
-    for (const unsigned int target : targets)
-        n_qubits_ = std::max(n_qubits_, target + 1);
+    for (std::size_t i = first; i < targets_.size(); ++i)
+        n_qubits_ = std::max(n_qubits_, targets_[i] + 1);
     n_qubits_ = std::max(n_qubits_, static_cast<unsigned int>(std::bit_width(controls.mask)));
-    plans_.reset();
+    plans_ = {};
     return entries_.back();
 }
 
 GateList& GateList::add(GateKind kind, QubitList targets, std::span<const Angle> angles,
                         Controls controls) {
+    assert(!has_values(kind) && targets.size() == info(kind).n_targets &&
+           angles.size() == info(kind).n_angles);
     const auto first = static_cast<std::uint32_t>(angles_.size());
-    // Not insert: `angles` may lie in this very list.
-    for (std::size_t i = 0; i < angles.size(); ++i) {
-        const Angle angle = angles[i];
-        angles_.push_back(angle);
-        if (!angle.is_number()) n_parameters_ = std::max(n_parameters_, angle.parameter + 1);
-    }
+    extend(angles_, angles);
     push(kind, targets, controls).first_angle = first;
+    for (std::size_t i = first; i < angles_.size(); ++i) {
+        if (!angles_[i].is_number())
+            n_parameters_ = std::max(n_parameters_, angles_[i].parameter + 1);
+    }
     return *this;
 }
 
 GateList& GateList::add_matrix(QubitList targets, std::span<const std::complex<double>> matrix,
                                Controls controls) {
     const auto first = static_cast<std::uint32_t>(values_.size());
-    values_.insert(values_.end(), matrix.begin(), matrix.end());
+    extend(values_, matrix);
     Entry& entry = push(GateKind::matrix, targets, controls);
     entry.first_angle = first;
     entry.n_values = static_cast<std::uint32_t>(matrix.size());
@@ -150,7 +160,7 @@ GateList& GateList::add_diagonal(QubitList targets, std::span<const std::complex
 GateList& GateList::add_phase_oracle(std::span<const std::uint64_t> marked, QubitList targets,
                                      Controls controls) {
     const auto first = static_cast<std::uint32_t>(marked_.size());
-    marked_.insert(marked_.end(), marked.begin(), marked.end());
+    extend(marked_, marked);
     Entry& entry = push(GateKind::phase_oracle, targets, controls);
     entry.first_angle = first;
     entry.n_values = static_cast<std::uint32_t>(marked.size());
@@ -231,8 +241,8 @@ GateList GateList::shifted(unsigned int by) const {
         entry.controls.mask <<= by;
         entry.controls.values <<= by;
     }
-    if (!empty()) list.n_qubits_ += by;
-    list.plans_.reset();
+    if (n_qubits_ != 0) list.n_qubits_ += by;
+    list.plans_ = {};
     return list;
 }
 
@@ -242,8 +252,8 @@ bool operator==(const GateList& a, const GateList& b) {
 
 std::shared_ptr<PlanCache> GateList::plans() const {
     const std::lock_guard lock(plans_mutex);
-    if (!plans_) plans_ = std::make_shared<PlanCache>();
-    return plans_;
+    if (!plans_.cache) plans_.cache = std::make_shared<PlanCache>();
+    return plans_.cache;
 }
 
 }  // namespace pblinalg

@@ -45,8 +45,6 @@ struct Program {
     std::vector<DiagonalTable<T>> tables;
     std::vector<DenseMatrix<T>> dense;
     std::vector<PhaseOracle> oracles;
-
-    void clear();
 };
 
 /// Appends a gate. Parametrised coefficients are left for `bind`.

@@ -65,6 +65,11 @@ void fold_parity_diagonals(std::vector<Operation>& operations) {
             gates_before = Operation::inside_a_gate;
             operations[kept++] = folded;
         }
+        // Where nothing stays of the pair, the next operation finds the gates that it found.
+        if (gates_before != Operation::inside_a_gate && twin + 1 < operations.size()) {
+            std::uint32_t& next = operations[twin + 1].gates_before;
+            next = next == Operation::inside_a_gate ? gates_before : next;
+        }
     }
     operations.resize(kept);
 }

@@ -98,21 +98,26 @@ void Plan<T>::place_tables() {
     const Index lanes = low_mask(lane_bits);
     std::size_t rows = 0;
     for (const DiagonalTable<T>& table : program_.tables) {
-        placed_.push_back({table.bits, static_cast<std::uint32_t>(2 * (rows << lane_bits))});
         const unsigned int row_bits = count_bits(table.bits & ~lanes);
-        if (row_bits <= max_table_bits) rows += std::size_t{1} << row_bits;
+        const std::size_t place = 2 * (rows << lane_bits);
+        if (row_bits > max_table_bits || place >= PlacedTable::nowhere) {
+            placed_.push_back({table.bits, PlacedTable::nowhere});
+        } else {
+            placed_.push_back({table.bits, static_cast<std::uint32_t>(place)});
+            rows += std::size_t{1} << row_bits;
+        }
     }
     for (Operation& operation : program_.operations) {
         if (operation.action == Action::table)
-            operation.alone = count_bits(operation.selects & ~lanes) > max_table_bits;
+            operation.alone = placed_[operation.data].values == PlacedTable::nowhere;
     }
     tables_ = new_zeroed_array<std::complex<T>>(rows << lane_bits, 1);
     for (std::size_t t = 0; t < placed_.size(); ++t) {
         const DiagonalTable<T>& table = program_.tables[t];
-        const unsigned int row_bits = count_bits(table.bits & ~lanes);
-        if (row_bits > max_table_bits) continue;
+        if (placed_[t].values == PlacedTable::nowhere) continue;
         T* to = parts(tables_.get()) + placed_[t].values;
         const Index lane_entries = table.bits & lanes;
+        const unsigned int row_bits = count_bits(table.bits & ~lanes);
         for (Index row = 0; row < bit(row_bits); ++row, to += 2 << lane_bits) {
             for (Index lane = 0; lane <= lanes; ++lane) {
                 const Index entry =
@@ -230,7 +235,6 @@ void Plan<T>::run_pass(const Stage& stage, std::complex<T>* amplitudes, int work
         .conditions = steps.conditions.data(),
         .n_steps = steps.steps.size(),
         .lookups = steps.lookups.data(),
-        .n_lookups = steps.lookups.size(),
         .placements = steps.placements.data(),
         .n_placements = steps.placements.size(),
         .factors = factors,

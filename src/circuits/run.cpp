@@ -1,4 +1,5 @@
 // Runs gate lists and circuit records.
+#include <cassert>
 #include <pblinalg/run.hpp>
 #include <stdexcept>
 
@@ -29,6 +30,7 @@ cpu::Program<T> lowered(const GateList& list, unsigned int nqubits) {
 template <class T>
 RunReport run(cpu::PybindLinAlgStateVectorCPU<T>& state, const GateList& list,
               std::span<const double> values, const RunOptions& options) {
+    assert(list.n_qubits() <= state.nqubits && list.n_parameters() <= values.size());
     const int workers = cpu::plan_workers<T>(state.nqubits, state.num_threads);
     const cpu::PlanShape shape = cpu::plan_shape<T>(state.nqubits, workers);
     const auto plan = list.plans()->plan<T>(shape, [&] {

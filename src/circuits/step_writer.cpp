@@ -1,6 +1,7 @@
 #include "circuits/step_writer.hpp"
 
 #include <bit>
+#include <cassert>
 #include <utility>
 
 namespace pblinalg::cpu {
@@ -95,6 +96,7 @@ void StepWriter::append(const Operation& operation) {
 
 /// The place of a bit of the window: lanes first, then rows.
 unsigned int StepWriter::place_of(unsigned int tile_bit) const {
+    assert((rows_ | lanes_) >> tile_bit & 1);
     unsigned int place = 0;
     while (bit_at_[place] != tile_bit)
         ++place;
@@ -203,6 +205,7 @@ void StepWriter::exchange(unsigned int action) {
         p = lane_bits_ + (p == 0 ? 1 : 2);
     }
     std::swap(bit_at_[p], bit_at_[q]);
+    assert(n_exchanges_ < max_exchanges);
     exchanges_[n_exchanges_++] = action;
     if (pass_.steps.size() > first_ && pass_.steps.back().action == action) {
         pass_.steps.pop_back();

@@ -20,7 +20,8 @@ struct PassSteps {
 
 /// A table as steps read it.
 struct PlacedTable {
-    Index bits = 0;            ///< of the state's index
+    static constexpr std::uint32_t nowhere = ~std::uint32_t{0};  ///< too large: not as steps
+    Index bits = 0;                                              ///< of the state's index
     std::uint32_t values = 0;  ///< place of its rows in `TilePass::tables`
 };
 

@@ -259,12 +259,22 @@ PBLINALG_ALWAYS_INLINE void multiply_controlled(V* a, const CircuitStep& step, c
     });
 }
 
+/// The factor for odd parity. Z has none, and nothing may be read for it.
+template <class Gate, class V, class T>
+PBLINALG_ALWAYS_INLINE typename V::Factor factor_of_odd(const T* factors) {
+    if constexpr (Gate::n_factors == 0) {
+        return {};
+    } else {
+        return FactorsAt<V, T>{factors}[1];
+    }
+}
+
 /// A diagonal gate that leaves amplitudes of even parity alone.
 template <class Gate, RowsDiffer differ, class V, class T>
 PBLINALG_ALWAYS_INLINE void multiply_odd(V* a, const T* factors, Selected rows) {
     const unsigned int multiplied = rows.both();
     if (multiplied == 0) return;
-    const typename V::Factor f = FactorsAt<V, T>{factors}[1];
+    const typename V::Factor f = factor_of_odd<Gate, V>(factors);
     if constexpr (differ == otherwise) {
         for_each_row([&]<unsigned int r>() __attribute__((always_inline)) {
             if (multiplied >> r & 1) Gate::update(a + r, &f);
@@ -288,7 +298,7 @@ PBLINALG_ALWAYS_INLINE void multiply_odd(V* a, const T* factors, Selected rows) 
 template <class Gate, RowsDiffer differ, class V, class T>
 PBLINALG_ALWAYS_INLINE void multiply_odd_by_lane(V* a, const CircuitStep& step, const T* factors,
                                                  Selected rows) {
-    const typename V::Factor f = FactorsAt<V, T>{factors}[1];
+    const typename V::Factor f = factor_of_odd<Gate, V>(factors);
     for_each_row_by_lane<differ, V>(
         step, rows, [&]<unsigned int r>(typename V::Bits chosen) __attribute__((always_inline)) {
             V fresh = a[r];
@@ -324,8 +334,8 @@ PBLINALG_ALWAYS_INLINE Index place_of(Index bits, const unsigned short* places) 
 }
 
 /// One step on the vectors of a group.
-/// @param index       of the group in the tile.
-/// @param row_lowest  the row bits of the window in the tile's index, lowest first.
+/// @param index        of the group in the tile.
+/// @param window_rows  the row bits of the window in the tile's index, lowest first.
 template <class V, class T>
 PBLINALG_ALWAYS_INLINE void run_step(V* a, const LiveStep& live, const TilePass<T>& pass,
                                      Index index, const unsigned char* window_rows) {

@@ -161,7 +161,6 @@ struct TilePass {
     const TileCondition* conditions;  ///< one per step
     std::size_t n_steps;
     const TableLookup* lookups;
-    std::size_t n_lookups;
     const Placement* placements;  ///< the last one is what the windows leave
     std::size_t n_placements;
     const T* factors;  ///< coefficients as interleaved parts

@@ -2,6 +2,7 @@
 #include <omp.h>
 
 #include <stdexcept>
+#include <thread>
 
 #include "circuits/gate_matrix.hpp"
 #include "circuits/plan.hpp"
@@ -201,10 +202,10 @@ class Dice {
             const auto kind = moves && below(3) ? (below(3) ? GateKind::X : GateKind::SWAP)
                                                 : static_cast<GateKind>(below(gate_table.size()));
             if (!add(gates, kind, n) || kind != GateKind::X || below(2)) continue;
-            const GateList opening(gates);
+            const std::size_t opening = gates.size() - 1;
             for (unsigned int d = below(3); d > 0; --d)
                 add(gates, below(2) ? GateKind::RZ : GateKind::T, n);
-            gates.append(opening[opening.size() - 1]);
+            gates.append(gates[opening]);
         }
         return gates;
     }
@@ -254,7 +255,7 @@ TYPED_TEST(GateLists, ApplyEveryGateByItsDefinition) {
     Dice dice(1);
     for (const GateInfo& gate : gate_table) {
         // Below 6 or 7 qubits gates run alone, above in windows.
-        for (unsigned int n = 1; n <= 8; ++n) {
+        for (unsigned int n = 0; n <= 8; ++n) {
             for (int repeat = 0; repeat < 12; ++repeat) {
                 GateList list;
                 if (!dice.add(list, gate.kind, n)) continue;
@@ -382,36 +383,43 @@ TYPED_TEST(GateLists, FillInParametersWithoutANewPlan) {
 TYPED_TEST(GateLists, StopBetweenPassesWithExactlyTheFirstGatesDone) {
     using T = TypeParam;
     const unsigned int n = 17;
-    const GateList list = Dice(77).list(n, 400);
+    const GateList mixed = Dice(77).list(n, 400);
+    // Neighbouring CNOTs that cancel across the borders of gates.
+    GateList cancelling;
+    for (unsigned int i = 0; i < 8 * n; ++i) {
+        const unsigned int q = i % n, other = (q + 1) % n;
+        cancelling.add(GateKind::X, other, Controls({q})).add(GateKind::RXX, {q, other}, 0.1 * i);
+        cancelling.add(GateKind::X, other, Controls({q}));
+    }
     const auto before = filled<T>(std::size_t{1} << n, Filling::ordinary, 1);
-    for (const bool throws : {false, true}) {
-        for (const int calls : {1, 2, 4}) {
-            StateVector<T> state(n);
-            load(state, before);
-            std::vector<std::size_t> seen;
-            RunOptions options;
-            options.between_passes = [&](std::size_t done) {
-                seen.push_back(done);
-                if (static_cast<int>(seen.size()) < calls) return true;
-                if (throws) throw std::runtime_error("stop");
-                return false;
-            };
-            std::size_t done = 0;
-            if (throws) {
-                EXPECT_THROW(run(state, list, {}, options), std::runtime_error);
-            } else {
-                const RunReport report = run(state, list, {}, options);
-                EXPECT_FALSE(report.finished());
-                done = report.gates_done;
-                EXPECT_LE(seen.back(), done);
-                EXPECT_LT(done, list.size());
-                GateList first;
-                for (std::size_t i = 0; i < done; ++i)
-                    first.append(list[i]);
-                EXPECT_TRUE(same_bits(state, one_by_one(first, before))) << calls;
+    for (const GateList& list : {mixed, cancelling}) {
+        for (const bool throws : {false, true}) {
+            for (const int calls : {1, 2, 4}) {
+                StateVector<T> state(n);
+                load(state, before);
+                std::vector<std::size_t> seen;
+                RunOptions options;
+                options.between_passes = [&](std::size_t done) {
+                    seen.push_back(done);
+                    if (static_cast<int>(seen.size()) < calls) return true;
+                    if (throws) throw std::runtime_error("stop");
+                    return false;
+                };
+                if (throws) {
+                    EXPECT_THROW(run(state, list, {}, options), std::runtime_error);
+                } else {
+                    const RunReport report = run(state, list, {}, options);
+                    EXPECT_FALSE(report.finished());
+                    EXPECT_LE(seen.back(), report.gates_done);
+                    EXPECT_LT(report.gates_done, list.size());
+                    GateList first;
+                    for (std::size_t i = 0; i < report.gates_done && i < list.size(); ++i)
+                        first.append(list[i]);
+                    EXPECT_TRUE(same_bits(state, one_by_one(first, before))) << calls;
+                }
+                EXPECT_EQ(static_cast<int>(seen.size()), calls);
+                EXPECT_TRUE(std::ranges::is_sorted(seen));
             }
-            EXPECT_EQ(static_cast<int>(seen.size()), calls);
-            EXPECT_TRUE(std::ranges::is_sorted(seen));
         }
     }
 }
@@ -478,6 +486,21 @@ TYPED_TEST(GateLists, TakeFewPassesOverTheState) {
             EXPECT_LE(counts.windows, widest ? c.windows : 5 * c.windows) << c.name;
         });
     }
+}
+
+TEST(GateList, RunsAndIsCopiedOnSeveralThreads) {
+    const GateList list = Dice(3).list(8, 40);
+    const auto before = filled<double>(256, Filling::ordinary);
+    const auto expected = one_by_one(list, before);
+    std::vector<std::thread> threads;
+    for (int i = 0; i < 4; ++i) {
+        threads.emplace_back([&, i] {
+            const auto after = i % 2 ? by_run(GateList(list), before) : by_run(list, before);
+            EXPECT_TRUE(same_bits(after.data(), expected));
+        });
+    }
+    for (std::thread& thread : threads)
+        thread.join();
 }
 
 TEST(GateList, InvertsAndConjugates) {
@@ -547,6 +570,14 @@ TEST(GateList, GivesItsGatesBack) {
     EXPECT_EQ(shifted[1].controls, Controls({2}));
     EXPECT_NE(GateList().add(GateKind::H, 0), GateList().add(GateKind::H, 0, Controls({1})));
     EXPECT_EQ(GateList().add(GateKind::H, 0).inverse(), GateList().add(GateKind::H, 0));
+    for (const GateView gate : list) {
+        GateList own;
+        own.append(gate);
+        for (int i = 0; i < 9; ++i)
+            own.append(own[0]);
+        EXPECT_EQ(own[9], gate);
+    }
+    EXPECT_EQ(GateList().add(GateKind::GPHASE, Qubits(), 0.1).shifted(2).n_qubits(), 0u);
     copy.clear();
     EXPECT_TRUE(copy.empty());
     EXPECT_EQ(copy.n_qubits(), 0u);
