@@ -93,6 +93,8 @@ def test_a_copy_of_a_state_draws_numbers_of_its_own():
     assert np.array_equal(other.amplitudes, state.amplitudes) and other.threads == 2
     assert other.seed != state.seed
     assert not np.array_equal(other.sample_outcomes(64), state.sample_outcomes(64))
+    flipped = pb.StateVector(2).h(0).x(1)
+    assert flipped.inner(pb.StateVector(2).h(0)) == 0 and np.isclose(flipped.inner(flipped), 1)
 
 
 def run_seed(circuit_and_seed):

@@ -206,6 +206,13 @@ UPPER = [
     ("pb.Observable({'ZA': 1})", ValueError, "'ZA'; expected a string"),
     ("pb.Observable({'ZZ': 1, 'Z': 1})", ValueError, "'Z' has 1 letters; expected 2"),
     ("pb.Observable({'Z': float('inf')})", ValueError, "coefficient .*inf.*; expected a finite"),
+    ("pb.Observable('Z0 Z0')", ValueError, "names qubit 0 twice"),
+    ("pb.Observable('Z9 + ZZ')", ValueError, "names qubit 9; expected at most 1"),
+    ("pb.Observable('Z123456789')", ValueError, "qubit 123456789: expected at most"),
+    ("pb.Observable('2')", ValueError, "needs num_qubits"),
+    ("pb.Observable('ZZ') @ pb.Observable('Z')", ValueError, "on 2 qubits, the other on 1"),
+    ("pb.Observable('ZZ').apply([1, 0])", ValueError, r"shape \(2,\); expected 4 amplitudes"),
+    ("pb.Observable('Z') ** -1", ValueError, "exponent = -1: expected at least 0"),
     # Density matrices
     ("d.x(2)", IndexError, "qubit = 2"),
     ("d.set_matrix(np.eye(2))", ValueError, "matrix has shape .2, 2.; expected .4, 4."),

@@ -13,7 +13,7 @@ import pytest
 import dense
 import pblinalg as pb
 from pblinalg.__main__ import main
-from pblinalg.qasm import loads
+from pblinalg.qasm import load, loads
 
 CIRCUITS = Path(__file__).with_name("circuits")
 UNITARY = sorted(p for p in CIRCUITS.glob("*.qasm") if not p.name.startswith("dynamic"))
@@ -37,14 +37,11 @@ def qiskit():
 def test_amplitudes_equal_those_of_an_independent_simulator(qiskit, path, precision):
     from qiskit import qasm2, quantum_info
 
-    from pblinalg.qasm import load
-
     other = qasm2.load(path, custom_instructions=qasm2.LEGACY_CUSTOM_INSTRUCTIONS)
     other.remove_final_measurements()
     expected = quantum_info.Statevector(other.reverse_bits()).data
     state = pb.StateVector(other.num_qubits, precision.name)
-    circuit = load(path)
-    for step in circuit.steps:
+    for step in load(path).steps:
         if isinstance(step, pb.lowlevel.GateList):
             step.run(state.core)
     np.testing.assert_allclose(state.to_array(), expected, atol=60 * precision.tolerance)
@@ -52,8 +49,6 @@ def test_amplitudes_equal_those_of_an_independent_simulator(qiskit, path, precis
 
 @pytest.mark.parametrize("name,pattern", DYNAMIC.items())
 def test_measured_bits_feed_forward(qiskit, name, pattern):
-    from pblinalg.qasm import load
-
     counts = load(CIRCUITS / f"{name}.qasm").run(300, seed=1)
     assert counts.shots == 300
     for key in counts:
@@ -123,7 +118,7 @@ def test_gates_that_an_included_file_defines_are_its_own(qiskit, tmp_path):
     (tmp_path / "own.inc").write_text("gate cz a,b { // mine\n CX a,b; }")
     program = tmp_path / "program.qasm"
     program.write_text('OPENQASM 2.0;\ninclude "own.inc";\nqreg q[2];\ncz q[0],q[1];')
-    assert np.array_equal(pb.qasm.load(program).matrix(), pb.Circuit(2).cx(0, 1).matrix())
+    assert np.array_equal(load(program).matrix(), pb.Circuit(2).cx(0, 1).matrix())
 
 
 def gates_of_all_kinds(controls):
@@ -134,21 +129,17 @@ def gates_of_all_kinds(controls):
         chosen = rng.permutation(5).tolist()
         return chosen[:count], chosen[count : count + controls]
 
-    for name in ("h", "x", "y", "z", "s", "sdg", "t", "tdg", "sx", "sxdg"):
+    for name in ("h", "x", "y", "z", "s", "sdg", "t", "tdg", "sx", "sxdg", "p", "rx", "ry", "rz"):
         (qubit,), others = places(1)
-        getattr(circuit, name)(qubit, controls=others)
-    for name in ("p", "rx", "ry", "rz"):
-        (qubit,), others = places(1)
-        getattr(circuit, name)(rng.normal(), qubit, controls=others)
+        angles = rng.normal(size=int(name in ("p", "rx", "ry", "rz")))
+        getattr(circuit, name)(*angles, qubit, controls=others)
     (qubit,), others = places(1)
     circuit.u(*rng.normal(size=3), qubit, others).x(qubit, others, ctrl_state=0)
     if controls < 4:
-        for name in ("rxx", "ryy", "rzz"):
+        for name in ("rxx", "ryy", "rzz", "swap", "iswap", "sqrt_swap"):
             pair, others = places(2)
-            getattr(circuit, name)(rng.normal(), *pair, others, ctrl_state=0)
-        for name in ("swap", "iswap", "sqrt_swap"):
-            pair, others = places(2)
-            getattr(circuit, name)(*pair, controls=others)
+            angles = rng.normal(size=int(name[0] == "r"))
+            getattr(circuit, name)(*angles, *pair, others, ctrl_state=0)
         circuit.compose(pb.Circuit(5).sqrt_swap(*pair, others).iswap(*pair).inverse())
         circuit.diagonal(np.exp(1j * rng.normal(size=4)), pair, others)
     circuit.global_phase(0.3, others).cu(*rng.normal(size=4), 2, 1)
@@ -221,6 +212,13 @@ def test_openqasm_3_programs_are_followed(qiskit):
     assert circuit.run(100) == {"11 1": 100}
 
 
+#: What the bits of the branching circuit read, followed by hand, by the bits that it starts from.
+READINGS = [
+    "000 0000", "100 1000", "010 0000", "110 0000", "001 0001", "101 1001",
+    "011 0100", "111 0000",
+]  # fmt: skip
+
+
 def test_qiskit_circuits_come_in(qiskit):
     from qiskit.circuit import Parameter, library
     from qiskit.circuit.classical import expr
@@ -251,7 +249,7 @@ def test_qiskit_circuits_come_in(qiskit):
     found = pb.from_qiskit(other)
     np.testing.assert_allclose(found.matrix(), matrix_of(other), atol=1e-14)
 
-    for value in range(8):
+    for value, reading in enumerate(READINGS):
         branching = qiskit.QuantumCircuit(3)
         branching.add_register(qiskit.ClassicalRegister(3), qiskit.ClassicalRegister(4))
         for bit in range(3):
@@ -272,49 +270,24 @@ def test_qiskit_circuits_come_in(qiskit):
             branching.measure(1, 5)
         with branching.if_test(expr.bit_xor(b, c)):
             branching.measure(2, 6)
-        ours = list(pb.from_qiskit(branching).run(1))[0]
-        theirs = reading_of(value)
-        assert ours == theirs, (value, ours, theirs)
+        assert pb.from_qiskit(branching).run(1) == {reading: 1}, value
 
-    rejected = qiskit.QuantumCircuit(1, 1)
-    rejected.rx(Parameter("theta") ** 2, 0)
-    with pytest.raises(ValueError, match="theta.*; expected one parameter, linear"):
-        pb.from_qiskit(rejected)
-    rejected = qiskit.QuantumCircuit(1, 1)
-    with rejected.while_loop((rejected.clbits[0], 0)):
-        rejected.measure(0, 0)
-    with pytest.raises(ValueError, match="'while_loop' cannot be followed"):
-        pb.from_qiskit(rejected)
-    rejected = qiskit.QuantumCircuit(1, 1)
-    with rejected.if_test((rejected.clbits[0], 0)) as otherwise:
-        rejected.measure(0, 0)
+    nonlinear, looping, deciding = (qiskit.QuantumCircuit(1, 1) for _ in range(3))
+    nonlinear.rx(Parameter("theta") ** 2, 0)
+    with looping.while_loop((looping.clbits[0], 0)):
+        looping.measure(0, 0)
+    with deciding.if_test((deciding.clbits[0], 0)) as otherwise:
+        deciding.measure(0, 0)
     with otherwise:
-        rejected.x(0)
-    with pytest.raises(ValueError, match="measures into a classical bit that decides"):
-        pb.from_qiskit(rejected)
-    with pytest.raises(TypeError, match="circuit must be a qiskit QuantumCircuit"):
-        pb.from_qiskit("h q[0];")
-
-
-def reading_of(value):
-    """What the bits of the branching circuit read, followed by hand."""
-    a, b, c = (value >> bit & 1 for bit in range(3))
-    qubits, bits = [a, b, c], [a, b, c, 0, 0, 0, 0]
-
-    if a and not b:
-        bits[3] = qubits[0]
-    else:
-        qubits[0] = 0
-    if value in (1, 6):
-        bits[4] = qubits[2]
-    else:
-        qubits[1] = 0
-    if value < 5:
-        bits[5] = qubits[1]
-    if b != c:
-        bits[6] = qubits[2]
-    text = "".join(map(str, bits))
-    return f"{text[:3]} {text[3:]}"
+        deciding.x(0)
+    for rejected, error, text in (
+        (nonlinear, ValueError, "theta.*; expected one parameter, linear"),
+        (looping, ValueError, "'while_loop' cannot be followed"),
+        (deciding, ValueError, "measures into a classical bit that decides"),
+        ("h q[0];", TypeError, "circuit must be a qiskit QuantumCircuit"),
+    ):
+        with pytest.raises(error, match=text):
+            pb.from_qiskit(rejected)
 
 
 def test_command_line_prints_counts_as_a_table_and_as_json(qiskit, capsys, tmp_path):
@@ -326,11 +299,10 @@ def test_command_line_prints_counts_as_a_table_and_as_json(qiskit, capsys, tmp_p
     document = json.loads(capsys.readouterr().out)
     assert document["counts"] == pb.Circuit(2).h(0).cx(0, 1).run(1000, seed=7)
     assert f"{document['counts']['00']}  " in table
-    assert main(["run", str(CIRCUITS / "dynamic_error_correction.qasm"), "--json"]) == 0
-    assert json.loads(capsys.readouterr().out)["counts"] == {"000 10": 1024}
-    options = ["--json", "--bit-order", "first-right"]
-    assert main(["run", str(CIRCUITS / "dynamic_error_correction.qasm"), *options]) == 0
-    assert json.loads(capsys.readouterr().out)["counts"] == {"01 000": 1024}
+    dynamic = str(CIRCUITS / "dynamic_error_correction.qasm")
+    for options, key in (([], "000 10"), (["--bit-order", "first-right"], "01 000")):
+        assert main(["run", dynamic, "--json", *options]) == 0
+        assert json.loads(capsys.readouterr().out)["counts"] == {key: 1024}
     pytest.importorskip("matplotlib").use("Agg")
     picture = tmp_path / "bell.png"
     assert main(["run", bell, "--plot", str(picture)]) == 0

@@ -40,12 +40,6 @@ def test_truth_and_length_of_circuits_and_joining_oneself():
     assert len(circuit) == 4 and circuit.measure(0).run(5) == {"0": 5}
 
 
-def test_reset_frees_a_qubit_for_reuse():
-    circuit = pb.Circuit(2).h(0).cx(0, 1).measure(0).reset(0).measure(0, 1)
-    counts = circuit.run(200, seed=3)
-    assert counts.keys() == {"00", "10"} and counts.shots == 200
-
-
 def shots_were_run_singly(circuit, **options):
     seen = []
     circuit.run(7, progress=lambda done, total: seen.append(total), **options)
@@ -64,10 +58,8 @@ def test_what_all_shots_share_is_run_once(precision):
         prepared.x(2).ry(1, 2).ry(2, 2).ry(-3, 2).reset(2)
     for once in (circuit, prepared, prepared.copy().measure([0, 1])):
         assert not shots_were_run_singly(once, precision=precision.name)
-    assert prepared.measure([0, 1]).run(50, seed=1, precision=precision.name).keys() == {
-        "000",
-        "110",
-    }
+    counts = prepared.measure([0, 1]).run(50, seed=1, precision=precision.name)
+    assert counts.keys() == {"000", "110"}
     for singly in (
         pb.Circuit(2).h(0).measure(0).cx(1, 0),
         pb.Circuit(2).h(0).cx(0, 1).reset(0).measure(1),
@@ -93,20 +85,20 @@ def exact_distribution(circuit, precision):
                     read = int("".join(str(bits[c]) for c in step.clbits), 2)
                     taken = [(weight, state, bits)]
                     after += follow(step.steps, taken) if read == step.value else taken
-                elif isinstance(step, (pb.Measure, pb.Reset)):
-                    for outcome in range(2):
-                        p = min(state.probability(outcome, [step.qubit]), 1)
-                        if p > 1e-9:
-                            other = state.copy().project(outcome, [step.qubit])
-                            own = list(bits)
-                            if isinstance(step, pb.Measure):
-                                own[step.clbit] = outcome
-                            elif outcome:
-                                other.x(step.qubit)
-                            after.append((weight * p, other, own))
-                else:
+                    continue
+                if not isinstance(step, (pb.Measure, pb.Reset)):
                     step.run(state.core)
                     after.append((weight, state, bits))
+                    continue
+                for outcome in range(2):
+                    p = min(state.probability(outcome, [step.qubit]), 1)
+                    if p > 1e-9:
+                        other, own = state.copy().project(outcome, [step.qubit]), list(bits)
+                        if isinstance(step, pb.Measure):
+                            own[step.clbit] = outcome
+                        elif outcome:
+                            other.x(step.qubit)
+                        after.append((weight * p, other, own))
             branches = after
         return branches
 
@@ -126,10 +118,8 @@ def random_program(rng):
             kind = rng.integers(8)
             if kind < 2:
                 circuit.ry(float(rng.choice([0.7, np.pi / 2, np.pi])), a)
-            elif kind == 2:
-                circuit.x(a)
-            elif kind == 3:
-                circuit.cx(a, b)
+            elif kind < 4:
+                circuit.x(a, [b] * (kind - 2))
             elif kind == 4:
                 circuit.reset(a)
             elif kind < 7 or depth == 2:
@@ -153,11 +143,6 @@ def test_shared_and_single_shots_follow_the_exact_distribution(precision, rng):
             assert abs(counts.get(key, 0) - SHOTS * p) <= 6 * (SHOTS * p * (1 - p)) ** 0.5 + 1e-3
         repeated = circuit.run(30, precision=precision.name, seed=3)
         assert repeated == circuit.run(30, precision=precision.name, seed=3, threads=2)
-
-
-def test_a_measured_qubit_read_again_shows_the_same_value():
-    circuit = pb.Circuit(1, 2).h(0).measure(0, 0).measure(0, 1)
-    assert circuit.run(100, seed=2).keys() == {"00", "11"}
 
 
 def test_counts_are_a_sorted_dict_with_helpers():
@@ -187,10 +172,3 @@ def test_a_bar_is_drawn_on_request(capsys):
     pytest.importorskip("tqdm")
     pb.StateVector(2).run(pb.Circuit(2).h(0).cx(0, 1), progress=True)
     assert "2/2" in capsys.readouterr().err
-
-
-def test_copies_are_independent(precision):
-    state = pb.StateVector(2, precision.name).h(0)
-    other = state.copy().x(1)
-    assert abs(state.inner(other)) == 0 and np.isclose(abs(state.inner(state)), 1)
-    assert other.precision == precision.name
