@@ -35,43 +35,15 @@ class Odd:
         return np.zeros(random.choice([1, 2, 4, 16]))
 
 
+NUMBERS = [
+    0, 0, 1, 1, 2, 3, 4, 5, -1, 7, 63, 64, 255, 2**31, 2**32, 2**63, 2**64, -(2**63), 10**30,
+    True, np.int64(1), np.uint8(2), 0.5, -2.5, float("nan"), float("inf"), 1e308, 1j,
+    None, "1", b"1",
+]  # fmt: skip
+
+
 def number():
-    return random.choice(
-        [
-            0,
-            0,
-            1,
-            1,
-            2,
-            3,
-            4,
-            5,
-            -1,
-            7,
-            63,
-            64,
-            255,
-            2**31,
-            2**32,
-            2**63,
-            2**64,
-            -(2**63),
-            10**30,
-            True,
-            np.int64(1),
-            np.uint8(2),
-            0.5,
-            -2.5,
-            float("nan"),
-            float("inf"),
-            1e308,
-            1j,
-            None,
-            "1",
-            b"1",
-            Odd(),
-        ]
-    )
+    return random.choice([*NUMBERS, Odd()])
 
 
 def array():
@@ -105,25 +77,10 @@ def several():
 
 
 def text():
-    return random.choice(
-        [
-            "",
-            "0",
-            "01+-",
-            "xyz",
-            "XYZ",
-            "XX",
-            "H",
-            "CNOT",
-            "RX",
-            "Z\0",
-            "é" * 3,
-            "double",
-            "1.0*XYZI",
-            "\ud800",
-            "a" * 1000,
-        ]
-    )
+    return random.choice([
+        "", "0", "01+-", "xyz", "XYZ", "XX", "H", "CNOT", "RX", "Z\0", "é" * 3, "double",
+        "1.0*XYZI", "\ud800", "a" * 1000,
+    ])  # fmt: skip
 
 
 def objects():
@@ -139,13 +96,11 @@ def objects():
             state.release_memory()
         return state
     if kind == 4:
-        return random.choice([low.PybindLinAlgWCircuitDouble, low.PybindLinAlgWCircuitFloat])(
-            random.randrange(5)
-        )
+        record = random.choice([low.PybindLinAlgWCircuitDouble, low.PybindLinAlgWCircuitFloat])
+        return record(random.randrange(5))
     if kind == 5:
-        return random.choice([low.WObservableDouble, low.WObservableFloat])(
-            [1, 2], [1, 2], [0, 3], [0, 5]
-        )
+        masks = random.choice([low.WObservableDouble, low.WObservableFloat])
+        return masks([1, 2], [1, 2], [0, 3], [0, 5])
     if kind == 6:
         return random.choice([low.SimpleTermDouble, low.SimpleTermFloat])([0, 1], "XY")
     if kind == 7:
@@ -187,18 +142,9 @@ def likely(name):
     """A value that a parameter of this name would often accept."""
     qubit = random.randrange(4)
     if name in (
-        "qubit",
-        "target",
-        "control",
-        "control1",
-        "control2",
-        "q1",
-        "q2",
-        "qubit1",
-        "qubit2",
-        "clbit",
-        "position",
-    ):
+        "qubit", "target", "control", "control1", "control2", "q1", "q2", "qubit1", "qubit2",
+        "clbit", "position",
+    ):  # fmt: skip
         return qubit
     if name in ("qubits", "ctrls", "controls", "address", "data", "clbits"):
         return random.sample(range(5), random.randrange(4))

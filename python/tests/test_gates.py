@@ -1,5 +1,7 @@
 """Every gate method and member against dense matrices, in both precisions."""
 
+from functools import partial
+
 import numpy as np
 import pytest
 
@@ -119,22 +121,15 @@ def test_every_gate_is_its_matrix_on_states_circuits_and_density_matrices(precis
         assert apply(state) is state
         circuit = apply(pb.Circuit(QUBITS))
         recorded = pb.StateVector(QUBITS, precision.name).set_amplitudes(start).run(circuit)
-        np.testing.assert_allclose(
-            state.to_array(), expected, atol=4 * precision.tolerance, err_msg=description
-        )
+        close = partial(np.testing.assert_allclose, err_msg=description)
+        close(state.to_array(), expected, atol=4 * precision.tolerance)
         assert np.array_equal(state.amplitudes, recorded.amplitudes), description
         recorded.run(circuit.inverse())
-        np.testing.assert_allclose(
-            recorded.to_array(), start, atol=8 * precision.tolerance, err_msg=description
-        )
+        close(recorded.to_array(), start, atol=8 * precision.tolerance)
         mixed = pb.DensityMatrix(QUBITS, precision.name)
         apply(mixed.set_matrix(np.outer(start, start.conj())))
-        np.testing.assert_allclose(
-            mixed.to_array(),
-            np.outer(expected, expected.conj()),
-            atol=8 * precision.tolerance,
-            err_msg=description,
-        )
+        mixture = np.outer(expected, expected.conj())
+        close(mixed.to_array(), mixture, atol=8 * precision.tolerance)
 
 
 def test_basis_changes_of_the_lower_level(precision):

@@ -35,9 +35,8 @@ def test_values_give_the_bits_of_numbers(precision):
         assert counts == numbers.run(50, precision.name, seed=1)
         mixed = pb.DensityMatrix(4, precision.name).run(circuit, values=[a, c, b])
         pure = expected.reshape((2,) * 4).transpose().reshape(-1)
-        np.testing.assert_allclose(
-            mixed.to_array(), np.outer(pure, pure.conj()), atol=20 * precision.tolerance
-        )
+        close = 20 * precision.tolerance
+        np.testing.assert_allclose(mixed.to_array(), np.outer(pure, pure.conj()), atol=close)
 
 
 def test_circuits_with_parameters_are_copied_inverted_joined_and_compared():
@@ -79,9 +78,6 @@ def test_arithmetic_of_parameters():
     assert A != B and len({A, pb.Parameter("a"), B}) == 2
     assert repr(A) == "Parameter('a')"
     assert eval(repr(3 * A - 1), {"Parameter": pb.Parameter}) == 3 * A - 1
-    for wrong in (lambda: A + B, lambda: A * "x", lambda: A * True):
-        with pytest.raises(TypeError):
-            wrong()
 
 
 CASES = [
@@ -101,6 +97,9 @@ CASES = [
     ("state.rx(A, 0)", TypeError, "theta: parameter 'a' has no value; a state takes numbers"),
     ("pb.Parameter(3)", TypeError, "name must be a str"),
     ("pb.Parameter('')", TypeError, "name must be a str of one character or more"),
+    ("A + B", TypeError, "unsupported operand"),
+    ("A * 'x'", TypeError, "unsupported|multiply"),
+    ("A * True", TypeError, "unsupported operand"),
 ]
 
 
@@ -108,7 +107,7 @@ CASES = [
 def test_mistakes_name_the_parameter(expression, error, text):
     state = pb.StateVector(4).h(0)
     before = state.to_array()
-    names = dict(pb=pb, np=np, nan=np.nan, A=A, circuit=ansatz(), state=state, run=state.run)
+    names = dict(pb=pb, np=np, nan=np.nan, A=A, B=B, circuit=ansatz(), state=state, run=state.run)
     with pytest.raises(error, match=text):
         eval(expression, names)
     assert np.array_equal(state.to_array(), before)

@@ -7,6 +7,7 @@ import subprocess
 import sys
 import textwrap
 import threading
+from concurrent.futures import ThreadPoolExecutor
 
 import numpy as np
 import pytest
@@ -54,17 +55,12 @@ def test_a_fork_waits_for_the_calls_of_other_threads():
 
 
 def test_threads_with_states_of_their_own_agree():
-    results = {}
+    def work(_):
+        return pb.StateVector(QUBITS, threads=2, seed=1).h(0).cx(0, 9).sample(100)
 
-    def work(name):
-        results[name] = pb.StateVector(QUBITS, threads=2, seed=1).h(0).cx(0, 9).sample(100)
-
-    threads = [threading.Thread(target=work, args=(name,)) for name in range(4)]
-    for thread in threads:
-        thread.start()
-    for thread in threads:
-        thread.join()
-    assert len(results) == 4 and all(counts == results[0] for counts in results.values())
+    with ThreadPoolExecutor(4) as threads:
+        results = list(threads.map(work, range(4)))
+    assert results == results[:1] * 4
 
 
 def test_the_lock_is_released_in_long_calls_and_one_state_has_one_user():
@@ -166,9 +162,8 @@ def test_signals_are_seen_in_the_middle_of_an_expectation_value(precision):
     rng = np.random.default_rng(1)
     strings = {"".join(rng.choice(list("IXYZ"), 20)): rng.normal() for _ in range(300)}
     state = pb.StateVector(20, precision.name).h(0)
-    alone = {
-        letters: state.expectation(pb.Observable({letters: 1.0})) for letters in list(strings)[:20]
-    }
+    few = list(strings)[:20]
+    alone = {letters: state.expectation(pb.Observable({letters: 1.0})) for letters in few}
     seen = []
     old = signal.signal(signal.SIGALRM, lambda *_: seen.append(1))
     try:
