@@ -81,13 +81,5 @@ TYPED_TEST(PhaseOracle, ValuesBeyondTheListNeverMatch) {
     check<TypeParam>(7, {0, ~0ull >> 4, 77}, many);
 }
 
-TYPED_TEST(PhaseOracle, DeliberatelyCountsQubitsFromTheTopOfTheArray) {
-    StateVector<TypeParam> state(3);
-    load(state, Amplitudes<TypeParam>(8, 1));
-    state.apply_phase_oracle({1}, {0});
-    for (std::size_t i = 0; i < 8; ++i)
-        EXPECT_EQ(state.state[i].real(), i < 4 ? 1 : -1);
-}
-
 }  // namespace
 }  // namespace pblinalg::test
