@@ -74,8 +74,7 @@ TYPED_TEST(Circuits, RunAsListsOfTheSameGates) {
         by_circuit.set_num_threads(2);
         by_circuit.simulate_circuit(circuit);
         run(by_list, list);
-        EXPECT_TRUE(same_bits(by_circuit,
-                              Amplitudes<T>(&by_list.state[0], &by_list.state[0] + before.size())));
+        EXPECT_TRUE(same_bits(by_circuit, amplitudes_of(by_list)));
     }
 }
 
@@ -96,9 +95,7 @@ TYPED_TEST(Circuits, TreatControlsThatTheStateDoesNotHaveAsTheMembersDo) {
         by_members.apply_CNOT(n, 0);
         by_members.apply_CNOT(70, 1);
         by_members.apply_H(0);
-        EXPECT_TRUE(same_bits(
-            by_circuit,
-            Amplitudes<TypeParam>(&by_members.state[0], &by_members.state[0] + before.size())));
+        EXPECT_TRUE(same_bits(by_circuit, amplitudes_of(by_members)));
     }
 }
 

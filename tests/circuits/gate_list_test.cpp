@@ -201,11 +201,6 @@ class Dice {
 };
 
 template <class T>
-Amplitudes<T> amplitudes_of(const StateVector<T>& state) {
-    return {state.state.get(), state.state.get() + state.size};
-}
-
-template <class T>
 Amplitudes<T> by_run(const GateList& list, const Amplitudes<T>& before, int workers = 1,
                      std::span<const double> values = {}) {
     StateVector<T> state(qubits_of(before.size()));

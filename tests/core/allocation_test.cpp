@@ -69,7 +69,7 @@ TYPED_TEST(Allocations, ThatFailReachTheCallerBeforeAnAmplitudeChanges) {
     const WObservable<T> observable{{1, 2}, {1, 6}, {4, 3}, {0, 1}, 0, 0};
     const std::vector<SimpleTerm<T>> terms{
         {{2, 9, 0}, "XYZ", 1}, {{1, 1}, "XY", 1}, {{15, 14, 13, 12, 11, 10, 9, 8, 7, 6}, "Y", 1}};
-    const std::vector<std::complex<double>> inputs(std::size_t{1} << 10, 0.1);
+    std::vector<std::complex<double>> inputs(std::size_t{1} << 10, 0.1);
     const std::vector<unsigned long long> words(std::size_t{1} << 10, 1);
     PybindLinAlgWCircuit<T> circuit(n);
     for (unsigned int q = 0; q < n; ++q)
@@ -77,7 +77,8 @@ TYPED_TEST(Allocations, ThatFailReachTheCallerBeforeAnAmplitudeChanges) {
     Amplitudes<T> copy(before.size());
     std::vector<T> distribution(std::size_t{1} << 10);
     std::vector<unsigned long long> shots(5000);
-    const Qubits three{0, 7, 15};
+    const Qubits two{7, 15}, three{0, 7, 15};
+    const std::vector<unsigned long long> marked{1, 6};
     const Qubits ten{0, 2, 3, 5, 6, 8, 10, 11, 13, 15};
     const std::pair<const char*, std::function<void()>> members[] = {
         {"reset", [&] { state.reset(reinterpret_cast<unsigned long long>(source.data())); }},
@@ -95,26 +96,14 @@ TYPED_TEST(Allocations, ThatFailReachTheCallerBeforeAnAmplitudeChanges) {
         {"expectation_value", [&] { state.expectation_value(observable); }},
         {"terms_expectations_values", [&] { state.terms_expectations_values(observable); }},
         {"evaluate_terms", [&] { state.evaluate_terms(terms, 100); }},
-        {"apply_H",
-         [&] {
-             state.apply_H(3, Qubits{4, 5});
-         }},
+        {"apply_H", [&] { state.apply_H(3, two); }},
         {"apply_nqbit_gate", [&] { state.apply_nqbit_gate(three, matrix); }},
         {"apply_nqbit_gate, diagonal", [&] { state.apply_nqbit_gate(three, diagonal); }},
         {"apply_nqbit_ctrl_gate", [&] { state.apply_nqbit_ctrl_gate({1}, three, matrix); }},
-        {"project_then_reset",
-         [&] {
-             state.project_then_reset(Qubits{7, 15}, 3);
-         }},
+        {"project_then_reset", [&] { state.project_then_reset(two, 3); }},
         {"project, impossible", [&] { state.project(Qubits{3}, 1); }},
-        {"apply_state_preparation",
-         [&] {
-             state.apply_state_preparation(const_cast<std::complex<double>*>(inputs.data()), ten);
-         }},
-        {"apply_phase_oracle",
-         [&] {
-             state.apply_phase_oracle({1, 6}, three);
-         }},
+        {"apply_state_preparation", [&] { state.apply_state_preparation(inputs.data(), ten); }},
+        {"apply_phase_oracle", [&] { state.apply_phase_oracle(marked, three); }},
         {"apply_binary_qram", [&] { state.apply_binary_qram(words.data(), ten, 3); }},
         {"simulate_circuit", [&] { state.simulate_circuit(circuit); }},
         {"apply_qram", [&] { state.apply_qram(inputs.data(), ten, 3); }},

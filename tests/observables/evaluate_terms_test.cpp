@@ -16,9 +16,7 @@ TYPED_TEST_SUITE(EvaluateTerms, Precisions);
 template <class T>
 Amplitudes<T> normalised(unsigned int n, std::uint64_t seed) {
     Amplitudes<T> amplitudes = filled<T>(std::size_t{1} << n, Filling::ordinary, seed);
-    long double norm = 0;
-    for (const auto& a : amplitudes)
-        norm += std::norm(LongComplex(a));
+    const long double norm = norm_of(amplitudes);
     for (auto& a : amplitudes)
         a /= static_cast<T>(std::sqrt(norm));
     return amplitudes;
@@ -56,10 +54,11 @@ std::pair<std::complex<T>, std::complex<T>> score(const StateVector<T>& rotated,
 }
 
 template <class T>
-void rotate(StateVector<T>& state, const SimpleTerm<T>& term) {
+void rotate(StateVector<T>& state, const SimpleTerm<T>& term, bool back = false) {
     for (std::size_t k = 0; k < term.paulis.size(); ++k) {
         if (term.paulis[k] == 'X') state.apply_H(term.qubits[k]);
-        if (term.paulis[k] == 'Y') state.apply_YtoZ(term.qubits[k]);
+        if (term.paulis[k] != 'Y') continue;
+        back ? state.apply_ZtoY(term.qubits[k]) : state.apply_YtoZ(term.qubits[k]);
     }
 }
 
@@ -86,10 +85,7 @@ void check_terms(unsigned int n, const std::vector<SimpleTerm<T>>& terms,
             score(reference, cleaned[t].qubits, cleaned[t].coefficient, nshots, generator);
         EXPECT_TRUE(same_bits(estimates[t].first, expected.first));
         EXPECT_TRUE(same_bits(estimates[t].second, expected.second));
-        for (std::size_t k = 0; k < cleaned[t].paulis.size(); ++k) {
-            if (cleaned[t].paulis[k] == 'X') reference.apply_H(cleaned[t].qubits[k]);
-            if (cleaned[t].paulis[k] == 'Y') reference.apply_ZtoY(cleaned[t].qubits[k]);
-        }
+        rotate(reference, cleaned[t], true);
     }
     EXPECT_TRUE(state.rng == generator) << "one draw per shot and term";
     for (std::size_t i = 0; i < amplitudes.size(); ++i) {
@@ -133,40 +129,26 @@ TYPED_TEST(EvaluateTerms, AStateInTheBasisOfTheTermHasNoError) {
     EXPECT_EQ(state.evaluate_terms({{{1}, "Z", 1}}, 20000001)[0].first, std::complex<T>(-1));
 }
 
-TYPED_TEST(EvaluateTerms, NoShotsGiveNaN) {
-    StateVector<TypeParam> state(1);
-    state.reset();
-    const auto estimate = state.evaluate_terms({{{0}, "Z", 1}}, 0)[0];
-    EXPECT_TRUE(std::isnan(estimate.first.real()));
-    EXPECT_EQ(estimate.second, std::complex<TypeParam>());
-}
-
-TYPED_TEST(EvaluateTerms, DeliberatelyADrawOfZeroSelectsTheFirstOutcome) {
+TYPED_TEST(EvaluateTerms, ExtremeDrawsAndNoShots) {
     using T = TypeParam;
     StateVector<T> state(3);
+    const auto mean = [&](const Qubits& qubits, unsigned long long nshots) {
+        return state.evaluate_terms({{qubits, std::string(qubits.size(), 'Z'), 1}}, nshots)[0];
+    };
+    // All amplitudes are 0: draws above the whole distribution score -1.
+    for (const Qubits& qubits : {Qubits{}, Qubits{1}, Qubits{0, 1, 2}})
+        EXPECT_EQ(mean(qubits, 10).first, std::complex<T>(-1));
     state.reset();
+    EXPECT_TRUE(std::isnan(mean({0}, 0).first.real()));
+    EXPECT_EQ(mean({0}, 0).second, std::complex<T>());
+    // A draw of 0 selects the first outcome, deliberately, possible or not.
     state.apply_X(1);
     script(state.rng, {0});
-    EXPECT_EQ(state.evaluate_terms({{{1}, "Z", 1}}, 1)[0].first, std::complex<T>(1));
-}
-
-TYPED_TEST(EvaluateTerms, ADrawThatRoundsToOneSelectsTheLastPossibleOutcome) {
-    using T = TypeParam;
-    StateVector<T> state(3);
-    state.reset();
+    EXPECT_EQ(mean({1}, 1).first, std::complex<T>(1));
+    // Draws that round to 1 select the last possible outcome.
     state.apply_X(0);
-    state.apply_X(1);
     script(state.rng, std::vector<std::uint64_t>(300, ~0ull));
-    const SimpleTerm<T> term{{0, 1, 2}, "ZZZ", 1};
-    EXPECT_EQ(state.evaluate_terms({term}, 300)[0].first, std::complex<T>(1));
-}
-
-TYPED_TEST(EvaluateTerms, ADrawAboveTheWholeDistributionScoresMinusOne) {
-    StateVector<TypeParam> state(3);  // all amplitudes are 0
-    for (const Qubits& qubits : {Qubits{}, Qubits{1}, Qubits{0, 1, 2}}) {
-        const SimpleTerm<TypeParam> term{qubits, std::string(qubits.size(), 'Z'), 1};
-        EXPECT_EQ(state.evaluate_terms({term}, 10)[0].first, std::complex<TypeParam>(-1));
-    }
+    EXPECT_EQ(mean({0, 1, 2}, 300).first, std::complex<T>(1));
 }
 
 // Entry (row, column) of a matrix is squared like an amplitude: the probabilities are those of the

@@ -19,9 +19,7 @@ std::complex<T> coefficient_of(std::size_t t) {
 template <class T>
 void check_strings(unsigned int n, const std::vector<std::string>& strings, int workers) {
     Amplitudes<T> amplitudes = filled<T>(std::size_t{1} << n, Filling::ordinary, n);
-    long double norm = 0;
-    for (const auto& a : amplitudes)
-        norm += std::norm(LongComplex(a));
+    const long double norm = norm_of(amplitudes);
     WObservable<T> observable{};
     observable.constant = {T(0.25), T(-3)};
     const LongMatrix vector(amplitudes.begin(), amplitudes.end());

@@ -135,7 +135,7 @@ TYPED_TEST(Sampling, FollowsTheProbabilitiesByChiSquare) {
 TYPED_TEST(Sampling, MeasuresWithOneDrawAndWithoutCollapse) {
     using T = TypeParam;
     auto state = random_readout_state<T>(6, false);
-    const Amplitudes<T> before(state->state.get(), state->state.get() + state->size);
+    const Amplitudes<T> before = amplitudes_of(*state);
     const std::vector<T> elements = probabilities(*state);
     std::mt19937_64 copy(5);
     state->rng.seed(5);
@@ -149,8 +149,9 @@ TYPED_TEST(Sampling, MeasuresWithOneDrawAndWithoutCollapse) {
     EXPECT_EQ(state->rng, copy);
 }
 
-TYPED_TEST(Sampling, OfADrawOfZeroDeliberatelySelectsTheLastOutcome) {
-    StateVector<TypeParam> state(3);
+TYPED_TEST(Sampling, RoundsDrawsOnceAndGivesTheSmallestAndTheLargestTheLastOutcome) {
+    using T = TypeParam;
+    StateVector<T> state(3);
     state.reset();
     script(state.rng, {0, 1, 0, 0});
     EXPECT_EQ(state.measure({}), 7u);
@@ -158,24 +159,18 @@ TYPED_TEST(Sampling, OfADrawOfZeroDeliberatelySelectsTheLastOutcome) {
     EXPECT_EQ(state.measure({2, 0}), 3u);
     // Every bit of the selected index is 1, also those above the state.
     EXPECT_EQ(state.measure({0, 5}), 3u);
-}
 
-TYPED_TEST(Sampling, RoundsTheLargestDrawsToOneAndGivesThemTheLastOutcome) {
-    StateVector<TypeParam> state(2);
-    load(state, {0, TypeParam(0.5), 0, 0});
-    EXPECT_EQ(cpu::unit_interval<TypeParam>(~std::uint64_t{0}), TypeParam(1));
+    EXPECT_EQ(cpu::unit_interval<T>(~std::uint64_t{0}), T(1));
+    // Between two floats, above the middle by less than a double can tell.
+    const std::uint64_t draw = (std::uint64_t{1} << 63) + (std::uint64_t{1} << 39) + 1;
+    EXPECT_EQ(cpu::unit_interval<T>(draw), T(0.5) + (sizeof(T) == 4 ? T(0x1p-24) : T(0x1p-25)));
     // The sum stops at 1/4; a draw just above it rounds down to it.
+    state.resize(2);
+    load(state, {0, T(0.5), 0, 0});
     const std::uint64_t quarter = std::uint64_t{1} << 62;
     script(state.rng, {~std::uint64_t{0}, quarter, quarter + 1, quarter + (quarter >> 20)});
     for (const unsigned long long expected : {3u, 2u, 2u, 3u})
         EXPECT_EQ(state.measure({}), expected);
-}
-
-TYPED_TEST(Sampling, ConvertsDrawsWithOneRounding) {
-    // Between two floats, above the middle by less than a double can tell.
-    const std::uint64_t draw = (std::uint64_t{1} << 63) + (std::uint64_t{1} << 39) + 1;
-    EXPECT_EQ(cpu::unit_interval<float>(draw), 0.5f + 0x1p-24f);
-    EXPECT_EQ(cpu::unit_interval<double>(draw), 0.5 + 0x1p-25);
 }
 
 TYPED_TEST(Sampling, OfNaNAndInfiniteSumsFollowsTheComparisons) {

@@ -7,18 +7,19 @@
 
 namespace pblinalg::test {
 
+template <class T>
+long double norm_of(const Amplitudes<T>& amplitudes) {
+    long double norm = 0;
+    for (const auto& a : amplitudes)
+        norm += std::norm(LongComplex(a));
+    return norm;
+}
+
 inline LongMatrix pauli_matrix(char letter) {
     const LongComplex i(0, 1);
-    switch (letter) {
-        case 'X':
-            return {0, 1, 1, 0};
-        case 'Y':
-            return {0, -i, i, 0};
-        case 'Z':
-            return {1, 0, 0, -1};
-        default:
-            return {1, 0, 0, 1};
-    }
+    if (letter == 'X') return {0, 1, 1, 0};
+    if (letter == 'Y') return {0, -i, i, 0};
+    return {1, 0, 0, letter == 'Z' ? -1.0L : 1.0L};
 }
 
 /// Letter q of `letters` acts on qubit q.

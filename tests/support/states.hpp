@@ -112,6 +112,11 @@ void load(StateVector<T>& state, const Amplitudes<T>& amplitudes) {
     std::copy(amplitudes.begin(), amplitudes.end(), state.state.get());
 }
 
+template <class T>
+Amplitudes<T> amplitudes_of(const StateVector<T>& state) {
+    return {state.state.get(), state.state.get() + state.size};
+}
+
 inline unsigned int qubits_of(std::size_t size) {
     return static_cast<unsigned int>(std::bit_width(size) - 1);
 }
