@@ -62,18 +62,15 @@ def array():
 
 
 def several():
-    kind = random.randrange(6)
-    if kind == 0:
-        return [random.randrange(5) for _ in range(random.randrange(5))]
-    if kind == 1:
-        return tuple(random.sample(range(6), random.randrange(6)))
-    if kind == 2:
-        return [number() for _ in range(random.randrange(4))]
-    if kind == 3:
-        return array()
-    if kind == 4:
-        return range(random.randrange(-2, 5))
-    return {1: 2}
+    make = random.choice([
+        lambda: [random.randrange(5) for _ in range(random.randrange(5))],
+        lambda: tuple(random.sample(range(6), random.randrange(6))),
+        lambda: [number() for _ in range(random.randrange(4))],
+        array,
+        lambda: range(random.randrange(-2, 5)),
+        lambda: {1: 2},
+    ])  # fmt: skip
+    return make()
 
 
 def text():
@@ -83,43 +80,40 @@ def text():
     ])  # fmt: skip
 
 
+def lower_state():
+    state = random.choice([STATE, low.PybindLinAlgStateVectorCPUFloat])(random.randrange(6))
+    if random.random() < 0.8:
+        state.reset()
+    if random.random() < 0.2:
+        state.density_matrix = True
+    if random.random() < 0.1:
+        state.release_memory()
+    return state
+
+
+STATE = low.PybindLinAlgStateVectorCPUDouble
+RECORDS = [low.PybindLinAlgWCircuitDouble, low.PybindLinAlgWCircuitFloat]
+OBSERVABLES = [low.WObservableDouble, low.WObservableFloat]
+TERMS = [low.SimpleTermDouble, low.SimpleTermFloat]
+MAKERS = [
+    *[lower_state] * 4,
+    lambda: random.choice(RECORDS)(random.randrange(5)),
+    lambda: random.choice(OBSERVABLES)([1, 2], [1, 2], [0, 3], [0, 5]),
+    lambda: random.choice(TERMS)([0, 1], "XY"),
+    lambda: low.GateList(random.randrange(5)),
+    lambda: pb.Circuit(random.randrange(5)).global_phase(pb.Parameter("a")),
+    lambda: pb.StateVector(random.randrange(5)),
+    lambda: pb.DensityMatrix(random.randrange(3)),
+    lambda: pb.Observable({"XYZ": 1, "IIZ": 2j}),
+    lambda: pb.Counts({"01": 2}),
+    lambda: STATE(3).rng,
+    lambda: STATE.__new__(STATE),
+    lambda: random.choice([low, pb]),
+]
+
+
 def objects():
-    D, F = low.PybindLinAlgStateVectorCPUDouble, low.PybindLinAlgStateVectorCPUFloat
-    kind = random.randrange(16)
-    if kind < 4:
-        state = random.choice([D, F])(random.randrange(6))
-        if random.random() < 0.8:
-            state.reset()
-        if random.random() < 0.2:
-            state.density_matrix = True
-        if random.random() < 0.1:
-            state.release_memory()
-        return state
-    if kind == 4:
-        record = random.choice([low.PybindLinAlgWCircuitDouble, low.PybindLinAlgWCircuitFloat])
-        return record(random.randrange(5))
-    if kind == 5:
-        masks = random.choice([low.WObservableDouble, low.WObservableFloat])
-        return masks([1, 2], [1, 2], [0, 3], [0, 5])
-    if kind == 6:
-        return random.choice([low.SimpleTermDouble, low.SimpleTermFloat])([0, 1], "XY")
-    if kind == 7:
-        return low.GateList(random.randrange(5))
-    if kind == 8:
-        return pb.Circuit(random.randrange(5)).global_phase(pb.Parameter("a"))
-    if kind == 9:
-        return pb.StateVector(random.randrange(5))
-    if kind == 10:
-        return pb.DensityMatrix(random.randrange(3))
-    if kind == 11:
-        return pb.Observable({"XYZ": 1, "IIZ": 2j})
-    if kind == 12:
-        return pb.Counts({"01": 2})
-    if kind == 13:
-        return D(3).rng
-    if kind == 14:
-        return D.__new__(D)
-    return random.choice([low, pb])
+    return random.choice(MAKERS)()
 
 
 pool = [objects() for _ in range(40)]
