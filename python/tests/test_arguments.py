@@ -1,13 +1,12 @@
 """Arguments that misbehave: Python code that they run, and anything at all."""
 
 import os
-import subprocess
-import sys
 from pathlib import Path
 
 import pytest
 
 import pblinalg.lowlevel as low
+from interpreter import run_python
 
 
 def test_an_argument_that_runs_python_code_meets_a_claimed_state():
@@ -28,10 +27,6 @@ def test_an_argument_that_runs_python_code_meets_a_claimed_state():
 def test_no_call_crashes_the_process(seed):
     script = Path(__file__).with_name("fuzz.py")
     calls = os.environ.get("PBLINALG_FUZZ_CALLS", "20000")
-    result = subprocess.run(
-        [sys.executable, "-W", "ignore", script, str(seed), calls],
-        capture_output=True, text=True, timeout=1200,
-    )  # fmt: skip
-    assert result.returncode == 0, result.stdout[-2000:] + result.stderr[-4000:]
+    result = run_python("-W", "ignore", script, seed, calls, timeout=1200)
     done, passed = map(int, result.stdout.split())
     assert passed > done / 50

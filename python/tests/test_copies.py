@@ -3,14 +3,13 @@
 import copy
 import multiprocessing
 import pickle
-import subprocess
-import sys
 from concurrent.futures import ThreadPoolExecutor
 
 import numpy as np
 import pytest
 
 import pblinalg as pb
+from interpreter import run_python
 
 
 def every_gate() -> pb.Circuit:
@@ -144,10 +143,6 @@ except AttributeError as error:
     assert "nothing" in str(error)
 """
     for given, shown in (({}, "100"), ({"GOMP_SPINCOUNT": "7"}, "7")):
-        result = subprocess.run(
-            [sys.executable, "-c", script],
-            env={"PATH": "/usr/bin:/bin", "OMP_DISPLAY_ENV": "VERBOSE", **given},
-            capture_output=True, text=True, timeout=60,
-        )  # fmt: skip
-        assert result.returncode == 0, result.stderr
+        env = {"PATH": "/usr/bin:/bin", "OMP_DISPLAY_ENV": "VERBOSE", **given}
+        result = run_python("-c", script, env=env)
         assert f"GOMP_SPINCOUNT = '{shown}'" in result.stderr

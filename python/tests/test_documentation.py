@@ -5,13 +5,12 @@ import io
 import re
 import shlex
 import shutil
-import subprocess
-import sys
 from pathlib import Path
 
 import pytest
 
 import pblinalg
+from interpreter import run_python
 from pblinalg import _core
 from pblinalg.__main__ import main
 
@@ -21,8 +20,7 @@ EXAMPLES = sorted((ROOT / "examples" / "python").glob("*.py"))
 
 @pytest.mark.parametrize("path", EXAMPLES, ids=lambda path: path.stem)
 def test_example_checks_itself(path):
-    result = subprocess.run([sys.executable, path], capture_output=True, text=True, timeout=120)
-    assert result.returncode == 0, result.stderr
+    run_python(path)
 
 
 @pytest.mark.parametrize("name", ["README.md", "docs/python.md", "docs/python-bit-order.md"])
@@ -58,8 +56,7 @@ def test_commands_in_the_guide_run(tmp_path, monkeypatch, capsys):
 
 def test_type_checkers_accept_a_program_and_find_its_faults(tmp_path):
     program = Path(__file__).with_name("typed_program.py")
-    result = subprocess.run([sys.executable, program], capture_output=True, text=True)
-    assert result.returncode == 0, result.stderr
+    run_python(program)
     api = pytest.importorskip("mypy.api")
     wrong = tmp_path / "wrong.py"
     wrong.write_text(
@@ -76,9 +73,7 @@ def test_type_checkers_accept_a_program_and_find_its_faults(tmp_path):
 
 
 def test_the_reference_is_up_to_date():
-    script = ROOT / "python" / "tools" / "generate_api_reference.py"
-    result = subprocess.run([sys.executable, script, "--check"], capture_output=True, text=True)
-    assert result.returncode == 0, result.stdout + result.stderr
+    run_python(ROOT / "python" / "tools" / "generate_api_reference.py", "--check")
 
 
 def test_the_version_is_that_of_the_build():

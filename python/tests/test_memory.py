@@ -1,10 +1,10 @@
 """Memory that runs out: refused beforehand where a limit is known, survived where it is not."""
 
-import subprocess
-import sys
 import textwrap
 
 import pytest
+
+from interpreter import run_python
 
 pytest.importorskip("resource")
 
@@ -22,11 +22,7 @@ def run_limited(limit: str, body: str) -> None:
         hard = resource.getrlimit(resource.{limit})[1]
         resource.setrlimit(resource.{limit}, (used + (64 << 20), hard))
     """
-    program = textwrap.dedent(script) + textwrap.dedent(body)
-    result = subprocess.run(
-        [sys.executable, "-c", program], capture_output=True, text=True, timeout=120
-    )
-    assert result.returncode == 0, result.stdout + result.stderr
+    run_python("-c", textwrap.dedent(script) + textwrap.dedent(body))
 
 
 def test_the_limit_of_the_address_space_is_seen_before_anything_is_freed():

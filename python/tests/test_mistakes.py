@@ -91,13 +91,11 @@ UPPER = [
     # Gates
     ("v.h(4)", IndexError, "qubit = 4: expected a qubit between 0 and 3"),
     ("v.h(None)", TypeError, "qubit must be an integer, got None"),
-    ("v.h([0])", TypeError, r"qubit must be an integer, got \[0\]"),
     ("v.h(0, [0])", ValueError, "controls = 0: the qubit is listed twice"),
     ("v.h(0, [4])", IndexError, "controls = 4"),
     ("v.h(0, 1)", TypeError, "controls must be a list, tuple or array"),
     ("v.rx(None, 0)", TypeError, "theta must be a real number, got None"),
     ("v.rx(float('nan'), 0)", ValueError, "theta must be a finite number"),
-    ("v.p(10**400, 0)", ValueError, "theta must be a finite number"),
     ("f.rx(1e39, 0)", ValueError, "theta must be a finite number .in float32."),
     ("v.u(0, float('inf'), 0, 0)", ValueError, "phi must be a finite number"),
     ("v.u(0, 0, '1', 0)", TypeError, "lam must be a real number"),

@@ -3,8 +3,6 @@
 import multiprocessing
 import os
 import signal
-import subprocess
-import sys
 import textwrap
 import threading
 from concurrent.futures import ThreadPoolExecutor
@@ -13,6 +11,7 @@ import numpy as np
 import pytest
 
 import pblinalg as pb
+from interpreter import run_python
 
 QUBITS = 18  # large enough for parallel regions and for calls without the interpreter lock
 
@@ -123,10 +122,7 @@ def test_a_stopped_circuit_leaves_the_gates_up_to_a_boundary(instrument):
         state.reset().h(0)
         assert abs(state.probability("1", [0]) - 0.5) < 1e-12
     """
-    result = subprocess.run(
-        [sys.executable, "-c", textwrap.dedent(script)], capture_output=True, text=True, timeout=120
-    )
-    assert result.returncode == 0, result.stdout + result.stderr
+    run_python("-c", textwrap.dedent(script))
 
 
 def test_a_stopped_density_matrix_has_every_gate_on_both_sides():

@@ -3,8 +3,6 @@
 import io
 import json
 import re
-import subprocess
-import sys
 from pathlib import Path
 
 import numpy as np
@@ -12,6 +10,7 @@ import pytest
 
 import dense
 import pblinalg as pb
+from interpreter import run_python
 from pblinalg.__main__ import main
 from pblinalg.qasm import load, loads
 
@@ -335,10 +334,7 @@ def test_command_line_errors_are_one_clear_line(qiskit, capsys, tmp_path, text, 
 
 
 def test_command_line_shows_the_machine_and_checks_itself():
-    result = subprocess.run(
-        [sys.executable, "-m", "pblinalg"], capture_output=True, text=True, timeout=120
-    )
-    assert result.returncode == 0, result.stderr
+    result = run_python("-m", "pblinalg")
     for word in ("instruction set", "threads", "free memory", "largest register"):
         assert word in result.stdout
     assert result.stdout.count("ok ") == 8 and "FAILED" not in result.stdout

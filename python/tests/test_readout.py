@@ -187,11 +187,9 @@ def test_states_read_as_sequences_and_arrays_serve_as_lists_of_qubits(precision,
 
 
 def test_text_of_the_lower_level(precision, capfd):
-    state = precision.State(1)
-    state.reset()
+    state = precision.state([1, 0])
     state.print()
-    assert capfd.readouterr().out == "0: (1,0)\n1: (0,0)\n"
-    assert state.str() == "(1,0) (0,0) "
+    assert capfd.readouterr().out == "0: (1,0)\n1: (0,0)\n" and state.str() == "(1,0) (0,0) "
     state.reset_to_str("-")
     assert state.get_mapped_statevector()[1].real < 0
     assert state.get_named_ctrl_gates() == "X Y Z H S T RX RY RZ PH".split()
