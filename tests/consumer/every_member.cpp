@@ -91,6 +91,12 @@ bool runs_a_list() {
            std::abs(state.state[0] - std::complex<T>(1)) < T(1e-6);
 }
 
+template <class T>
+bool all_hold() {
+    return state_vector_members_exist<T>() && record_members_exist<T>() && makes_bell_state<T>() &&
+           runs_a_list<T>();
+}
+
 bool check(bool holds, const char* claim) {
     if (!holds) std::printf("failed: %s\n", claim);
     return holds;
@@ -102,13 +108,7 @@ int main() {
     bool passed = check(all_exist(&pblinalg::get_num_threads), "get_num_threads exists");
     passed &=
         check(std::strcmp(pblinalg::version(), PBLINALG_VERSION) == 0, "version of the headers");
-    passed &= check(state_vector_members_exist<float>(), "state vector members in float");
-    passed &= check(state_vector_members_exist<double>(), "state vector members in double");
-    passed &= check(record_members_exist<float>(), "record members in float");
-    passed &= check(record_members_exist<double>(), "record members in double");
-    passed &= check(makes_bell_state<float>(), "Bell state in float");
-    passed &= check(makes_bell_state<double>(), "Bell state in double");
-    passed &= check(runs_a_list<float>(), "gate list in float");
-    passed &= check(runs_a_list<double>(), "gate list in double");
+    passed &= check(all_hold<float>(), "members, Bell state and gate list in float");
+    passed &= check(all_hold<double>(), "members, Bell state and gate list in double");
     return passed ? 0 : 1;
 }

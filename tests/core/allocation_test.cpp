@@ -100,7 +100,6 @@ TYPED_TEST(Allocations, ThatFailReachTheCallerBeforeAnAmplitudeChanges) {
         {"apply_nqbit_gate", [&] { state.apply_nqbit_gate(three, matrix); }},
         {"apply_nqbit_gate, diagonal", [&] { state.apply_nqbit_gate(three, diagonal); }},
         {"apply_nqbit_ctrl_gate", [&] { state.apply_nqbit_ctrl_gate({1}, three, matrix); }},
-        {"project_then_reset", [&] { state.project_then_reset(two, 3); }},
         {"project, impossible", [&] { state.project(Qubits{3}, 1); }},
         {"apply_state_preparation", [&] { state.apply_state_preparation(inputs.data(), ten); }},
         {"apply_phase_oracle", [&] { state.apply_phase_oracle(marked, three); }},

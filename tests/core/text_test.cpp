@@ -28,11 +28,7 @@ TYPED_TEST(Text, ShowsEveryAmplitudeInIndexOrder) {
     EXPECT_EQ(state.str(), "(1,0) (0,0) ");
     state.apply_H(0);
     EXPECT_EQ(state.str(), "(0.707107,0) (0.707107,0) ");
-}
-
-TYPED_TEST(Text, ShowsSignsOfZeroAndNonFiniteParts) {
     using Limits = std::numeric_limits<TypeParam>;
-    StateVector<TypeParam> state(1);
     load(state, {{-TypeParam(0), Limits::infinity()}, {TypeParam(1.5e-7), Limits::quiet_NaN()}});
     EXPECT_EQ(state.str(), "(-0,inf) (1.5e-07,nan) ");
     EXPECT_EQ(this->printed(state), "0: (-0,inf)\n1: (1.5e-07,nan)\n");

@@ -92,6 +92,11 @@ TYPED_TEST(MatrixGates, RecoverInfinitiesOfProducts) {
         auto matrix = this->random_matrix(targets.size());
         matrix[3] = {infinity, -infinity};
         this->check(before, targets, {}, matrix);
+        // A NaN beside a diagonal is an entry.
+        Amplitudes<T> diagonal(std::size_t{1} << targets.size(), T(2));
+        matrix = this->diagonal_matrix(diagonal);
+        matrix[matrix.size() - 2] = {0, std::numeric_limits<T>::quiet_NaN()};
+        this->check(before, targets, {}, matrix);
     }
 }
 
@@ -174,18 +179,15 @@ TYPED_TEST(MatrixGates, TakeDiagonalsOfAnyLengthInTheDiagonalKernel) {
     const auto wide = filled<T>(std::size_t{1} << 14, Filling::ordinary);
     const Qubits twelve{9, 1, 13, 8, 0, 4, 5, 6, 12, 10, 2, 7};
     const auto factors = filled<T>(std::size_t{1} << 12, Filling::ordinary, 5);
+    auto expected = wide;
+    apply_diagonal_exactly<T>(expected, twelve, {11},
+                              [&](std::size_t row, auto& a) { a = factors[row] * a; });
     StateVector<T> large(14);
     for_each_instruction_set([&] {
         load(large, wide);
         cpu::_DiagGate<true>::apply_controlled<T>(large.state.get(), twelve, 14, 2, Qubits{11},
                                                   factors);
-        for (std::size_t i = 0; i < wide.size(); ++i) {
-            std::size_t row = 0;
-            for (const unsigned int q : twelve)
-                row = 2 * row + (i >> q & 1);
-            const auto expected = i >> 11 & 1 ? factors[row] * wide[i] : wide[i];
-            ASSERT_TRUE(same_bits(large.state[i], expected)) << i;
-        }
+        EXPECT_TRUE(same_bits(large, expected));
     });
 
     // Entries that the diagonal lacks count as 0.
@@ -197,13 +199,6 @@ TYPED_TEST(MatrixGates, TakeDiagonalsOfAnyLengthInTheDiagonalKernel) {
             EXPECT_TRUE(same_bits(state.state[i], factor * before[i])) << n_entries << " " << i;
         }
     }
-}
-
-TYPED_TEST(MatrixGates, TakeANaNBesideTheDiagonalForAnEntry) {
-    using T = TypeParam;
-    auto matrix = this->diagonal_matrix(filled<T>(8, Filling::ordinary, 2));
-    matrix[62] = {0, std::numeric_limits<T>::quiet_NaN()};
-    this->check(filled<T>(32, Filling::ordinary), {3, 0, 1}, {}, matrix);
 }
 
 }  // namespace

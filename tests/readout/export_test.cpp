@@ -91,7 +91,7 @@ class Export : public ::testing::Test {
 };
 TYPED_TEST_SUITE(Export, Precisions);
 
-TYPED_TEST(Export, WritesAmplitudesInCallerOrder) {
+TYPED_TEST(Export, WritesAndMapsAmplitudesAndDiagonalsInCallerOrder) {
     this->for_each_export([this](auto& state, const auto& amplitudes, TypeParam threshold) {
         const auto expected = this->expected_dense(amplitudes, threshold);
         Amplitudes<TypeParam> out(amplitudes.size(), {7, 7});
@@ -100,6 +100,13 @@ TYPED_TEST(Export, WritesAmplitudesInCallerOrder) {
         out.assign(amplitudes.size(), {7, 7});
         state.get_permuted_density_matrix(out.data(), threshold);
         EXPECT_TRUE(same_bits(out.data(), expected));
+        this->check_map(state.get_mapped_statevector(threshold), amplitudes, threshold);
+
+        const auto diagonal = this->diagonal_of(amplitudes, state.nqubits / 2);
+        std::vector<TypeParam> reals(diagonal.size(), 7);
+        state.get_permuted_density_diag(reals.data(), threshold);
+        EXPECT_TRUE(same_bits(reals.data(), this->expected_dense(diagonal, threshold)));
+        this->check_map(state.get_mapped_density_diag(threshold), diagonal, threshold);
     });
 }
 
@@ -127,23 +134,6 @@ TYPED_TEST(Export, CopiesTilesOfEverySideAroundTheCacheAndThroughIt) {
         }
     }
     EXPECT_EQ(cpu::ReversalTiles(20).side_bits, 8u);
-}
-
-TYPED_TEST(Export, WritesDiagonalsInCallerOrder) {
-    this->for_each_export([this](auto& state, const auto& amplitudes, TypeParam threshold) {
-        const auto diagonal = this->diagonal_of(amplitudes, state.nqubits / 2);
-        std::vector<TypeParam> out(diagonal.size(), 7);
-        state.get_permuted_density_diag(out.data(), threshold);
-        EXPECT_TRUE(same_bits(out.data(), this->expected_dense(diagonal, threshold)));
-    });
-}
-
-TYPED_TEST(Export, MapsNonZeroEntriesAboveTheThreshold) {
-    this->for_each_export([this](auto& state, const auto& amplitudes, TypeParam threshold) {
-        this->check_map(state.get_mapped_statevector(threshold), amplitudes, threshold);
-        this->check_map(state.get_mapped_density_diag(threshold),
-                        this->diagonal_of(amplitudes, state.nqubits / 2), threshold);
-    });
 }
 
 }  // namespace

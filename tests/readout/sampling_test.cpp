@@ -27,13 +27,6 @@ std::uint64_t read_bits(std::uint64_t element, const Qubits& qubits) {
     return outcome;
 }
 
-Qubits all_qubits(unsigned int n) {
-    Qubits qubits(n);
-    for (unsigned int q = 0; q < n; ++q)
-        qubits[q] = q;
-    return qubits;
-}
-
 /// Expects that shot s of `state` is what draw s selects, and that the generator moved as far.
 template <class T>
 void expect_exact_shots(StateVector<T>& state, const Qubits& qubits, std::size_t nshots) {
@@ -45,7 +38,8 @@ void expect_exact_shots(StateVector<T>& state, const Qubits& qubits, std::size_t
     state.sample_subset(shots.data(), qubits, nshots);
     for (std::size_t s = 0; s < nshots; ++s) {
         const std::uint64_t element = select(elements, copy());
-        ASSERT_EQ(shots[s], read_bits(element, qubits.empty() ? all_qubits(n) : qubits)) << s;
+        ASSERT_EQ(shots[s], qubits.empty() ? reversed(element, n) : read_bits(element, qubits))
+            << s;
     }
     EXPECT_EQ(shots[nshots], 77u);
     EXPECT_EQ(state.rng, copy);

@@ -1,6 +1,6 @@
 // What gates do, to the last bit: plain loops that test the bits of every index, and each formula
 // spelled out on std::complex in its order of operations. Nothing of the library is used.
-// Closeness to the mathematical gates is the business of textbook_reference.hpp.
+// Closeness to the mathematical gates is the business of python/tests/test_gates.py.
 #pragma once
 
 #include <functional>

@@ -1,4 +1,4 @@
-// The mathematical gates: 2^k x 2^k matrices, multiplied from 2 x 2 ones, applied in long double.
+// Row-major 2^k x 2^k matrices, applied in long double.
 // Tells whether a result is right; whether its last bit is, exact_reference.hpp tells.
 #pragma once
 
@@ -8,20 +8,6 @@ namespace pblinalg::test {
 
 using LongComplex = std::complex<long double>;
 using LongMatrix = std::vector<LongComplex>;
-
-/// Row-major; `high` acts on the first listed qubit.
-inline LongMatrix kronecker(const LongMatrix& high, const LongMatrix& low) {
-    const std::size_t low_rows = low.size() == 4 ? 2 : 4;
-    const std::size_t rows = low_rows * (high.size() == 4 ? 2 : 4);
-    LongMatrix product(rows * rows);
-    for (std::size_t r = 0; r < rows; ++r) {
-        for (std::size_t c = 0; c < rows; ++c) {
-            product[r * rows + c] = high[r / low_rows * (rows / low_rows) + c / low_rows] *
-                                    low[r % low_rows * low_rows + c % low_rows];
-        }
-    }
-    return product;
-}
 
 /// An amplitude and the sum of magnitudes that it was added up from; 0 when it was not touched.
 struct TextbookAmplitude {
