@@ -31,8 +31,9 @@ struct RunReport {
 /// A stop takes effect once gates that later ones have overtaken are done, too.
 ///
 /// @param values  one per parameter of the list.
-/// Errors: std::bad_alloc before any amplitude changes. What `between_passes` throws reaches the
-/// caller after the same steps as a stop.
+/// Errors: std::bad_alloc, before any amplitude changes but where a matrix of more than two qubits,
+/// an oracle of many values or the end of a stopped run needs memory of its own. What
+/// `between_passes` throws reaches the caller after the same steps as a stop.
 template <class T>
 PBLINALG_EXPORT RunReport run(cpu::PybindLinAlgStateVectorCPU<T>& state, const GateList& list,
                               std::span<const double> values = {}, const RunOptions& options = {});

@@ -144,6 +144,8 @@ class Counts(dict[str, int]):
             import matplotlib.pyplot as plt
         except ImportError as error:
             raise ImportError("plots need matplotlib: pip install 'pblinalg[plot]'") from error
+        if axes is not None and not hasattr(axes, "bar"):
+            raise TypeError(f"axes must be matplotlib axes, got {axes!r}")
         shown, others, rest = self._shown(_SHOWN)
         if axes is None:
             width = max(4.5, 0.3 * (len(shown) + bool(others)) + 1)

@@ -63,10 +63,8 @@ void append_related(GateList& list, const GateView& gate, Wanted wanted) {
             return;
         }
         case GateRelation::as_matrix: {
-            std::vector<double> numbers;
-            for (const Angle& angle : angles)
-                numbers.push_back(angle.offset);
-            const Values values = conjugated(gate_matrix(gate.kind, numbers));
+            // Gates with angles have their conjugates in the table.
+            const Values values = conjugated(gate_matrix(gate.kind, {}));
             list.add_matrix(gate.targets, values, gate.controls);
             return;
         }

@@ -418,6 +418,17 @@ std::uint32_t append_angle_factors(GateKind kind, const double* angles, Program<
 }  // namespace
 
 template <class T>
+void Program<T>::clear() {
+    n_gates = 0;
+    operations.clear();
+    factors.clear();
+    bound.clear();
+    tables.clear();
+    dense.clear();
+    oracles.clear();
+}
+
+template <class T>
 void lower(const GateView& gate, Program<T>& program) {
     Lowering<T> to(program, gate.controls);
     switch (gate.kind) {
@@ -488,6 +499,7 @@ void bind(const Program<T>& program, const GateList& list, std::span<const doubl
 }
 
 #define PBLINALG_INSTANTIATE(T)                                                       \
+    template struct Program<T>;                                                       \
     template void lower<T>(const GateView&, Program<T>&);                             \
     template bool lower<T>(const PybindLinAlgWCircuit<T>&, std::size_t, Program<T>&); \
     template void bind<T>(const Program<T>&, const GateList&, std::span<const double>, T*);

@@ -45,6 +45,9 @@ struct Program {
     std::vector<DiagonalTable<T>> tables;
     std::vector<DenseMatrix<T>> dense;
     std::vector<PhaseOracle> oracles;
+
+    /// Forgets all gates and keeps the memory.
+    void clear();
 };
 
 /// Appends a gate. Parametrised coefficients are left for `bind`.

@@ -25,8 +25,8 @@ std::size_t find_twin(const std::vector<Operation>& operations, std::size_t firs
             return i;
         }
         const bool on_target = next.depends_on() & opening.target_bits;
-        const bool folds = next.selects == opening.target_bits && !next.alone &&
-                           next.action != Action::table && !(next.controls & opening.target_bits);
+        const bool folds =
+            next.selects == opening.target_bits && !next.alone && next.action != Action::table;
         if (!next.is_diagonal() || (on_target && !folds)) return 0;
     }
     return 0;

@@ -190,7 +190,10 @@ class Dice {
             const std::size_t opening = gates.size() - 1;
             for (unsigned int d = below(3); d > 0; --d)
                 add(gates, below(2) ? GateKind::RZ : GateKind::T, n);
-            gates.append(gates[opening]);
+            // Or, as a trap, one for the opposite control.
+            GateView closing = gates[opening];
+            if (below(4) == 0) closing.controls.values ^= closing.controls.mask;
+            gates.append(closing);
         }
         return gates;
     }
@@ -259,6 +262,13 @@ TYPED_TEST(GateLists, RunAsTheDefinitionsOfTheirGatesToTheLastBit) {
             }
         }
     }
+    // Too many marked values for a controlled Z each.
+    GateList oracle;
+    std::vector<std::uint64_t> odd;
+    for (std::uint64_t value = 1; value < 256; value += 2)
+        odd.push_back(value);
+    oracle.add_phase_oracle(odd, {4, 0, 8, 2, 5, 6, 1, 9}, Controls({7, 3}, 1));
+    check_definitions(oracle, filled<T>(1024, Filling::ordinary), "an oracle");
 }
 
 TYPED_TEST(GateLists, RunAsTheirGatesInOrderAroundTheSizesOfCaches) {
@@ -362,11 +372,21 @@ TYPED_TEST(GateLists, StopBetweenPassesWithExactlyTheFirstGatesDone) {
         cancelling.add(GateKind::X, other, Controls({q})).add(GateKind::RXX, {q, other}, 0.1 * i);
         cancelling.add(GateKind::X, other, Controls({q}));
     }
-    const auto before = filled<T>(std::size_t{1} << n, Filling::ordinary, 1);
-    for (const GateList& list : {mixed, cancelling}) {
+    // Passes that end between the operations of one gate, and of five gates in one.
+    GateList framed;
+    for (unsigned int i = 0; i < 900; ++i) {
+        framed.add(GateKind::X, 7, Controls({i % 7}));
+        for (int d = 0; d < 3; ++d)
+            framed.add(GateKind::RZ, 7, 0.1 * i);
+        framed.append(framed[framed.size() - 4]);
+        framed.add_phase_oracle(std::vector<std::uint64_t>{1, 2, 5}, {0, 1, 2});
+    }
+    for (const GateList& list : {mixed, cancelling, framed}) {
+        const unsigned int size = list.n_qubits();
+        const auto before = filled<T>(std::size_t{1} << size, Filling::ordinary, 1);
         for (const bool throws : {false, true}) {
             for (const int calls : {1, 2, 4}) {
-                StateVector<T> state(n);
+                StateVector<T> state(size);
                 load(state, before);
                 std::vector<std::size_t> seen;
                 RunOptions options;
