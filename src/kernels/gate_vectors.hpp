@@ -2,7 +2,6 @@
 // whole vector fits. Included by the sources that are compiled once per instruction set.
 #pragma once
 
-#include <initializer_list>
 #include <type_traits>
 
 #include "gates/formulas.hpp"
