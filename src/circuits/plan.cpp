@@ -58,13 +58,13 @@ int plan_workers(unsigned int nqubits, int requested) {
 }
 
 template <class T>
-PlanShape plan_shape(unsigned int nqubits, int workers) {
+PlanShape plan_shape(unsigned int nqubits, int workers, Accuracy accuracy) {
     // A tile for each worker at least, none too small to be worth a pass.
     constexpr unsigned int min_shared_tile_bits = min_parallel_qubits<T> - 2;
     unsigned int bits = std::min(nqubits, tile_qubits<T>);
     while (bits > min_shared_tile_bits && (std::size_t{1} << (nqubits - bits)) < team_size(workers))
         --bits;
-    return {nqubits, bits, active_instruction_set()};
+    return {nqubits, bits, active_instruction_set(), accuracy};
 }
 
 template <class T>
@@ -245,10 +245,17 @@ void Plan<T>::run_pass(const Stage& stage, std::complex<T>* amplitudes, int work
     run_team(workers, [&](int id, int team) {
         const Block tiles(n_tiles, static_cast<Index>(id), static_cast<Index>(team), 1);
         bool shortcut = true;
-        dispatch([&]<InstructionSet set>() {
-            run_tiles<set, T>(parts(amplitudes), pass, tiles.begin, tiles.end, scratch.of(id),
-                              shortcut);
-        });
+        const auto run = [&]<Accuracy accuracy>() {
+            dispatch([&]<InstructionSet set>() {
+                run_tiles<set, T, accuracy>(parts(amplitudes), pass, tiles.begin, tiles.end,
+                                            scratch.of(id), shortcut);
+            });
+        };
+        if (shape_.accuracy == Accuracy::rounding) {
+            run.template operator()<Accuracy::rounding>();
+        } else {
+            run.template operator()<Accuracy::exact>();
+        }
     });
 }
 
@@ -315,9 +322,9 @@ std::size_t Plan<T>::finish_overtaken(const Stage& stage, std::complex<T>* ampli
     return end == operations.size() ? program_.n_gates : operations[end].gates_before;
 }
 
-#define PBLINALG_INSTANTIATE(T)                          \
-    template int plan_workers<T>(unsigned int, int);     \
-    template PlanShape plan_shape<T>(unsigned int, int); \
+#define PBLINALG_INSTANTIATE(T)                                    \
+    template int plan_workers<T>(unsigned int, int);               \
+    template PlanShape plan_shape<T>(unsigned int, int, Accuracy); \
     template class Plan<T>;
 PBLINALG_INSTANTIATE(float)
 PBLINALG_INSTANTIATE(double)

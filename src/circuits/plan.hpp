@@ -16,12 +16,13 @@ struct PlanShape {
     unsigned int nqubits;
     unsigned int tile_bits;
     InstructionSet set;
+    Accuracy accuracy;
     friend bool operator==(const PlanShape&, const PlanShape&) = default;
 };
 
 /// The shape for 2^nqubits amplitudes on `workers`, as many as `run_team` is asked for.
 template <class T>
-PlanShape plan_shape(unsigned int nqubits, int workers);
+PlanShape plan_shape(unsigned int nqubits, int workers, Accuracy accuracy = Accuracy::exact);
 
 /// Workers that a state of 2^nqubits amplitudes pays for.
 template <class T>

@@ -32,7 +32,7 @@ RunReport run(cpu::PybindLinAlgStateVectorCPU<T>& state, const GateList& list,
               std::span<const double> values, const RunOptions& options) {
     assert(list.n_qubits() <= state.nqubits && list.n_parameters() <= values.size());
     const int workers = cpu::plan_workers<T>(state.nqubits, state.num_threads);
-    const cpu::PlanShape shape = cpu::plan_shape<T>(state.nqubits, workers);
+    const cpu::PlanShape shape = cpu::plan_shape<T>(state.nqubits, workers, options.accuracy);
     const auto plan = list.plans()->plan<T>(shape, [&] {
         return std::make_shared<cpu::Plan<T>>(lowered<T>(list, state.nqubits), shape);
     });

@@ -1,5 +1,6 @@
 // Compiled like exact_kernels.cpp: once per instruction set, without contraction or automatic
-// vectorisation, and without instantiating anything of the standard library.
+// vectorisation, and without instantiating anything of the standard library. A second time for
+// each set with contraction, for runs by rounding.
 #include "kernels/circuit_kernels.hpp"
 
 #include "gates/formulas.hpp"
@@ -12,6 +13,7 @@ namespace pblinalg::cpu {
 namespace {
 
 constexpr InstructionSet this_set = InstructionSet::PBLINALG_INSTRUCTION_SET;
+constexpr Accuracy this_accuracy = Accuracy::PBLINALG_ACCURACY;
 
 /// Vectors of both parts that leave half of the registers to the arithmetic.
 constexpr unsigned int row_bits = n_registers<this_set> == 32 ? 3 : 2;
@@ -568,7 +570,9 @@ template <Products products, class T>
     for (std::size_t w = 0; w < pass.n_windows; ++w) {
         const bool last = w + 1 == pass.n_windows;
         if (live == ends[w] && !last) continue;
-        passed = run_window<products>(tile, size, base, pass, pass.windows[w], live, ends[w], last);
+        const bool inspects = last && products != Products::fused;
+        passed =
+            run_window<products>(tile, size, base, pass, pass.windows[w], live, ends[w], inspects);
         live = ends[w];
     }
     return passed;
@@ -580,8 +584,10 @@ template <InstructionSet set, class T>
 WindowShape window_shape() {
     return {Plain<T>::lane_bits, row_bits};
 }
+template WindowShape window_shape<this_set, float>();
+template WindowShape window_shape<this_set, double>();
 
-template <InstructionSet set, class T>
+template <InstructionSet set, class T, Accuracy accuracy>
 void run_tiles(T* state, const TilePass<T>& pass, Index begin, Index end, void* scratch,
                bool& shortcut) {
     const Index size = bit(count_bits(pass.active));
@@ -594,9 +600,13 @@ void run_tiles(T* state, const TilePass<T>& pass, Index begin, Index end, void* 
         const auto run = [&]<Products products>() {
             return run_sequence<products>(state, base, pass, live, ends, tile, size);
         };
-        shortcut = shortcut && run.template operator()<Products::without_zeros>();
-        if (!shortcut && !run.template operator()<Products::plain>()) {
-            run.template operator()<Products::recovered>();
+        if constexpr (accuracy == Accuracy::rounding) {
+            run.template operator()<Products::fused>();
+        } else {
+            shortcut = shortcut && run.template operator()<Products::without_zeros>();
+            if (!shortcut && !run.template operator()<Products::plain>()) {
+                run.template operator()<Products::recovered>();
+            }
         }
         const Placement& placement = pass.placements[pass.n_placements - 1];
         if (pass.past_cache) {
@@ -608,9 +618,9 @@ void run_tiles(T* state, const TilePass<T>& pass, Index begin, Index end, void* 
     if (pass.past_cache) Vector<this_set, T>::finish_past_cache();
 }
 
-#define PBLINALG_INSTANTIATE(T)                       \
-    template WindowShape window_shape<this_set, T>(); \
-    template void run_tiles<this_set, T>(T*, const TilePass<T>&, Index, Index, void*, bool&);
+#define PBLINALG_INSTANTIATE(T)                                                               \
+    template void run_tiles<this_set, T, this_accuracy>(T*, const TilePass<T>&, Index, Index, \
+                                                        void*, bool&);
 PBLINALG_INSTANTIATE(float)
 PBLINALG_INSTANTIATE(double)
 

@@ -5,6 +5,7 @@
 #pragma once
 
 #include <cstdint>
+#include <pblinalg/accuracy.hpp>
 
 #include "core/bits.hpp"
 #include "core/instruction_set.hpp"
@@ -200,8 +201,9 @@ WindowShape window_shape();
 /// Runs `pass` on tiles [begin, end).
 /// @param state     interleaved parts, 64-byte aligned.
 /// @param shortcut  whether to try products without their zero parts first; cleared once a tile had
-///                  to be done again with them, as its neighbours then likely would, too.
-template <InstructionSet set, class T>
+///                  to be done again with them, as its neighbours then likely would, too. By
+///                  rounding they are always left out.
+template <InstructionSet set, class T, Accuracy accuracy = Accuracy::exact>
 void run_tiles(T* state, const TilePass<T>& pass, Index begin, Index end, void* scratch,
                bool& shortcut);
 
