@@ -68,8 +68,8 @@ class Adjoint {
     /// @return false when stopped.
     bool run_forward() {
         const std::vector<T> factors = bound_factors(forward_->program(), list_, values_);
-        return forward_->run(ket_, workers_, factors.data(), between(0)) == list_.size() &&
-               goes_on(list_.size());
+        forward_->run(ket_, workers_, factors.data(), between(0));
+        return goes_on(list_.size());
     }
 
     /// Runs ket and bra backward and adds a row to the result, of value <bra|ket> + `constant`.
@@ -102,10 +102,11 @@ class Adjoint {
             shape, [&] { return std::make_shared<cpu::Plan<T>>(lowered(), shape); });
     }
 
-    bool goes_on(std::size_t gates) const {
-        return !options_.between_passes || options_.between_passes(gates);
+    bool goes_on(std::size_t gates) {
+        stopped_ = stopped_ || (options_.between_passes && !options_.between_passes(gates));
+        return !stopped_;
     }
-    std::function<bool(std::size_t)> between(std::size_t before) const {
+    std::function<bool(std::size_t)> between(std::size_t before) {
         if (!options_.between_passes) return {};
         return [this, before](std::size_t gates) { return goes_on(before + gates); };
     }
@@ -122,6 +123,7 @@ class Adjoint {
     Amplitudes bra_;
     std::shared_ptr<const cpu::Plan<T>> forward_, backward_;
     std::vector<T> factors_;
+    bool stopped_ = false;
 };
 
 constexpr auto stopped = [] {

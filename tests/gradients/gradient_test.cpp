@@ -1,6 +1,5 @@
 // Adjoint gradients against finite differences of a textbook's expectation values in long double.
-#include <omp.h>
-
+#include <algorithm>
 #include <stdexcept>
 
 #include "support/exact_reference.hpp"
@@ -183,8 +182,9 @@ Gradient gradient_of(const GateList& list, const Amplitudes<T>& before,
 }
 
 template <class T>
-void check_gradient(const GateList& list, unsigned int n, const Values& values,
-                    std::string_view what) {
+void check_gradient(const GateList& list, unsigned int n, std::string_view what) {
+    Values values{0.9, -0.2, 1.7};
+    values.resize(list.n_parameters());
     const Amplitudes<T> before = start<T>(n, n + 1);
     const Terms terms = random_terms(n, 6, n);
     const auto f = [&](const LongValues& at) {
@@ -228,7 +228,7 @@ class Dice {
                                  : Angle::of_parameter(below(n_parameters),
                                                        below(2) ? 1 : -0.5 * number, number));
         }
-        list.add(kind, std::span(qubits).first(k), angles, controls);
+        list.add(kind, QubitList(std::span(qubits).first(k)), angles, controls);
     }
 
     GateList list(unsigned int n, unsigned int n_gates, std::uint32_t n_parameters) {
@@ -261,7 +261,7 @@ TYPED_TEST(Gradients, AreThoseOfEveryGateWithAnAngle) {
                 dice.add(list, gate.kind, n, 3);
                 list.append(dice.list(n, 3, 0));
             }
-            check_gradient<TypeParam>(list, n, {0.4, -1.3, 2.2}, gate.name);
+            check_gradient<TypeParam>(list, n, gate.name);
         }
     }
 }
@@ -269,7 +269,7 @@ TYPED_TEST(Gradients, AreThoseOfEveryGateWithAnAngle) {
 TYPED_TEST(Gradients, AreThoseOfLongListsOnManyTiles) {
     Dice dice(2);
     const double c = 0.6, s = 0.8;
-    for (const auto& [n, n_gates] : {std::pair{3u, 40u}, {7u, 120u}, {10u, 60u}, {14u, 24u}}) {
+    for (const auto& [n, n_gates] : {std::pair{3u, 40u}, {7u, 120u}, {10u, 60u}, {13u, 16u}}) {
         GateList list = dice.list(n, n_gates / 2, 3);
         // These run on the whole state, or from tables.
         list.add_matrix({2, 0, 1},
@@ -280,7 +280,7 @@ TYPED_TEST(Gradients, AreThoseOfLongListsOnManyTiles) {
         list.add_diagonal({n - 1, 0}, std::vector<std::complex<double>>{1, {c, s}, -1, {0, 1}},
                           {1});
         list.append(dice.list(n, n_gates / 2, 3));
-        check_gradient<TypeParam>(list, n, {0.9, -0.2, 1.7}, std::to_string(n) + " qubits");
+        check_gradient<TypeParam>(list, n, std::to_string(n) + " qubits");
     }
 }
 
