@@ -61,8 +61,13 @@ template <class T>
 PlanShape plan_shape(unsigned int nqubits, int workers, Accuracy accuracy) {
     // A tile for each worker at least, none too small to be worth a pass.
     constexpr unsigned int min_shared_tile_bits = min_parallel_qubits<T> - 2;
+    // By rounding the plan may not depend on the team.
+    constexpr std::size_t usual_team = 4;
+    const std::size_t team = accuracy == Accuracy::exact        ? team_size(workers)
+                             : nqubits < min_parallel_qubits<T> ? 1
+                                                                : usual_team;
     unsigned int bits = std::min(nqubits, tile_qubits<T>);
-    while (bits > min_shared_tile_bits && (std::size_t{1} << (nqubits - bits)) < team_size(workers))
+    while (bits > min_shared_tile_bits && (std::size_t{1} << (nqubits - bits)) < team)
         --bits;
     return {nqubits, bits, active_instruction_set(), accuracy};
 }
@@ -134,12 +139,19 @@ template <class T>
 PassSteps Plan<T>::compile(std::span<const Operation> local, Index active) const {
     const WindowShape shape = window_shape_of<T>(shape_.set);
     const unsigned int tile_bits = count_bits(active);
+    const bool exact = shape_.accuracy == Accuracy::exact;
     PassSteps compiled;
     compiled.steps.reserve(local.size() + local.size() / 2);
     compiled.conditions.reserve(compiled.steps.capacity());
-    Planner planner(local, {tile_bits, shape.bits(), shape.lane_bits,
-                            low_mask(tile_bits) & ~low_mask(shape.lane_bits), window_look_ahead,
-                            max_pass_length});
+    Planner planner(local, {.n_bits = tile_bits,
+                            .part_bits = shape.bits(),
+                            .always = shape.lane_bits,
+                            .renumbered = low_mask(tile_bits) & ~low_mask(shape.lane_bits),
+                            .look_ahead = exact ? 12u : 128u,
+                            .max_length = max_pass_length,
+                            .keeps_order = exact,
+                            .reach = exact ? 48u : 160u,
+                            .max_starts = exact ? 4u : 4u});
     StepWriter writer(shape.lane_bits, active, placed_, compiled);
     const auto size = [](const auto& list) { return static_cast<unsigned int>(list.size()); };
     for (Pass window; planner.next(window);) {
@@ -162,8 +174,16 @@ PassSteps Plan<T>::compile(std::span<const Operation> local, Index active) const
 template <class T>
 void Plan<T>::plan_passes() {
     const std::vector<Operation>& operations = program_.operations;
-    Planner planner(operations, {shape_.nqubits, shape_.tile_bits, run_qubits<T>, 0,
-                                 pass_look_ahead, max_pass_length});
+    const bool exact = shape_.accuracy == Accuracy::exact;
+    Planner planner(operations, {.n_bits = shape_.nqubits,
+                                 .part_bits = shape_.tile_bits,
+                                 .always = run_qubits<T>,
+                                 .renumbered = 0,
+                                 .look_ahead = exact ? 64u : 512u,
+                                 .max_length = max_pass_length,
+                                 .keeps_order = exact,
+                                 .reach = exact ? 160u : 1024u,
+                                 .max_starts = exact ? 4u : 12u});
     const auto number = [&](const Operation* operation) {
         return static_cast<std::uint32_t>(operation - operations.data());
     };
@@ -218,6 +238,11 @@ typename Plan<T>::Counts Plan<T>::counts() const {
         counts.alone += stage.alone.size();
         counts.passes += stage.alone.empty();
         counts.windows += stage.steps.windows.size();
+        counts.steps += stage.steps.steps.size();
+        counts.exchanges += static_cast<std::size_t>(
+            std::ranges::count_if(stage.steps.steps, [](const CircuitStep& step) {
+                return step.action >= step_action(Action::exchange_lane, 0);
+            }));
     }
     return counts;
 }

@@ -363,6 +363,16 @@ struct Vector {
         return a.v > limit;
     }
 
+    /// Whether elements are anything but 0, from their bits or those of several joined.
+    PBLINALG_ALWAYS_INLINE static bool any_magnitude(Bits bits) {
+        bits &= ~(Register<T, bytes>::sign - Bits{});
+        std::uint64_t words[bytes / 8], any = 0;
+        std::memcpy(words, &bits, bytes);
+        for (const std::uint64_t word : words)
+            any |= word;
+        return any != 0;
+    }
+
     /// Exchanges lane bit `lane_bit` with the bit that tells two vectors apart: afterwards `low`
     /// holds all amplitudes with that lane bit 0, `high` those with 1. Its own inverse.
     PBLINALG_ALWAYS_INLINE static void transpose(Vector& low, Vector& high, unsigned int lane_bit) {
