@@ -29,6 +29,7 @@ unsigned int ActiveSetChooser::look(std::span<const Operation* const> upcoming, 
     Index before_arithmetic = 0;
     std::ranges::fill(gain_, 0);
     unsigned int taken = 0;
+    Index closed = ~low_mask(shape_.n_bits);  // what is on these bits waits for several bits
     for (const Operation* const operation : upcoming) {
         const Index targets = operation->target_bits;
         const Index depends = operation->depends_on();
@@ -52,7 +53,9 @@ unsigned int ActiveSetChooser::look(std::span<const Operation* const> upcoming, 
         for_each_bit(targets, [&](unsigned int b) {
             before_change[b] |= needs;
             before_read[b] |= needs;
+            if (count_bits(before_read[b]) > 2 || (before_read[b] & never)) closed |= bit(b);
         });
+        if (closed == ~Index{0}) break;
         for_each_bit(depends, [&](unsigned int b) { before_change[b] |= needs; });
         if (needs & never) continue;
         const unsigned int n = count_bits(needs);

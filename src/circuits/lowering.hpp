@@ -39,17 +39,25 @@ struct Program {
 
     /// Coefficients of an operation that stands for several (simplify.hpp).
     struct Product {
-        enum class Form : unsigned char { rotation_x, rotation_y, diagonal, matrix1, matrix2 };
+        enum class Form : unsigned char {
+            rotation_x,
+            rotation_y,
+            diagonal,
+            ratio,  ///< a diagonal divided by its first entry
+            matrix1,
+            matrix2,
+        };
         Form form;
         std::uint32_t factors;  ///< where they go
         std::uint32_t first_term, last_term;
     };
     /// A factor of a product, in the order of gates.
     struct Term {
-        enum class On : unsigned char { first, second, both, both_exchanged, parity };
+        /// The targets of the product that it acts on; or its first entry on all amplitudes.
+        enum class On : unsigned char { first, second, both, both_exchanged, parity, all };
         Action action;
         bool inverted;
-        On on;  ///< the targets of the product that it acts on
+        On on;
         std::uint32_t factors;
     };
 

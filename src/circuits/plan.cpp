@@ -26,9 +26,20 @@ inline constexpr unsigned int run_qubits = sizeof(T) == 8 ? 6 : 7;
 
 /// Operations in one pass at the most.
 constexpr std::size_t max_pass_length = 512;
-/// Operations left out while more are looked at: where a pass costs much, a longer search pays.
-constexpr std::size_t pass_look_ahead = 64;
-constexpr std::size_t window_look_ahead = 12;
+
+/// How far planning looks for operations that fit. Where a pass costs much, a longer search pays,
+/// and where gates on different qubits change places it finds more.
+struct Search {
+    std::size_t look_ahead;   ///< operations left out while more are looked at
+    std::size_t reach;        ///< operations looked at to choose the active bits
+    unsigned int max_starts;  ///< sets of active bits that are grown and compared
+};
+constexpr Search search_for_pass(Accuracy accuracy) {
+    return accuracy == Accuracy::exact ? Search{64, 160, 4} : Search{512, 1024, 6};
+}
+constexpr Search search_for_window(Accuracy accuracy) {
+    return accuracy == Accuracy::exact ? Search{12, 48, 4} : Search{128, 160, 3};
+}
 
 /// What a pass by tiles costs at the least, in passes that read and write the whole state.
 constexpr double cost_of_tiles = 2.5;
@@ -139,7 +150,7 @@ template <class T>
 PassSteps Plan<T>::compile(std::span<const Operation> local, Index active) const {
     const WindowShape shape = window_shape_of<T>(shape_.set);
     const unsigned int tile_bits = count_bits(active);
-    const bool exact = shape_.accuracy == Accuracy::exact;
+    const Search search = search_for_window(shape_.accuracy);
     PassSteps compiled;
     compiled.steps.reserve(local.size() + local.size() / 2);
     compiled.conditions.reserve(compiled.steps.capacity());
@@ -147,11 +158,11 @@ PassSteps Plan<T>::compile(std::span<const Operation> local, Index active) const
                             .part_bits = shape.bits(),
                             .always = shape.lane_bits,
                             .renumbered = low_mask(tile_bits) & ~low_mask(shape.lane_bits),
-                            .look_ahead = exact ? 12u : 128u,
+                            .look_ahead = search.look_ahead,
                             .max_length = max_pass_length,
-                            .keeps_order = exact,
-                            .reach = exact ? 48u : 160u,
-                            .max_starts = exact ? 4u : 4u});
+                            .keeps_order = shape_.accuracy == Accuracy::exact,
+                            .reach = search.reach,
+                            .max_starts = search.max_starts});
     StepWriter writer(shape.lane_bits, active, placed_, compiled);
     const auto size = [](const auto& list) { return static_cast<unsigned int>(list.size()); };
     for (Pass window; planner.next(window);) {
@@ -174,16 +185,16 @@ PassSteps Plan<T>::compile(std::span<const Operation> local, Index active) const
 template <class T>
 void Plan<T>::plan_passes() {
     const std::vector<Operation>& operations = program_.operations;
-    const bool exact = shape_.accuracy == Accuracy::exact;
+    const Search search = search_for_pass(shape_.accuracy);
     Planner planner(operations, {.n_bits = shape_.nqubits,
                                  .part_bits = shape_.tile_bits,
                                  .always = run_qubits<T>,
                                  .renumbered = 0,
-                                 .look_ahead = exact ? 64u : 512u,
+                                 .look_ahead = search.look_ahead,
                                  .max_length = max_pass_length,
-                                 .keeps_order = exact,
-                                 .reach = exact ? 160u : 1024u,
-                                 .max_starts = exact ? 4u : 12u});
+                                 .keeps_order = shape_.accuracy == Accuracy::exact,
+                                 .reach = search.reach,
+                                 .max_starts = search.max_starts});
     const auto number = [&](const Operation* operation) {
         return static_cast<std::uint32_t>(operation - operations.data());
     };

@@ -21,8 +21,11 @@ using Matrix2 = std::array<C, 16>;
 
 constexpr std::uint32_t none = ~std::uint32_t{0};
 
-/// Nothing is merged across multiples of this number of gates.
-constexpr std::uint32_t stretch = 1024;
+/// Nothing is merged across multiples of this number of gates, so that stops find ends of gates.
+constexpr std::uint32_t stretch = 256;
+
+/// Diagonal gates in a stretch from which on it pays to gather their common phases in one of them.
+constexpr std::size_t min_gathered = 3;
 
 /// Diagonal entries looked at for one on the same bits.
 constexpr std::size_t max_diagonals = 16;
@@ -156,8 +159,14 @@ class Simplifier {
             }
             add(i);
         }
-        for (const Entry& entry : entries_)
+        std::uint32_t stretch_of_last = 0;
+        for (const Entry& entry : entries_) {
+            const std::uint32_t own = gates_[entry.tail].last / stretch;
+            if (own != stretch_of_last) gather_phases();
+            stretch_of_last = own;
             write(entry);
+        }
+        gather_phases();
         mark_whole_gates();
     }
 
@@ -392,6 +401,7 @@ class Simplifier {
                 return 1;
             case Action::Y:
             case Action::phase:
+            case Action::both:
                 return 2;
             case Action::matrix1:
                 return 8;
@@ -462,17 +472,13 @@ class Simplifier {
                             std::size_t n) {
         Operation operation = input_[members[0]];
         operation.action = action;
-        operation.factors = static_cast<std::uint32_t>(program_.factors.size());
-        program_.factors.resize(operation.factors + n);
-        Product product{form, operation.factors, static_cast<std::uint32_t>(program_.terms.size()),
-                        0};
-        using On = typename Term::On;
+        operation.factors = new_product(form, n);
         for (const std::uint32_t i : members) {
             const Operation& member = input_[i];
-            program_.terms.push_back({member.action, member.inverted, On::first, member.factors});
+            program_.terms.push_back(
+                {member.action, member.inverted, Term::On::first, member.factors});
         }
-        product.last_term = static_cast<std::uint32_t>(program_.terms.size());
-        program_.products.push_back(product);
+        program_.products.back().last_term = static_cast<std::uint32_t>(program_.terms.size());
         push(operation, gates_of(members));
         return program_.operations.back();
     }
@@ -562,6 +568,56 @@ class Simplifier {
         }
     }
 
+    /// Diagonal gates with two phases multiply by their ratio only, half of the amplitudes; the
+    /// last one of them by the first phases of all.
+    void gather_phases() {
+        using On = typename Term::On;
+        std::vector<std::uint32_t> gathered;
+        for (auto i = first_of_stretch_; i < program_.operations.size(); ++i) {
+            const Operation& operation = program_.operations[i];
+            if (operation.action != Action::both || operation.controls != 0) continue;
+            const double size = std::abs(factor(program_.factors.data() + operation.factors, 0));
+            // What follows from angles has size 1 whatever the values.
+            if (std::abs(size - 1) < 1e-6) gathered.push_back(i);
+        }
+        first_of_stretch_ = static_cast<std::uint32_t>(program_.operations.size());
+        if (gathered.size() < min_gathered) return;
+        const std::uint32_t carrier = gathered.back();
+        Gates gates = written_[carrier];
+        for (const std::uint32_t i : gathered) {
+            gates.first = std::min(gates.first, written_[i].first);
+            gates.last = std::max(gates.last, written_[i].last);
+        }
+        leave_out(gates);
+        std::vector<Term> terms;
+        for (const std::uint32_t i : gathered) {
+            Operation& operation = program_.operations[i];
+            const bool last = i == carrier;
+            terms.push_back({Action::both, last && operation.inverted, last ? On::first : On::all,
+                             operation.factors});
+            if (last) break;
+            operation.action = Action::phase;
+            const std::uint32_t own = operation.factors;
+            operation.factors = new_product(Form::ratio, 4);
+            program_.terms.push_back({Action::both, false, On::first, own});
+            program_.products.back().last_term += 1;
+        }
+        Operation& operation = program_.operations[carrier];
+        operation.inverted = false;
+        operation.factors = new_product(Form::diagonal, 4);
+        program_.terms.insert(program_.terms.end(), terms.begin(), terms.end());
+        program_.products.back().last_term += static_cast<std::uint32_t>(terms.size());
+    }
+
+    /// Begins a product of `n` parts without terms.
+    std::uint32_t new_product(Form form, std::size_t n) {
+        const auto factors = static_cast<std::uint32_t>(program_.factors.size());
+        const auto term = static_cast<std::uint32_t>(program_.terms.size());
+        program_.factors.resize(factors + n);
+        program_.products.push_back({form, factors, term, term});
+        return factors;
+    }
+
     /// Between which operations there are whole gates done, none of the later ones begun.
     void mark_whole_gates() {
         const std::size_t n = program_.operations.size();
@@ -588,8 +644,9 @@ class Simplifier {
     std::vector<std::uint32_t> diagonals_[64];  ///< those that multiply, by their lowest bit
     std::vector<std::uint32_t> members_;
     std::vector<Segment> segments_;
-    std::vector<Gates> written_;  ///< of the operations written
-    std::vector<int> broken_;     ///< changes of the number of gaps that cover a number of gates
+    std::uint32_t first_of_stretch_ = 0;  ///< among the operations written
+    std::vector<Gates> written_;          ///< of the operations written
+    std::vector<int> broken_;  ///< changes of the number of gaps that cover a number of gates
 };
 
 }  // namespace
@@ -622,8 +679,13 @@ void form_products(const Program<T>& program, T* factors) {
             continue;
         }
         Matrix1 matrix = {1, 0, 0, 1};
-        for (const auto& term : terms)
-            matrix = times(matrix_of(term.action, term.inverted, factors + term.factors), matrix);
+        for (const auto& term : terms) {
+            const bool on_all = term.on == Program<T>::Term::On::all;
+            const C first = factor(factors + term.factors, 0);
+            matrix = times(on_all ? Matrix1{first, 0, 0, first}
+                                  : matrix_of(term.action, term.inverted, factors + term.factors),
+                           matrix);
+        }
         switch (product.form) {
             case Form::rotation_x:
             case Form::rotation_y:
@@ -633,6 +695,10 @@ void form_products(const Program<T>& program, T* factors) {
             case Form::diagonal:
                 write(matrix[0]);
                 write(matrix[3]);
+                break;
+            case Form::ratio:
+                write(1);
+                write(matrix[3] / matrix[0]);
                 break;
             default:
                 for (const C value : matrix)
