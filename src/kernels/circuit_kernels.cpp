@@ -489,15 +489,20 @@ constexpr int groups_ahead = 4;
 /// Tiles up to this size stay in the first-level cache.
 constexpr std::size_t first_level_bytes = 32 << 10;
 
+/// What a window leaves, where it was looked at.
+struct Seen {
+    bool finite = true;
+    bool ordinary = true;  ///< no 0 besides
+};
+
 /// The gates of a window on one group of vectors after another.
 /// @param base      of the tile in the state.
 /// @param first     the steps that this tile needs, up to `last`.
 /// @param from      the state where the window reads it, and not the tile.
 /// @param to        the same for writing.
 /// @param inspects  whether to look at the results.
-/// @return false when they might differ from the definition.
 template <Products products, class T>
-[[gnu::noinline]] bool run_window(PlanarMemory<T> tile, Index size, Index base,
+[[gnu::noinline]] Seen run_window(PlanarMemory<T> tile, Index size, Index base,
                                   const TilePass<T>& pass, const CircuitWindow& window,
                                   const LiveStep* first, const LiveStep* last,
                                   const StateSide<T>& from, const StateSide<T>& to, bool inspects) {
@@ -581,7 +586,7 @@ template <Products products, class T>
                 });
             }
         });
-    return inspection.passed();
+    return {inspection.finite(), inspection.ordinary()};
 }
 
 template <class T>
@@ -671,13 +676,13 @@ struct Unplaced {
 /// Runs the whole sequence on the tile at `base`, from the state into the tile; by rounding back
 /// into the state, if that can be.
 /// @param unplaced  of what the windows leave.
-/// @param passed    receives false when the result might differ from the definition.
+/// @param seen      receives what there is at the end.
 /// @return whether the state has it.
 template <Products products, class T>
 [[gnu::noinline]] bool run_sequence(T* state, Index base, const TilePass<T>& pass,
                                     const Unplaced& unplaced, const LiveStep* live,
                                     const LiveStep* const* ends, PlanarMemory<T> tile, Index size,
-                                    bool& passed) {
+                                    Seen& seen) {
     const Placement& left = pass.placements[pass.n_placements - 1];
     Index spread[max_tile_bits] = {};
     unsigned int n_bits = 0;
@@ -711,8 +716,8 @@ template <Products products, class T>
                 to.of_bit[b] = number(placement.of_tile_bit[b]);
         }
         const bool inspects = last && products != Products::fused;
-        passed = run_window<products>(tile, size, base, pass, pass.windows[w], live, ends[w],
-                                      first ? from : none, to, inspects);
+        seen = run_window<products>(tile, size, base, pass, pass.windows[w], live, ends[w],
+                                    first ? from : none, to, inspects);
         live = ends[w];
         first = false;
     }
@@ -742,21 +747,23 @@ void run_tiles(T* state, const TilePass<T>& pass, Index begin, Index end, void* 
         // Gates keep it so, up to signs.
         if (accuracy == Accuracy::rounding && is_zero(state, base, pass.active)) return;
         find_live_steps(pass, base, live, ends);
-        bool passed = true;
+        Seen seen;
         const auto run = [&]<Products products>() {
             return run_sequence<products>(state, base, pass, unplaced, live, ends, tile, size,
-                                          passed);
+                                          seen);
         };
         if constexpr (accuracy == Accuracy::rounding) {
             if (run.template operator()<Products::fused>()) return;
         } else {
+            bool done = false;
             if (shortcut) {
                 run.template operator()<Products::without_zeros>();
-                shortcut = passed;
+                done = seen.ordinary;
             }
-            if (!shortcut) {
+            if (!done) {
                 run.template operator()<Products::plain>();
-                if (!passed) run.template operator()<Products::recovered>();
+                shortcut = seen.ordinary;
+                if (!seen.finite) run.template operator()<Products::recovered>();
             }
         }
         if (pass.past_cache) {

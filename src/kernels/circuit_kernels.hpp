@@ -205,9 +205,8 @@ WindowShape window_shape();
 
 /// Runs `pass` on tiles [begin, end).
 /// @param state     interleaved parts, 64-byte aligned.
-/// @param shortcut  whether to try products without their zero parts first; cleared once a tile had
-///                  to be done again with them, as its neighbours then likely would, too. By
-///                  rounding they are always left out.
+/// @param shortcut  whether to try products without their zero parts first: whether the tile before
+///                  could have been done so. By rounding they are always left out.
 template <InstructionSet set, class T, Accuracy accuracy = Accuracy::exact>
 void run_tiles(T* state, const TilePass<T>& pass, Index begin, Index end, void* scratch,
                bool& shortcut);
