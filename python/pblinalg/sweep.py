@@ -7,7 +7,7 @@ from collections.abc import Mapping, Sequence
 from typing import Any, Literal, SupportsIndex, Union, overload
 
 import numpy as np
-from numpy.typing import ArrayLike, NDArray
+from numpy.typing import NDArray
 
 from . import _core
 from .arguments import Precision, Qubits, count, distinct_qubits, precision_name, seed_number

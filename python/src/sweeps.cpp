@@ -123,10 +123,11 @@ void bind_sweeps(nb::module_& module) {
         "seed: int, progress: collections.abc.Callable[[int], object] | None, "
         "observables: collections.abc.Sequence[typing.Any], "
         "qubits: collections.abc.Sequence[int], n_shots: int, "
-        "expectations: numpy.typing.NDArray | None = None, "
-        "probabilities: numpy.typing.NDArray | None = None, "
-        "totals: numpy.typing.NDArray | None = None, shots: numpy.typing.NDArray | None = None, "
-        "states: numpy.typing.NDArray | None = None) -> None";
+        "expectations: numpy.typing.NDArray[typing.Any] | None = None, "
+        "probabilities: numpy.typing.NDArray[typing.Any] | None = None, "
+        "totals: numpy.typing.NDArray[typing.Any] | None = None, "
+        "shots: numpy.typing.NDArray[typing.Any] | None = None, "
+        "states: numpy.typing.NDArray[typing.Any] | None = None) -> None";
     module.def(
         name.c_str(), sweep<T>, nb::arg("gates"), nb::arg("values"), nb::arg("num_threads"),
         nb::arg("seed"), nb::arg("progress").none(), nb::arg("observables"), nb::arg("qubits"),
