@@ -16,6 +16,7 @@ from .arguments import (
     Qubits,
     complex_array,
     count,
+    distinct_qubits,
     outcome_number,
     probability_number,
 )
@@ -216,7 +217,8 @@ class DensityMatrix(Readout):
         """With the given probability replaces a qubit, or several together, by the fully mixed
         state."""
         p = probability_number(probability)
-        listed = as_qubits(qubits)
+        # Checked before 4^k matrices are made for them.
+        listed = distinct_qubits(as_qubits(qubits), self.num_qubits)
         strings = []
         for letters in product(PAULIS, repeat=len(listed)):
             matrix = np.eye(1)
