@@ -1,7 +1,6 @@
 #include "circuits/active_set.hpp"
 
 #include <algorithm>
-#include <bit>
 
 namespace pblinalg::cpu {
 namespace {
@@ -13,12 +12,6 @@ constexpr Index never = bit(63);
 /// each of two bits it counts a little, to tell which way to grow.
 constexpr unsigned int full_worth = 8;
 constexpr unsigned int shared_worth = 1;
-
-template <class Body>
-void for_each_bit(Index bits, const Body& body) {
-    for (; bits != 0; bits &= bits - 1)
-        body(static_cast<unsigned int>(std::countr_zero(bits)));
-}
 
 }  // namespace
 

@@ -198,6 +198,8 @@ PassSteps Plan<T>::compile(std::span<const Operation> local, Index active) const
         const unsigned int last = size(compiled.steps);
         if (last > first) compiled.windows.push_back({window.active, first, last, placement});
     }
+    // Windows copy tiles, too.
+    if (compiled.windows.empty()) compiled.windows.push_back({low_mask(shape.bits()), 0, 0, 0});
     return compiled;
 }
 
@@ -268,11 +270,6 @@ typename Plan<T>::Counts Plan<T>::counts() const {
         counts.alone += stage.alone.size();
         counts.passes += stage.alone.empty();
         counts.windows += stage.steps.windows.size();
-        counts.steps += stage.steps.steps.size();
-        counts.exchanges += static_cast<std::size_t>(
-            std::ranges::count_if(stage.steps.steps, [](const CircuitStep& step) {
-                return step.action >= step_action(Action::exchange_lane, 0);
-            }));
     }
     return counts;
 }

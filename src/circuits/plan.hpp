@@ -43,8 +43,6 @@ class Plan {
         std::size_t passes = 0;
         std::size_t alone = 0;
         std::size_t windows = 0;
-        std::size_t steps = 0;
-        std::size_t exchanges = 0;  ///< those of the steps that only bring a target into rows
     };
     Counts counts() const;
 

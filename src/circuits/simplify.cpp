@@ -44,12 +44,6 @@ bool same_controls(const Operation& a, const Operation& b) {
     return a.controls == b.controls && a.control_values == b.control_values;
 }
 
-template <class Body>
-void for_each_bit(Index bits, const Body& body) {
-    for (; bits != 0; bits &= bits - 1)
-        body(static_cast<unsigned int>(std::countr_zero(bits)));
-}
-
 template <class T>
 C factor(const T* factors, unsigned int i) {
     return {double(factors[2 * i]), double(factors[2 * i + 1])};

@@ -144,6 +144,27 @@ TYPED_TEST(RunsByRounding, AgreeWithExactOnesAfterAThousandGates) {
     }
 }
 
+TYPED_TEST(RunsByRounding, MoveAmplitudesToTheBitAndKeepZeros) {
+    using T = TypeParam;
+    for (const unsigned int n : {7u, 9u, 17u}) {
+        GateList list;
+        for (unsigned int q = 0; q + 1 < n; ++q)
+            list.add(GateKind::X, q + 1, Controls({q})).add(GateKind::SWAP, {q, (q + 3) % n});
+        auto before = normalised<T>(n, 1);
+        // Tiles of zeros among others.
+        std::fill(before.begin() + static_cast<std::ptrdiff_t>(before.size() / 2), before.end(),
+                  T(0));
+        EXPECT_TRUE(same_bits(by_run(list, before, Accuracy::rounding),
+                              by_run(list, before, Accuracy::exact)))
+            << n;
+        list.add(GateKind::H, 0);
+        EXPECT_LE(largest_difference(by_run(list, before, Accuracy::rounding),
+                                     by_run(list, before, Accuracy::exact)),
+                  tolerance<T>)
+            << n;
+    }
+}
+
 TYPED_TEST(RunsByRounding, StopWithTheFirstGatesDone) {
     using T = TypeParam;
     const unsigned int n = 17;
