@@ -422,21 +422,20 @@ _SHOWN = 32
 ObservableLike = Observable | Mapping[str, complex] | str
 
 
-def observable_on(
-    num_qubits: int, observable: ObservableLike, hermitian: bool = False
+def as_observable(
+    given: ObservableLike, num_qubits: int, owner: str, hermitian: bool = False
 ) -> Observable:
-    """What a readout of a state of that many qubits takes. `hermitian`: its coefficients are to be
-    real."""
-    if isinstance(observable, (str, Mapping)):
-        observable = Observable(observable, num_qubits)
-    if not isinstance(observable, Observable):
+    """The observable on the `num_qubits` qubits that the `owner` has."""
+    if isinstance(given, (str, Mapping)):
+        given = Observable(given, num_qubits)
+    if not isinstance(given, Observable):
         raise TypeError(
-            f"observable must be an Observable, a string or a dict of terms, got {observable!r}"
+            f"observable must be an Observable, a string or a dict of terms, got {given!r}"
         )
-    if observable.num_qubits != num_qubits:
+    if given.num_qubits != num_qubits:
         raise ValueError(
-            f"observable acts on {observable.num_qubits} qubits; the state has {num_qubits}"
+            f"observable acts on {given.num_qubits} qubits; the {owner} has {num_qubits}"
         )
-    if hermitian and not observable.is_hermitian():
+    if hermitian and not given.is_hermitian():
         raise ValueError("observable has coefficients that are not real; expected real ones")
-    return observable
+    return given

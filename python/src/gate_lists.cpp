@@ -112,37 +112,6 @@ void add_gate(BoundGateList& self, nb::handle name, nb::handle targets, nb::hand
     }
 }
 
-/// The values of a run: one finite float64 for each parameter.
-std::vector<double> values_argument(const BoundGateList& self, nb::handle values) {
-    const std::vector<std::string>& names = self.names->list();
-    std::vector<double> result;
-    if (!values.is_none()) {
-        Buffer array;
-        if (array.acquire(values, Element<double>::formats, alignof(double), false)) {
-            const auto* const first = static_cast<const double*>(array.data());
-            result.assign(first, first + array.count());
-        } else {
-            for (const nb::handle value : elements_of(values, "values"))
-                result.push_back(real_argument<double>(value, "values"));
-        }
-    }
-    if (result.size() < names.size()) {
-        raise(PyExc_ValueError, "values: parameter '%s' has no value; expected %zu values, got %zu",
-              names[result.size()].c_str(), names.size(), result.size());
-    }
-    if (result.size() > names.size()) {
-        raise(PyExc_ValueError, "values holds %zu elements; expected %zu, one for each parameter",
-              result.size(), names.size());
-    }
-    for (std::size_t i = 0; i < result.size(); ++i) {
-        if (!std::isfinite(result[i])) {
-            raise(PyExc_ValueError, "values: parameter '%s' must be a finite number, got %R",
-                  names[i].c_str(), nb::float_(result[i]).ptr());
-        }
-    }
-    return result;
-}
-
 Accuracy accuracy_argument(nb::handle accuracy) {
     std::string word;
     if (nb::try_cast(accuracy, word)) {
@@ -173,7 +142,7 @@ void run_list(BoundGateList& self, BoundState<T>& state, nb::handle values, nb::
     {
         const std::size_t size = std::max<std::size_t>(1, self.gates.size());
         Unlocked unlocked(state.size >= min_unlocked_size / size);
-        options.between_passes = [&](std::size_t done) { return watch.goes_on(done, unlocked); };
+        options.between_passes = watch.between(unlocked);
         if (both_sides) {
             const GateList both = on_both_sides(self.gates, self.nqubits);
             report = pblinalg::run(state, both, numbers, options);
@@ -309,6 +278,36 @@ void bind_parameter(nb::module_& module) {
 }
 
 }  // namespace
+
+std::vector<double> values_argument(const BoundGateList& self, nb::handle values) {
+    const std::vector<std::string>& names = self.names->list();
+    std::vector<double> result;
+    if (!values.is_none()) {
+        Buffer array;
+        if (array.acquire(values, Element<double>::formats, alignof(double), false)) {
+            const auto* const first = static_cast<const double*>(array.data());
+            result.assign(first, first + array.count());
+        } else {
+            for (const nb::handle value : elements_of(values, "values"))
+                result.push_back(real_argument<double>(value, "values"));
+        }
+    }
+    if (result.size() < names.size()) {
+        raise(PyExc_ValueError, "values: parameter '%s' has no value; expected %zu values, got %zu",
+              names[result.size()].c_str(), names.size(), result.size());
+    }
+    if (result.size() > names.size()) {
+        raise(PyExc_ValueError, "values holds %zu elements; expected %zu, one for each parameter",
+              result.size(), names.size());
+    }
+    for (std::size_t i = 0; i < result.size(); ++i) {
+        if (!std::isfinite(result[i])) {
+            raise(PyExc_ValueError, "values: parameter '%s' must be a finite number, got %R",
+                  names[i].c_str(), nb::float_(result[i]).ptr());
+        }
+    }
+    return result;
+}
 
 AngleArgument angle_argument(nb::handle value, const char* name, bool single) {
     if (PyFloat_CheckExact(value.ptr()) && !single) {
