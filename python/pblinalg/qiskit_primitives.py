@@ -167,7 +167,8 @@ class Estimator(BaseEstimatorV2):  # type: ignore[misc]
                 state, translation.circuit, translation.values(own), [observables[o] for o in wanted]
             )
         if pub.precision:
-            values = np.random.default_rng(self._seed).normal(values, pub.precision)
+            generator = np.random.default_rng(self._seed)
+            values = np.asarray(generator.normal(values, pub.precision))
         return PubResult(
             DataBin(evs=values, stds=np.full(pub.shape, float(pub.precision)), shape=pub.shape),
             metadata={"target_precision": pub.precision, "circuit_metadata": circuit.metadata},
