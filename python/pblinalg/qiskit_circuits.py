@@ -193,7 +193,8 @@ class _Lowering:
                     continue
             operation = instruction.operation
             bits = [clbits[clbit] for clbit in instruction.clbits]
-            if hasattr(operation, "condition") or hasattr(operation, "cases_specifier"):
+            condition = getattr(operation, "condition", None)
+            if condition is not None or hasattr(operation, "cases_specifier"):
                 self._branches(operation, targets, bits, clbits)
             else:
                 self._operation(operation, targets, bits, under)
