@@ -4,6 +4,7 @@ exact expectation values of circuits that measure on their way."""
 from __future__ import annotations
 
 from collections.abc import Callable, Sequence
+from typing import Any
 
 import numpy as np
 from numpy.typing import NDArray
@@ -12,11 +13,13 @@ from ._core import GateList
 from .arguments import Precision, count
 from .observable import Observable
 from .program import Conditional, Measure, Program, Reset, Step
-from .running import NEGLIGIBLE, run
+from .running import run
 from .state_vector import StateVector
 
 #: Expectation values follow at most so many courses of a circuit that measures.
 MAX_COURSES = 1 << 12
+#: Courses of at most this probability are left out: rounding makes such of outcomes that have none.
+_NEGLIGIBLE = {"float": 2.0**-32, "double": 2.0**-64}
 
 #: Called between passes over a state; what it raises stops the run.
 Look = Callable[..., object]
@@ -78,22 +81,23 @@ def expectations(
     circuit: Program,
     values: NDArray[np.float64],
     observables: Sequence[Observable],
-    look: Look | None = None,
+    check: Callable[[list[int]], None],
 ) -> NDArray[np.float64]:
     """The exact expectation values after a circuit on `state`, which starts from |0...0> and is
     changed. Every course that open measurements and resets may take is followed with its
-    probability; ValueError when there are more than `MAX_COURSES`."""
+    probability; `check` is told what its classical bits read. ValueError when there are more than
+    `MAX_COURSES`."""
     totals = np.zeros(len(observables))
     state.reset()
     bits = [0] * circuit.num_clbits
-    waiting: list[tuple[NDArray[np.complexfloating], list[int], list[Step], float]] = []
+    waiting: list[tuple[NDArray[Any], list[int], list[Step], float]] = []
     steps = list(reversed(circuit.steps))
-    weight, courses = 1.0, 1
+    weight, courses, negligible = 1.0, 1, _NEGLIGIBLE[state.precision]
     while True:
         while steps:
             step = steps.pop()
             if isinstance(step, GateList):
-                step.run(state.core, values, look)
+                step.run(state.core, values)
             elif isinstance(step, Conditional):
                 read = "".join(str(bits[clbit]) for clbit in step.clbits)
                 if int(read or "0", 2) == step.value:
@@ -101,20 +105,26 @@ def expectations(
             else:
                 zero, one = state.probabilities(step.qubit).tolist()
                 outcome = int(one > zero)
-                if min(zero, one) > NEGLIGIBLE[state.precision] * (zero + one):
+                if min(zero, one) > negligible:
                     courses += 1
                     if courses > MAX_COURSES:
                         raise ValueError(
                             "an expectation value of a circuit that measures takes more than "
                             f"{MAX_COURSES} courses; expected fewer open measurements and resets"
                         )
-                    other = (state.amplitudes.copy(), list(bits), list(steps))
-                    _collapse(state, step, 1 - outcome, bits)
-                    waiting.append((state.amplitudes.copy(), bits, steps, weight * min(zero, one)))
-                    state.amplitudes[:], bits, steps = other
+                    if weight * min(zero, one) > negligible:
+                        here = (state.amplitudes.copy(), list(bits), list(steps))
+                        _collapse(state, step, 1 - outcome, bits)
+                        rarer = (state.amplitudes.copy(), bits, steps, weight * min(zero, one))
+                        waiting.append(rarer)
+                        state.amplitudes[:], bits, steps = here
                     weight *= max(zero, one)
+                    if weight <= negligible:
+                        break
                 _collapse(state, step, outcome, bits)
-        totals += [weight * state.expectation(observable) for observable in observables]
+        if weight > negligible:
+            check(bits)
+            totals += [weight * state.expectation(observable) for observable in observables]
         if not waiting:
             return totals
         state.amplitudes[:], bits, steps, weight = waiting.pop()

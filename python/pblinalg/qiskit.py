@@ -54,4 +54,5 @@ def statevector(
             )
         state = StateVector(circuit.num_qubits, precision, threads, seeds_of(seed, 1)[0])
         state.run(translation.circuit, values=translation.values(numbers))
+        translation.check(state.classical_bits)
         return state.amplitudes

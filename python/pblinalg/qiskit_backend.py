@@ -15,8 +15,19 @@ from typing import Any
 import numpy as np
 from numpy.typing import NDArray
 from qiskit import QuantumCircuit
-from qiskit.circuit import Delay, ForLoopOp, IfElseOp, Measure, Parameter, Reset, SwitchCaseOp
-from qiskit.circuit import library
+from qiskit.circuit import (
+    BreakLoopOp,
+    ContinueLoopOp,
+    Delay,
+    ForLoopOp,
+    IfElseOp,
+    Measure,
+    Parameter,
+    Reset,
+    SwitchCaseOp,
+    WhileLoopOp,
+    library,
+)
 from qiskit.circuit.library.standard_gates import get_standard_gate_name_mapping
 from qiskit.exceptions import QiskitError
 from qiskit.providers import BackendV2, JobStatus, JobV1, Options
@@ -34,6 +45,7 @@ from .readout import register_bytes
 _INSTRUCTIONS = {
     "measure": Measure(), "reset": Reset(), "delay": Delay(Parameter("t")),
     "if_else": IfElseOp, "for_loop": ForLoopOp, "switch_case": SwitchCaseOp,
+    "while_loop": WhileLoopOp, "break_loop": BreakLoopOp, "continue_loop": ContinueLoopOp,
     "unitary": library.UnitaryGate, "diagonal": library.DiagonalGate,
     "initialize": library.Initialize, "state_preparation": library.StatePreparation,
     "pauli": library.PauliGate, "PauliEvolution": library.PauliEvolutionGate,
@@ -236,6 +248,8 @@ def _experiment(
         seed,
         look,
     )
+    translation.check(bits)
+    bits = bits[:, : circuit.num_clbits]
     data: dict[str, Any] = {}
     if circuit.num_clbits:
         words = [f"0x{row.hex().lstrip('0') or '0'}" for row in map(bytes, packed(bits))]

@@ -7,8 +7,9 @@ from __future__ import annotations
 import cmath
 import math
 from collections.abc import Callable, Iterator, Mapping, Sequence
+from contextlib import ExitStack
 from dataclasses import dataclass
-from functools import lru_cache
+from functools import lru_cache, partial
 from typing import Any
 
 import numpy as np
@@ -40,6 +41,9 @@ _CONDITION_BITS = 12
 #: Matrices are made for at most so many qubits, and gates repeated at most so many times.
 _MATRIX_QUBITS = 10
 _REPETITIONS = 1 << 10
+#: Rounds of a `while` loop that are followed, and of a `for` loop that may be left early.
+ROUNDS = 200
+_ROUNDS_WITH_BREAK = 64
 
 
 def from_qiskit(circuit: Any) -> Circuit:
@@ -47,12 +51,12 @@ def from_qiskit(circuit: Any) -> Circuit:
 
     Qubits and classical bits keep their numbers, classical registers their sizes. Gates without a
     method here are taken apart into their definitions. `if`/`else`, `switch` and `for` are
-    followed where the branches leave alone the classical bits that decide between them. Parameters
-    without a value become those of the circuit, in order of first use. ValueError names what cannot
-    be followed, such as `while` or an angle that is not linear in one parameter.
+    followed where at most one branch measures into the classical bits that decide between them.
+    Parameters without a value become those of the circuit, in order of first use. ValueError names
+    what cannot be followed, such as `while` or an angle that is not linear in one parameter.
     """
     result = _empty_copy(circuit)
-    _Lowering(result, None).circuit(circuit)
+    _Lowering(result, None, None).circuit(circuit)
     return result
 
 
@@ -64,6 +68,14 @@ class Translation:
     circuit: Circuit
     #: Such an angle, and its parameters with their places in the order.
     expressions: tuple[tuple[Any, dict[Any, int]], ...]
+    #: A last classical bit, which reads 1 when a `while` loop was not over in time; else None.
+    overrun: int | None
+
+    def check(self, bits: Any) -> None:
+        """ValueError when a `while` loop was not over in time; `bits` are those of one run, or
+        those of several with the bit last."""
+        if self.overrun is not None and np.any(np.asarray(bits)[..., self.overrun]):
+            raise ValueError(f"a 'while_loop' was not over after {ROUNDS} rounds")
 
     def values(self, numbers: NDArray[np.float64]) -> NDArray[np.float64]:
         """The values of a run for one number for each parameter of the qiskit circuit."""
@@ -78,21 +90,21 @@ class Translation:
 
 def translate(circuit: Any) -> Translation:
     """As `from_qiskit`, but with all parameters of the circuit in its own order, and with angles
-    that are any function of them."""
-    result = _empty_copy(circuit)
+    that are any function of them. `while` loops are followed for `ROUNDS` rounds."""
+    result = _empty_copy(circuit, True)
+    overrun = circuit.num_clbits if result.num_clbits > circuit.num_clbits else None
     places = {parameter: i for i, parameter in enumerate(circuit.parameters)}
     for parameter in places:
         add_parameter(result, Parameter(parameter.name))
     expressions: dict[Any, Parameter] = {}
-    _Lowering(result, expressions).circuit(circuit)
-    return Translation(
-        result,
-        tuple((e, {p: places[p] for p in e.parameters}) for e in expressions),
-    )
+    _Lowering(result, expressions, overrun).circuit(circuit)
+    arguments = tuple((e, {p: places[p] for p in e.parameters}) for e in expressions)
+    return Translation(result, arguments, overrun)
 
 
-def _empty_copy(circuit: Any) -> Circuit:
-    """A circuit of as many qubits and bits, without gates."""
+def _empty_copy(circuit: Any, tells_overrun: bool = False) -> Circuit:
+    """A circuit of as many qubits and bits without gates; with a bit more where that is to tell of
+    `while` loops."""
     try:
         from qiskit import QuantumCircuit
     except ImportError as error:
@@ -100,12 +112,13 @@ def _empty_copy(circuit: Any) -> Circuit:
     if not isinstance(circuit, QuantumCircuit):
         raise TypeError(f"circuit must be a qiskit QuantumCircuit, got {circuit!r}")
     try:
-        result = Circuit(circuit.num_qubits, circuit.num_clbits)
+        more = int(tells_overrun and _has_while(circuit))
+        result = Circuit(circuit.num_qubits, circuit.num_clbits + more)
     except (ValueError, OverflowError) as error:
         sizes = ", ".join(f"{register.name}[{register.size}]" for register in circuit.qregs)
         raise ValueError(f"{circuit.num_qubits} qubits in {sizes}: {error}") from None
-    if circuit.num_clbits:
-        result.registers = _register_sizes(circuit)
+    if result.num_clbits:
+        result.registers = _register_sizes(circuit) + [1] * more
     return result
 
 
@@ -156,14 +169,21 @@ def _linear(value: Any) -> Parameter | None:
 
 class _Lowering:
     """Appends the instructions of a qiskit circuit to `target`. Angles that are not linear become
-    parameters that `expressions` names, or are refused where that is None.
+    parameters that `expressions` names, or are refused where that is None; likewise `while` loops,
+    with the bit that tells of their overrun.
 
-    `under` are controls of everything that is appended, as keywords of the gate methods.
+    `under` are controls of everything that is appended, as keywords of the gate methods; `follow`
+    appends what comes behind a body unless the loop around it is left.
     """
 
-    def __init__(self, target: Circuit, expressions: dict[Any, Parameter] | None) -> None:
+    def __init__(
+        self, target: Circuit, expressions: dict[Any, Parameter] | None, overrun: int | None
+    ) -> None:
         self.target = target
         self._expressions = expressions
+        self._overrun = overrun
+        #: The classical bits that the innermost loop writes.
+        self._loop_bits: set[int] = set()
         self._angles: dict[Any, Parameter] = {}
         # What most circuits consist of is appended without another look.
         names = {name: method for name, (method, controls) in STANDARD_GATES.items() if not controls}
@@ -182,27 +202,56 @@ class _Lowering:
         qubits: Mapping[Any, int],
         clbits: Mapping[Any, int],
         under: dict[str, Any],
+        follow: Callable[[], None] | None = None,
+        start: int = 0,
     ) -> None:
-        self._phase(body.global_phase, under)
-        for instruction in body.data:
-            targets = [qubits[qubit] for qubit in instruction.qubits]
-            if instruction.is_standard_gate() and not under:
-                plain = self._plain.get(instruction.name)
-                if plain:
-                    plain(*[self._angle(angle) for angle in instruction.params], *targets)
-                    continue
-            operation = instruction.operation
-            bits = [clbits[clbit] for clbit in instruction.clbits]
-            condition = getattr(operation, "condition", None)
-            if condition is not None or hasattr(operation, "cases_specifier"):
-                self._branches(operation, targets, bits, clbits)
-            else:
-                self._operation(operation, targets, bits, under)
+        place = start
+        try:
+            if not start:
+                self._phase(body.global_phase, under)
+            for place, instruction in enumerate(body.data[start:] if start else body.data, start):
+                targets = [qubits[qubit] for qubit in instruction.qubits]
+                if instruction.is_standard_gate() and not under:
+                    plain = self._plain.get(instruction.name)
+                    if plain:
+                        plain(*[self._angle(angle) for angle in instruction.params], *targets)
+                        continue
+                operation = instruction.operation
+                bits = [clbits[clbit] for clbit in instruction.clbits]
+                if operation.name in _EXITS:
+                    return
+                if not instruction.is_control_flow():
+                    self._operation(operation, targets, bits, under)
+                elif operation.name == "while_loop":
+                    self._while_loop(operation, targets, bits, clbits)
+                elif operation.name == "for_loop":
+                    self._for_loop(operation, targets, bits)
+                elif operation.name == "box":
+                    self._inner(operation.blocks[0], targets, bits, under)
+                elif _exits(operation.blocks):
+                    # What comes behind is part of the branches that do not leave the loop.
+                    rest = partial(self._body, body, qubits, clbits, under, follow, place + 1)
+                    self._branches(operation, targets, bits, clbits, rest)
+                    return
+                else:
+                    self._branches(operation, targets, bits, clbits)
+            if follow:
+                follow()
+        except ValueError as error:
+            # What remains is the number of the instruction in the whole circuit.
+            error.place = place  # type: ignore[attr-defined]
+            raise
 
     def _inner(
-        self, body: Any, qubits: list[int], clbits: list[int], under: dict[str, Any]
+        self,
+        body: Any,
+        qubits: list[int],
+        clbits: list[int],
+        under: dict[str, Any],
+        follow: Callable[[], None] | None = None,
     ) -> None:
-        self._body(body, dict(zip(body.qubits, qubits)), dict(zip(body.clbits, clbits)), under)
+        places = dict(zip(body.qubits, qubits)), dict(zip(body.clbits, clbits))
+        self._body(body, *places, under, follow)
 
     def _angle(self, value: Any) -> float | Parameter:
         """A number, or a parameter times a number plus a number."""
@@ -259,21 +308,14 @@ class _Lowering:
             pass
         elif name in ("Initialize", "StatePreparation") and self._prepare(operation, qubits, under):
             pass
-        elif name == "ForLoopOp":
-            self._for_loop(operation, qubits, clbits)
-        elif name == "BoxOp":
-            self._inner(operation.blocks[0], qubits, clbits, under)
         elif name == "AnnotatedOperation":
             self._annotated(operation, qubits, under)
         elif getattr(operation, "definition", None) is not None:
             self._inner(operation.definition, qubits, clbits, under)
         elif hasattr(operation, "to_instruction"):
             self._operation(operation.to_instruction(), qubits, clbits, under)
-        elif name in ("BreakLoopOp", "ContinueLoopOp", "Store"):
-            raise ValueError(
-                f"{operation.name!r} cannot be followed; expected gates, measurements, resets, "
-                "if/else, switch and for"
-            )
+        elif name == "Store":
+            raise ValueError("'store' cannot be followed: there are no classical variables")
         else:
             raise ValueError(f"the gate {operation.name!r} is declared but has no definition")
 
@@ -425,39 +467,95 @@ class _Lowering:
             self.target.diagonal(phases, qubits[::-1])
         return True
 
+    # ---- Loops and branches ----------------------------------------------------------------------
+
     def _for_loop(self, operation: Any, qubits: list[int], clbits: list[int]) -> None:
         values, parameter, body = operation.params
-        for value in values:
+        values, exits, outer = list(values), _exits([body]), self._loop_bits
+        self._loop_bits = {clbits[place] for place in _written(body)}
+
+        def round_of(number: int, follow: Callable[[], None] | None) -> None:
             bound = body
             if parameter is not None and parameter in body.parameters:
-                bound = body.assign_parameters({parameter: value})
-            self._inner(bound, qubits, clbits, {})
+                bound = body.assign_parameters({parameter: values[number]})
+            self._inner(bound, qubits, clbits, {}, follow)
 
-    # ---- Conditions ------------------------------------------------------------------------------
+        def rounds_from(number: int) -> None:
+            if number < len(values):
+                round_of(number, partial(rounds_from, number + 1))
 
-    def _branches(
+        if "break_loop" not in exits:
+            for number in range(len(values)):
+                round_of(number, None)
+        elif "continue_loop" in exits or len(values) > _ROUNDS_WITH_BREAK:
+            raise ValueError(
+                "'break_loop' cannot be followed here; expected a loop of at most "
+                f"{_ROUNDS_WITH_BREAK} rounds without 'continue_loop'"
+            )
+        else:
+            rounds_from(0)
+        self._loop_bits = outer
+
+    def _while_loop(
         self, operation: Any, qubits: list[int], bits: list[int], clbits: Mapping[Any, int]
     ) -> None:
-        """One conditional per set of readings that lead to the same branch."""
-        if operation.name == "while_loop":
+        if self._overrun is None:
             raise ValueError("'while_loop' cannot be followed; its end is known only while it runs")
-        if hasattr(operation, "cases_specifier"):
-            blocks = [block for _, block in operation.cases_specifier()]
-            decide = _switch(operation)
-            listed, cubes = _cubes_of(operation.target, decide, clbits)
-        else:
-            blocks = [block for block in operation.blocks if block is not None]
-            listed, cubes = _cubes_of_if(operation.condition, clbits, len(blocks) > 1)
-        written = {bits[place] for block in blocks for place in _written(block)}
-        if len(cubes) > 1 and written & set(listed):
+        body, outer = operation.blocks[0], self._loop_bits
+        _, cubes = _cubes_of_if(operation.condition, clbits)
+        going_on = [(listed, value) for listed, value, branch in cubes if branch == 0]
+        if len(going_on) != 1 or "break_loop" in _exits([body]):
             raise ValueError(
-                f"{operation.name!r} cannot be followed: a branch measures into a classical bit "
-                "that decides between the branches"
+                "this 'while_loop' cannot be followed; expected one bit or register compared with "
+                "one number, and no 'break_loop'"
             )
+        self._loop_bits = {bits[place] for place in _written(body)}
+        with ExitStack() as rounds:
+            for _ in range(ROUNDS):
+                rounds.enter_context(self.target.if_(*going_on[0]))
+                self._inner(body, qubits, bits, {})
+            rounds.enter_context(self.target.if_(*going_on[0]))
+            # A shot that comes here is lost, and so may its state be.
+            self.target.reset(0).x(0).measure(0, self._overrun)
+        self._loop_bits = outer
+
+    def _branches(
+        self,
+        operation: Any,
+        qubits: list[int],
+        bits: list[int],
+        clbits: Mapping[Any, int],
+        follow: Callable[[], None] | None = None,
+    ) -> None:
+        """One conditional per set of readings that lead to the same branch, `follow` in each of
+        those that do not leave the loop."""
+        if hasattr(operation, "cases_specifier"):
+            listed, cubes = _cubes_of(operation.target, _switch(operation), clbits)
+        else:
+            listed, cubes = _cubes_of_if(operation.condition, clbits)
+        blocks = dict(enumerate(block for block in operation.blocks if block is not None))
+        chosen = []
         for places, value, branch in cubes:
-            block = blocks[branch]
+            block = blocks.get(branch)
+            if block is None and follow is None:
+                continue
+            written = set() if block is None else {bits[place] for place in _written(block)}
+            left = block is not None and block.data and block.data[-1].operation.name in _EXITS
+            if follow is not None and not left:
+                written |= self._loop_bits
+            # The first conditions must leave alone what later ones look at.
+            chosen.append((bool(written & set(listed)), places, value, block))
+        if sum(writes for writes, *_ in chosen) > (1 if len(chosen) > 1 else len(chosen)):
+            raise ValueError(
+                f"{operation.name!r} cannot be followed: more than one branch measures into a "
+                "classical bit that decides between the branches"
+            )
+        for _, places, value, block in sorted(chosen, key=lambda choice: choice[0]):
             with self.target.if_(places, value):
-                self._inner(block, qubits, bits, {})
+                if block is not None:
+                    self._inner(block, qubits, bits, {}, follow)
+                elif follow is not None:
+                    follow()
 
 
 def _joined(under: dict[str, Any], controls: Sequence[int], state: str) -> dict[str, Any]:
@@ -481,38 +579,62 @@ def _touched(steps: Sequence[Step]) -> int:
     return mask
 
 
+def _has_while(circuit: Any) -> bool:
+    return any(
+        instruction.name == "while_loop" or any(map(_has_while, instruction.operation.blocks))
+        for instruction in circuit.data
+        if instruction.is_control_flow()
+    )
+
+
+#: Instructions that leave a round of a loop.
+_EXITS = ("break_loop", "continue_loop")
+
+
+def _exits(blocks: Sequence[Any]) -> set[str]:
+    """Those instructions that leave the loop that the blocks are in."""
+    found = set()
+    for block in blocks:
+        for instruction in block.data if block is not None else ():
+            if instruction.name in _EXITS:
+                found.add(instruction.name)
+            elif instruction.name not in ("for_loop", "while_loop"):
+                found |= _exits(getattr(instruction.operation, "blocks", ()))
+    return found
+
+
 #: Classical bits (first one most significant), what they read, and the branch that this chooses.
-_Cube = tuple[list[int], int, int]
+_Cube = tuple[list[int], int, Any]
 
 
 def _written(block: Any) -> Iterator[int]:
     """Places among the classical bits of a block that its measurements write."""
     places = {clbit: i for i, clbit in enumerate(block.clbits)}
     for instruction in block.data:
-        for inner in getattr(instruction.operation, "blocks", ()):
+        blocks = getattr(instruction.operation, "blocks", None)
+        for inner in blocks or ():
             for place in _written(inner):
                 yield places[instruction.clbits[place]]
-        if not getattr(instruction.operation, "blocks", ()):
+        # An exit from a loop names all bits of that.
+        if blocks is None and instruction.name not in _EXITS:
             yield from (places[clbit] for clbit in instruction.clbits)
 
 
-def _cubes_of_if(
-    condition: Any, clbits: Mapping[Any, int], has_else: bool
-) -> tuple[list[int], list[_Cube]]:
+def _cubes_of_if(condition: Any, clbits: Mapping[Any, int]) -> tuple[list[int], list[_Cube]]:
+    """The cubes where a condition holds, branch 0, and where it does not, branch 1."""
     if not isinstance(condition, tuple):
-        return _cubes_of(condition, lambda value: 0 if value else 1 if has_else else None, clbits)
+        return _cubes_of(condition, lambda value: 0 if value else 1, clbits)
     register, value = condition
     bits = [register] if register in clbits else list(register)
     listed = [clbits[bit] for bit in reversed(bits)]
     value = int(value)
     if value >= 1 << len(listed):
         # A register never reads a value that it cannot hold.
-        return listed, [([], 0, 1)] if has_else else []
+        return listed, [([], 0, 1)]
     cubes: list[_Cube] = [(listed, value, 0)]
-    if has_else:
-        # Everything else: equal up to some bit, different there.
-        for k in range(1, len(listed) + 1):
-            cubes.append((listed[:k], value >> (len(listed) - k) ^ 1, 1))
+    # Everything else: equal up to some bit, different there.
+    for k in range(1, len(listed) + 1):
+        cubes.append((listed[:k], value >> (len(listed) - k) ^ 1, 1))
     return listed, cubes
 
 
@@ -536,9 +658,7 @@ def _cubes_of(
         size = 1 << (len(bits) - depth)
         branches = set(decided[begin : begin + size])
         if len(branches) == 1:
-            branch = branches.pop()
-            if branch is not None:
-                cubes.append((bits[:depth], begin // size, branch))
+            cubes.append((bits[:depth], begin // size, branches.pop()))
             return
         split(begin, depth + 1)
         split(begin + size // 2, depth + 1)

@@ -97,6 +97,7 @@ class Sampler(BaseSamplerV2):  # type: ignore[misc]
         for place, seed in zip(np.ndindex(pub.shape), seeds):
             values = translation.values(numbers[place])
             bits = read_bits(translation.circuit, values, pub.shots, *self._options, seed)
+            translation.check(bits)
             for name, listed in columns.items():
                 arrays[name][place] = packed(bits[:, listed])
         data = {name: BitArray(array, len(columns[name])) for name, array in arrays.items()}
@@ -164,7 +165,11 @@ class Estimator(BaseEstimatorV2):  # type: ignore[misc]
             places = row_of == row
             wanted = observable_of[places]
             values[places] = expectations(
-                state, translation.circuit, translation.values(own), [observables[o] for o in wanted]
+                state,
+                translation.circuit,
+                translation.values(own),
+                [observables[o] for o in wanted],
+                translation.check,
             )
         if pub.precision:
             generator = np.random.default_rng(self._seed)

@@ -30,6 +30,7 @@ def test_python_in_documents_runs_and_prints_what_they_show(name, monkeypatch):
     monkeypatch.setenv("COLUMNS", "80")
     text = (ROOT / name).read_text()
     blocks = re.findall(r"```python\n(.*?)```(?:\n+```text\n(.*?)```)?", text, flags=re.S)
+    assert blocks
     for code, shown in blocks:
         printed = io.StringIO()
         try:

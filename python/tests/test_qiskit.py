@@ -18,6 +18,7 @@ from qiskit.circuit import (
     PowerModifier,
     library,
 )
+from qiskit.circuit.classical import expr
 from qiskit.circuit.library.standard_gates import get_standard_gate_name_mapping
 from qiskit.primitives import StatevectorEstimator, StatevectorSampler
 from qiskit.providers import JobStatus
@@ -267,16 +268,54 @@ def test_backend_returns_results_in_qiskits_form():
     assert seeded[0].data.high.get_counts() == {"100": 1024}
 
 
+def test_loops_end_where_their_conditions_say():
+    """Bits count rounds; the number of shots that leave a loop in a round halves."""
+    tossing, counting = QuantumCircuit(2, 5), QuantumCircuit(2, 5)
+    with tossing.while_loop((0, 0)):
+        with tossing.if_test((1, 1)):
+            tossing.measure(1, 2)
+        tossing.h(0)
+        tossing.measure(0, 0)
+        tossing.x(1)
+        tossing.measure(1, 1)
+        with tossing.if_test((0, 0)):
+            tossing.reset(0)
+            tossing.continue_loop()
+        tossing.measure(1, 4)
+    with counting.for_loop((0, 1, 3, 2, 1)) as turns:
+        counting.rx(np.pi * turns, 0)
+        counting.measure(0, 0)
+        with counting.if_test((0, 1)) as otherwise:
+            counting.x(1)
+            counting.measure(1, 1)
+            counting.measure(0, 2)
+        with otherwise:
+            counting.measure(1, 3)
+        with counting.if_test((3, 1)):
+            counting.break_loop()
+        counting.measure(0, 4)
+    found = Backend(seed=2).run([tossing, counting], shots=4000).result()
+    counts = found.get_counts(0)
+    # One round, an even number of them, any other number.
+    expected = {"10011": 1 / 2, "00101": 1 / 3, "10111": 1 / 6}
+    assert counts.keys() == expected.keys()
+    assert all(abs(counts[key] - 4000 * share) < 150 for key, share in expected.items())
+    assert found.get_counts(1) == {"11110": 4000}
+    values = Estimator().run([(tossing, ["ZI", "IZ"])]).result()[0].data.evs
+    np.testing.assert_allclose(values, [-1 / 3, -1], atol=1e-12)
+
+
 def test_errors_are_qiskits_and_say_what_is_wrong():
     open_angle, looping, opaque, measured = (QuantumCircuit(1, 1) for _ in range(4))
     open_angle.rx(Parameter("theta"), 0)
-    with looping.for_loop(range(3)):
-        looping.break_loop()
+    with looping.while_loop((0, 0)):
+        looping.h(0)
     opaque.append(qiskit.circuit.Gate("mystery", 1, []), [0])
     backend = Backend()
     for action, text in (
         (lambda: backend.run(open_angle).result(), "parameters without a value: theta"),
-        (lambda: backend.run(looping).result(), "'break_loop' cannot be followed"),
+        (lambda: backend.run(looping).result(), "'while_loop' was not over after 200 rounds"),
+        (lambda: statevector(looping), "'while_loop' was not over"),
         (lambda: backend.run(opaque).result(), "'mystery' is declared but has no definition"),
         (lambda: backend.run("circuit").result(), "must be a qiskit QuantumCircuit"),
         (lambda: backend.run(looping, shots=-1).result(), "shots = -1: expected at least 0"),
