@@ -36,7 +36,7 @@ from qiskit.transpiler import Target
 
 from ._core import available_memory
 from ._core import version as __version__
-from .arguments import MAX_QUBITS, Precision, count
+from .arguments import MAX_QUBITS, Precision, count, precision_name
 from .measured_runs import read_bits
 from .qiskit_circuits import MATRIX_GATES, STANDARD_GATES, translate
 from .readout import register_bytes
@@ -54,7 +54,7 @@ _INSTRUCTIONS = {
 }  # fmt: skip
 
 
-class SimulationError(QiskitError):
+class SimulationError(QiskitError):  # type: ignore[misc]
     """What cannot be simulated, or an option that cannot be used."""
 
 
@@ -69,6 +69,12 @@ def own_errors() -> Iterator[None]:
         yield
     except (ValueError, TypeError, IndexError, OverflowError, MemoryError) as error:
         raise SimulationError(str(error)) from error
+
+
+def checked(precision: Precision, threads: int | None) -> tuple[Precision, int | None]:
+    """The options of a run, or SimulationError."""
+    with own_errors():
+        return precision_name(precision), None if threads is None else count(threads, "threads", 1)
 
 
 def make_target(num_qubits: int) -> Target:
@@ -176,6 +182,7 @@ class Backend(BackendV2):  # type: ignore[misc]
             description="exact simulation of state vectors",
             backend_version=__version__,
         )
+        precision, threads = checked(precision, threads)
         self.set_options(precision=precision, threads=threads, seed_simulator=seed)
         self._target: Target | None = None
 
@@ -189,8 +196,7 @@ class Backend(BackendV2):  # type: ignore[misc]
     def target(self) -> Target:
         """What circuits may consist of."""
         if self._target is None:
-            with own_errors():
-                places = available_memory() / register_bytes(0, self.options.precision)
+            places = available_memory() / register_bytes(0, self.options.precision)
             self._target = make_target(min(MAX_QUBITS, int(places).bit_length() - 1))
         return self._target
 

@@ -256,17 +256,17 @@ class _Lowering:
     def _angle(self, value: Any) -> float | Parameter:
         """A number, or a parameter times a number plus a number."""
         if value.__class__ is float:
-            return value  # type: ignore[no-any-return]
+            return value
         if not getattr(value, "parameters", ()):
             return _real(value)
         angle = self._angles.get(value)
         if angle is None:
             angle = _linear(value)
-            if angle is None and self._expressions is None:
-                raise ValueError(
-                    f"the angle {value} cannot be followed; expected one parameter, linear"
-                )
             if angle is None:
+                if self._expressions is None:
+                    raise ValueError(
+                        f"the angle {value} cannot be followed; expected one parameter, linear"
+                    )
                 angle = Parameter(f"value {len(self._expressions)}: {value}")
                 self._expressions[value] = angle
                 add_parameter(self.target, angle)
@@ -331,10 +331,10 @@ class _Lowering:
             getattr(self.target, method)(*angles, *qubits[controls:], **under)
         elif name == "u2":
             phi, lam = map(self._angle, operation.params)
-            self.target.u(math.pi / 2, phi, lam, *qubits, **under)
+            self.target.u(math.pi / 2, phi, lam, qubits[0], **under)
         elif name == "r":
             theta, phi = map(self._angle, operation.params)
-            self.target.u(theta, phi - math.pi / 2, math.pi / 2 - phi, *qubits, **under)
+            self.target.u(theta, phi - math.pi / 2, math.pi / 2 - phi, qubits[0], **under)
         elif name == "dcx":
             self.target.x(qubits[1], **_joined(under, qubits[:1], "1"))
             self.target.x(qubits[0], **_joined(under, qubits[1:], "1"))
@@ -419,7 +419,8 @@ class _Lowering:
         """exp(-i angle P / 2) for a Pauli string without I, letter k on qubit k."""
         target = self.target
         if letters in ("XZ", "ZX"):
-            target.rzx(angle, *(qubits if letters == "ZX" else qubits[::-1]), **under)
+            first, second = qubits if letters == "ZX" else qubits[::-1]
+            target.rzx(angle, first, second, **under)
         elif letters in ("X", "Y", "Z", "XX", "YY", "ZZ"):
             getattr(target, f"r{letters.lower()}")(angle, *qubits, **under)
         elif letters:

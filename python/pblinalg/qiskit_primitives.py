@@ -25,7 +25,7 @@ from qiskit.primitives.containers.sampler_pub import SamplerPub
 from .arguments import Precision
 from .measured_runs import expectations, read_bits
 from .observable import Observable
-from .qiskit_backend import own_errors, packed, seeds_of
+from .qiskit_backend import checked, own_errors, packed, seeds_of
 from .qiskit_circuits import translate
 from .state_vector import StateVector
 
@@ -59,7 +59,7 @@ class Sampler(BaseSamplerV2):  # type: ignore[misc]
         seed: int | np.random.Generator | None = None,
     ) -> None:
         self._default_shots = default_shots
-        self._options = (precision, threads)
+        self._options = checked(precision, threads)
         self._seed = seed
 
     @property
@@ -128,7 +128,7 @@ class Estimator(BaseEstimatorV2):  # type: ignore[misc]
         seed: int | np.random.Generator | None = None,
     ) -> None:
         self._default_precision = default_precision
-        self._options = (precision, threads)
+        self._options = checked(precision, threads)
         self._seed = seed
 
     @property

@@ -282,8 +282,8 @@ def test_loops_end_where_their_conditions_say():
             tossing.reset(0)
             tossing.continue_loop()
         tossing.measure(1, 4)
-    with counting.for_loop((0, 1, 3, 2, 1)) as turns:
-        counting.rx(np.pi * turns, 0)
+    with counting.for_loop(range(5)):
+        counting.x(0)
         counting.measure(0, 0)
         with counting.if_test((0, 1)) as otherwise:
             counting.x(1)
