@@ -360,31 +360,32 @@ class _Lowering:
         return True
 
     def _annotated(self, operation: Any, qubits: list[int], under: dict[str, Any]) -> None:
-        """Appends an operation with modifiers. Inverses and powers commute with controls."""
-        base, power = operation.base_op, 1
+        """Appends an operation with modifiers. Controls commute with inverses and powers, integer
+        powers with each other, but a root of a power is something else."""
+        base, powers, rest = operation.base_op, [], []
         for modifier in reversed(operation.modifiers):
-            name = type(modifier).__name__
-            if name == "ControlModifier":
+            if hasattr(modifier, "num_ctrl_qubits"):
                 count = modifier.num_ctrl_qubits
                 state = format(modifier.ctrl_state, f"0{count}b")[::-1]
                 under, qubits = _joined(under, qubits[:count], state), qubits[count:]
-            elif name == "InverseModifier":
-                power = -power
             else:
-                power *= modifier.power
-        if not hasattr(base, "inverse"):
-            base = base.to_instruction()
-        if power < 0:
-            base, power = base.inverse(), -power
-        if power == int(power) and power <= _REPETITIONS:
-            for _ in range(int(power)):
+                powers.append(getattr(modifier, "power", -1))
+                rest.insert(0, modifier)
+        power = math.prod(powers)
+        if all(p == int(p) for p in powers) and abs(power) <= _REPETITIONS:
+            if power < 0:
+                base = (base if hasattr(base, "inverse") else base.to_instruction()).inverse()
+            for _ in range(abs(int(power))):
                 self._operation(base, qubits, [], under)
         elif len(qubits) <= _MATRIX_QUBITS:
-            self._operation(base.power(power), qubits, [], under)
+            from qiskit.quantum_info import Operator
+
+            matrix = Operator(type(operation)(base, rest)).data
+            self.target.unitary(matrix, qubits[::-1], **under)
         else:
             raise ValueError(
-                f"{base.name!r} to the power of {power:g} cannot be followed on {len(qubits)} "
-                f"qubits; expected at most {_MATRIX_QUBITS}, or a power of at most {_REPETITIONS}"
+                f"powers {powers} of {base.name!r} cannot be followed on {len(qubits)} qubits; "
+                f"expected at most {_MATRIX_QUBITS}, or integers up to {_REPETITIONS}"
             )
 
     def _permute(self, pattern: list[int], qubits: list[int], under: dict[str, Any]) -> None:

@@ -98,7 +98,10 @@ def special_gates(rng):
     yield AnnotatedOperation(
         flip, [InverseModifier(), ControlModifier(1, 0), PowerModifier(3), InverseModifier()]
     )
-    yield AnnotatedOperation(library.SXGate(), [PowerModifier(-0.5), ControlModifier(2, 1)])
+    for powers in ([-0.5], [2, 0.5], [-1, 0.5], [-3]):
+        modifiers = [InverseModifier(), *map(PowerModifier, powers), ControlModifier(2, 1)]
+        yield AnnotatedOperation(library.YGate(), modifiers)
+        yield AnnotatedOperation(library.SXGate(), modifiers)
     yield library.MCXGate(2, ctrl_state=1)
 
 
@@ -120,12 +123,13 @@ def test_loaded_states_take_a_gate_for_each_qubit_and_not_more():
     amplitudes = rng.normal(size=1 << 12) * (rng.random(1 << 12) < 0.3) + 0j
     amplitudes /= np.linalg.norm(amplitudes)
     circuit = QuantumCircuit(13)
+    circuit.x([2, 3])
     circuit.initialize(amplitudes, [*range(3, 13), 1, 0])
-    assert len(pb.from_qiskit(circuit)) == 3 * 12 + 1
-    # Axis q is qubit q; qubit 2 stays |0>.
+    assert len(pb.from_qiskit(circuit)) == 2 + 3 * 12 + 1
+    # Axis q is qubit q; qubit 2 stays |1>.
     found = statevector(circuit).reshape((2,) * 13).transpose(range(12, -1, -1))
     expected = np.zeros((2,) * 13, dtype=complex)
-    expected[:, :, 0] = amplitudes.reshape((2,) * 12).transpose([0, 1, *range(11, 1, -1)])
+    expected[:, :, 1] = amplitudes.reshape((2,) * 12).transpose([0, 1, *range(11, 1, -1)])
     np.testing.assert_allclose(found, expected, atol=1e-14)
 
 
