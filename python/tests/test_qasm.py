@@ -201,6 +201,8 @@ if (!c[1]) { reset q[0]; } else { h q[0]; }
 for int i in [1:3] { rx(pi/i) q[2]; }
 for int i in [1:9] { x q[2]; if (d) { break; } y q[2]; d = measure q[1]; }
 x q[2];
+if (d) { x q[1]; d = measure q[1]; } else { x q[2]; }
+x q[1]; d = measure q[1];
 negctrl @ ctrl @ x q[0], q[1], q[2];
 inv @ sx q[2]; sx q[2]; rx(-11*pi/6) q[2];
 c[1] = measure q[2];
@@ -223,13 +225,7 @@ READINGS = [
 def test_qiskit_circuits_come_in(qiskit):
     from qiskit.circuit import Parameter, library
     from qiskit.circuit.classical import expr
-    from qiskit.quantum_info import random_clifford, random_unitary
 
-    other = qiskit.QuantumCircuit(4, global_phase=0.3)
-    other.append(library.PermutationGate([2, 0, 3, 1]), [3, 1, 0, 2])
-    other.append(random_unitary(4, seed=1).to_instruction(), [2, 0])
-    other.append(random_clifford(3, seed=1), [0, 3, 1])
-    other.append(library.CUGate(0.1, 0.2, 0.3, 0.4, ctrl_state=0), [3, 1])
     native = qiskit.QuantumCircuit(4)
     native.append(library.CUGate(0.1, 0.2, 0.3, 0.4), [2, 0])
     native.append(library.XGate().control(3, ctrl_state=0b011), [3, 1, 0, 2])
@@ -245,10 +241,6 @@ def test_qiskit_circuits_come_in(qiskit):
     found = pb.from_qiskit(native)
     np.testing.assert_allclose(found.matrix(), matrix_of(native), atol=1e-14)
     assert "matrix" not in {gate.name for gate in found} and len(found) == len(native) + 1
-    other.append(library.XGate().control(3, annotated=True, ctrl_state=2), [2, 0, 1, 3])
-    other.append(library.QFTGate(3), [2, 0, 1])
-    found = pb.from_qiskit(other)
-    np.testing.assert_allclose(found.matrix(), matrix_of(other), atol=1e-14)
 
     for value, reading in enumerate(READINGS):
         branching = qiskit.QuantumCircuit(3)

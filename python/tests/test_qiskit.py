@@ -22,7 +22,7 @@ from qiskit.circuit.classical import expr
 from qiskit.circuit.library.standard_gates import get_standard_gate_name_mapping
 from qiskit.primitives import StatevectorEstimator, StatevectorSampler
 from qiskit.providers import JobStatus
-from qiskit.quantum_info import SparsePauliOp, Statevector, random_unitary
+from qiskit.quantum_info import SparsePauliOp, Statevector, random_clifford, random_unitary
 from qiskit.synthesis import SuzukiTrotter
 
 from pblinalg.qiskit import Backend, Estimator, Sampler, SimulationError, statevector
@@ -95,6 +95,7 @@ def special_gates(rng):
     yield library.StatePreparation(amplitudes).inverse()
     yield library.StatePreparation("01r"[::-1])
     yield library.QFTGate(3)
+    yield random_clifford(3, seed=1)
     yield AnnotatedOperation(
         flip, [InverseModifier(), ControlModifier(1, 0), PowerModifier(3), InverseModifier()]
     )
@@ -114,7 +115,7 @@ def test_special_operations_give_the_amplitudes_of_qiskit(rng):
             reference.append(gate.definition if evolves else gate, places)
             start.append(gate, places)
             np.testing.assert_allclose(
-                statevector(start), Statevector(reference).data, atol=1e-12, err_msg=gate.name
+                statevector(start), Statevector(reference).data, atol=1e-12, err_msg=str(gate)
             )
 
 
@@ -174,31 +175,19 @@ def measured_circuit(rng):
 def test_sampler_agrees_with_the_reference(rng):
     circuit, values = measured_circuit(rng), rng.normal(size=(2, 3, 2))
     ours = Sampler(seed=3).run([(circuit, values), circuit.assign_parameters([1, 2])], shots=20000)
-    theirs = StatevectorSampler(seed=4).run([(circuit, values)], shots=20000).result()[0].data
+    theirs = StatevectorSampler(seed=4).run([(circuit, values)], shots=20000).result()[0]
     first, second = ours.result()
     assert second.data.shape == () and second.metadata["shots"] == 20000
     for name in ("low", "wide", "c"):
-        found, expected = first.data[name], theirs[name]
+        found, expected = first.data[name], theirs.data[name]
         assert found.array.shape == expected.array.shape and found.num_bits == expected.num_bits
-    joined, expected = (BitsOf(data) for data in (first.data, theirs))
     for place in np.ndindex(2, 3):
-        for key in expected(place) | joined(place):
-            shares = [counts(place).get(key, 0) / 20000 for counts in (joined, expected)]
+        counts = [pub.join_data().get_counts(place) for pub in (first, theirs)]
+        for key in counts[0] | counts[1]:
+            shares = [count.get(key, 0) / 20000 for count in counts]
             assert abs(shares[0] - shares[1]) < 5 * np.sqrt(2 * max(shares) / 20000), (place, key)
     again = Sampler(seed=3).run([(circuit, values)], shots=20000).result()[0].data
     assert np.array_equal(again.low.array, first.data.low.array)
-
-
-class BitsOf:
-    """Counts over all registers together, by place in the array of values."""
-
-    def __init__(self, data):
-        self.registers = [data.c, data.wide, data.low]
-
-    def __call__(self, place):
-        joined = zip(*(register.get_bitstrings(place) for register in self.registers))
-        keys, numbers = np.unique(["".join(bits) for bits in joined], return_counts=True)
-        return dict(zip(keys.tolist(), numbers.tolist()))
 
 
 def test_estimator_agrees_with_the_reference(rng):
