@@ -174,9 +174,11 @@ def measured_circuit(rng):
 
 def test_sampler_agrees_with_the_reference(rng):
     circuit, values = measured_circuit(rng), rng.normal(size=(2, 3, 2))
-    ours = Sampler(seed=3).run([(circuit, values), circuit.assign_parameters([1, 2])], shots=20000)
+    pubs = [(circuit, values), circuit.assign_parameters([1, 2]), (circuit, [[1, 2]] * 2, 50)]
+    ours = Sampler(seed=3).run(pubs, shots=20000)
     theirs = StatevectorSampler(seed=4).run([(circuit, values)], shots=20000).result()[0]
-    first, second = ours.result()
+    first, second, same = ours.result()
+    assert not np.array_equal(*same.data.low.array)
     assert second.data.shape == () and second.metadata["shots"] == 20000
     for name in ("low", "wide", "c"):
         found, expected = first.data[name], theirs.data[name]
@@ -240,6 +242,7 @@ def test_backend_returns_results_in_qiskits_form():
     first.h(1)
     first.reset(1)
     first.measure([0, 1, 2], [low[1], high[0], high[2]])
+    first.x(0)
     second.h(0)
     second.cx(0, 1)
     second.measure(0, 0)
