@@ -504,6 +504,8 @@ class _Lowering:
         if self._overrun is None:
             raise ValueError("'while_loop' cannot be followed; its end is known only while it runs")
         body, outer = operation.blocks[0], self._loop_bits
+        if _has_while(body):
+            raise ValueError("a 'while_loop' inside another cannot be followed")
         _, cubes = _cubes_of_if(operation.condition, clbits)
         going_on = [(listed, value) for listed, value, branch in cubes if branch == 0]
         if len(going_on) != 1 or "break_loop" in _exits([body]):
@@ -536,7 +538,7 @@ class _Lowering:
         else:
             listed, cubes = _cubes_of_if(operation.condition, clbits)
         blocks = dict(enumerate(block for block in operation.blocks if block is not None))
-        chosen = []
+        chosen, ways_on = [], 0
         for places, value, branch in cubes:
             block = blocks.get(branch)
             if block is None and follow is None:
@@ -544,13 +546,20 @@ class _Lowering:
             written = set() if block is None else {bits[place] for place in _written(block)}
             left = block is not None and block.data and block.data[-1].operation.name in _EXITS
             if follow is not None and not left:
+                ways_on += 1
                 written |= self._loop_bits
             # The first conditions must leave alone what later ones look at.
             chosen.append((bool(written & set(listed)), places, value, block))
-        if sum(writes for writes, *_ in chosen) > (1 if len(chosen) > 1 else len(chosen)):
+        if sum(writes for writes, *_ in chosen) > 1:
             raise ValueError(
                 f"{operation.name!r} cannot be followed: more than one branch measures into a "
                 "classical bit that decides between the branches"
+            )
+        if ways_on > 1:
+            # Each of them would hold the rest of the loop, and so on in every round.
+            raise ValueError(
+                f"{operation.name!r} cannot be followed: there is more than one way past its exit "
+                "from the loop; expected a condition on one bit"
             )
         for _, places, value, block in sorted(chosen, key=lambda choice: choice[0]):
             with self.target.if_(places, value):

@@ -266,6 +266,9 @@ def test_qiskit_circuits_come_in(qiskit):
         assert pb.from_qiskit(branching).run(1) == {reading: 1}, value
 
     nonlinear, looping, deciding, left = (qiskit.QuantumCircuit(1, 1) for _ in range(4))
+    forking = qiskit.QuantumCircuit(1, 2)
+    with forking.for_loop(range(60)), forking.if_test((forking.cregs[0], 3)):
+        forking.break_loop()
     nonlinear.rx(Parameter("theta") ** 2, 0)
     with looping.while_loop((looping.clbits[0], 0)):
         looping.measure(0, 0)
@@ -280,6 +283,7 @@ def test_qiskit_circuits_come_in(qiskit):
         (nonlinear, ValueError, "theta.*; expected one parameter, linear"),
         (looping, ValueError, "'while_loop' cannot be followed"),
         (deciding, ValueError, "more than one branch measures into a classical bit that decides"),
+        (forking, ValueError, "there is more than one way past its exit"),
         (left, ValueError, "'break_loop' cannot be followed here; expected a loop of at most 64"),
         ("h q[0];", TypeError, "circuit must be a qiskit QuantumCircuit"),
     ):

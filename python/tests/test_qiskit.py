@@ -57,8 +57,6 @@ def random_gate(rng, parameters):
         gate = inner.to_gate()
     if kind < 2 and gate.num_qubits < 4:
         controls = int(rng.integers(1, 5 - gate.num_qubits))
-        # A number in each: qiskit's own controlled gates of expressions are not to be relied upon.
-        gate.params = [angles[i] for i, _ in enumerate(gate.params)] if kind else gate.params
         gate = gate.control(controls, ctrl_state=int(rng.integers(2**controls)), annotated=True)
     return gate
 
