@@ -46,7 +46,8 @@ from .readout import register_bytes
 _INSTRUCTIONS = {
     "measure": Measure(), "reset": Reset(), "delay": Delay(Parameter("t")),
     "if_else": IfElseOp, "for_loop": ForLoopOp, "switch_case": SwitchCaseOp,
-    "while_loop": WhileLoopOp, "box": BoxOp, "break_loop": BreakLoopOp, "continue_loop": ContinueLoopOp,
+    "while_loop": WhileLoopOp, "box": BoxOp, "break_loop": BreakLoopOp,
+    "continue_loop": ContinueLoopOp,
     "unitary": library.UnitaryGate, "diagonal": library.DiagonalGate,
     "initialize": library.Initialize, "state_preparation": library.StatePreparation,
     "pauli": library.PauliGate, "PauliEvolution": library.PauliEvolutionGate,

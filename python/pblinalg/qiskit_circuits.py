@@ -186,7 +186,9 @@ class _Lowering:
         self._loop_bits: set[int] = set()
         self._angles: dict[Any, Parameter] = {}
         # What most circuits consist of is appended without another look.
-        names = {name: method for name, (method, controls) in STANDARD_GATES.items() if not controls}
+        names = {
+            name: method for name, (method, controls) in STANDARD_GATES.items() if not controls
+        }
         names.update({name: name for name in _METHODS})
         self._plain = {name: getattr(target, method) for name, method in names.items()}
 
@@ -362,7 +364,9 @@ class _Lowering:
     def _annotated(self, operation: Any, qubits: list[int], under: dict[str, Any]) -> None:
         """Appends an operation with modifiers. Controls commute with inverses and powers, integer
         powers with each other, but a root of a power is something else."""
-        base, powers, rest = operation.base_op, [], []
+        base = operation.base_op
+        powers: list[float] = []
+        rest: list[Any] = []
         for modifier in reversed(operation.modifiers):
             if hasattr(modifier, "num_ctrl_qubits"):
                 count = modifier.num_ctrl_qubits

@@ -158,9 +158,10 @@ def test_transpiling_leaves_native_gates_alone():
 
 
 def measured_circuit(rng):
-    """Three registers, two of which share no qubit order, and parameters in an angle of each kind."""
+    """Bits of three registers, and parameters in an angle of each kind."""
     a, b = Parameter("a"), Parameter("b")
-    registers = [ClassicalRegister(size, name) for size, name in ((2, "low"), (9, "wide"), (1, "c"))]
+    sizes = {"low": 2, "wide": 9, "c": 1}
+    registers = [ClassicalRegister(size, name) for name, size in sizes.items()]
     circuit = QuantumCircuit(QuantumRegister(3), *registers)
     circuit.ry(2 * a, 0)
     circuit.rx(a * b + 0.1, 1)
