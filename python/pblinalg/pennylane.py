@@ -372,7 +372,7 @@ class PblinalgQubit(Device):
         execution_config: ExecutionConfig | None = None,
     ) -> tuple[Any, ...]:
         """Cotangents times the Jacobians: one derivative of the weighted sum of all observables."""
-        return tuple(self._vjp(*pair)[1] for pair in zip(circuits, cotangents))
+        return tuple(self._vjp(*pair) for pair in zip(circuits, cotangents))
 
     def execute_and_compute_vjp(
         self,

@@ -141,7 +141,7 @@ def _nothing(circuit: Circuit, op: Operator, qubits: list[int], u: Under) -> Non
 #: Operations whose data are no angles.
 _OTHERS: dict[type, Callable[[Circuit, Operator, list[int], Under], None]] = {
     qml.QubitUnitary: _unitary, qml.DiagonalQubitUnitary: _diagonal, qml.BasisState: _basis_state,
-    qml.Identity: _nothing, qml.Barrier: _nothing, qml.Snapshot: _nothing,
+    qml.Identity: _nothing, qml.Barrier: _nothing,
 }  # fmt: skip
 
 
@@ -247,7 +247,7 @@ class Translation:
 
     def _conditional(self, circuit: Circuit, op: Conditional, angles: Sequence[Angle]) -> None:
         clbits = [self._clbits[measurement] for measurement in op.meas_val.measurements]
-        for bits, value in op.meas_val.branches().items():
+        for bits, value in op.meas_val.branches.items():
             if value:
                 with circuit.if_(clbits, int("".join(map(str, bits)), 2)):
                     self._add(circuit, op.base, angles, {})
