@@ -11,6 +11,7 @@ from typing import Any
 import cirq
 import numpy as np
 import sympy
+from numpy.typing import NDArray
 
 from ._core import Parameter
 from .circuit import Circuit
@@ -128,11 +129,14 @@ def _f_sim(circuit: Circuit, gate: Any, qubits: Sequence[int], under: Under) -> 
     circuit.p(-phase, qubits[1], **_more(under, qubits[:1], [1]))
 
 
+def _is_diagonal(matrix: NDArray[Any]) -> bool:
+    return np.count_nonzero(matrix) == np.count_nonzero(matrix.diagonal())
+
+
 def _matrix(circuit: Circuit, gate: Any, qubits: Sequence[int], under: Under) -> None:
     matrix = cirq.unitary(gate)
-    values = matrix.diagonal()
-    if np.array_equal(matrix, np.diag(values)):
-        circuit.diagonal(values, qubits, check=False, **under)
+    if _is_diagonal(matrix):
+        circuit.diagonal(matrix.diagonal(), qubits, check=False, **under)
     else:
         circuit.unitary(matrix, qubits, check=False, **under)
 
@@ -169,8 +173,6 @@ class Translation:
         gate = op.gate
         conditions = op.classical_controls
         if conditions:
-            if cirq.is_measurement(op):
-                raise ValueError(f"{op!r} cannot be followed; expected no measurement in a condition")
             inner = op.without_classical_controls()
             for clbits, value in self._readings(conditions):
                 with self.circuit.if_(clbits, value):
@@ -197,9 +199,11 @@ class Translation:
                 self._unitary(op.sub_operation, _more(under, controls, values))
             return
         symbols = cirq.is_parameterized(op)
-        if len(qubits) <= 2 and not symbols and cirq.has_unitary(op):
-            _matrix(self.circuit, op, qubits, under)
-            return
+        if len(qubits) <= 3 and not symbols and cirq.has_unitary(op):
+            matrix = cirq.unitary(op)
+            if len(qubits) <= 2 or _is_diagonal(matrix):
+                _matrix(self.circuit, op, qubits, under)
+                return
         parts = cirq.decompose_once(op, default=None)
         if parts is not None:
             for part in parts:

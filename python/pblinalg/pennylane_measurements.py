@@ -24,6 +24,7 @@ from pennylane.operation import Operator
 from pennylane.ops import CompositeOp, Prod, SProd, Sum, SymbolicOp
 from pennylane.ops.qubit import BasisStateProjector
 
+from .circuit import Circuit
 from .observable import Observable
 from .pennylane_circuits import Translation
 from .state_vector import StateVector
@@ -73,10 +74,12 @@ def measure_exactly(measurement: MeasurementProcess, state: StateVector, qubits:
             return np.float64(_variance(obs, state, qubits))
         if type(measurement) is StateMP and list(measurement.wires or qubits) == list(qubits):
             return state.to_array()
-    rotated = _rotated(state, measurement.diagonalizing_gates(), qubits)
+    rotated = _rotated(state, _rotation(measurement.diagonalizing_gates(), qubits))
     if isinstance(measurement, ProbabilityMP) and measurement.mv is None:
         return rotated.probabilities([qubits[wire] for wire in measurement.wires or qubits])
-    return measurement.process_state(rotated.to_array(), qml.wires.Wires(list(qubits)))
+    # Some measurements sort their wires, which labels of all kinds do not let them.
+    numbered = measurement.map_wires(qubits)
+    return numbered.process_state(rotated.to_array(), qml.wires.Wires(range(len(qubits))))
 
 
 def _expectation(obs: Operator, state: StateVector, qubits: Qubits) -> float:
@@ -99,7 +102,8 @@ def _variance(obs: Operator, state: StateVector, qubits: Qubits) -> float:
     if obs.pauli_rep is not None:
         paulis = pauli_sum(obs.pauli_rep, qubits)
         if len(paulis) <= _SQUARED_TERMS:
-            return state.expectation(paulis @ paulis) - mean**2
+            # Products leave rounding in imaginary parts.
+            return state.expectation_complex(paulis @ paulis).real - mean**2
         image = paulis.apply(state)
     else:
         _, image = _amplitudes_and_image(obs, state, qubits)
@@ -127,9 +131,13 @@ def _apply(obs: Operator, state: StateVector, qubits: Qubits) -> None:
         state.unitary(obs.matrix(), [qubits[wire] for wire in obs.wires], check=False)
 
 
-def _rotated(state: StateVector, gates: Sequence[Operator], qubits: Qubits) -> StateVector:
-    """The state after some gates; a copy where there are any."""
-    return state.copy().run(Translation(gates, qubits).circuit) if gates else state
+def _rotation(gates: Sequence[Operator], qubits: Qubits) -> Circuit | None:
+    return Translation(gates, qubits).circuit if gates else None
+
+
+def _rotated(state: StateVector, rotation: Circuit | None) -> StateVector:
+    """The state after a circuit, as a copy where there is one."""
+    return state if rotation is None else state.copy().run(rotation)
 
 
 class Sampling:
@@ -149,11 +157,16 @@ class Sampling:
             script = qml.tape.QuantumScript([], measurements, shots=shots)
             scripts, self._combine = qml.transforms.split_non_commuting(script)
             self._groups = [script.measurements for script in scripts]
+        self._rotations = [_rotation(_diagonalizing(group), qubits) for group in self._groups]
 
     def draw(self, state: StateVector, rng: np.random.Generator) -> Any:
         """The results in the form that PennyLane expects; the state stays as it is."""
         if not self._shadows:
-            return self._combine(tuple(self._group(group, state, rng) for group in self._groups))
+            results = [
+                self._group(group, _rotated(state, rotation), rng)
+                for group, rotation in zip(self._groups, self._rotations)
+            ]
+            return self._combine(tuple(results))
         columns = []
         for (measurement,) in self._groups:
             if _is_shadow(measurement):
@@ -172,19 +185,13 @@ class Sampling:
     def _group(
         self, group: Sequence[SampleMeasurement], state: StateVector, rng: np.random.Generator
     ) -> Any:
-        words = [measurement.obs for measurement in group if measurement.obs is not None]
-        if len(words) > 1 and all(qml.pauli.is_pauli_word(word) for word in words):
-            with qml.QueuingManager.stop_recording():
-                gates = qml.pauli.diagonalize_qwc_pauli_words(words)[0]
-        else:
-            gates = [gate for each in group for gate in each.diagonalizing_gates()]
-        rotated = _rotated(state, gates, self._qubits)
-        rotated.seed = int(rng.integers(1 << 63))
+        """Results of measurements that a state, rotated for them, gives from the same outcomes."""
+        state.seed = int(rng.integers(1 << 63))
         wires = self._wires
         if all(measurement.wires for measurement in group):
             used = set().union(*(measurement.wires for measurement in group))
             wires = qml.wires.Wires([wire for wire in wires if wire in used])
-        outcomes = rotated.sample_outcomes(
+        outcomes = state.sample_outcomes(
             self._shots.total_shots, [self._qubits[wire] for wire in wires]
         )
         places = np.arange(len(wires) - 1, -1, -1, dtype=np.uint64)
@@ -194,6 +201,17 @@ class Sampling:
             values = tuple(each.process_samples(samples[begin:end], wires) for each in group)
             results.append(values if len(values) > 1 else values[0])
         return tuple(results) if self._shots.has_partitioned_shots else results[0]
+
+
+def _diagonalizing(group: Sequence[SampleMeasurement]) -> Sequence[Operator]:
+    """Gates after which all measurements of a group read qubits."""
+    words = [measurement.obs for measurement in group if measurement.obs is not None]
+    if len(words) > 1 and all(qml.pauli.is_pauli_word(word) for word in words):
+        with qml.QueuingManager.stop_recording():
+            return qml.pauli.diagonalize_qwc_pauli_words(words)[0]
+    return [
+        gate for each in group if not _is_shadow(each) for gate in each.diagonalizing_gates()
+    ]
 
 
 def _is_shadow(measurement: MeasurementProcess) -> bool:
