@@ -23,7 +23,9 @@ def test_example_checks_itself(path):
     run_python(path)
 
 
-@pytest.mark.parametrize("name", ["README.md", "docs/python.md", "docs/python-bit-order.md"])
+@pytest.mark.parametrize(
+    "name", ["README.md", "docs/python.md", "docs/python-bit-order.md", "docs/frameworks.md"]
+)
 def test_python_in_documents_runs_and_prints_what_they_show(name, monkeypatch):
     monkeypatch.setenv("COLUMNS", "80")
     text = (ROOT / name).read_text()
