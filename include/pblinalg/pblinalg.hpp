@@ -5,6 +5,7 @@
 #include <pblinalg/export.hpp>
 #include <pblinalg/gate_list.hpp>
 #include <pblinalg/gates.hpp>
+#include <pblinalg/gradient.hpp>
 #include <pblinalg/observable.hpp>
 #include <pblinalg/run.hpp>
 #include <pblinalg/state_vector.hpp>

@@ -147,13 +147,24 @@ std::vector<double> values_argument(const BoundGateList& self, nb::handle values
     return result;
 }
 
+Accuracy accuracy_argument(nb::handle accuracy) {
+    std::string word;
+    if (nb::try_cast(accuracy, word)) {
+        if (word == "exact") return Accuracy::exact;
+        if (word == "rounding") return Accuracy::rounding;
+    }
+    raise(PyExc_ValueError, "accuracy = %.200R: expected 'exact' or 'rounding'", accuracy.ptr());
+}
+
 template <class T>
 void run_list(BoundGateList& self, BoundState<T>& state, nb::handle values, nb::handle progress,
-              bool both_sides) {
+              bool both_sides, nb::handle accuracy) {
     const Reading reading(self);
     if (!progress.is_none() && !PyCallable_Check(progress.ptr()))
         raise(PyExc_TypeError, "progress must be callable or None, got %.200R", progress.ptr());
     const std::vector<double> numbers = values_argument(self, values);
+    RunOptions options;
+    options.accuracy = accuracy_argument(accuracy);
     const Use use(state);
     state.require_amplitudes();
     const unsigned int expected = both_sides ? 2 * self.nqubits : self.nqubits;
@@ -177,7 +188,6 @@ void run_list(BoundGateList& self, BoundState<T>& state, nb::handle values, nb::
         const std::size_t size = std::max<std::size_t>(1, self.gates.size());
         Unlocked unlocked(state.size >= min_unlocked_size / size);
         auto last = std::chrono::steady_clock::now();
-        RunOptions options;
         options.between_passes = [&](std::size_t done) {
             if (std::chrono::steady_clock::now() - last < patience) return true;
             unlocked.locked([&] { look(done); });
@@ -189,7 +199,8 @@ void run_list(BoundGateList& self, BoundState<T>& state, nb::handle values, nb::
             report = pblinalg::run(state, both, numbers, options);
             if (report.gates_done % 2 != 0) {
                 // No gate is left on the rows alone.
-                pblinalg::run(state, GateList().append(both[report.gates_done]), numbers);
+                options.between_passes = {};
+                pblinalg::run(state, GateList().append(both[report.gates_done]), numbers, options);
                 ++report.gates_done;
             }
         } else {
@@ -562,19 +573,22 @@ void bind_gate_lists(nb::module_& module) {
         "how many are\ndone and pending signals are looked at; an exception from either leaves the "
         "effect of exactly the\nfirst so many gates, by which `gates_applied` of the state has "
         "grown. With `both_sides` the state is\na density matrix: every gate acts on its rows and, "
-        "conjugated, on its columns.";
+        "conjugated, on its columns. `accuracy` is that of\n`pblinalg.run`.";
 #define PBLINALG_RUN_SIGNATURE(STATE)                                           \
     nb::sig("def run(self, state: " STATE                                       \
             ", values: collections.abc.Sequence[float] | "                      \
             "numpy.typing.NDArray[numpy.float64] | None = None, "               \
             "progress: collections.abc.Callable[[int], object] | None = None, " \
-            "both_sides: bool = False) -> None")
+            "both_sides: bool = False, "                                        \
+            "accuracy: typing.Literal['exact', 'rounding'] = 'exact') -> None")
     target
         .def("run", run_list<float>, nb::arg("state"), nb::arg("values") = nb::none(),
              nb::arg("progress") = nb::none(), nb::arg("both_sides") = false,
+             nb::arg("accuracy") = "exact",
              PBLINALG_RUN_SIGNATURE("PybindLinAlgStateVectorCPUFloat"))
         .def("run", run_list<double>, nb::arg("state"), nb::arg("values") = nb::none(),
              nb::arg("progress") = nb::none(), nb::arg("both_sides") = false,
+             nb::arg("accuracy") = "exact",
              PBLINALG_RUN_SIGNATURE("PybindLinAlgStateVectorCPUDouble"), doc);
 #undef PBLINALG_RUN_SIGNATURE
 }

@@ -1,9 +1,11 @@
 // Compiled like exact_kernels.cpp: once per instruction set, without contraction or automatic
-// vectorisation, and without instantiating anything of the standard library.
+// vectorisation, and without instantiating anything of the standard library. A second time for
+// each set with contraction, for runs by rounding.
 #include "kernels/circuit_kernels.hpp"
 
 #include "gates/formulas.hpp"
 #include "gates/matrix_formulas.hpp"
+#include "kernels/inner_products.hpp"
 #include "kernels/unrolled.hpp"
 #include "kernels/values.hpp"
 #include "kernels/walk_groups.hpp"
@@ -12,6 +14,7 @@ namespace pblinalg::cpu {
 namespace {
 
 constexpr InstructionSet this_set = InstructionSet::PBLINALG_INSTRUCTION_SET;
+constexpr Accuracy this_accuracy = Accuracy::PBLINALG_ACCURACY;
 
 /// Vectors of both parts that leave half of the registers to the arithmetic.
 constexpr unsigned int row_bits = n_registers<this_set> == 32 ? 3 : 2;
@@ -411,7 +414,13 @@ PBLINALG_ALWAYS_INLINE void run_step(V* a, const LiveStep& live, const TilePass<
         case action(Action::both, 0, controlled): return multiply_controlled(a, step, factors, rows());
         case action(Action::table, 0): return multiply_by.template operator()<false>();
         case action(Action::table, 0, controlled): return multiply_by.template operator()<true>();
-        default: __builtin_unreachable();
+        default:
+            if constexpr (this_accuracy == Accuracy::rounding) {
+                const Selected selected = rows();
+                return InnerProducts<V, row_bits>::add(a, step.action, selected.odd, selected.on,
+                                                       pass.sums + step.lookup * sums_per_inner_product);
+            }
+            __builtin_unreachable();
     }
 #undef PBLINALG_MIXING
 #undef PBLINALG_DIAGONAL
@@ -534,6 +543,39 @@ void scatter(T* state, Index base, Index active, PlanarMemory<T> tile, Index siz
     }
 }
 
+/// Copies a tile of two states in, vector by vector.
+template <class T>
+void gather_pair(const T* ket, const T* bra, Index base, Index active, PlanarMemory<T> tile,
+                 Index size) {
+    using V = Plain<T>;
+    const Index above_lanes = active & ~(Index{V::lanes} - 1);
+    Index from = base;
+    for (Index to = 0; to < size; to += 2 * V::lanes) {
+        V::deinterleave(ket + 2 * from).store(tile, to);
+        V::deinterleave(bra + 2 * from).store(tile, to + V::lanes);
+        from = base | next_subset(from, above_lanes);
+    }
+}
+
+/// Copies them back.
+template <bool past_cache, class T>
+void scatter_pair(T* ket, T* bra, Index base, Index active, PlanarMemory<T> tile, Index size,
+                  const Placement& placement, Index paired_base) {
+    using V = Plain<T>;
+    const Index above_lanes = active & ~(Index{V::lanes} - 1);
+    const Index walked = (size - 1) & ~(2 * Index{V::lanes} - 1);
+    PlaceWalk walk(placement, paired_base, walked);
+    Index to = base, from = 0;
+    for (Index i = 0; i < size; i += 2 * V::lanes) {
+        const Index place = walk.place();
+        V::load(tile, place).template interleave<past_cache>(ket + 2 * to);
+        V::load(tile, place ^ V::lanes).template interleave<past_cache>(bra + 2 * to);
+        walk.advance(from);
+        from = next_subset(from, walked);
+        to = base | next_subset(to, above_lanes);
+    }
+}
+
 /// The steps of every window that do something to the tile at `base`.
 /// @param ends  receives the end of each window's steps.
 template <class T>
@@ -568,7 +610,9 @@ template <Products products, class T>
     for (std::size_t w = 0; w < pass.n_windows; ++w) {
         const bool last = w + 1 == pass.n_windows;
         if (live == ends[w] && !last) continue;
-        passed = run_window<products>(tile, size, base, pass, pass.windows[w], live, ends[w], last);
+        const bool inspects = last && products != Products::fused;
+        passed =
+            run_window<products>(tile, size, base, pass, pass.windows[w], live, ends[w], inspects);
         live = ends[w];
     }
     return passed;
@@ -580,8 +624,10 @@ template <InstructionSet set, class T>
 WindowShape window_shape() {
     return {Plain<T>::lane_bits, row_bits};
 }
+template WindowShape window_shape<this_set, float>();
+template WindowShape window_shape<this_set, double>();
 
-template <InstructionSet set, class T>
+template <InstructionSet set, class T, Accuracy accuracy>
 void run_tiles(T* state, const TilePass<T>& pass, Index begin, Index end, void* scratch,
                bool& shortcut) {
     const Index size = bit(count_bits(pass.active));
@@ -594,9 +640,13 @@ void run_tiles(T* state, const TilePass<T>& pass, Index begin, Index end, void* 
         const auto run = [&]<Products products>() {
             return run_sequence<products>(state, base, pass, live, ends, tile, size);
         };
-        shortcut = shortcut && run.template operator()<Products::without_zeros>();
-        if (!shortcut && !run.template operator()<Products::plain>()) {
-            run.template operator()<Products::recovered>();
+        if constexpr (accuracy == Accuracy::rounding) {
+            run.template operator()<Products::fused>();
+        } else {
+            shortcut = shortcut && run.template operator()<Products::without_zeros>();
+            if (!shortcut && !run.template operator()<Products::plain>()) {
+                run.template operator()<Products::recovered>();
+            }
         }
         const Placement& placement = pass.placements[pass.n_placements - 1];
         if (pass.past_cache) {
@@ -608,10 +658,62 @@ void run_tiles(T* state, const TilePass<T>& pass, Index begin, Index end, void* 
     if (pass.past_cache) Vector<this_set, T>::finish_past_cache();
 }
 
-#define PBLINALG_INSTANTIATE(T)                       \
-    template WindowShape window_shape<this_set, T>(); \
-    template void run_tiles<this_set, T>(T*, const TilePass<T>&, Index, Index, void*, bool&);
+template <InstructionSet set, class T>
+void run_paired_tiles(T* ket, T* bra, const TilePass<T>& pass, Index begin, Index end,
+                      void* scratch, bool keeps) {
+    const Index size = bit(count_bits(pass.active));
+    T* const parts = static_cast<T*>(scratch);
+    const PlanarMemory<T> tile{parts, parts + size + parts_gap / sizeof(T)};
+    auto* const live = reinterpret_cast<LiveStep*>(tile.im + size);
+    auto* const ends = reinterpret_cast<LiveStep**>(live + pass.n_steps);
+    const Index active = without_pair_bit(pass.active, Plain<T>::lane_bits);
+    const Placement& placement = pass.placements[pass.n_placements - 1];
+    walk_groups(pass.inactive, 0, begin, end, [&](Index paired_base) {
+        const Index base = without_pair_bit(paired_base, Plain<T>::lane_bits);
+        find_live_steps(pass, paired_base, live, ends);
+        gather_pair(ket, bra, base, active, tile, size);
+        const LiveStep* first = live;
+        for (std::size_t w = 0; w < pass.n_windows; first = ends[w++]) {
+            if (first == ends[w]) continue;
+            run_window<Products::fused>(tile, size, paired_base, pass, pass.windows[w], first,
+                                        ends[w], false);
+        }
+        if (!keeps) return;
+        if (pass.past_cache) {
+            scatter_pair<true>(ket, bra, base, active, tile, size, placement, paired_base);
+        } else {
+            scatter_pair<false>(ket, bra, base, active, tile, size, placement, paired_base);
+        }
+    });
+    if (pass.past_cache) Vector<this_set, T>::finish_past_cache();
+}
+
+template <InstructionSet set, class T>
+void fold_inner_products(const TilePass<T>& pass, double* results) {
+    using Products = InnerProducts<Planar<set, T, Products::fused>, row_bits>;
+    for (std::size_t s = 0; s < pass.n_steps; ++s) {
+        const CircuitStep& step = pass.steps[s];
+        if (step.action < step_action(Action::inner_x, 0)) continue;
+        results[step.lookup] +=
+            Products::fold(step, pass.sums + step.lookup * sums_per_inner_product);
+    }
+}
+
+#define PBLINALG_INSTANTIATE(T)                                                               \
+    template void run_tiles<this_set, T, this_accuracy>(T*, const TilePass<T>&, Index, Index, \
+                                                        void*, bool&);
 PBLINALG_INSTANTIATE(float)
 PBLINALG_INSTANTIATE(double)
+#undef PBLINALG_INSTANTIATE
+
+#ifdef PBLINALG_PAIRS
+#define PBLINALG_INSTANTIATE(T)                                                                  \
+    template void run_paired_tiles<this_set, T>(T*, T*, const TilePass<T>&, Index, Index, void*, \
+                                                bool);                                           \
+    template void fold_inner_products<this_set, T>(const TilePass<T>&, double*);
+PBLINALG_INSTANTIATE(float)
+PBLINALG_INSTANTIATE(double)
+#undef PBLINALG_INSTANTIATE
+#endif
 
 }  // namespace pblinalg::cpu

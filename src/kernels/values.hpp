@@ -197,7 +197,13 @@ enum class Products {
     without_zeros,
     plain,      ///< exact unless a final part is NaN
     recovered,  ///< exact
+    /// As the rounding allows: without zero parts, and summed so that the compiler can fuse.
+    fused,
 };
+
+constexpr bool leaves_out_zeros(Products products) {
+    return products == Products::without_zeros || products == Products::fused;
+}
 
 /// `lanes` amplitudes in one register, parts interleaved as in memory: re, im, re, im, ...
 ///
@@ -547,7 +553,30 @@ struct Planar {
     PBLINALG_ALWAYS_INLINE friend Planar scale(Planar a, T by) { return {a.re * by, a.im * by}; }
     PBLINALG_ALWAYS_INLINE friend Planar times_i(Planar a) { return {-a.im, a.re}; }
     PBLINALG_ALWAYS_INLINE friend Planar times_minus_i(Planar a) { return {a.im, -a.re}; }
-    PBLINALG_ALWAYS_INLINE friend Planar cmul(const Factor& f, Planar a) {
+    /// A product that waits for its sum: added to another one it takes a fused operation for each
+    /// multiplication but the first.
+    struct Pending {
+        Factor f;
+        Planar a;
+        PBLINALG_ALWAYS_INLINE operator Planar() const {
+            return {f.re * a.re - f.im * a.im, f.re * a.im + f.im * a.re};
+        }
+        PBLINALG_ALWAYS_INLINE friend Planar operator+(Planar sum, const Pending& next) {
+            sum = {sum.re + next.f.re * next.a.re, sum.im + next.f.re * next.a.im};
+            return {sum.re - next.f.im * next.a.im, sum.im + next.f.im * next.a.re};
+        }
+        PBLINALG_ALWAYS_INLINE friend Planar operator+(const Pending& first, const Pending& next) {
+            return Planar(first) + next;
+        }
+    };
+    PBLINALG_ALWAYS_INLINE friend auto cmul(const Factor& f, Planar a) {
+        if constexpr (products == Products::fused) {
+            return Pending{f, a};
+        } else {
+            return product_of(f, a);
+        }
+    }
+    PBLINALG_ALWAYS_INLINE static Planar product_of(const Factor& f, Planar a) {
         Planar product{f.re * a.re - f.im * a.im, f.re * a.im + f.im * a.re};
         if constexpr (products == Products::recovered) {
             if (holds_nan(product)) [[unlikely]]
@@ -556,11 +585,11 @@ struct Planar {
         return product;
     }
     PBLINALG_ALWAYS_INLINE friend Planar cmul_real(const Factor& f, Planar a) {
-        if constexpr (products != Products::without_zeros) return cmul(f, a);
+        if constexpr (!leaves_out_zeros(products)) return cmul(f, a);
         return {f.re * a.re, f.re * a.im};
     }
     PBLINALG_ALWAYS_INLINE friend Planar cmul_imaginary(const Factor& f, Planar a) {
-        if constexpr (products != Products::without_zeros) return cmul(f, a);
+        if constexpr (!leaves_out_zeros(products)) return cmul(f, a);
         return {-(f.im * a.im), f.im * a.re};
     }
 
