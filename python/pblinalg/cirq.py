@@ -13,7 +13,7 @@ try:
 except ImportError as error:
     raise ImportError("pblinalg.cirq needs Cirq: pip install 'pblinalg[cirq]'") from error
 
-from .arguments import Precision, count, precision_name
+from .arguments import Accuracy, Precision, accuracy_name, count, precision_name
 from .cirq_circuits import NotLinear, Translation
 from .observable import Observable
 from .running import run
@@ -34,6 +34,7 @@ class Simulator(
 
     precision: "double" (complex128 amplitudes) or "float" (complex64).
     threads: worker threads, by default one per processor from 18 qubits on and one below.
+    accuracy: "exact" or "rounding", as in `pblinalg.run`.
     seed: of everything that is drawn: an integer or a `numpy.random.RandomState`; by default NumPy's
     global generator.
 
@@ -50,8 +51,10 @@ class Simulator(
         precision: Precision = "double",
         threads: int | None = None,
         seed: cirq.RANDOM_STATE_OR_SEED_LIKE = None,
+        accuracy: Accuracy = "exact",
     ) -> None:
         self._precision = precision_name(precision)
+        self._accuracy = accuracy_name(accuracy)
         self._threads = None if threads is None else count(threads, "threads", 1)
         self._random = cirq.value.parse_random_state(seed)
 
@@ -90,6 +93,7 @@ class Simulator(
             self._seed(),
             progress=False,
             values=values,
+            accuracy=self._accuracy,
         )
         width = translation.circuit.num_clbits
         text = "".join(counts).encode()
@@ -188,7 +192,8 @@ class Simulator(
         for resolver, translation, values in _translations(program, qubits, params):
             state = StateVector(len(qubits), self._precision, self._threads, self._seed())
             self._prepare(state, initial_state)
-            yield resolver, translation, state.run(translation.circuit, False, values)
+            state.run(translation.circuit, False, values, self._accuracy)
+            yield resolver, translation, state
 
     def _prepare(self, state: StateVector, initial_state: Any) -> None:
         n = state.num_qubits

@@ -36,9 +36,10 @@ except ImportError as error:
     ) from error
 
 from ._core import GateList, Parameter
-from .arguments import Precision, count, precision_name
+from .arguments import Accuracy, Precision, accuracy_name, count, precision_name
 from .circuit import Circuit
 from .execution import run_steps
+from .gradients import value_and_gradient
 from .observable import Observable
 from .pennylane_circuits import Translation, has_angles, is_native
 from .pennylane_measurements import (
@@ -62,9 +63,13 @@ def _without_measurements(op: Operator) -> bool:
     return not isinstance(op, MidMeasure) and is_native(op)
 
 
+def _is_trained(op: Operator) -> bool:
+    return any(qml.math.requires_grad(value) for value in op.data)
+
+
 def _has_derivative(op: Operator) -> bool:
-    return _without_measurements(op) and (
-        has_angles(op) or not any(qml.math.requires_grad(value) for value in op.data)
+    return _without_measurements(op) and not isinstance(op, qml.Projector) and (
+        has_angles(op) or not _is_trained(op)
     )
 
 
@@ -77,6 +82,7 @@ class PblinalgQubit(Device):
     shots: the default of circuits that do not say (PennyLane would rather be told by `set_shots`).
     precision: "double" or "float" amplitudes.
     threads: worker threads, by default one per processor from 18 qubits on and one below.
+    accuracy: "exact" or "rounding", as in `pblinalg.run`; derivatives are always exact.
     seed: of everything that is drawn: an integer, what `numpy.random.default_rng` takes, None for
     the system's randomness, or "global" for a number from NumPy's global generator.
 
@@ -94,10 +100,12 @@ class PblinalgQubit(Device):
         precision: Precision = "double",
         threads: int | None = None,
         seed: Any = "global",
+        accuracy: Accuracy = "exact",
     ) -> None:
         super().__init__(wires=wires, shots=shots)
         try:
             self._precision = precision_name(precision)
+            self._accuracy = accuracy_name(accuracy)
             self._threads = None if threads is None else count(threads, "threads", 1)
             if isinstance(seed, str) and seed == "global":
                 seed = np.random.randint(1 << 31)
@@ -113,7 +121,8 @@ class PblinalgQubit(Device):
         circuit: QuantumScript | None = None,
     ) -> bool:
         """True for expectation values without shots of what is a sum of Pauli strings or has a
-        matrix on few wires."""
+        matrix on few wires, where neither it nor a prepared state is trained and nothing is
+        postselected."""
         if execution_config is not None and execution_config.gradient_method not in (
             "adjoint",
             "best",
@@ -122,11 +131,18 @@ class PblinalgQubit(Device):
             return False
         if circuit is None:
             return True
-        return not circuit.shots and all(
+        if circuit.shots or any(
+            op.postselect is not None
+            if isinstance(op, MidMeasure)
+            else isinstance(op, StatePrepBase) and _is_trained(op)
+            for op in circuit.operations
+        ):
+            return False
+        return all(
             isinstance(each, ExpectationMP)
             and each.obs is not None
             and differentiable(each.obs)
-            and not any(qml.math.requires_grad(value) for value in each.obs.data)
+            and not _is_trained(each.obs)
             for each in circuit.measurements
         )
 
@@ -192,8 +208,6 @@ class PblinalgQubit(Device):
         pipeline.add_transform(
             decompose,
             stopping_condition=condition,
-            # A derivative starts from |0...0>.
-            skip_initial_state_prep=not backwards,
             device_wires=self.wires,
             name=self.name,
         )
@@ -238,15 +252,13 @@ class PblinalgQubit(Device):
         if tape.batch_size is not None:
             return self._execute_batch(tape, fill_shots)
         qubits = self._qubits(tape)
-        operations = tape.operations
-        state = self._state(len(qubits))
-        if operations and isinstance(operations[0], StatePrepBase):
-            _prepare(state, operations[0], qubits)
-            operations = operations[1:]
+        state, operations, _ = self._prepared(tape, qubits)
+        if state is None:
+            state = self._state(len(qubits))
         translation = Translation(operations, qubits)
         if translation.measured:
             return self._execute_shots(tape, state, translation, qubits)
-        state.run(translation.circuit)
+        state.run(translation.circuit, accuracy=self._accuracy)
         if any(isinstance(op, qml.Projector) for op in operations):
             self._normalise(tape, state, fill_shots)
         return self._read(tape, state, qubits)
@@ -280,23 +292,18 @@ class PblinalgQubit(Device):
                     columns.append(np.broadcast_to(np.ravel(value), (tape.batch_size,)))
             place += len(op.data)
         qubits = self._qubits(tape)
-        operations = tape.operations
-        state = self._state(len(qubits))
-        start = None
-        if isinstance(operations[0], StatePrepBase):
-            _prepare(state, operations[0], qubits)
-            start = state.amplitudes.copy()
-            numbers = [number - len(operations[0].data) for number in numbers]
-            operations = operations[1:]
-        circuit, order = _parametrised(operations, qubits, numbers)
+        start, operations, skipped = self._prepared(tape, qubits)
+        circuit, order = _parametrised(operations, qubits, numbers, skipped)
         values = np.array(columns, dtype=np.float64)[order]
+        state = self._state(len(qubits))
         rows = []
         for row in np.ascontiguousarray(values.T):
             if start is None:
                 state.reset()
             else:
-                state.amplitudes[:] = start
-            rows.append(self._read(tape, state.run(circuit, values=row), qubits))
+                state.amplitudes[:] = start.amplitudes
+            state.run(circuit, values=row, accuracy=self._accuracy)
+            rows.append(self._read(tape, state, qubits))
         return _stacked(rows)
 
     def _execute_shots(
@@ -309,7 +316,7 @@ class PblinalgQubit(Device):
         steps = list(circuit.steps)
         nothing = np.empty(0)
         if isinstance(steps[0], GateList):
-            steps.pop(0).run(state.core, nothing)
+            steps.pop(0).run(state.core, nothing, accuracy=self._accuracy)
         start = state.amplitudes.copy()
         final = tape.measurements[: len(tape.measurements) - len(translation.measured)]
         sampling = Sampling(final, qml.measurements.Shots(1), qubits) if final else None
@@ -317,7 +324,7 @@ class PblinalgQubit(Device):
         for _ in range(tape.shots.total_shots):
             state.amplitudes[:] = start
             bits = [0] * circuit.num_clbits
-            run_steps(state.core, steps, bits, nothing)
+            run_steps(state.core, steps, bits, nothing, accuracy=self._accuracy)
             values: list[Any] = [np.array([bit]) for bit in bits]
             if sampling is not None:
                 drawn = sampling.draw(state, self._rng)
@@ -334,6 +341,20 @@ class PblinalgQubit(Device):
     def _state(self, num_qubits: int) -> StateVector:
         # What is drawn from it is seeded where it is drawn.
         return StateVector(num_qubits, self._precision, self._threads, 0)
+
+    def _prepared(
+        self, tape: QuantumScript, qubits: Qubits
+    ) -> tuple[StateVector | None, Sequence[Operator], int]:
+        """The state that a circuit begins with, None for |0...0>, its other operations, and how many
+        data come before theirs."""
+        operations = tape.operations
+        if not operations or not isinstance(operations[0], StatePrepBase):
+            return None, operations, 0
+        amplitudes = operations[0].state_vector(wire_order=list(qubits))
+        if hasattr(amplitudes, "toarray"):
+            amplitudes = amplitudes.toarray()
+        state = self._state(len(qubits)).set_amplitudes(np.ravel(amplitudes), check=False)
+        return state, operations[1:], len(operations[0].data)
 
     def _qubits(self, tape: QuantumScript) -> dict[Any, int]:
         """The number of the qubit of each wire of a circuit, in the order of the device's wires, or
@@ -411,32 +432,26 @@ class PblinalgQubit(Device):
         """Expectation values, and their derivatives by trainable parameter, one row for each
         observable. Those of observables count as constant."""
         trainable = tape.trainable_params
-        circuit, order = _parametrised(tape.operations, qubits, trainable)
+        start, operations, skipped = self._prepared(tape, qubits)
+        circuit, order = _parametrised(operations, qubits, trainable, skipped)
         jacobian = np.zeros((len(observables), len(trainable)))
         numbers = tape.get_parameters()
         at = np.array([numbers[place] for place in order], dtype=np.float64)
         values, columns = value_and_gradient(
-            circuit, observables, at, precision=self._precision, threads=self._threads
+            circuit, observables, at, self._precision, self._threads, start
         )
         jacobian[:, order] = columns
         return values, jacobian
 
 
 def _parametrised(
-    operations: Sequence[Operator], qubits: Qubits, numbers: Sequence[int]
+    operations: Sequence[Operator], qubits: Qubits, numbers: Sequence[int], skipped: int
 ) -> tuple[Circuit, list[int]]:
-    """A circuit with parameters for the data of these numbers, counted through all operations, and
-    for each parameter of the circuit its place among `numbers`."""
-    named = {number: Parameter(str(place)) for place, number in enumerate(numbers)}
+    """A circuit with parameters for the data of these numbers, counted through all operations after
+    `skipped` others, and for each parameter of the circuit its place among `numbers`."""
+    named = {number - skipped: Parameter(str(place)) for place, number in enumerate(numbers)}
     circuit = Translation(operations, qubits, named).circuit
     return circuit, [int(parameter.name) for parameter in circuit.parameters]
-
-
-def _prepare(state: StateVector, op: StatePrepBase, qubits: Qubits) -> None:
-    amplitudes = op.state_vector(wire_order=list(qubits))
-    if hasattr(amplitudes, "toarray"):
-        amplitudes = amplitudes.toarray()
-    state.set_amplitudes(np.ravel(amplitudes), check=False)
 
 
 def _is_expectation(measurement: MeasurementProcess) -> bool:

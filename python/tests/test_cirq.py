@@ -218,6 +218,7 @@ MISTAKES = [
      "terminal measurements"),
     (lambda s: s.compute_amplitudes(cirq.Circuit(cirq.X(A)), [2]), IndexError, "position = 2"),
     (lambda s: Simulator(precision="half"), ValueError, "precision = 'half'"),
+    (lambda s: Simulator(accuracy="half"), ValueError, "accuracy = 'half'"),
     (lambda s: Simulator(threads=0), ValueError, "threads = 0"),
 ]  # fmt: skip
 

@@ -171,6 +171,8 @@ def differentiated(x, y):
 @pytest.mark.parametrize("several", [False, True])
 def test_derivatives(vjp, several):
     def circuit(x, y):
+        if several:
+            qml.StatePrep(np.array([0.6, 0, 0.8j, 0]), ["a", 7])
         differentiated(x, y)
         taken = [5, 6, 9] if several else [2]
         return [qml.expval(OBSERVABLES[place]) for place in taken]
@@ -187,7 +189,7 @@ def test_derivatives(vjp, several):
 
 
 def test_the_best_derivative_is_that_of_the_device_where_it_has_one():
-    dev = device()
+    dev = device(None)
     trained = pnp.array(0.3, requires_grad=True)
 
     def count(measurement):
@@ -203,6 +205,8 @@ def test_the_best_derivative_is_that_of_the_device_where_it_has_one():
     assert backwards == 1 and value == pytest.approx(-np.sin(0.3))
     value, backwards = count(lambda x: qml.var(qml.Z(0)))
     assert backwards == 0 and value == pytest.approx(np.sin(0.6))
+    value, backwards = count(lambda x: (qml.measure(1, postselect=0), qml.expval(qml.Z(0)))[1])
+    assert backwards == 0 and value == pytest.approx(-np.sin(0.3))
     # A trained coefficient is none of the circuit's angles.
     value, backwards = count(lambda x: qml.expval(qml.Hamiltonian([x], [qml.Z(0)])))
     assert backwards == 0 and value == pytest.approx(np.cos(0.3) - 0.3 * np.sin(0.3))
@@ -293,7 +297,7 @@ def test_precision_and_threads_reach_the_library():
         start()
         return qml.state()
 
-    coarse = qml.QNode(build, device(precision="float", threads=2))()
+    coarse = qml.QNode(build, device(precision="float", threads=2, accuracy="rounding"))()
     fine = qml.QNode(build, device())()
     assert coarse.dtype == np.complex64 and fine.dtype == np.complex128
     np.testing.assert_allclose(coarse, fine, atol=1e-6)
@@ -301,6 +305,7 @@ def test_precision_and_threads_reach_the_library():
 
 MISTAKES = [
     ({"precision": "half"}, {}, lambda: qml.expval(qml.Z(0)), "precision = 'half'"),
+    ({"accuracy": "half"}, {}, lambda: qml.expval(qml.Z(0)), "accuracy = 'half'"),
     ({"threads": 0}, {}, lambda: qml.expval(qml.Z(0)), "threads = 0"),
     ({"seed": -1}, {}, lambda: qml.expval(qml.Z(0)), "negative"),
     ({}, {"mcm_method": "tree-traversal"}, lambda: qml.expval(qml.Z(0)), "tree-traversal"),
