@@ -27,6 +27,7 @@ from .circuit import Circuit
 from .counts import Counts
 from .density_matrix import DensityMatrix
 from .gates import Gate
+from .gradients import value_and_gradient
 from .observable import Observable
 from .program import Conditional, Measure, Reset
 from .running import run
@@ -54,6 +55,7 @@ __all__ = [
     "StateVector",
     "__version__",
     "run",
+    "value_and_gradient",
 ]
 
 

@@ -1,5 +1,5 @@
 // The extension module: what the machine offers, and how a fork is survived. The classes are bound
-// in records.cpp, state.cpp, gate_lists.cpp and gate_methods.cpp.
+// in records.cpp, state.cpp, gate_lists.cpp, gradients.cpp and gate_methods.cpp.
 #include <nanobind/nanobind.h>
 #include <nanobind/stl/string.h>
 #include <nanobind/stl/vector.h>
@@ -93,5 +93,6 @@ NB_MODULE(_core, module) {
     python::bind_state<float>(module);
     python::bind_state<double>(module);
     python::bind_gate_lists(module);
+    python::bind_gradients(module);
     python::bind_gate_methods(module);
 }
