@@ -39,7 +39,7 @@ def test_python_in_documents_runs_and_prints_what_they_show(name, monkeypatch):
             with contextlib.redirect_stdout(printed):
                 exec(code, {})
         except ImportError as error:
-            assert "pip install 'pblinalg[" in str(error)
+            assert "pip install 'pblinalg[" in str(error) or error.name == "pennylane"
             continue
         if shown:
             assert printed.getvalue() == shown
