@@ -23,7 +23,7 @@ from .arguments import (
 from .counts import Counts
 from .fidelities import entropy, fidelity
 from .gates import GateMethods, as_qubits
-from .observable import Observable, ObservableLike, as_observable
+from .observable import Observable, ObservableLike, observable_on
 from .progress import Progress, check_progress, reporter
 from .state_files import FilePath, write_state
 
@@ -340,4 +340,4 @@ class Readout(GateMethods):
 
     def _observable(self, observable: ObservableLike, hermitian: bool = False) -> Observable:
         self._require_amplitudes()
-        return as_observable(observable, self.num_qubits, "state", hermitian)
+        return observable_on(self.num_qubits, observable, hermitian)

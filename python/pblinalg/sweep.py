@@ -13,7 +13,7 @@ from . import _core
 from .arguments import Precision, Qubits, count, distinct_qubits, precision_name, seed_number
 from .counts import Counts
 from .gates import as_qubits
-from .observable import Observable, ObservableLike, as_observable
+from .observable import Observable, ObservableLike, observable_on
 from .parameters import ValueRows, value_rows
 from .program import Program
 from .progress import Progress, reporter
@@ -152,7 +152,7 @@ def sweep(
         listing: Any = [observables] if single else observables
         if not isinstance(listing, Sequence):
             raise TypeError(f"observables must be an observable or a list, got {observables!r}")
-        many = [as_observable(each, n, "circuit", hermitian=True) for each in listing]
+        many = [observable_on(n, each, hermitian=True) for each in listing]
         array("expectations", len(many), np.float64)
     elif probabilities:
         array("probabilities", 2.0 ** len(listed), _REAL[kind])
