@@ -420,3 +420,22 @@ _SHOWN = 32
 
 #: What reading an expectation value takes: strings and dicts as the constructor does.
 ObservableLike = Observable | Mapping[str, complex] | str
+
+
+def as_observable(
+    given: ObservableLike, num_qubits: int, owner: str, hermitian: bool = False
+) -> Observable:
+    """The observable on the `num_qubits` qubits that the `owner` has."""
+    if isinstance(given, (str, Mapping)):
+        given = Observable(given, num_qubits)
+    if not isinstance(given, Observable):
+        raise TypeError(
+            f"observable must be an Observable, a string or a dict of terms, got {given!r}"
+        )
+    if given.num_qubits != num_qubits:
+        raise ValueError(
+            f"observable acts on {given.num_qubits} qubits; the {owner} has {num_qubits}"
+        )
+    if hermitian and not given.is_hermitian():
+        raise ValueError("observable has coefficients that are not real; expected real ones")
+    return given

@@ -8,18 +8,14 @@
 
 #include <algorithm>
 #include <bit>
-#include <chrono>
 #include <cmath>
-#include <exception>
 
 #include "circuits/gate_matrix.hpp"
 #include "parts.hpp"
+#include "watch.hpp"
 
 namespace pblinalg::python {
 namespace {
-
-/// Pending signals are looked at, and progress told, when this time has passed.
-constexpr std::chrono::milliseconds patience(20);
 
 nb::object array_of(std::span<const std::complex<double>> values, bool square) {
     const nb::module_ numpy = nb::module_::import_("numpy");
@@ -116,37 +112,6 @@ void add_gate(BoundGateList& self, nb::handle name, nb::handle targets, nb::hand
     }
 }
 
-/// The values of a run: one finite float64 for each parameter.
-std::vector<double> values_argument(const BoundGateList& self, nb::handle values) {
-    const std::vector<std::string>& names = self.names->list();
-    std::vector<double> result;
-    if (!values.is_none()) {
-        Buffer array;
-        if (array.acquire(values, Element<double>::formats, alignof(double), false)) {
-            const auto* const first = static_cast<const double*>(array.data());
-            result.assign(first, first + array.count());
-        } else {
-            for (const nb::handle value : elements_of(values, "values"))
-                result.push_back(real_argument<double>(value, "values"));
-        }
-    }
-    if (result.size() < names.size()) {
-        raise(PyExc_ValueError, "values: parameter '%s' has no value; expected %zu values, got %zu",
-              names[result.size()].c_str(), names.size(), result.size());
-    }
-    if (result.size() > names.size()) {
-        raise(PyExc_ValueError, "values holds %zu elements; expected %zu, one for each parameter",
-              result.size(), names.size());
-    }
-    for (std::size_t i = 0; i < result.size(); ++i) {
-        if (!std::isfinite(result[i])) {
-            raise(PyExc_ValueError, "values: parameter '%s' must be a finite number, got %R",
-                  names[i].c_str(), nb::float_(result[i]).ptr());
-        }
-    }
-    return result;
-}
-
 Accuracy accuracy_argument(nb::handle accuracy) {
     std::string word;
     if (nb::try_cast(accuracy, word)) {
@@ -160,8 +125,7 @@ template <class T>
 void run_list(BoundGateList& self, BoundState<T>& state, nb::handle values, nb::handle progress,
               bool both_sides, nb::handle accuracy) {
     const Reading reading(self);
-    if (!progress.is_none() && !PyCallable_Check(progress.ptr()))
-        raise(PyExc_TypeError, "progress must be callable or None, got %.200R", progress.ptr());
+    Watch watch(progress);
     const std::vector<double> numbers = values_argument(self, values);
     RunOptions options;
     options.accuracy = accuracy_argument(accuracy);
@@ -174,26 +138,11 @@ void run_list(BoundGateList& self, BoundState<T>& state, nb::handle values, nb::
     }
     // Made while this thread has the lock: another one may copy the list once it runs.
     self.gates.plans();
-    std::exception_ptr stopped;
-    const auto look = [&](std::size_t done) {
-        try {
-            if (PyErr_CheckSignals() != 0) throw nb::python_error();
-            if (!progress.is_none()) progress(done);
-        } catch (...) {
-            stopped = std::current_exception();
-        }
-    };
     RunReport report;
     {
         const std::size_t size = std::max<std::size_t>(1, self.gates.size());
         Unlocked unlocked(state.size >= min_unlocked_size / size);
-        auto last = std::chrono::steady_clock::now();
-        options.between_passes = [&](std::size_t done) {
-            if (std::chrono::steady_clock::now() - last < patience) return true;
-            unlocked.locked([&] { look(done); });
-            last = std::chrono::steady_clock::now();
-            return !stopped;
-        };
+        options.between_passes = watch.between(unlocked);
         if (both_sides) {
             const GateList both = on_both_sides(self.gates, self.nqubits);
             report = pblinalg::run(state, both, numbers, options);
@@ -208,8 +157,7 @@ void run_list(BoundGateList& self, BoundState<T>& state, nb::handle values, nb::
         }
     }
     state.gates_applied += report.gates_done;
-    if (!stopped) look(report.gates_done);
-    if (stopped) std::rethrow_exception(stopped);
+    watch.finish(report.gates_done);
 }
 
 /// The list with numbers in place of its parameters.
@@ -330,6 +278,36 @@ void bind_parameter(nb::module_& module) {
 }
 
 }  // namespace
+
+std::vector<double> values_argument(const BoundGateList& self, nb::handle values) {
+    const std::vector<std::string>& names = self.names->list();
+    std::vector<double> result;
+    if (!values.is_none()) {
+        Buffer array;
+        if (array.acquire(values, Element<double>::formats, alignof(double), false)) {
+            const auto* const first = static_cast<const double*>(array.data());
+            result.assign(first, first + array.count());
+        } else {
+            for (const nb::handle value : elements_of(values, "values"))
+                result.push_back(real_argument<double>(value, "values"));
+        }
+    }
+    if (result.size() < names.size()) {
+        raise(PyExc_ValueError, "values: parameter '%s' has no value; expected %zu values, got %zu",
+              names[result.size()].c_str(), names.size(), result.size());
+    }
+    if (result.size() > names.size()) {
+        raise(PyExc_ValueError, "values holds %zu elements; expected %zu, one for each parameter",
+              result.size(), names.size());
+    }
+    for (std::size_t i = 0; i < result.size(); ++i) {
+        if (!std::isfinite(result[i])) {
+            raise(PyExc_ValueError, "values: parameter '%s' must be a finite number, got %R",
+                  names[i].c_str(), nb::float_(result[i]).ptr());
+        }
+    }
+    return result;
+}
 
 AngleArgument angle_argument(nb::handle value, const char* name, bool single) {
     if (PyFloat_CheckExact(value.ptr()) && !single) {

@@ -461,6 +461,17 @@ void lower(const GateView& gate, Program<T>& program) {
 }
 
 template <class T>
+Program<T> lowered(const GateList& list, unsigned int nqubits) {
+    Program<T> program;
+    program.nqubits = nqubits;
+    program.operations.reserve(list.size() + list.size() / 4);
+    program.factors.reserve(4 * list.size());
+    for (const GateView gate : list)
+        lower(gate, program);
+    return program;
+}
+
+template <class T>
 bool lower(const PybindLinAlgWCircuit<T>& record, std::size_t i, Program<T>& program) {
     const std::string_view name = record.gate_names[i];
     const unsigned int* qubits = record.gate_qubits[i].data();
@@ -505,6 +516,7 @@ void bind(const Program<T>& program, const GateList& list, std::span<const doubl
 #define PBLINALG_INSTANTIATE(T)                                                       \
     template struct Program<T>;                                                       \
     template void lower<T>(const GateView&, Program<T>&);                             \
+    template Program<T> lowered<T>(const GateList&, unsigned int);                    \
     template bool lower<T>(const PybindLinAlgWCircuit<T>&, std::size_t, Program<T>&); \
     template void bind<T>(const Program<T>&, const GateList&, std::span<const double>, T*);
 PBLINALG_INSTANTIATE(float)

@@ -37,6 +37,12 @@ struct Program {
         std::uint32_t factors;
     };
 
+    /// What the derivative by the angle of a gate takes from an inner product: `weight` times it.
+    /// The weights of U follow from its angles.
+    struct InnerProduct {
+        std::uint32_t gate;
+        double weight;
+    };
     /// Coefficients of an operation that stands for several (simplify.hpp).
     struct Product {
         enum class Form : unsigned char {
@@ -71,6 +77,7 @@ struct Program {
     std::vector<DiagonalTable<T>> tables;
     std::vector<DenseMatrix<T>> dense;
     std::vector<PhaseOracle> oracles;
+    std::vector<InnerProduct> inner_products;  ///< of backward runs
 
     /// Forgets all gates and keeps the memory.
     void clear();
@@ -79,6 +86,16 @@ struct Program {
 /// Appends a gate. Parametrised coefficients are left for `bind`.
 template <class T>
 void lower(const GateView& gate, Program<T>& program);
+
+/// All gates of a list.
+template <class T>
+Program<T> lowered(const GateList& list, unsigned int nqubits);
+
+/// The sign with which the angle of a gate enters those of its operations whose coefficients are
+/// `place` behind the gate's first.
+constexpr double angle_sign(GateKind kind, std::uint32_t place) {
+    return (kind == GateKind::RYY || kind == GateKind::RZX) && place == 0 ? -1 : 1;
+}
 
 /// Appends gate `i` of a record.
 /// @return false, with nothing appended, for a name that records do not know.

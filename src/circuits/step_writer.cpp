@@ -143,9 +143,18 @@ void StepWriter::push(const Operation& operation) {
     const bool controlled = operation.controls != 0;
     StepForm form = by_lane ? StepForm::by_lane : StepForm::plain;
     unsigned int place = 0;
-    if (operation.action == Action::X) {
-        place = place_of(operation.targets[0]);
-        place = place < lane_bits_ ? 4 + place : place - lane_bits_;
+    const auto place_of_target = [&] {
+        const unsigned int bit_place = place_of(operation.targets[0]);
+        return bit_place < lane_bits_ ? 4 + bit_place : bit_place - lane_bits_;
+    };
+    if (operation.is_inner_product()) {
+        place = operation.is_diagonal() ? rows_differ(step) : place_of_target();
+        form = controlled && place < 4 && !operation.is_diagonal() ? StepForm::controlled
+                                                                   : StepForm::plain;
+        step.lookup = static_cast<std::uint32_t>(pass_.inner_products.size());
+        pass_.inner_products.push_back(operation.data);
+    } else if (operation.action == Action::X) {
+        place = place_of_target();
     } else if (!operation.is_diagonal()) {
         form = controlled ? StepForm::controlled : StepForm::plain;
         place = place_of(operation.targets[0]) - lane_bits_;

@@ -5,6 +5,7 @@
 
 #include "gates/formulas.hpp"
 #include "gates/matrix_formulas.hpp"
+#include "kernels/inner_products.hpp"
 #include "kernels/unrolled.hpp"
 #include "kernels/values.hpp"
 #include "kernels/walk_groups.hpp"
@@ -432,7 +433,13 @@ PBLINALG_ALWAYS_INLINE void run_step(V* a, const LiveStep& live, const TilePass<
         case action(Action::both, 0, controlled): return multiply_controlled(a, step, factors, rows());
         case action(Action::table, 0): return multiply_by.template operator()<false>();
         case action(Action::table, 0, controlled): return multiply_by.template operator()<true>();
-        default: __builtin_unreachable();
+        default:
+            if constexpr (this_accuracy == Accuracy::rounding) {
+                const Selected selected = rows();
+                return InnerProducts<V, row_bits>::add(a, step.action, selected.odd, selected.on,
+                                                       pass.sums + step.lookup * sums_per_inner_product);
+            }
+            __builtin_unreachable();
     }
 #undef PBLINALG_MIXING
 #undef PBLINALG_DIAGONAL
@@ -621,6 +628,39 @@ void scatter(T* state, Index base, Index active, PlanarMemory<T> tile, Index siz
     }
 }
 
+/// Copies a tile of two states in, vector by vector.
+template <class T>
+void gather_pair(const T* ket, const T* bra, Index base, Index active, PlanarMemory<T> tile,
+                 Index size) {
+    using V = Plain<T>;
+    const Index above_lanes = active & ~(Index{V::lanes} - 1);
+    Index from = base;
+    for (Index to = 0; to < size; to += 2 * V::lanes) {
+        V::deinterleave(ket + 2 * from).store(tile, to);
+        V::deinterleave(bra + 2 * from).store(tile, to + V::lanes);
+        from = base | next_subset(from, above_lanes);
+    }
+}
+
+/// Copies them back.
+template <bool past_cache, class T>
+void scatter_pair(T* ket, T* bra, Index base, Index active, PlanarMemory<T> tile, Index size,
+                  const Placement& placement, Index paired_base) {
+    using V = Plain<T>;
+    const Index above_lanes = active & ~(Index{V::lanes} - 1);
+    const Index walked = (size - 1) & ~(2 * Index{V::lanes} - 1);
+    PlaceWalk walk(placement.of_tile_bit, origin_of(placement, paired_base), walked);
+    Index to = base, from = 0;
+    for (Index i = 0; i < size; i += 2 * V::lanes) {
+        const Index place = walk.place();
+        V::load(tile, place).template interleave<past_cache>(ket + 2 * to);
+        V::load(tile, place ^ V::lanes).template interleave<past_cache>(bra + 2 * to);
+        walk.advance(from);
+        from = next_subset(from, walked);
+        to = base | next_subset(to, above_lanes);
+    }
+}
+
 /// The steps of every window that do something to the tile at `base`.
 /// @param ends  receives the end of each window's steps.
 template <class T>
@@ -775,10 +815,63 @@ void run_tiles(T* state, const TilePass<T>& pass, Index begin, Index end, void* 
     if (pass.past_cache) Vector<this_set, T>::finish_past_cache();
 }
 
+template <InstructionSet set, class T>
+void run_paired_tiles(T* ket, T* bra, const TilePass<T>& pass, Index begin, Index end,
+                      void* scratch, bool keeps) {
+    const Index size = bit(count_bits(pass.active));
+    T* const parts = static_cast<T*>(scratch);
+    const PlanarMemory<T> tile{parts, parts + size + parts_gap / sizeof(T)};
+    auto* const live = reinterpret_cast<LiveStep*>(tile.im + size);
+    auto* const ends = reinterpret_cast<LiveStep**>(live + pass.n_steps);
+    const Index active = without_pair_bit(pass.active, Plain<T>::lane_bits);
+    const Placement& placement = pass.placements[pass.n_placements - 1];
+    const StateSide<T> none;
+    walk_groups(pass.inactive, 0, begin, end, [&](Index paired_base) {
+        const Index base = without_pair_bit(paired_base, Plain<T>::lane_bits);
+        find_live_steps(pass, paired_base, live, ends);
+        gather_pair(ket, bra, base, active, tile, size);
+        const LiveStep* first = live;
+        for (std::size_t w = 0; w < pass.n_windows; first = ends[w++]) {
+            if (first == ends[w]) continue;
+            run_window<Products::fused>(tile, size, paired_base, pass, pass.windows[w], first,
+                                        ends[w], none, none, false);
+        }
+        if (!keeps) return;
+        if (pass.past_cache) {
+            scatter_pair<true>(ket, bra, base, active, tile, size, placement, paired_base);
+        } else {
+            scatter_pair<false>(ket, bra, base, active, tile, size, placement, paired_base);
+        }
+    });
+    if (pass.past_cache) Vector<this_set, T>::finish_past_cache();
+}
+
+template <InstructionSet set, class T>
+void fold_inner_products(const TilePass<T>& pass, double* results) {
+    using Products = InnerProducts<Planar<set, T, Products::fused>, row_bits>;
+    for (std::size_t s = 0; s < pass.n_steps; ++s) {
+        const CircuitStep& step = pass.steps[s];
+        if (step.action < step_action(Action::inner_x, 0)) continue;
+        results[step.lookup] +=
+            Products::fold(step, pass.sums + step.lookup * sums_per_inner_product);
+    }
+}
+
 #define PBLINALG_INSTANTIATE(T)                                                               \
     template void run_tiles<this_set, T, this_accuracy>(T*, const TilePass<T>&, Index, Index, \
                                                         void*, bool&);
 PBLINALG_INSTANTIATE(float)
 PBLINALG_INSTANTIATE(double)
+#undef PBLINALG_INSTANTIATE
+
+#ifdef PBLINALG_BY_ROUNDING
+#define PBLINALG_INSTANTIATE(T)                                                                  \
+    template void run_paired_tiles<this_set, T>(T*, T*, const TilePass<T>&, Index, Index, void*, \
+                                                bool);                                           \
+    template void fold_inner_products<this_set, T>(const TilePass<T>&, double*);
+PBLINALG_INSTANTIATE(float)
+PBLINALG_INSTANTIATE(double)
+#undef PBLINALG_INSTANTIATE
+#endif
 
 }  // namespace pblinalg::cpu
