@@ -23,7 +23,7 @@ from .arguments import (
 from .counts import Counts
 from .fidelities import entropy, fidelity
 from .gates import GateMethods, as_qubits
-from .observable import Observable, ObservableLike, as_observable
+from .observable import Observable, ObservableLike, observable_on
 from .progress import Progress, check_progress, reporter
 from .state_files import FilePath, write_state
 
@@ -286,7 +286,7 @@ class Readout(GateMethods):
         as a 2^k x 2^k array, the first listed qubit being the most significant bit of rows and
         columns. Not normalised.
 
-        One pass over the amplitudes, and 4 multiply-adds per amplitude and row; sums are kept in
+        One pass over the amplitudes, and 2 multiply-adds per amplitude and row; sums are kept in
         double whatever the precision and are the same for every number of threads. It takes up to
         64 arrays of the result's size where that is small, 2 from 9 qubits on: 12 qubits are
         256 MiB each."""
@@ -340,4 +340,4 @@ class Readout(GateMethods):
 
     def _observable(self, observable: ObservableLike, hermitian: bool = False) -> Observable:
         self._require_amplitudes()
-        return as_observable(observable, self.num_qubits, "state", hermitian)
+        return observable_on(self.num_qubits, observable, hermitian)

@@ -142,7 +142,7 @@ void run_list(BoundGateList& self, BoundState<T>& state, nb::handle values, nb::
     {
         const std::size_t size = std::max<std::size_t>(1, self.gates.size());
         Unlocked unlocked(state.size >= min_unlocked_size / size);
-        options.between_passes = watch.between(unlocked);
+        options.between_passes = [&](std::size_t done) { return watch.goes_on(done, unlocked); };
         if (both_sides) {
             const GateList both = on_both_sides(self.gates, self.nqubits);
             report = pblinalg::run(state, both, numbers, options);

@@ -1,6 +1,6 @@
 // The extension module: what the machine offers, and how a fork is survived. The classes are bound
-// in records.cpp, state.cpp, gate_lists.cpp and gate_methods.cpp, gradients, sweeps and reduced
-// density matrices in gradients.cpp and sweeps.cpp.
+// in records.cpp, state.cpp, gate_lists.cpp and gate_methods.cpp, sweeps and reduced density
+// matrices in sweeps.cpp, gradients in gradients.cpp.
 #include <nanobind/nanobind.h>
 #include <nanobind/stl/string.h>
 #include <nanobind/stl/vector.h>

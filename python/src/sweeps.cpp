@@ -87,7 +87,7 @@ void sweep(BoundGateList& gates, nb::handle values, nb::handle num_threads, nb::
         const double work = std::ldexp(static_cast<double>(sets.n_rows * (gates.gates.size() + 1)),
                                        static_cast<int>(gates.nqubits));
         Unlocked unlocked(work >= static_cast<double>(min_unlocked_size));
-        options.between_jobs = watch.between(unlocked);
+        options.between_jobs = [&](std::size_t done) { return watch.goes_on(done, unlocked); };
         report = run_sweep<T>(gates.nqubits, gates.gates, sets, output, options);
     }
     watch.finish(report.jobs_done);

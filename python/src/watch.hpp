@@ -5,7 +5,6 @@
 #include <chrono>
 #include <cstddef>
 #include <exception>
-#include <functional>
 
 #include "bound_state.hpp"
 
@@ -20,15 +19,12 @@ class Watch {
             raise(PyExc_TypeError, "progress must be callable or None, got %.200R", progress.ptr());
     }
 
-    /// For calls between pieces of the work, while `unlocked`: false once a signal or the function
-    /// has raised something.
-    std::function<bool(std::size_t)> between(Unlocked& unlocked) {
-        return [this, &unlocked](std::size_t done) {
-            if (std::chrono::steady_clock::now() - last_ < patience) return true;
-            unlocked.locked([&] { look(done); });
-            last_ = std::chrono::steady_clock::now();
-            return !raised_;
-        };
+    /// Between pieces of the work. False once a signal or the function has raised something.
+    bool goes_on(std::size_t done, Unlocked& unlocked) {
+        if (std::chrono::steady_clock::now() - last_ < patience) return true;
+        unlocked.locked([&] { look(done); });
+        last_ = std::chrono::steady_clock::now();
+        return !raised_;
     }
 
     /// At the end, with the interpreter lock: a last look, and what was raised goes to the caller.
