@@ -28,6 +28,7 @@ from .circuit import Circuit
 from .counts import Counts
 from .density_matrix import DensityMatrix
 from .gates import Gate
+from .gradients import value_and_gradient
 from .observable import Observable
 from .program import Conditional, Measure, Reset
 from .running import run
@@ -57,6 +58,7 @@ __all__ = [
     "__version__",
     "run",
     "sweep",
+    "value_and_gradient",
 ]
 
 

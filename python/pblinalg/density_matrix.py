@@ -12,8 +12,10 @@ from numpy.typing import ArrayLike, NDArray
 from . import _core
 from .arguments import (
     MAX_COUNT,
+    Accuracy,
     Precision,
     Qubits,
+    accuracy_name,
     complex_array,
     count,
     distinct_qubits,
@@ -144,11 +146,15 @@ class DensityMatrix(Readout):
         return 1 << self.num_qubits
 
     def run(
-        self, circuit: Program, progress: Progress = None, values: Values | None = None
+        self,
+        circuit: Program,
+        progress: Progress = None,
+        values: Values | None = None,
+        accuracy: Accuracy = "exact",
     ) -> Self:
         """Applies the gates of a circuit without measurements, resets and conditions; each counts
         twice for `progress`, since it acts on rows and columns. `values` are those of its
-        parameters, in order or by parameter or name."""
+        parameters, in order or by parameter or name; `accuracy` is that of `pblinalg.run`."""
         if not isinstance(circuit, Program):
             raise TypeError(f"circuit must be a Circuit, got {circuit!r}")
         if not circuit.is_unitary:
@@ -158,11 +164,12 @@ class DensityMatrix(Readout):
                 f"circuit acts on {circuit.num_qubits} qubits; the state has {self.num_qubits}"
             )
         numbers = values_in_order(circuit, values)
+        accuracy_name(accuracy)
         done = 0
         with reporter(progress, 2 * len(circuit), "gate") as report:
             for step in circuit.steps:
                 if isinstance(step, _core.GateList):
-                    step.run(self._core, numbers, shifted(report, done), True)
+                    step.run(self._core, numbers, shifted(report, done), True, accuracy)
                     done += 2 * len(step)
         return self
 

@@ -228,6 +228,12 @@ UPPER = [
     ("pb.Circuit(2).measure(0).inverse()", ValueError, "no inverse"),
     ("pb.run('bell.qasm')", TypeError, "circuit must be a Circuit, got 'bell.qasm'"),
     ("c.run(10, precision='single ')", ValueError, "precision = 'single '"),
+    *each(
+        ("c.run(10, accuracy='fast')", "v.run(pb.Circuit(4), accuracy='fast')",
+         "d.run(pb.Circuit(2), accuracy='fast')",
+         "pb.lowlevel.GateList(4).run(v.core, accuracy='fast')"),
+        ValueError, "accuracy = 'fast': expected 'exact' or 'rounding'",
+    ),
     ("c.run(10, seed=-1)", ValueError, "seed = -1"),
     ("pb.Circuit(40).h(0).measure(0).h(0).run(3)", MemoryError, "running 40 qubits once per shot"),
     ("pb.Circuit(45).run(3)", MemoryError, "a register of 45 qubits needs"),
