@@ -22,6 +22,7 @@ from ._core import version as __version__  # noqa: E402
 
 for _name in _spin:
     del os.environ[_name]
+from . import pickling as pickling  # what it registers is all there is to it
 from .arguments import Precision
 from .circuit import Circuit
 from .counts import Counts
