@@ -3,6 +3,7 @@ they are measured in `pennylane_measurements`."""
 
 from __future__ import annotations
 
+import operator
 from collections.abc import Sequence
 from dataclasses import replace
 from typing import Any
@@ -65,6 +66,21 @@ def _without_measurements(op: Operator) -> bool:
 
 def _is_trained(op: Operator) -> bool:
     return any(qml.math.requires_grad(value) for value in op.data)
+
+
+def _is_batched(op: Operator) -> bool:
+    """Whether data have a dimension of many values. PennyLane takes long to say so of angles."""
+    if has_angles(op):
+        return any(getattr(value, "shape", ()) for value in op.data)
+    return op.batch_size is not None
+
+
+@qml.transform
+def _split_batches(tape: QuantumScript) -> Any:
+    """A circuit for each value of data that have many."""
+    if any(map(_is_batched, tape.operations)):
+        return broadcast_expand(tape)
+    return (tape,), operator.itemgetter(0)
 
 
 def _has_derivative(op: Operator) -> bool:
@@ -232,7 +248,7 @@ class PblinalgQubit(Device):
             pipeline.add_transform(
                 validate_measurements, analytic_measurements=_is_expectation, name=name
             )
-            pipeline.add_transform(broadcast_expand)
+            pipeline.add_transform(_split_batches)
             pipeline.add_transform(validate_adjoint_trainable_params)
         return pipeline
 
@@ -249,7 +265,7 @@ class PblinalgQubit(Device):
         return tuple(self._execute(circuit, fill) for circuit in circuits)
 
     def _execute(self, tape: QuantumScript, fill_shots: bool) -> Any:
-        if tape.batch_size is not None:
+        if any(map(_is_batched, tape.operations)):
             return self._execute_batch(tape, fill_shots)
         qubits = self._qubits(tape)
         state, operations, _ = self._prepared(tape, qubits)
@@ -278,7 +294,7 @@ class PblinalgQubit(Device):
     def _execute_batch(self, tape: QuantumScript, fill_shots: bool) -> Any:
         """One circuit for all values, where these are angles; otherwise a circuit for each."""
         if not all(
-            has_angles(op) if op.batch_size is not None else not isinstance(op, qml.Projector)
+            has_angles(op) if _is_batched(op) else not isinstance(op, qml.Projector)
             for op in tape.operations
         ):
             tapes, combine = broadcast_expand(tape)
@@ -286,10 +302,9 @@ class PblinalgQubit(Device):
         numbers, columns = [], []
         place = 0
         for op in tape.operations:
-            for offset, value in enumerate(op.data):
-                if op.batch_size is not None:
-                    numbers.append(place + offset)
-                    columns.append(np.broadcast_to(np.ravel(value), (tape.batch_size,)))
+            for offset, value in enumerate(op.data if _is_batched(op) else ()):
+                numbers.append(place + offset)
+                columns.append(np.broadcast_to(np.ravel(value), (tape.batch_size,)))
             place += len(op.data)
         qubits = self._qubits(tape)
         start, operations, skipped = self._prepared(tape, qubits)
@@ -359,12 +374,14 @@ class PblinalgQubit(Device):
     def _qubits(self, tape: QuantumScript) -> dict[Any, int]:
         """The number of the qubit of each wire of a circuit, in the order of the device's wires, or
         of the circuit's own."""
-        wires = tape.wires.labels
         if self.wires is not None:
-            used = set(wires)
+            # `tape.wires` takes many times longer.
+            used = {wire for each in tape.circuit for wire in each.wires.labels}
             wires = [wire for wire in self.wires.labels if wire in used]
-        elif set(wires) == set(range(len(wires))):
-            wires = range(len(wires))
+        else:
+            wires = tape.wires.labels
+            if set(wires) == set(range(len(wires))):
+                wires = range(len(wires))
         return {wire: number for number, wire in enumerate(wires)}
 
     # ---- Derivatives -----------------------------------------------------------------------------
