@@ -82,9 +82,7 @@ def main() -> None:
                 rows.append((whole, outside, time.perf_counter() - start))
             whole, outside, translation = (1e3 * statistics.median(c) for c in zip(*rows))
             title = f"{name}, {precision}"
-            print(
-                f"{title:24}{whole:8.1f}{outside:9.2f}{translation:13.2f}{outside / whole:15.1%}"
-            )
+            print(f"{title:24}{whole:8.1f}{outside:9.2f}{translation:13.2f}{outside / whole:15.1%}")
 
 
 if __name__ == "__main__":

@@ -32,6 +32,7 @@ from .observable import Observable
 from .program import Conditional, Measure, Reset
 from .running import run
 from .state_vector import StateVector
+from .sweep import sweep
 
 if TYPE_CHECKING:
     from . import lowlevel as lowlevel
@@ -55,6 +56,7 @@ __all__ = [
     "StateVector",
     "__version__",
     "run",
+    "sweep",
     "value_and_gradient",
 ]
 

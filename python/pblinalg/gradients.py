@@ -11,7 +11,7 @@ from numpy.typing import NDArray
 from . import _core
 from ._core import GateList, require_memory
 from .arguments import Precision
-from .observable import Observable, ObservableLike, as_observable
+from .observable import Observable, ObservableLike, observable_on
 from .parameters import Values, values_in_order
 from .program import Program
 from .progress import Progress, reporter
@@ -86,7 +86,7 @@ def value_and_gradient(
     if isinstance(observable, StateVector):
         _require_state(observable, "observable", size)
     else:
-        listed = [as_observable(each, size, "circuit", hermitian=True) for each in listed]
+        listed = [observable_on(size, each, hermitian=True, owner="circuit") for each in listed]
     require_memory(
         (2 + (len(listed) > 1)) * register_bytes(size, precision), f"a gradient on {size} qubits"
     )

@@ -39,7 +39,15 @@ def read_bits(
     shots = count(shots, "shots")
     measured = _final_measurements(circuit.steps)
     if measured is None:
-        counts = run(circuit, shots, precision, threads, seed, look or False, values)
+        counts = run(
+            circuit,
+            shots,
+            precision=precision,
+            threads=threads,
+            seed=seed,
+            progress=look or False,
+            values=values,
+        )
         text = "".join(counts).replace(" ", "")
         rows = np.frombuffer(text.encode(), dtype=np.uint8) - ord("0")
         order = np.repeat(np.arange(len(counts)), list(counts.values()))

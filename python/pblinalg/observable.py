@@ -422,20 +422,21 @@ _SHOWN = 32
 ObservableLike = Observable | Mapping[str, complex] | str
 
 
-def as_observable(
-    given: ObservableLike, num_qubits: int, owner: str, hermitian: bool = False
+def observable_on(
+    num_qubits: int, observable: ObservableLike, hermitian: bool = False, owner: str = "state"
 ) -> Observable:
-    """The observable on the `num_qubits` qubits that the `owner` has."""
-    if isinstance(given, (str, Mapping)):
-        given = Observable(given, num_qubits)
-    if not isinstance(given, Observable):
+    """What a readout of a state, or another `owner`, of that many qubits takes. `hermitian`: its
+    coefficients are to be real."""
+    if isinstance(observable, (str, Mapping)):
+        observable = Observable(observable, num_qubits)
+    if not isinstance(observable, Observable):
         raise TypeError(
-            f"observable must be an Observable, a string or a dict of terms, got {given!r}"
+            f"observable must be an Observable, a string or a dict of terms, got {observable!r}"
         )
-    if given.num_qubits != num_qubits:
+    if observable.num_qubits != num_qubits:
         raise ValueError(
-            f"observable acts on {given.num_qubits} qubits; the {owner} has {num_qubits}"
+            f"observable acts on {observable.num_qubits} qubits; the {owner} has {num_qubits}"
         )
-    if hermitian and not given.is_hermitian():
+    if hermitian and not observable.is_hermitian():
         raise ValueError("observable has coefficients that are not real; expected real ones")
-    return given
+    return observable

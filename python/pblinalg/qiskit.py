@@ -8,13 +8,14 @@ from typing import Any
 import numpy as np
 from numpy.typing import ArrayLike, NDArray
 
+_NEEDED = "pblinalg.qiskit needs Qiskit 2: pip install 'pblinalg[qiskit]'"
 try:
+    import qiskit
     from qiskit import QuantumCircuit
-    from qiskit.primitives import BaseSamplerV2 as _  # noqa: F401
 except ImportError as error:
-    raise ImportError(
-        "pblinalg.qiskit needs Qiskit 2: pip install 'pblinalg[qiskit]'"
-    ) from error
+    raise ImportError(_NEEDED) from error
+if int(qiskit.__version__.split(".")[0]) < 2:
+    raise ImportError(f"{_NEEDED} (found {qiskit.__version__})")
 
 from .arguments import Precision
 from .qiskit_backend import Backend, Job, SimulationError, own_errors, seeds_of

@@ -16,6 +16,7 @@ import numpy as np
 from numpy.typing import NDArray
 from qiskit import QuantumCircuit
 from qiskit.circuit import (
+    BoxOp,
     BreakLoopOp,
     ContinueLoopOp,
     Delay,
@@ -45,7 +46,8 @@ from .readout import register_bytes
 _INSTRUCTIONS = {
     "measure": Measure(), "reset": Reset(), "delay": Delay(Parameter("t")),
     "if_else": IfElseOp, "for_loop": ForLoopOp, "switch_case": SwitchCaseOp,
-    "while_loop": WhileLoopOp, "break_loop": BreakLoopOp, "continue_loop": ContinueLoopOp,
+    "while_loop": WhileLoopOp, "box": BoxOp, "break_loop": BreakLoopOp,
+    "continue_loop": ContinueLoopOp,
     "unitary": library.UnitaryGate, "diagonal": library.DiagonalGate,
     "initialize": library.Initialize, "state_preparation": library.StatePreparation,
     "pauli": library.PauliGate, "PauliEvolution": library.PauliEvolutionGate,

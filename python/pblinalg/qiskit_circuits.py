@@ -186,7 +186,9 @@ class _Lowering:
         self._loop_bits: set[int] = set()
         self._angles: dict[Any, Parameter] = {}
         # What most circuits consist of is appended without another look.
-        names = {name: method for name, (method, controls) in STANDARD_GATES.items() if not controls}
+        names = {
+            name: method for name, (method, controls) in STANDARD_GATES.items() if not controls
+        }
         names.update({name: name for name in _METHODS})
         self._plain = {name: getattr(target, method) for name, method in names.items()}
 
@@ -360,31 +362,34 @@ class _Lowering:
         return True
 
     def _annotated(self, operation: Any, qubits: list[int], under: dict[str, Any]) -> None:
-        """Appends an operation with modifiers. Inverses and powers commute with controls."""
-        base, power = operation.base_op, 1
+        """Appends an operation with modifiers. Controls commute with inverses and powers, integer
+        powers with each other, but a root of a power is something else."""
+        base = operation.base_op
+        powers: list[float] = []
+        rest: list[Any] = []
         for modifier in reversed(operation.modifiers):
-            name = type(modifier).__name__
-            if name == "ControlModifier":
+            if hasattr(modifier, "num_ctrl_qubits"):
                 count = modifier.num_ctrl_qubits
                 state = format(modifier.ctrl_state, f"0{count}b")[::-1]
                 under, qubits = _joined(under, qubits[:count], state), qubits[count:]
-            elif name == "InverseModifier":
-                power = -power
             else:
-                power *= modifier.power
-        if not hasattr(base, "inverse"):
-            base = base.to_instruction()
-        if power < 0:
-            base, power = base.inverse(), -power
-        if power == int(power) and power <= _REPETITIONS:
-            for _ in range(int(power)):
+                powers.append(getattr(modifier, "power", -1))
+                rest.insert(0, modifier)
+        power = math.prod(powers)
+        if all(p == int(p) for p in powers) and abs(power) <= _REPETITIONS:
+            if power < 0:
+                base = (base if hasattr(base, "inverse") else base.to_instruction()).inverse()
+            for _ in range(abs(int(power))):
                 self._operation(base, qubits, [], under)
         elif len(qubits) <= _MATRIX_QUBITS:
-            self._operation(base.power(power), qubits, [], under)
+            from qiskit.quantum_info import Operator
+
+            matrix = Operator(type(operation)(base, rest)).data
+            self.target.unitary(matrix, qubits[::-1], **under)
         else:
             raise ValueError(
-                f"{base.name!r} to the power of {power:g} cannot be followed on {len(qubits)} "
-                f"qubits; expected at most {_MATRIX_QUBITS}, or a power of at most {_REPETITIONS}"
+                f"powers {powers} of {base.name!r} cannot be followed on {len(qubits)} qubits; "
+                f"expected at most {_MATRIX_QUBITS}, or integers up to {_REPETITIONS}"
             )
 
     def _permute(self, pattern: list[int], qubits: list[int], under: dict[str, Any]) -> None:
@@ -503,6 +508,8 @@ class _Lowering:
         if self._overrun is None:
             raise ValueError("'while_loop' cannot be followed; its end is known only while it runs")
         body, outer = operation.blocks[0], self._loop_bits
+        if _has_while(body):
+            raise ValueError("a 'while_loop' inside another cannot be followed")
         _, cubes = _cubes_of_if(operation.condition, clbits)
         going_on = [(listed, value) for listed, value, branch in cubes if branch == 0]
         if len(going_on) != 1 or "break_loop" in _exits([body]):
@@ -535,7 +542,7 @@ class _Lowering:
         else:
             listed, cubes = _cubes_of_if(operation.condition, clbits)
         blocks = dict(enumerate(block for block in operation.blocks if block is not None))
-        chosen = []
+        chosen, ways_on = [], 0
         for places, value, branch in cubes:
             block = blocks.get(branch)
             if block is None and follow is None:
@@ -543,13 +550,20 @@ class _Lowering:
             written = set() if block is None else {bits[place] for place in _written(block)}
             left = block is not None and block.data and block.data[-1].operation.name in _EXITS
             if follow is not None and not left:
+                ways_on += 1
                 written |= self._loop_bits
             # The first conditions must leave alone what later ones look at.
             chosen.append((bool(written & set(listed)), places, value, block))
-        if sum(writes for writes, *_ in chosen) > (1 if len(chosen) > 1 else len(chosen)):
+        if sum(writes for writes, *_ in chosen) > 1:
             raise ValueError(
                 f"{operation.name!r} cannot be followed: more than one branch measures into a "
                 "classical bit that decides between the branches"
+            )
+        if ways_on > 1:
+            # Each of them would hold the rest of the loop, and so on in every round.
+            raise ValueError(
+                f"{operation.name!r} cannot be followed: there is more than one way past its exit "
+                "from the loop; expected a condition on one bit"
             )
         for _, places, value, block in sorted(chosen, key=lambda choice: choice[0]):
             with self.target.if_(places, value):

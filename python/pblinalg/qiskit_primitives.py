@@ -181,7 +181,7 @@ class Estimator(BaseEstimatorV2):  # type: ignore[misc]
 
 
 def _observable(terms: Mapping[str, float], num_qubits: int) -> Observable:
-    """Strings of Qiskit, whose last letter belongs to qubit 0, with projectors among the letters."""
+    """Strings of Qiskit, whose last letter belongs to qubit 0, with projectors among them."""
     sums: dict[str, float] = {}
     for letters, coefficient in terms.items():
         choices = [("I", _PROJECTORS[c]) if c in _PROJECTORS else (c,) for c in letters[::-1]]

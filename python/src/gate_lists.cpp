@@ -8,18 +8,14 @@
 
 #include <algorithm>
 #include <bit>
-#include <chrono>
 #include <cmath>
-#include <exception>
 
 #include "circuits/gate_matrix.hpp"
 #include "parts.hpp"
+#include "watch.hpp"
 
 namespace pblinalg::python {
 namespace {
-
-/// Pending signals are looked at, and progress told, when this time has passed.
-constexpr std::chrono::milliseconds patience(20);
 
 nb::object array_of(std::span<const std::complex<double>> values, bool square) {
     const nb::module_ numpy = nb::module_::import_("numpy");
@@ -146,7 +142,7 @@ void run_list(BoundGateList& self, BoundState<T>& state, nb::handle values, nb::
     {
         const std::size_t size = std::max<std::size_t>(1, self.gates.size());
         Unlocked unlocked(state.size >= min_unlocked_size / size);
-        options.between_passes = watch.between_passes(unlocked);
+        options.between_passes = [&](std::size_t done) { return watch.goes_on(done, unlocked); };
         if (both_sides) {
             const GateList both = on_both_sides(self.gates, self.nqubits);
             report = pblinalg::run(state, both, numbers, options);
@@ -311,34 +307,6 @@ std::vector<double> values_argument(const BoundGateList& self, nb::handle values
         }
     }
     return result;
-}
-
-Watch::Watch(nb::handle progress) : progress_(progress) {
-    if (!progress.is_none() && !PyCallable_Check(progress.ptr()))
-        raise(PyExc_TypeError, "progress must be callable or None, got %.200R", progress.ptr());
-}
-
-void Watch::look(std::size_t done) {
-    try {
-        if (PyErr_CheckSignals() != 0) throw nb::python_error();
-        if (!progress_.is_none()) progress_(done);
-    } catch (...) {
-        stopped_ = std::current_exception();
-    }
-}
-
-std::function<bool(std::size_t)> Watch::between_passes(Unlocked& unlocked) {
-    return [this, &unlocked](std::size_t done) {
-        if (std::chrono::steady_clock::now() - last_ < patience) return true;
-        unlocked.locked([&] { look(done); });
-        last_ = std::chrono::steady_clock::now();
-        return !stopped_;
-    };
-}
-
-void Watch::finish(std::size_t done) {
-    if (!stopped_) look(done);
-    if (stopped_) std::rethrow_exception(stopped_);
 }
 
 AngleArgument angle_argument(nb::handle value, const char* name, bool single) {

@@ -2,9 +2,6 @@
 // parameters. Its gates come from the methods in gate_methods.cpp.
 #pragma once
 
-#include <chrono>
-#include <exception>
-#include <functional>
 #include <memory>
 #include <pblinalg/pblinalg.hpp>
 #include <string>
@@ -97,28 +94,6 @@ class Reading {
 
 /// The values of a run: one finite float64 for each parameter.
 std::vector<double> values_argument(const BoundGateList& self, nb::handle values);
-
-/// Looks at pending signals, and tells progress, once in a while during a run. What an exception
-/// from either stopped is thrown on when the run is over.
-class Watch {
-  public:
-    /// @param progress  callable, or None.
-    explicit Watch(nb::handle progress);
-    Watch(const Watch&) = delete;
-    Watch& operator=(const Watch&) = delete;
-
-    /// For `RunOptions::between_passes`, called while `unlocked`.
-    std::function<bool(std::size_t)> between_passes(Unlocked& unlocked);
-    /// Looks once more, unless stopped, and throws what stopped the run.
-    void finish(std::size_t done);
-
-  private:
-    void look(std::size_t done);
-
-    nb::handle progress_;
-    std::chrono::steady_clock::time_point last_ = std::chrono::steady_clock::now();
-    std::exception_ptr stopped_;
-};
 
 /// The gates of m qubits on the rows, qubits 0 to m-1, of a density matrix, each followed by its
 /// complex conjugate on the columns, qubits m to 2m-1.

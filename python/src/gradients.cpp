@@ -8,6 +8,7 @@
 #include "gate_lists.hpp"
 #include "parts.hpp"
 #include "records.hpp"
+#include "watch.hpp"
 
 namespace pblinalg::python {
 namespace {
@@ -105,7 +106,7 @@ nb::tuple gradient_of_list(BoundGateList& self, BoundState<T>& state, nb::handle
     {
         const std::size_t size = std::max<std::size_t>(1, self.gates.size());
         Unlocked unlocked(state.size >= min_unlocked_size / size);
-        options.between_passes = watch.between_passes(unlocked);
+        options.between_passes = [&](std::size_t done) { return watch.goes_on(done, unlocked); };
         gradient = wanted ? overlap_and_gradient<T>(state, self.gates, *wanted, numbers, options)
                           : value_and_gradient<T>(state, self.gates, sums, numbers, options);
     }

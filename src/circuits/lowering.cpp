@@ -11,6 +11,7 @@
 
 #include "apply/diagonal.hpp"
 #include "apply/matrix.hpp"
+#include "circuits/simplify.hpp"
 #include "gates/formulas.hpp"
 
 namespace pblinalg::cpu {
@@ -423,6 +424,8 @@ void Program<T>::clear() {
     operations.clear();
     factors.clear();
     bound.clear();
+    products.clear();
+    terms.clear();
     tables.clear();
     dense.clear();
     oracles.clear();
@@ -507,6 +510,7 @@ void bind(const Program<T>& program, const GateList& list, std::span<const doubl
             angles[i] = gate.angles[i].value(values);
         write_factors(gate.kind, angles, factors + bound.factors);
     }
+    form_products(program, factors);
 }
 
 #define PBLINALG_INSTANTIATE(T)                                                       \

@@ -43,12 +43,37 @@ struct Program {
         std::uint32_t gate;
         double weight;
     };
+    /// Coefficients of an operation that stands for several (simplify.hpp).
+    struct Product {
+        enum class Form : unsigned char {
+            rotation_x,
+            rotation_y,
+            diagonal,
+            ratio,  ///< a diagonal divided by its first entry
+            matrix1,
+            matrix2,
+        };
+        Form form;
+        std::uint32_t factors;  ///< where they go
+        std::uint32_t first_term, last_term;
+    };
+    /// A factor of a product, in the order of gates.
+    struct Term {
+        /// The targets of the product that it acts on; or its first entry on all amplitudes.
+        enum class On : unsigned char { first, second, both, both_exchanged, parity, all };
+        Action action;
+        bool inverted;
+        On on;
+        std::uint32_t factors;
+    };
 
     unsigned int nqubits = 0;
     std::uint32_t n_gates = 0;
     std::vector<Operation> operations;
     std::vector<T> factors;  ///< as interleaved parts
     std::vector<Bound> bound;
+    std::vector<Product> products;
+    std::vector<Term> terms;
     std::vector<DiagonalTable<T>> tables;
     std::vector<DenseMatrix<T>> dense;
     std::vector<PhaseOracle> oracles;
@@ -77,7 +102,7 @@ constexpr double angle_sign(GateKind kind, std::uint32_t place) {
 template <class T>
 bool lower(const PybindLinAlgWCircuit<T>& record, std::size_t i, Program<T>& program);
 
-/// Writes the coefficients that depend on parameters.
+/// Writes the coefficients that depend on parameters, and the products of merged operations.
 /// @param factors  those of the program.
 template <class T>
 void bind(const Program<T>& program, const GateList& list, std::span<const double> values,

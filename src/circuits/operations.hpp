@@ -10,6 +10,13 @@
 
 namespace pblinalg::cpu {
 
+/// Calls `body` with the number of each bit.
+template <class Body>
+void for_each_bit(Index bits, const Body& body) {
+    for (; bits != 0; bits &= bits - 1)
+        body(static_cast<unsigned int>(std::countr_zero(bits)));
+}
+
 /// One operation on the qubits of a state or of a tile of it. It acts on the amplitudes that hold
 /// `control_values` under `controls`.
 struct Operation {

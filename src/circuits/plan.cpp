@@ -26,9 +26,20 @@ inline constexpr unsigned int run_qubits = sizeof(T) == 8 ? 6 : 7;
 
 /// Operations in one pass at the most.
 constexpr std::size_t max_pass_length = 512;
-/// Operations left out while more are looked at: where a pass costs much, a longer search pays.
-constexpr std::size_t pass_look_ahead = 64;
-constexpr std::size_t window_look_ahead = 12;
+
+/// How far planning looks for operations that fit. Where a pass costs much, a longer search pays,
+/// and where gates on different qubits change places it finds more.
+struct Search {
+    std::size_t look_ahead;   ///< operations left out while more are looked at
+    std::size_t reach;        ///< operations looked at to choose the active bits
+    unsigned int max_starts;  ///< sets of active bits that are grown and compared
+};
+constexpr Search search_for_pass(Accuracy accuracy) {
+    return accuracy == Accuracy::exact ? Search{64, 160, 4} : Search{512, 1024, 6};
+}
+constexpr Search search_for_window(Accuracy accuracy) {
+    return accuracy == Accuracy::exact ? Search{12, 48, 4} : Search{128, 160, 3};
+}
 
 /// What a pass by tiles costs at the least, in passes that read and write the whole state.
 constexpr double cost_of_tiles = 2.5;
@@ -61,8 +72,13 @@ template <class T>
 PlanShape plan_shape(unsigned int nqubits, int workers, Accuracy accuracy) {
     // A tile for each worker at least, none too small to be worth a pass.
     constexpr unsigned int min_shared_tile_bits = min_parallel_qubits<T> - 2;
+    // By rounding the plan may not depend on the team.
+    constexpr std::size_t usual_team = 4;
+    const std::size_t team = accuracy == Accuracy::exact        ? team_size(workers)
+                             : nqubits < min_parallel_qubits<T> ? 1
+                                                                : usual_team;
     unsigned int bits = std::min(nqubits, tile_qubits<T>);
-    while (bits > min_shared_tile_bits && (std::size_t{1} << (nqubits - bits)) < team_size(workers))
+    while (bits > min_shared_tile_bits && (std::size_t{1} << (nqubits - bits)) < team)
         --bits;
     return {nqubits, bits, active_instruction_set(), accuracy};
 }
@@ -85,8 +101,12 @@ Plan<T>::Plan(Program<T> program, const PlanShape& shape)
       tables_(nullptr, aligned_array_delete<std::complex<T>>) {
     fold_parity_diagonals(program_.operations);
     if (shape_.paired) {
-        for (Operation& operation : program_.operations)
+        // Two states leave room for two targets only in windows of three row bits.
+        const bool takes_two = window_shape_of<T>(shape_.set).row_bits > 2;
+        for (Operation& operation : program_.operations) {
             operation = moved_bits(operation, [&](Index bits) { return bits_in_shape(bits); });
+            operation.alone |= operation.action == Action::matrix2 && !takes_two;
+        }
     }
     const auto& operations = program_.operations;
     if (shape_.nqubits < window_shape_of<T>(shape_.set).bits()) {
@@ -149,12 +169,19 @@ template <class T>
 PassSteps Plan<T>::compile(std::span<const Operation> local, Index active) const {
     const WindowShape shape = window_shape_of<T>(shape_.set);
     const unsigned int tile_bits = count_bits(active);
+    const Search search = search_for_window(shape_.accuracy);
     PassSteps compiled;
     compiled.steps.reserve(local.size() + local.size() / 2);
     compiled.conditions.reserve(compiled.steps.capacity());
-    Planner planner(local, {tile_bits, shape.bits(), shape.lane_bits + shape_.paired,
-                            low_mask(tile_bits) & ~low_mask(shape.lane_bits), window_look_ahead,
-                            max_pass_length});
+    Planner planner(local, {.n_bits = tile_bits,
+                            .part_bits = shape.bits(),
+                            .always = shape.lane_bits + shape_.paired,
+                            .renumbered = low_mask(tile_bits) & ~low_mask(shape.lane_bits),
+                            .look_ahead = search.look_ahead,
+                            .max_length = max_pass_length,
+                            .keeps_order = shape_.accuracy == Accuracy::exact,
+                            .reach = search.reach,
+                            .max_starts = search.max_starts});
     StepWriter writer(shape.lane_bits, active, placed_, compiled);
     const auto size = [](const auto& list) { return static_cast<unsigned int>(list.size()); };
     for (Pass window; planner.next(window);) {
@@ -171,14 +198,24 @@ PassSteps Plan<T>::compile(std::span<const Operation> local, Index active) const
         const unsigned int last = size(compiled.steps);
         if (last > first) compiled.windows.push_back({window.active, first, last, placement});
     }
+    // Windows copy tiles, too.
+    if (compiled.windows.empty()) compiled.windows.push_back({low_mask(shape.bits()), 0, 0, 0});
     return compiled;
 }
 
 template <class T>
 void Plan<T>::plan_passes() {
     const std::vector<Operation>& operations = program_.operations;
-    Planner planner(operations, {shape_.nqubits, shape_.tile_bits, run_qubits<T> + shape_.paired, 0,
-                                 pass_look_ahead, max_pass_length});
+    const Search search = search_for_pass(shape_.accuracy);
+    Planner planner(operations, {.n_bits = shape_.nqubits,
+                                 .part_bits = shape_.tile_bits,
+                                 .always = run_qubits<T> + shape_.paired,
+                                 .renumbered = 0,
+                                 .look_ahead = search.look_ahead,
+                                 .max_length = max_pass_length,
+                                 .keeps_order = shape_.accuracy == Accuracy::exact,
+                                 .reach = search.reach,
+                                 .max_starts = search.max_starts});
     const auto number = [&](const Operation* operation) {
         return static_cast<std::uint32_t>(operation - operations.data());
     };

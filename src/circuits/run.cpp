@@ -7,6 +7,7 @@
 #include "circuits/plan.hpp"
 #include "circuits/plan_cache.hpp"
 #include "circuits/run_alone.hpp"
+#include "circuits/simplify.hpp"
 
 namespace pblinalg {
 namespace {
@@ -23,7 +24,9 @@ RunReport run(cpu::PybindLinAlgStateVectorCPU<T>& state, const GateList& list,
     const int workers = cpu::plan_workers<T>(state.nqubits, state.num_threads);
     const cpu::PlanShape shape = cpu::plan_shape<T>(state.nqubits, workers, options.accuracy);
     const auto plan = list.plans()->plan<T>(shape, [&] {
-        return std::make_shared<cpu::Plan<T>>(cpu::lowered<T>(list, state.nqubits), shape);
+        cpu::Program<T> program = cpu::lowered<T>(list, state.nqubits);
+        if (options.accuracy == Accuracy::rounding) cpu::simplify(program);
+        return std::make_shared<cpu::Plan<T>>(std::move(program), shape);
     });
     const cpu::Program<T>& program = plan->program();
     std::vector<T> bound;

@@ -7,6 +7,7 @@
 #include "circuits/backward.hpp"
 #include "circuits/plan.hpp"
 #include "circuits/plan_cache.hpp"
+#include "circuits/simplify.hpp"
 #include "core/complex_math.hpp"
 #include "core/parallel.hpp"
 #include "observables/pauli_operator.hpp"
@@ -16,10 +17,6 @@ namespace pblinalg {
 namespace {
 
 using cpu::Index;
-
-/// Tiles to cut a state into, if it is large enough to be shared: a number that does not depend on
-/// the workers, since sums over tiles must not.
-constexpr int shared_tiles = 16;
 
 /// Coefficients of a plan's run.
 template <class T>
@@ -49,7 +46,11 @@ class Adjoint {
           padded_(new_array(state.nqubits < min_qubits)),
           ket_(padded_ ? padded_.get() : state.state.get()),
           bra_(new_array(true)) {
-        forward_ = plan(list, false, [&] { return cpu::lowered<T>(list, nqubits_); });
+        forward_ = plan(list, false, [&] {
+            cpu::Program<T> program = cpu::lowered<T>(list, nqubits_);
+            cpu::simplify(program);
+            return program;
+        });
         backward_ =
             plan(inverse_, true, [&] { return cpu::lowered_backward<T>(inverse_, nqubits_); });
         factors_ = bound_factors(backward_->program(), inverse_, values);
@@ -95,8 +96,7 @@ class Adjoint {
     template <class Lowered>
     std::shared_ptr<const cpu::Plan<T>> plan(const GateList& list, bool paired,
                                              const Lowered& lowered) const {
-        cpu::PlanShape shape =
-            cpu::plan_shape<T>(nqubits_ + paired, shared_tiles, Accuracy::rounding);
+        cpu::PlanShape shape = cpu::plan_shape<T>(nqubits_ + paired, workers_, Accuracy::rounding);
         shape.paired = paired;
         return list.plans()->plan<T>(
             shape, [&] { return std::make_shared<cpu::Plan<T>>(lowered(), shape); });

@@ -65,10 +65,15 @@ enum RowsDiffer : unsigned int { in_bit_0, in_bit_1, in_bit_2, nowhere, otherwis
 ///               the row bit, or 4 + the lane bit. exchange_lane: the lane bit. exchange_rows: the
 ///               sum of both row bits less 1. Diagonal actions but tables and those under
 ///               `controlled`: `RowsDiffer`.
-///               Others: 0.
+///               matrix2: `place_of_rows`, (1, 0) when controlled. Others: 0.
 constexpr unsigned int step_action(Action action, unsigned int place,
                                    StepForm form = StepForm::plain) {
     return static_cast<unsigned int>(action) * 32 + static_cast<unsigned int>(form) * 8 + place;
+}
+
+/// The place of a matrix on two row bits, the first listed target's one first.
+constexpr unsigned int place_of_rows(unsigned int first, unsigned int second) {
+    return 2 * first + (second > first ? second - 1 : second);
 }
 
 /// Bit i is the parity of the bits of i under `mask`, for i < 16.
@@ -210,9 +215,8 @@ WindowShape window_shape();
 
 /// Runs `pass` on tiles [begin, end).
 /// @param state     interleaved parts, 64-byte aligned.
-/// @param shortcut  whether to try products without their zero parts first; cleared once a tile had
-///                  to be done again with them, as its neighbours then likely would, too. By
-///                  rounding they are always left out.
+/// @param shortcut  whether to try products without their zero parts first: whether the tile before
+///                  could have been done so. By rounding they are always left out.
 template <InstructionSet set, class T, Accuracy accuracy = Accuracy::exact>
 void run_tiles(T* state, const TilePass<T>& pass, Index begin, Index end, void* scratch,
                bool& shortcut);

@@ -363,6 +363,16 @@ struct Vector {
         return a.v > limit;
     }
 
+    /// Whether elements are anything but 0, from their bits or those of several joined.
+    PBLINALG_ALWAYS_INLINE static bool any_magnitude(Bits bits) {
+        bits &= ~(Register<T, bytes>::sign - Bits{});
+        std::uint64_t words[bytes / 8], any = 0;
+        std::memcpy(words, &bits, bytes);
+        for (const std::uint64_t word : words)
+            any |= word;
+        return any != 0;
+    }
+
     /// Exchanges lane bit `lane_bit` with the bit that tells two vectors apart: afterwards `low`
     /// holds all amplitudes with that lane bit 0, `high` those with 1. Its own inverse.
     PBLINALG_ALWAYS_INLINE static void transpose(Vector& low, Vector& high, unsigned int lane_bit) {
@@ -595,19 +605,20 @@ struct Planar {
 
     PBLINALG_ALWAYS_INLINE static bool holds_nan(Planar a) { return any_nan<T, bytes>(a.re, a.im); }
 
-    /// Looks at final values and tells whether all of them are exact.
+    /// Looks at final values: what they are tells whether they are exact.
     class Inspection {
       public:
         PBLINALG_ALWAYS_INLINE void look_at(Planar a) {
-            if constexpr (products == Products::recovered) return;
             // An infinity minus itself is NaN, and NaN stays in the sum.
             not_finite_ += (a.re - a.re) + (a.im - a.im);
-            if constexpr (products == Products::without_zeros) {
-                smallest_ = smaller(smallest_, smaller(a.re, a.im));
-            }
+            smallest_ = smaller(smallest_, smaller(a.re, a.im));
         }
-        /// True when all parts were finite and, if that matters, none was 0.
-        PBLINALG_ALWAYS_INLINE bool passed() const {
+        /// True when all parts were finite.
+        PBLINALG_ALWAYS_INLINE bool finite() const {
+            return !any_nan<T, bytes>(not_finite_, not_finite_);
+        }
+        /// True when, besides, none was 0.
+        PBLINALG_ALWAYS_INLINE bool ordinary() const {
             // 0 / 0 is NaN.
             return !any_nan<T, bytes>(not_finite_, smallest_ / smallest_);
         }

@@ -279,6 +279,10 @@ TYPED_TEST(Gradients, AreThoseOfLongListsOnManyTiles) {
                             0, 1,  0, 0, 0, 0, 0,      0, 0, 0, 0, 1, 0, 0, 0, 0, 0, 0, 1, 0});
         list.add_diagonal({n - 1, 0}, std::vector<std::complex<double>>{1, {c, s}, -1, {0, 1}},
                           {1});
+        list.add_matrix(
+            {1, n - 1},
+            std::vector<std::complex<double>>{c, 0, 0, -s, 0, {0, 1}, 0, 0, 0, 0, 1, 0, s, 0, 0, c},
+            Controls({0}, 0));
         list.append(dice.list(n, n_gates / 2, 3));
         check_gradient<TypeParam>(list, n, std::to_string(n) + " qubits");
     }
