@@ -1,6 +1,6 @@
-"""What a QNode costs outside the library: medians of whole gradients, and what is left of them without
-the run forwards and backwards; of the rest, what the translation takes. `null.qubit` is the whole of
-the same gradient on PennyLane's device that computes nothing. The circuit has 20 qubits,
+"""What a QNode costs outside the library: medians of whole gradients, and what is left of them
+without the run forwards and backwards; of the rest, what the translation takes. `null.qubit` is the
+whole of the same gradient on PennyLane's device that computes nothing. The circuit has 20 qubits,
 layers of RX, RZ and CNOT with an angle of their own in every rotation, and an Ising energy of 39
 terms. `pennylane_overhead.py [REPETITIONS]`.
 """
