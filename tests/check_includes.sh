@@ -13,6 +13,7 @@ declare -A may_include=(
     [oracles]="core gates kernels apply oracles"
     [observables]="core gates kernels apply readout observables"
     [state]="core gates kernels apply circuits readout oracles observables state"
+    [trajectories]="core gates kernels apply circuits readout observables trajectories"
 )
 
 status=0

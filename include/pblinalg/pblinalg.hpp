@@ -7,6 +7,7 @@
 #include <pblinalg/gates.hpp>
 #include <pblinalg/observable.hpp>
 #include <pblinalg/run.hpp>
+#include <pblinalg/shots.hpp>
 #include <pblinalg/state_vector.hpp>
 #include <pblinalg/state_vector_cpu.hpp>
 #include <pblinalg/threads.hpp>

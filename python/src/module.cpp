@@ -1,5 +1,5 @@
 // The extension module: what the machine offers, and how a fork is survived. The classes are bound
-// in records.cpp, state.cpp, gate_lists.cpp and gate_methods.cpp.
+// in records.cpp, state.cpp, gate_lists.cpp, gate_methods.cpp and shots.cpp.
 #include <nanobind/nanobind.h>
 #include <nanobind/stl/string.h>
 #include <nanobind/stl/vector.h>
@@ -94,4 +94,5 @@ NB_MODULE(_core, module) {
     python::bind_state<double>(module);
     python::bind_gate_lists(module);
     python::bind_gate_methods(module);
+    python::bind_shots(module);
 }

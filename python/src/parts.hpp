@@ -11,6 +11,7 @@ template <class T>
 void bind_state(nanobind::module_& module);
 void bind_gate_lists(nanobind::module_& module);
 void bind_gate_methods(nanobind::module_& module);
+void bind_shots(nanobind::module_& module);
 void bind_machine(nanobind::module_& module);
 
 }  // namespace pblinalg::python
