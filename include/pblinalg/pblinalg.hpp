@@ -1,6 +1,7 @@
 // Everything that pblinalg offers.
 #pragma once
 
+#include <pblinalg/batch.hpp>
 #include <pblinalg/circuit.hpp>
 #include <pblinalg/export.hpp>
 #include <pblinalg/gate_list.hpp>
