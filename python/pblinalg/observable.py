@@ -420,3 +420,23 @@ _SHOWN = 32
 
 #: What reading an expectation value takes: strings and dicts as the constructor does.
 ObservableLike = Observable | Mapping[str, complex] | str
+
+
+def as_observable(
+    observable: ObservableLike, num_qubits: int, owner: str, hermitian: bool = False
+) -> Observable:
+    """The observable, made from what names one, for `owner` of so many qubits. ValueError when it
+    is for others, or when coefficients are to be real and are not."""
+    if isinstance(observable, (str, Mapping)):
+        observable = Observable(observable, num_qubits)
+    if not isinstance(observable, Observable):
+        raise TypeError(
+            f"observable must be an Observable, a string or a dict of terms, got {observable!r}"
+        )
+    if observable.num_qubits != num_qubits:
+        raise ValueError(
+            f"observable acts on {observable.num_qubits} qubits; {owner} has {num_qubits}"
+        )
+    if hermitian and not observable.is_hermitian():
+        raise ValueError("observable has coefficients that are not real; expected real ones")
+    return observable

@@ -15,7 +15,7 @@ from . import _core
 from .arguments import Precision, Qubits, count, outcome_number, precision_name, seed_number
 from .counts import Counts
 from .gates import GateMethods, as_qubits
-from .observable import Observable, ObservableLike
+from .observable import Observable, ObservableLike, as_observable
 from .progress import Progress, check_progress, reporter
 
 if TYPE_CHECKING:
@@ -275,16 +275,4 @@ class Readout(GateMethods):
 
     def _observable(self, observable: ObservableLike, hermitian: bool = False) -> Observable:
         self._require_amplitudes()
-        if isinstance(observable, (str, Mapping)):
-            observable = Observable(observable, self.num_qubits)
-        if not isinstance(observable, Observable):
-            raise TypeError(
-                f"observable must be an Observable, a string or a dict of terms, got {observable!r}"
-            )
-        if observable.num_qubits != self.num_qubits:
-            raise ValueError(
-                f"observable acts on {observable.num_qubits} qubits; the state has {self.num_qubits}"
-            )
-        if hermitian and not observable.is_hermitian():
-            raise ValueError("observable has coefficients that are not real; expected real ones")
-        return observable
+        return as_observable(observable, self.num_qubits, "the state", hermitian)

@@ -83,25 +83,25 @@ double trace_of_product(std::span<const std::complex<double>> a,
 }  // namespace
 
 template <class T>
-ShotFollower<T>::ShotFollower(ShotRun& run, int threads, bool looks, Reader reader)
+ShotFollower<T>::ShotFollower(ShotRun& run, State& state, bool looks, Reader reader)
     : run_(run),
       program_(run.program.steps()),
-      threads_(threads),
+      root_(state),
+      threads_(state.num_threads),
       looks_(looks),
       reader_(std::move(reader)) {}
 
 template <class T>
 void ShotFollower<T>::follow(std::uint64_t begin, std::uint64_t end) {
-    const std::unique_ptr<State> state = new_state();
     for (first_ = begin; first_ < end; first_ += batch_size) {
         Shots shots(std::min(batch_size, end - first_));
         for (std::uint32_t i = 0; i < shots.size(); ++i)
             shots[i] = i;
         while (!shots.empty()) {
-            state->reset();
+            root_.reset();
             Course course;
             course.bits.resize(program_.n_clbits);
-            shots = follow_from(*state, std::move(course), std::move(shots),
+            shots = follow_from(root_, std::move(course), std::move(shots),
                                 std::max<std::size_t>(run_.options.max_states, 1) - 1);
         }
     }
@@ -381,19 +381,17 @@ bool ShotFollower<T>::look() {
 }
 
 template <class T>
-auto ShotFollower<T>::new_state() -> std::unique_ptr<State> {
-    auto state = std::make_unique<State>(0);
-    state->set_num_threads(threads_);
-    // Grown with the workers set, each finds its amplitudes in the memory next to it.
-    if (program_.nqubits > 0) state->resize(program_.nqubits);
-    return state;
-}
-
-template <class T>
 auto ShotFollower<T>::copy_of(const State& state) -> std::unique_ptr<State> {
-    if (unused_.empty()) unused_.push_back(new_state());
-    std::unique_ptr<State> copy = std::move(unused_.back());
-    unused_.pop_back();
+    std::unique_ptr<State> copy;
+    if (unused_.empty()) {
+        copy = std::make_unique<State>(0);
+        copy->set_num_threads(threads_);
+        // Grown with the workers set, each finds its amplitudes in the memory next to it.
+        copy->resize(state.nqubits);
+    } else {
+        copy = std::move(unused_.back());
+        unused_.pop_back();
+    }
     for_each_block(state.size, state.size, threads_, [&](Index begin, Index end) {
         std::copy(state.state.get() + begin, state.state.get() + end, copy->state.get() + begin);
     });

@@ -46,9 +46,9 @@ class ShotFollower {
     using Reader = std::function<void(State&, const Course&, std::uint64_t first,
                                       std::span<const std::uint32_t>)>;
 
-    /// @param threads  workers of each gate.
+    /// @param state  on which shots begin; copies of it ask for as many workers.
     /// @param looks  calls `options.between`.
-    ShotFollower(ShotRun& run, int threads, bool looks, Reader reader);
+    ShotFollower(ShotRun& run, State& state, bool looks, Reader reader);
 
     /// Follows shots [begin, end) to their ends.
     void follow(std::uint64_t begin, std::uint64_t end);
@@ -94,11 +94,11 @@ class ShotFollower {
         return ShotDraws(run_.options.seed, first_ + shot);
     }
 
-    std::unique_ptr<State> new_state();
     std::unique_ptr<State> copy_of(const State& state);
 
     ShotRun& run_;
     const ShotSteps& program_;
+    State& root_;
     int threads_;
     bool looks_;
     Reader reader_;

@@ -3,6 +3,7 @@
 #pragma once
 
 #include <cstdint>
+#include <pblinalg/batch.hpp>
 
 namespace pblinalg::cpu {
 
@@ -15,8 +16,7 @@ constexpr std::uint64_t mix_bits(std::uint64_t x) {
 
 class ShotDraws {
   public:
-    ShotDraws(std::uint64_t seed, std::uint64_t shot)
-        : key_(mix_bits(mix_bits(seed + step) ^ (shot + 1) * step)) {}
+    ShotDraws(std::uint64_t seed, std::uint64_t shot) : key_(seed_of_job(seed, shot)) {}
 
     std::uint64_t operator[](std::uint64_t number) const {
         return mix_bits(key_ + (number + 1) * step);

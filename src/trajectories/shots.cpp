@@ -1,5 +1,8 @@
-// Counts and expectation values over shots, and how these are shared out among workers.
+// Counts and expectation values over shots, which are shared out as the jobs of a batch.
 #include <algorithm>
+#include <mutex>
+#include <pblinalg/batch.hpp>
+#include <thread>
 #include <unordered_map>
 
 #include "core/parallel.hpp"
@@ -19,9 +22,6 @@ using cpu::ShotFollower;
 using cpu::ShotRun;
 using Offsets = std::span<const std::uint32_t>;
 using Counts = std::unordered_map<std::string, std::uint64_t>;
-
-/// Registers from this size on are worked on by all workers together.
-constexpr unsigned int min_shared_qubits = 18;
 
 /// Adds what shots read at their ends: the bits of their course, and those that are drawn now.
 template <class T>
@@ -79,24 +79,25 @@ class BitCounter {
     std::vector<unsigned long long> outcomes_;
 };
 
-/// Follows all shots, each worker with a reader of its own: `with_reader(use)` makes one and calls
-/// `use(reader)`.
-template <class T, class WithReader>
-void follow_all(ShotRun& run, int workers, const WithReader& with_reader) {
+/// As many shares of the shots as there are workers, where each takes one.
+std::size_t shares_for(const ShotProgram& program, const ShotOptions& options) {
+    if (program.nqubits() >= min_shared_batch_qubits) return 1;
+    return cpu::team_size(get_num_threads(options.threads));
+}
+
+/// Follows all shots in so many shares. `follow(job, begin, end, looks)` follows those of one.
+template <class T, class Follow>
+void follow_all(ShotRun& run, std::size_t shares, const Follow& follow) {
     const std::uint64_t shots = run.options.shots;
-    const bool shares_shots = run.program.nqubits() < min_shared_qubits;
-    const int threads = shares_shots ? 1 : workers;
-    const int followers = shares_shots
-                              ? static_cast<int>(std::min<std::uint64_t>(
-                                    cpu::team_size(workers), std::max<std::uint64_t>(shots, 1)))
-                              : 1;
-    cpu::run_team(followers, [&](int id, int team) {
-        with_reader([&](const auto& reader) {
-            const cpu::Block own(shots, static_cast<cpu::Index>(id), static_cast<cpu::Index>(team),
-                                 1);
-            ShotFollower<T>(run, threads, id == 0, reader).follow(own.begin, own.end);
-        });
-    });
+    const std::size_t n_jobs = std::min<std::uint64_t>(shares, shots);
+    const auto caller = std::this_thread::get_id();
+    const auto job = [&](const BatchJob<T>& job) {
+        const cpu::Block own(shots, job.number, n_jobs, 1);
+        follow(job, own.begin, own.end, std::this_thread::get_id() == caller);
+    };
+    BatchOptions options;
+    options.num_threads = run.options.threads;
+    run_batch<T>(run.program.nqubits(), n_jobs, job, options);
 }
 
 }  // namespace
@@ -106,13 +107,15 @@ namespace cpu {
 template <class T>
 std::map<std::string, std::uint64_t> count_shots_on(const ShotProgram& program,
                                                     std::span<const double> values,
-                                                    const ShotOptions& options, int workers) {
+                                                    const ShotOptions& options,
+                                                    std::size_t shares) {
     ShotRun run{program, final_measurements(program.steps()), values, options};
     std::map<std::string, std::uint64_t> total;
-    follow_all<T>(run, workers, [&](const auto& use) {
+    std::mutex mutex;
+    follow_all<T>(run, shares, [&](const auto& job, auto begin, auto end, bool looks) {
         BitCounter<T> counter(run);
-        use(std::ref(counter));
-#pragma omp critical(pblinalg_shots)
+        ShotFollower<T>(run, job.state, looks, std::ref(counter)).follow(begin, end);
+        const std::lock_guard lock(mutex);
         for (const auto& [text, times] : counter.counts())
             total[text] += times;
     });
@@ -123,23 +126,24 @@ template <class T>
 std::vector<double> shot_expectations_on(const ShotProgram& program,
                                          const WObservable<T>& observable,
                                          std::span<const double> values, const ShotOptions& options,
-                                         int workers) {
+                                         std::size_t shares) {
     // Measured qubits collapse before the observable sees them.
     ShotRun run{program, std::vector<bool>(program.steps().steps.size()), values, options};
     std::vector<double> results(options.shots);
-    follow_all<T>(run, workers, [&](const auto& use) {
-        use([&](auto& state, const Course&, std::uint64_t first, Offsets shots) {
+    follow_all<T>(run, shares, [&](const auto& job, auto begin, auto end, bool looks) {
+        const auto read = [&](auto& state, const Course&, std::uint64_t first, Offsets shots) {
             const double value{state.expectation_value(observable).real()};
             for (const std::uint32_t shot : shots)
                 results[first + shot] = value;
-        });
+        };
+        ShotFollower<T>(run, job.state, looks, read).follow(begin, end);
     });
     return results;
 }
 
 #define PBLINALG_INSTANTIATE(T)                                                                 \
     template std::map<std::string, std::uint64_t> count_shots_on<T>(                            \
-        const ShotProgram&, std::span<const double>, const ShotOptions&, int);                  \
+        const ShotProgram&, std::span<const double>, const ShotOptions&, std::size_t);          \
     template std::vector<double> shot_expectations_on<T>(                                       \
         const ShotProgram&, const WObservable<T>&, std::span<const double>, const ShotOptions&, \
         int);
@@ -153,14 +157,14 @@ template <class T>
 std::map<std::string, std::uint64_t> count_shots(const ShotProgram& program,
                                                  std::span<const double> values,
                                                  const ShotOptions& options) {
-    return cpu::count_shots_on<T>(program, values, options, get_num_threads(options.threads));
+    return cpu::count_shots_on<T>(program, values, options, shares_for(program, options));
 }
 
 template <class T>
 std::vector<double> shot_expectations(const ShotProgram& program, const WObservable<T>& observable,
                                       std::span<const double> values, const ShotOptions& options) {
     return cpu::shot_expectations_on<T>(program, observable, values, options,
-                                        get_num_threads(options.threads));
+                                        shares_for(program, options));
 }
 
 #define PBLINALG_INSTANTIATE(T)                                           \
