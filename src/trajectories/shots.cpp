@@ -146,7 +146,7 @@ std::vector<double> shot_expectations_on(const ShotProgram& program,
         const ShotProgram&, std::span<const double>, const ShotOptions&, std::size_t);          \
     template std::vector<double> shot_expectations_on<T>(                                       \
         const ShotProgram&, const WObservable<T>&, std::span<const double>, const ShotOptions&, \
-        int);
+        std::size_t);
 PBLINALG_INSTANTIATE(float)
 PBLINALG_INSTANTIATE(double)
 #undef PBLINALG_INSTANTIATE
