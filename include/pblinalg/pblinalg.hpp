@@ -7,9 +7,11 @@
 #include <pblinalg/gate_list.hpp>
 #include <pblinalg/gates.hpp>
 #include <pblinalg/observable.hpp>
+#include <pblinalg/reduced_density_matrix.hpp>
 #include <pblinalg/run.hpp>
 #include <pblinalg/shots.hpp>
 #include <pblinalg/state_vector.hpp>
 #include <pblinalg/state_vector_cpu.hpp>
+#include <pblinalg/sweep.hpp>
 #include <pblinalg/threads.hpp>
 #include <pblinalg/version.hpp>

@@ -34,6 +34,7 @@ from .observable import Observable
 from .program import Conditional, Measure, Reset
 from .running import run
 from .state_vector import StateVector
+from .sweep import sweep
 
 if TYPE_CHECKING:
     from . import lowlevel as lowlevel
@@ -60,6 +61,7 @@ __all__ = [
     "__version__",
     "estimate",
     "run",
+    "sweep",
 ]
 
 

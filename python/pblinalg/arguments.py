@@ -56,6 +56,15 @@ def index(value: SupportsIndex, name: str, last: int) -> int:
     return number
 
 
+def distinct_qubits(qubits: Sequence[SupportsIndex], num_qubits: int) -> list[int]:
+    """The numbers of listed qubits, none of them twice."""
+    numbers = [index(qubit, "qubits", num_qubits - 1) for qubit in qubits]
+    for place, number in enumerate(numbers):
+        if number in numbers[:place]:
+            raise ValueError(f"qubits = {number}: the qubit is listed twice")
+    return numbers
+
+
 def count(value: SupportsIndex, name: str, least: int = 0, last: int | None = None) -> int:
     """A number of shots, threads, qubits or bits."""
     number = integer(value, name)

@@ -15,11 +15,11 @@ from . import _core
 from ._core import GateList
 from .arguments import Precision, count, precision_name, require_memory, seed_number
 from .noise import NoiseModel, check_noise
-from .observable import ObservableLike, as_observable
+from .observable import ObservableLike, observable_on
 from .parameters import Values, values_in_order
 from .program import Conditional, Measure, Program, Step
 from .progress import Progress, reporter
-from .readout import default_threads, register_bytes
+from .readout import register_bytes
 
 #: More copies of a state than shots can part into halves.
 MAX_STATES = 64
@@ -72,7 +72,7 @@ class ShotRun:
         seed: SupportsIndex | None,
     ) -> None:
         self._precision = precision_name(precision)
-        workers = default_threads(num_qubits) if threads is None else count(threads, "threads", 1)
+        workers = _core.hardware_threads() if threads is None else count(threads, "threads", 1)
         self.seed = secrets.randbits(64) if seed is None else seed_number(seed)
         size = register_bytes(num_qubits, precision)
         require_memory(f"a register of {num_qubits} qubits", size)
@@ -145,7 +145,7 @@ def estimate(
     number = count(trajectories, "trajectories", 2)
     numbers = values_in_order(circuit, values)
     check_noise(noise, circuit.num_qubits)
-    wanted = as_observable(observable, circuit.num_qubits, "the circuit", hermitian=True)
+    wanted = observable_on(circuit.num_qubits, observable, hermitian=True)
     run = ShotRun(circuit.num_qubits, precision, threads, seed)
     program = shot_program(circuit.steps, circuit.num_qubits, circuit.num_clbits, noise)
     record = wanted.record(precision_name(precision))

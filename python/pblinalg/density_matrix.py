@@ -26,6 +26,7 @@ from .parameters import Values, values_in_order
 from .program import Program
 from .progress import Progress, reporter
 from .readout import Readout, register_bytes
+from .state_files import FilePath, read_state
 from .state_vector import StateVector
 
 if TYPE_CHECKING:
@@ -101,6 +102,32 @@ class DensityMatrix(Readout):
         size = 1 << self.num_qubits
         result: NDArray[Any] = self._core.get_permuted_density_matrix().reshape(size, size)
         return result
+
+    @classmethod
+    def load(
+        cls,
+        path: FilePath,
+        threads: SupportsIndex | None = None,
+        seed: SupportsIndex | None = None,
+        check: bool = True,
+    ) -> Self:
+        """The state in a .npy file: a 2^n x 2^n array of complex64 or complex128, checked as in
+        `set_matrix`. ValueError names a file that holds something else or was cut."""
+        array = read_state(path, 2)
+        precision: Precision = "float" if array.dtype == np.complex64 else "double"
+        result = cls(len(array).bit_length() - 1, precision, threads, seed)
+        try:
+            return result.set_matrix(array, check)
+        except ValueError as error:
+            raise ValueError(f"{path}: {error}") from None
+
+    def _export(self, out: NDArray[Any]) -> None:
+        self._core.get_permuted_density_matrix(out)
+
+    def _in_memory(self) -> NDArray[Any]:
+        size = 1 << self.num_qubits
+        matrix: NDArray[Any] = self._core.state.reshape(size, size).T
+        return matrix
 
     def __array__(self, dtype: Any = None, copy: bool | None = None) -> NDArray[Any]:
         if copy is False:
@@ -226,6 +253,11 @@ class DensityMatrix(Readout):
         """The trace of the squared matrix: 1 for a pure state, 2^-n for the fully mixed one."""
         state = self._core.state
         return float(np.vdot(state, state).real)
+
+    def entropy(self, qubits: Qubits | None = None) -> float:
+        """The von Neumann entropy, to base 2, of the listed qubits, all of them by default: 0 for a
+        pure state, k for k fully mixed qubits. ValueError when the trace is not 1."""
+        return self._entropy(self._listed(qubits))
 
     def __repr__(self) -> str:
         return f"DensityMatrix(num_qubits={self.num_qubits}, precision={self.precision!r})"

@@ -422,11 +422,11 @@ _SHOWN = 32
 ObservableLike = Observable | Mapping[str, complex] | str
 
 
-def as_observable(
-    observable: ObservableLike, num_qubits: int, owner: str, hermitian: bool = False
+def observable_on(
+    num_qubits: int, observable: ObservableLike, hermitian: bool = False
 ) -> Observable:
-    """The observable, made from what names one, for `owner` of so many qubits. ValueError when it
-    is for others, or when coefficients are to be real and are not."""
+    """What a readout of a state of that many qubits takes. `hermitian`: its coefficients are to be
+    real."""
     if isinstance(observable, (str, Mapping)):
         observable = Observable(observable, num_qubits)
     if not isinstance(observable, Observable):
@@ -435,7 +435,7 @@ def as_observable(
         )
     if observable.num_qubits != num_qubits:
         raise ValueError(
-            f"observable acts on {observable.num_qubits} qubits; {owner} has {num_qubits}"
+            f"observable acts on {observable.num_qubits} qubits; the state has {num_qubits}"
         )
     if hermitian and not observable.is_hermitian():
         raise ValueError("observable has coefficients that are not real; expected real ones")

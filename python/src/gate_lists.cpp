@@ -8,18 +8,14 @@
 
 #include <algorithm>
 #include <bit>
-#include <chrono>
 #include <cmath>
-#include <exception>
 
 #include "circuits/gate_matrix.hpp"
 #include "parts.hpp"
+#include "watch.hpp"
 
 namespace pblinalg::python {
 namespace {
-
-/// Pending signals are looked at, and progress told, when this time has passed.
-constexpr std::chrono::milliseconds patience(20);
 
 nb::object array_of(std::span<const std::complex<double>> values, bool square) {
     const nb::module_ numpy = nb::module_::import_("numpy");
@@ -151,8 +147,7 @@ template <class T>
 void run_list(BoundGateList& self, BoundState<T>& state, nb::handle values, nb::handle progress,
               bool both_sides) {
     const Reading reading(self);
-    if (!progress.is_none() && !PyCallable_Check(progress.ptr()))
-        raise(PyExc_TypeError, "progress must be callable or None, got %.200R", progress.ptr());
+    Watch watch(progress);
     const std::vector<double> numbers = values_argument(self, values);
     const Use use(state);
     state.require_amplitudes();
@@ -163,27 +158,12 @@ void run_list(BoundGateList& self, BoundState<T>& state, nb::handle values, nb::
     }
     // Made while this thread has the lock: another one may copy the list once it runs.
     self.gates.plans();
-    std::exception_ptr stopped;
-    const auto look = [&](std::size_t done) {
-        try {
-            if (PyErr_CheckSignals() != 0) throw nb::python_error();
-            if (!progress.is_none()) progress(done);
-        } catch (...) {
-            stopped = std::current_exception();
-        }
-    };
     RunReport report;
     {
         const std::size_t size = std::max<std::size_t>(1, self.gates.size());
         Unlocked unlocked(state.size >= min_unlocked_size / size);
-        auto last = std::chrono::steady_clock::now();
         RunOptions options;
-        options.between_passes = [&](std::size_t done) {
-            if (std::chrono::steady_clock::now() - last < patience) return true;
-            unlocked.locked([&] { look(done); });
-            last = std::chrono::steady_clock::now();
-            return !stopped;
-        };
+        options.between_passes = [&](std::size_t done) { return watch.goes_on(done, unlocked); };
         if (both_sides) {
             const GateList both = on_both_sides(self.gates, self.nqubits);
             report = pblinalg::run(state, both, numbers, options);
@@ -197,8 +177,7 @@ void run_list(BoundGateList& self, BoundState<T>& state, nb::handle values, nb::
         }
     }
     state.gates_applied += report.gates_done;
-    if (!stopped) look(report.gates_done);
-    if (stopped) std::rethrow_exception(stopped);
+    watch.finish(report.gates_done);
 }
 
 /// The list with numbers in place of its parameters.

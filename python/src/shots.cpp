@@ -3,18 +3,14 @@
 #include <nanobind/stl/string.h>
 
 #include <algorithm>
-#include <chrono>
-#include <exception>
 
 #include "gate_lists.hpp"
 #include "parts.hpp"
 #include "records.hpp"
+#include "watch.hpp"
 
 namespace pblinalg::python {
 namespace {
-
-/// Pending signals are looked at, and progress told, when this time has passed.
-constexpr std::chrono::milliseconds patience(20);
 
 struct BoundProgram : Shared {
     BoundProgram(unsigned int nqubits, unsigned int n_clbits) : program(nqubits, n_clbits) {}
@@ -52,30 +48,13 @@ auto run_program(BoundProgram& self, nb::handle values, nb::handle shots, nb::ha
     options.seed = unsigned_argument(seed, "seed");
     options.threads = int_argument(threads, "threads");
     options.max_states = unsigned_argument(max_states, "max_states");
-    if (!progress.is_none() && !PyCallable_Check(progress.ptr()))
-        raise(PyExc_TypeError, "progress must be callable or None, got %.200R", progress.ptr());
-    std::exception_ptr stopped;
-    const auto look = [&](std::uint64_t done) {
-        try {
-            if (PyErr_CheckSignals() != 0) throw nb::python_error();
-            if (!progress.is_none()) progress(done);
-        } catch (...) {
-            stopped = std::current_exception();
-        }
-    };
-    Unlocked unlocked(true);
-    auto last = std::chrono::steady_clock::now();
-    options.between = [&](std::uint64_t done) {
-        if (std::chrono::steady_clock::now() - last < patience) return true;
-        unlocked.locked([&] { look(done); });
-        last = std::chrono::steady_clock::now();
-        return !stopped;
-    };
-    auto result = work(std::span(numbers.data(), numbers.count()), options);
-    unlocked.locked([&] {
-        if (!stopped) look(options.shots);
-    });
-    if (stopped) std::rethrow_exception(stopped);
+    Watch watch(progress);
+    const auto result = [&] {
+        Unlocked unlocked(true);
+        options.between = [&](std::uint64_t done) { return watch.goes_on(done, unlocked); };
+        return work(std::span(numbers.data(), numbers.count()), options);
+    }();
+    watch.finish(options.shots);
     return result;
 }
 

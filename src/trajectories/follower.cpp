@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cmath>
 #include <map>
+#include <pblinalg/reduced_density_matrix.hpp>
 #include <pblinalg/run.hpp>
 #include <stdexcept>
 #include <string>
@@ -23,53 +24,6 @@ constexpr double norm_tolerance = 0.01;
 /// in 2^32 or 2^64 shots, and is what rounding leaves of an amplitude that should be 0.
 template <class T>
 constexpr double negligible = sizeof(T) == sizeof(float) ? 0x1p-32 : 0x1p-64;
-
-/// The density matrix of a few qubits, row-major, the first one most significant.
-template <class T>
-std::vector<std::complex<double>> reduced_matrix(const PybindLinAlgStateVectorCPU<T>& state,
-                                                 std::span<const unsigned int> qubits) {
-    using Matrix = std::vector<std::complex<double>>;
-    const Index rows = bit(static_cast<unsigned int>(qubits.size()));
-    Index mask = 0;
-    std::vector<Index> offsets(rows);
-    for (std::size_t i = 0; i < qubits.size(); ++i) {
-        mask |= bit(qubits[i]);
-        for (Index r = 0; r < rows; ++r)
-            offsets[r] |= (r >> (qubits.size() - 1 - i) & 1) << qubits[i];
-    }
-    const std::complex<T>* const amplitudes = state.state.get();
-    const Index free = (state.size - 1) & ~mask;
-    const auto sums = [&](Index begin, Index end) {
-        Matrix sum(rows * rows);
-        std::vector<std::complex<double>> group(rows);
-        for (Index i = begin; i < end; ++i) {
-            const Index base = deposit_bits(i, free);
-            for (Index r = 0; r < rows; ++r)
-                group[r] = amplitudes[base | offsets[r]];
-            for (Index r = 0; r < rows; ++r) {
-                for (Index c = 0; c <= r; ++c) {
-                    const std::complex<double> a = group[r], b = group[c];
-                    sum[r * rows + c] +=
-                        std::complex<double>(a.real() * b.real() + a.imag() * b.imag(),
-                                             a.imag() * b.real() - a.real() * b.imag());
-                }
-            }
-        }
-        return sum;
-    };
-    Matrix total(rows * rows);
-    for (const Matrix& sum :
-         results_of_pieces<Matrix>(state.size / rows, piece_count(state.size, state.num_threads),
-                                   workers_for(state.size, state.num_threads), sums)) {
-        for (std::size_t i = 0; i < sum.size(); ++i)
-            total[i] += sum[i];
-    }
-    for (Index r = 0; r < rows; ++r) {
-        for (Index c = r + 1; c < rows; ++c)
-            total[r * rows + c] = std::conj(total[c * rows + r]);
-    }
-    return total;
-}
 
 /// The trace of the product of two Hermitian matrices.
 double trace_of_product(std::span<const std::complex<double>> a,
@@ -223,9 +177,10 @@ template <class T>
 auto ShotFollower<T>::branches_of_channel(const State& state, const ChannelSite& site,
                                           Shots shots) const -> Branches {
     const ChannelParts& parts = site.channel.parts();
-    const auto matrix = reduced_matrix(state, site.qubits);
-    double norm = 0;
     const std::size_t rows = std::size_t{1} << parts.n_qubits;
+    std::vector<std::complex<double>> matrix(rows * rows);
+    reduced_density_matrix(state, site.qubits, matrix.data());
+    double norm = 0;
     for (std::size_t r = 0; r < rows; ++r)
         norm += matrix[r * rows + r].real();
     Branches branches(parts.operators.size());

@@ -78,7 +78,8 @@ ShotProgram& ShotProgram::add_gates(const GateList& gates, std::size_t begin, st
     if (begin == 0 && end == gates.size() && end > 0) {
         Stretch& stretch = steps_->open_stretch(false);
         if (stretch.gates.empty() && stretch.sites.empty()) {
-            // A copy comes with the plans that there are.
+            // Copies share the plans of their list from here on.
+            gates.plans();
             stretch.gates = stretch.undisturbed = gates;
             return *this;
         }

@@ -3,9 +3,9 @@
 find_program(OBJDUMP objdump REQUIRED)
 find_program(NM nm REQUIRED)
 
-# Kinds of kernels with fused multiply-adds: dense matrices, and those that take squared magnitudes,
+# Kinds of kernels with fused multiply-adds: dense matrices, sums of products, and those that take squared magnitudes,
 # which are defined as fused. Gates must have none.
-set(may_fuse "^pblinalg_(fused|loading|norm|pauli|reversal)_")
+set(may_fuse "^pblinalg_(fused|loading|norm|outer|pauli|reversal)_")
 get_property(kernels GLOBAL PROPERTY PBLINALG_KERNELS)
 set(exact_kernels ${kernels})
 set(fused_kernels ${kernels})
