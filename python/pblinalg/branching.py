@@ -14,7 +14,8 @@ from numpy.typing import NDArray
 from . import _core
 from ._core import GateList
 from .arguments import Precision, count, precision_name, require_memory, seed_number
-from .noise import NoiseModel, check_noise
+from .channels import shot_channel
+from .noise import NoiseModel, channel_sites, check_noise
 from .observable import ObservableLike, observable_on
 from .parameters import Values, values_in_order
 from .program import Conditional, Measure, Program, Step
@@ -37,12 +38,12 @@ def shot_program(
         for step in steps:
             if isinstance(step, GateList):
                 done = 0
-                for site in noise.sites(step) if noise else ():
+                for site in channel_sites(noise, step):
                     program.add_gates(step, done, site.gates_before)
                     done = site.gates_before
                     key = id(site.channel)
                     if key not in channels:
-                        channels[key] = site.channel.shot_channel()
+                        channels[key] = shot_channel(site.channel)
                     program.add_channel(channels[key], site.qubits)
                 program.add_gates(step, done)
             elif isinstance(step, Measure):

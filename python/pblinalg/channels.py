@@ -183,12 +183,6 @@ class Channel:
         """Those of the operators of a mixture; None where they depend on the state."""
         return self._probabilities
 
-    def shot_channel(self) -> _core.ShotChannel:
-        """As the lower level takes it."""
-        if self._probabilities is None:
-            return _core.ShotChannel(self.num_qubits, self._operators)
-        return _core.ShotChannel(self.num_qubits, self._unitaries, self._probabilities)
-
     def __eq__(self, other: object) -> bool:
         """True for the same operators in the same order."""
         if not isinstance(other, Channel):
@@ -204,6 +198,12 @@ class Channel:
 
     def __repr__(self) -> str:
         return self._text
+
+
+def shot_channel(channel: Channel) -> _core.ShotChannel:
+    """The channel as the lower level takes it."""
+    matrices = channel._unitaries or channel.operators
+    return _core.ShotChannel(channel.num_qubits, matrices, channel.probabilities)
 
 
 def kraus_operators(

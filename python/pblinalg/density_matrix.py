@@ -21,7 +21,7 @@ from .channels import Channel, kraus_operators
 from .execution import shifted
 from .gates import as_qubits
 from .html_tables import state_table
-from .noise import NoiseModel, Site, check_noise
+from .noise import NoiseModel, Site, channel_sites, check_noise
 from .parameters import Values, values_in_order
 from .program import Program
 from .progress import Progress, reporter
@@ -164,7 +164,7 @@ class DensityMatrix(Readout):
         for step in circuit.steps:
             assert isinstance(step, _core.GateList)
             begin = 0
-            for site in noise.sites(step) if noise else ():
+            for site in channel_sites(noise, step):
                 parts.append((step.part(begin, site.gates_before), site))
                 begin = site.gates_before
             parts.append((step.part(begin, len(step)) if begin else step, None))

@@ -13,7 +13,7 @@ from ._core import GateList
 from .arguments import MAX_QUBITS, Qubits, complex_array, index
 from .channels import TOLERANCE, Channel
 from .gate_names import full_name, is_gate_name, listed_gates
-from .gates import Gate, as_qubits
+from .gates import as_qubits
 
 if TYPE_CHECKING:
     from typing_extensions import Self
@@ -131,42 +131,37 @@ class NoiseModel:
         table = self._readout.get(qubit, self._readout.get(None))
         return np.eye(2) if table is None else table.copy()
 
-    def check(self, num_qubits: int) -> None:
-        """IndexError when a rule names a qubit that a circuit of `num_qubits` does not have."""
-        named = {qubit for rule in self._rules for place in rule.places or () for qubit in place}
-        for qubit in sorted(named | {qubit for qubit in self._readout if qubit is not None}):
-            if qubit >= num_qubits:
-                raise IndexError(f"noise: qubit {qubit} is named; the circuit has {num_qubits}")
-
-    def sites(self, gates: GateList) -> list[Site]:
-        """The channels that follow the gates of a list, in order."""
-        if not self._rules:
-            return []
-        known: dict[tuple[str, tuple[int, ...]], list[tuple[Channel, tuple[int, ...]]]] = {}
-        sites = []
-        for place, gate in enumerate(listed_gates(gates)):
-            key = full_name(gate), (*gate.controls, *gate.targets)
-            if key not in known:
-                known[key] = self._after(*key)
-            sites += [Site(place + 1, *found) for found in known[key]]
-        return sites
-
-    def _after(
-        self, name: str, qubits: tuple[int, ...]
-    ) -> list[tuple[Channel, tuple[int, ...]]]:
-        return [(rule.channel, place) for rule in self._rules for place in rule.after(name, qubits)]
-
     def __repr__(self) -> str:
         return f"NoiseModel(rules={len(self._rules)}, readout_errors={len(self._readout)})"
 
 
 def check_noise(noise: NoiseModel | None, num_qubits: int) -> None:
-    """TypeError for what is no noise model, IndexError when it names a missing qubit."""
+    """TypeError for what is no noise model, IndexError when it names a qubit that a circuit of
+    `num_qubits` does not have."""
     if noise is None:
         return
     if not isinstance(noise, NoiseModel):
         raise TypeError(f"noise must be a NoiseModel or None, got {noise!r}")
-    noise.check(num_qubits)
+    named = {qubit for rule in noise._rules for place in rule.places or () for qubit in place}
+    for qubit in sorted(named | {qubit for qubit in noise._readout if qubit is not None}):
+        if qubit >= num_qubits:
+            raise IndexError(f"noise: qubit {qubit} is named; the circuit has {num_qubits}")
+
+
+def channel_sites(noise: NoiseModel | None, gates: GateList) -> list[Site]:
+    """The channels that follow the gates of a list, in order."""
+    if noise is None or not noise._rules:
+        return []
+    known: dict[tuple[str, tuple[int, ...]], list[tuple[Channel, tuple[int, ...]]]] = {}
+    sites = []
+    for place, gate in enumerate(listed_gates(gates)):
+        name, qubits = full_name(gate), (*gate.controls, *gate.targets)
+        if (name, qubits) not in known:
+            known[name, qubits] = [
+                (rule.channel, at) for rule in noise._rules for at in rule.after(name, qubits)
+            ]
+        sites += [Site(place + 1, *found) for found in known[name, qubits]]
+    return sites
 
 
 def _places(qubits: Places, width: int) -> tuple[tuple[int, ...], ...]:

@@ -25,6 +25,14 @@ constexpr double norm_tolerance = 0.01;
 template <class T>
 constexpr double negligible = sizeof(T) == sizeof(float) ? 0x1p-32 : 0x1p-64;
 
+/// Shots of a state that is none would look like results.
+/// @param least  what usual operators may have left of it.
+void require_norm(double total, double least) {
+    if (total <= 1 + norm_tolerance && total >= least - norm_tolerance) return;
+    throw std::domain_error("the probabilities of the state add up to " + std::to_string(total) +
+                            "; expected 1 where qubits are read");
+}
+
 /// The trace of the product of two Hermitian matrices.
 double trace_of_product(std::span<const std::complex<double>> a,
                         std::span<const std::complex<double>> b) {
@@ -131,7 +139,7 @@ auto ShotFollower<T>::branches_of(State& state, Course& course, Shots shots) -> 
             return branches_of_channel(state, stretch->sites[course.site], std::move(shots));
         return branches_of_stretch(*stretch, course, std::move(shots));
     }
-    normalise(state, course);
+    if (course.least_weight < 1) normalise(state, course);
     if (const auto* const measurement = std::get_if<Measurement>(&step)) {
         return branches_of_outcome(state, measurement->qubit, measurement->draw,
                                    &measurement->error, std::move(shots));
@@ -208,12 +216,7 @@ auto ShotFollower<T>::branches_of_outcome(State& state, unsigned int qubit, std:
     T weights[2];
     state.get_distribution(weights, 0, {qubit});
     const double total = double{weights[0]} + weights[1];
-    if (!(std::abs(total - 1) <= norm_tolerance)) {
-        throw std::domain_error("the probabilities of the state add up to " +
-                                std::to_string(total) + " before " +
-                                (error ? "the measurement" : "a reset") + " of qubit " +
-                                std::to_string(qubit) + "; expected 1");
-    }
+    require_norm(total, 1);
     // A draw below it reads 1.
     double one = weights[1] / total;
     if (std::min(weights[0], weights[1]) <= negligible<T>) one = weights[1] > weights[0] ? 1 : 0;
@@ -318,12 +321,14 @@ void ShotFollower<T>::run_gates(State& state, const GateList& gates) {
     pblinalg::run(state, gates, run_.values, options);
 }
 
-/// Divides a state by its norm where usual operators may have taken from it.
+/// Divides a state by its norm where usual operators may have taken from it, and sees that nothing
+/// else has changed it.
 template <class T>
 void ShotFollower<T>::normalise(State& state, Course& course) const {
-    if (course.least_weight == 1) return;
     std::complex<T>* const amplitudes = state.state.get();
     const T weight = outcome_weight(amplitudes, state.size, {}, 0, threads_);
+    require_norm(weight, course.least_weight);
+    if (course.least_weight == 1) return;
     collapse(amplitudes, state.size, {}, 0, weight, threads_);
     course.least_weight = 1;
 }
