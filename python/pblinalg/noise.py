@@ -131,6 +131,15 @@ class NoiseModel:
         table = self._readout.get(qubit, self._readout.get(None))
         return np.eye(2) if table is None else table.copy()
 
+    def copy(self) -> Self:
+        """A model of its own with the same rules."""
+        result = type(self)()
+        result._rules = list(self._rules)
+        result._readout = dict(self._readout)
+        return result
+
+    __copy__ = copy
+
     def __repr__(self) -> str:
         return f"NoiseModel(rules={len(self._rules)}, readout_errors={len(self._readout)})"
 
