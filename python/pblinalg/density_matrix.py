@@ -15,6 +15,7 @@ from .arguments import (
     Qubits,
     complex_array,
     count,
+    distinct_qubits,
     outcome_number,
 )
 from .channels import Channel, kraus_operators
@@ -229,7 +230,8 @@ class DensityMatrix(Readout):
     def depolarize(self, probability: float, qubits: Qubits) -> Self:
         """`Channel.depolarizing`: with the given probability replaces a qubit, or several together,
         by the fully mixed state."""
-        listed = as_qubits(qubits)
+        # Checked before 4^k matrices are made for them.
+        listed = distinct_qubits(as_qubits(qubits), self.num_qubits)
         return self.channel(Channel.depolarizing(probability, len(listed)), listed)
 
     def bit_flip(self, probability: float, qubit: SupportsIndex) -> Self:

@@ -91,10 +91,30 @@ bool runs_a_list() {
            std::abs(state.state[0] - std::complex<T>(1)) < T(1e-6);
 }
 
+/// Two rows of a list, and the reduced state of one of its qubits.
+template <class T>
+bool sweeps_and_reduces() {
+    using namespace pblinalg;
+    GateList list;
+    list.add(GateKind::RX, 0, Angle::of_parameter(0)).add(GateKind::X, 1, Controls({0}));
+    const std::vector<double> values{0, 3.14159265358979};
+    std::vector<T> probabilities(4);
+    SweepOutput<T> output;
+    output.qubits = {1};
+    output.probabilities = probabilities.data();
+    std::vector<std::complex<double>> reduced(4);
+    const auto job = [&](const BatchJob<T>& job) {
+        reduced_density_matrix(job.state, {1}, reduced.data());
+    };
+    return run_sweep<T>(2, list, {values, 2}, output).finished() &&
+           run_batch<T>(2, 1, job).jobs_done == 1 && seed_of_job(1, 0) != seed_of_job(1, 1) &&
+           probabilities[0] == 1 && probabilities[3] > T(0.999) && reduced[0] == 1.0;
+}
+
 template <class T>
 bool all_hold() {
     return state_vector_members_exist<T>() && record_members_exist<T>() && makes_bell_state<T>() &&
-           runs_a_list<T>();
+           runs_a_list<T>() && sweeps_and_reduces<T>();
 }
 
 bool check(bool holds, const char* claim) {
@@ -108,7 +128,7 @@ int main() {
     bool passed = check(all_exist(&pblinalg::get_num_threads), "get_num_threads exists");
     passed &=
         check(std::strcmp(pblinalg::version(), PBLINALG_VERSION) == 0, "version of the headers");
-    passed &= check(all_hold<float>(), "members, Bell state and gate list in float");
-    passed &= check(all_hold<double>(), "members, Bell state and gate list in double");
+    passed &= check(all_hold<float>(), "members, Bell state, gate list and sweep in float");
+    passed &= check(all_hold<double>(), "members, Bell state, gate list and sweep in double");
     return passed ? 0 : 1;
 }

@@ -132,5 +132,30 @@ TYPED_TEST(Allocations, ThatFailReachTheCallerBeforeAnAmplitudeChanges) {
     }
 }
 
+TYPED_TEST(Allocations, ThatFailForABatchComeBeforeItsFirstJob) {
+    using T = TypeParam;
+    for (const unsigned int n : {3u, min_shared_batch_qubits}) {
+        for (const int workers : {1, 3}) {
+            long failures = 0;
+            std::atomic<int> begun = 0;
+            const std::function<void(const BatchJob<T>&)> job = [&](const BatchJob<T>&) {
+                ++begun;
+            };
+            for (bool failed = true; failed; ++failures) {
+                EXPECT_EQ(begun, 0);
+                allocations_left = failures;
+                try {
+                    run_batch<T>(n, 5, job, {workers, 0, {}});
+                    failed = false;
+                } catch (const std::bad_alloc&) {
+                }
+                allocations_left = -1;
+            }
+            EXPECT_EQ(begun, 5);
+            EXPECT_GT(failures, 2);
+        }
+    }
+}
+
 }  // namespace
 }  // namespace pblinalg::test
