@@ -42,7 +42,7 @@ class BitCounter {
         for (const Measurement* const measurement : course.deferred)
             qubits.push_back(measurement->qubit);
         std::ranges::sort(qubits);
-        qubits.erase(std::ranges::unique(qubits).begin(), qubits.end());
+        qubits.erase(std::unique(qubits.begin(), qubits.end()), qubits.end());
         const std::uint64_t n_draws = run_.program.steps().n_draws;
         draws_.clear();
         for (const std::uint32_t shot : shots)
@@ -93,7 +93,12 @@ void follow_all(ShotRun& run, std::size_t shares, const Follow& follow) {
     const auto caller = std::this_thread::get_id();
     const auto job = [&](const BatchJob<T>& job) {
         const cpu::Block own(shots, job.number, n_jobs, 1);
-        follow(job, own.begin, own.end, std::this_thread::get_id() == caller);
+        try {
+            follow(job, own.begin, own.end, std::this_thread::get_id() == caller);
+        } catch (...) {
+            run.stopped = true;
+            throw;
+        }
     };
     BatchOptions options;
     options.num_threads = run.options.threads;
