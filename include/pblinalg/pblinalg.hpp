@@ -6,6 +6,7 @@
 #include <pblinalg/export.hpp>
 #include <pblinalg/gate_list.hpp>
 #include <pblinalg/gates.hpp>
+#include <pblinalg/gradient.hpp>
 #include <pblinalg/observable.hpp>
 #include <pblinalg/reduced_density_matrix.hpp>
 #include <pblinalg/run.hpp>

@@ -16,7 +16,7 @@ namespace pblinalg {
 /// so that every request for workers gets the same bits on one instruction set. The imaginary parts
 /// of the diagonal are exactly 0; nothing is normalised.
 ///
-/// Cost: one pass over the state and 2^(n+k+2) multiply-adds for k of n qubits; 2^(2k) sums of 16
+/// Cost: one pass over the state and 2^(n+k+1) multiply-adds for k of n qubits; 2^(2k) sums of 16
 /// bytes, up to 64 times where k is small. From a density matrix: a read of 2^(n/2+k) entries.
 ///
 /// @param qubits  distinct; the first listed one is the most significant bit of a and b.

@@ -8,6 +8,7 @@
 #include <functional>
 #include <map>
 #include <memory>
+#include <pblinalg/accuracy.hpp>
 #include <pblinalg/export.hpp>
 #include <pblinalg/gate_list.hpp>
 #include <pblinalg/observable.hpp>
@@ -93,6 +94,8 @@ struct ShotOptions {
     /// States that a worker may hold at once, at least 1. Shots that part are followed on copies,
     /// at most log2(shots) of them; with fewer, what they share is run again.
     std::size_t max_states = 64;
+    /// Of the gates.
+    Accuracy accuracy = Accuracy::exact;
     /// Called once in a while, on the calling thread, with the number of shots that are through:
     /// return false to stop.
     std::function<bool(std::uint64_t)> between = {};

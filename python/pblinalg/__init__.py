@@ -29,6 +29,7 @@ from .circuit import Circuit
 from .counts import Counts
 from .density_matrix import DensityMatrix
 from .gates import Gate
+from .gradients import value_and_gradient
 from .noise import NoiseModel
 from .observable import Observable
 from .program import Conditional, Measure, Reset
@@ -62,6 +63,7 @@ __all__ = [
     "estimate",
     "run",
     "sweep",
+    "value_and_gradient",
 ]
 
 

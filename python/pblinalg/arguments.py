@@ -15,6 +15,8 @@ from ._core import available_memory
 
 #: Names of the two precisions, and other spellings of them.
 Precision = Literal["float", "double", "single", "complex64", "complex128"]
+#: How exact a run of gates is: to the last bit, or up to rounding and faster.
+Accuracy = Literal["exact", "rounding"]
 #: One qubit or classical bit, or several in order.
 Qubits = Union[SupportsIndex, Iterable[SupportsIndex]]
 #: Several qubits in order.
@@ -36,6 +38,12 @@ def precision_name(precision: str) -> Literal["float", "double"]:
     if kind is None:
         raise ValueError(f"precision = {precision!r}: expected 'float' or 'double'")
     return kind
+
+
+def accuracy_name(accuracy: str) -> Accuracy:
+    if accuracy not in ("exact", "rounding"):
+        raise ValueError(f"accuracy = {accuracy!r}: expected 'exact' or 'rounding'")
+    return accuracy  # type: ignore[return-value]
 
 
 def integer(value: SupportsIndex, name: str) -> int:

@@ -13,7 +13,7 @@ from numpy.typing import NDArray
 
 from . import _core
 from ._core import GateList
-from .arguments import Precision, count, precision_name, require_memory, seed_number
+from .arguments import Accuracy, Precision, accuracy_name, count, precision_name, require_memory, seed_number
 from .channels import shot_channel
 from .noise import NoiseModel, channel_sites, check_noise
 from .observable import ObservableLike, observable_on
@@ -71,8 +71,10 @@ class ShotRun:
         precision: Precision,
         threads: SupportsIndex | None,
         seed: SupportsIndex | None,
+        accuracy: Accuracy,
     ) -> None:
         self._precision = precision_name(precision)
+        self._by_rounding = accuracy_name(accuracy) == "rounding"
         workers = _core.hardware_threads() if threads is None else count(threads, "threads", 1)
         self.seed = secrets.randbits(64) if seed is None else seed_number(seed)
         size = register_bytes(num_qubits, precision)
@@ -80,6 +82,9 @@ class ShotRun:
         fitting = max(1, int(min(_core.available_memory() / size, MAX_STATES * workers)))
         self._workers = min(workers, fitting)
         self._max_states = fitting // self._workers
+
+    def _options(self, values: NDArray[np.float64], shots: int) -> tuple[Any, ...]:
+        return values, shots, self.seed, self._workers, self._max_states, self._by_rounding
 
     def count(
         self,
@@ -91,7 +96,7 @@ class ShotRun:
         """How often the classical bits read what."""
         run = program.count_float if self._precision == "float" else program.count_double
         with reporter(progress, shots, "shot") as report:
-            return run(values, shots, self.seed, self._workers, self._max_states, report)
+            return run(*self._options(values, shots), report)
 
     def expectations(
         self,
@@ -105,9 +110,7 @@ class ShotRun:
         single = self._precision == "float"
         run: Any = program.expectations_float if single else program.expectations_double
         with reporter(progress, shots, "trajectory") as report:
-            result: NDArray[np.float64] = run(
-                record, values, shots, self.seed, self._workers, self._max_states, report
-            )
+            result: NDArray[np.float64] = run(record, *self._options(values, shots), report)
         return result
 
 
@@ -131,11 +134,13 @@ def estimate(
     seed: SupportsIndex | None = None,
     progress: Progress = None,
     values: Values | None = None,
+    accuracy: Accuracy = "exact",
     noise: NoiseModel | None = None,
 ) -> tuple[float, float]:
     """The expectation value of an observable at the end of a circuit, with noise, measurements and
-    resets drawn anew in each trajectory: the mean over the trajectories and its standard error. `values` are
-    those of the parameters. Without chance the error is 0.
+    resets drawn anew in each trajectory: the mean over the trajectories and its standard error.
+    `values` are those of the parameters, `accuracy` is that of `pblinalg.run`. Without chance the
+    error is 0.
 
     Trajectory t of a seed is the same for every number of trajectories and threads. A trajectory
     takes the memory of a state vector; `DensityMatrix.run` has the exact value at twice the qubits.
@@ -147,7 +152,7 @@ def estimate(
     numbers = values_in_order(circuit, values)
     check_noise(noise, circuit.num_qubits)
     wanted = observable_on(circuit.num_qubits, observable, hermitian=True)
-    run = ShotRun(circuit.num_qubits, precision, threads, seed)
+    run = ShotRun(circuit.num_qubits, precision, threads, seed, accuracy)
     program = shot_program(circuit.steps, circuit.num_qubits, circuit.num_clbits, noise)
     record = wanted.record(precision_name(precision))
     found = run.expectations(program, record, numbers, number, progress)

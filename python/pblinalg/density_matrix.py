@@ -11,8 +11,10 @@ from numpy.typing import ArrayLike, NDArray
 from . import _core
 from .arguments import (
     MAX_COUNT,
+    Accuracy,
     Precision,
     Qubits,
+    accuracy_name,
     complex_array,
     count,
     distinct_qubits,
@@ -145,12 +147,13 @@ class DensityMatrix(Readout):
         circuit: Program,
         progress: Progress = None,
         values: Values | None = None,
+        accuracy: Accuracy = "exact",
         noise: NoiseModel | None = None,
     ) -> Self:
         """Applies the gates of a circuit without measurements, resets and conditions; each counts
         twice for `progress`, since it acts on rows and columns. `values` are those of its
-        parameters, in order or by parameter or name. With `noise` its channels follow the gates:
-        the exact state that trajectories approach."""
+        parameters, in order or by parameter or name; `accuracy` is that of `pblinalg.run`. With
+        `noise` its channels follow the gates: the exact state that trajectories approach."""
         if not isinstance(circuit, Program):
             raise TypeError(f"circuit must be a Circuit, got {circuit!r}")
         if not circuit.is_unitary:
@@ -160,6 +163,7 @@ class DensityMatrix(Readout):
                 f"circuit acts on {circuit.num_qubits} qubits; the state has {self.num_qubits}"
             )
         numbers = values_in_order(circuit, values)
+        accuracy_name(accuracy)
         check_noise(noise, self.num_qubits)
         parts: list[tuple[_core.GateList, Site | None]] = []
         for step in circuit.steps:
@@ -173,7 +177,7 @@ class DensityMatrix(Readout):
         with reporter(progress, 2 * len(circuit), "gate") as report:
             for gates, follows in parts:
                 if len(gates):
-                    gates.run(self._core, numbers, shifted(report, done), True)
+                    gates.run(self._core, numbers, shifted(report, done), True, accuracy)
                     done += 2 * len(gates)
                 if follows:
                     self.channel(follows.channel, follows.qubits)

@@ -9,6 +9,7 @@ import numpy as np
 from numpy.typing import NDArray
 
 from ._core import GateList
+from .arguments import Accuracy
 from .program import Conditional, Measure, Step, count_gates
 
 
@@ -19,13 +20,14 @@ def run_steps(
     values: NDArray[np.float64],
     report: Callable[[int], object] | None = None,
     done: int = 0,
+    accuracy: Accuracy = "exact",
 ) -> int:
     """Applies steps to a state; measurements write `bits`, `values` are those of the
     parameters, `report` is told the number of gates
     that are through, `done` of them before. Returns that number."""
     for step in steps:
         if isinstance(step, GateList):
-            step.run(core, values, shifted(report, done))
+            step.run(core, values, shifted(report, done), accuracy=accuracy)
             done += len(step)
         elif isinstance(step, Measure):
             bits[step.clbit] = core.measure([step.qubit])
@@ -33,7 +35,7 @@ def run_steps(
         elif isinstance(step, Conditional):
             read = "".join(str(bits[clbit]) for clbit in step.clbits)
             if int(read or "0", 2) == step.value:
-                run_steps(core, step.steps, bits, values, report, done)
+                run_steps(core, step.steps, bits, values, report, done, accuracy)
             done += count_gates(step.steps)
         else:
             core.project_then_reset([step.qubit], core.measure([step.qubit]))

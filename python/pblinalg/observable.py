@@ -423,10 +423,10 @@ ObservableLike = Observable | Mapping[str, complex] | str
 
 
 def observable_on(
-    num_qubits: int, observable: ObservableLike, hermitian: bool = False
+    num_qubits: int, observable: ObservableLike, hermitian: bool = False, owner: str = "state"
 ) -> Observable:
-    """What a readout of a state of that many qubits takes. `hermitian`: its coefficients are to be
-    real."""
+    """What a readout of a state, or another `owner`, of that many qubits takes. `hermitian`: its
+    coefficients are to be real."""
     if isinstance(observable, (str, Mapping)):
         observable = Observable(observable, num_qubits)
     if not isinstance(observable, Observable):
@@ -435,7 +435,7 @@ def observable_on(
         )
     if observable.num_qubits != num_qubits:
         raise ValueError(
-            f"observable acts on {observable.num_qubits} qubits; the state has {num_qubits}"
+            f"observable acts on {observable.num_qubits} qubits; the {owner} has {num_qubits}"
         )
     if hermitian and not observable.is_hermitian():
         raise ValueError("observable has coefficients that are not real; expected real ones")

@@ -286,7 +286,7 @@ class Readout(GateMethods):
         as a 2^k x 2^k array, the first listed qubit being the most significant bit of rows and
         columns. Not normalised.
 
-        One pass over the amplitudes, and 4 multiply-adds per amplitude and row; sums are kept in
+        One pass over the amplitudes, and 2 multiply-adds per amplitude and row; sums are kept in
         double whatever the precision and are the same for every number of threads. It takes up to
         64 arrays of the result's size where that is small, 2 from 9 qubits on: 12 qubits are
         256 MiB each."""

@@ -12,7 +12,7 @@ import numpy as np
 from numpy.typing import NDArray
 
 from ._core import GateList
-from .arguments import Precision, count
+from .arguments import Accuracy, Precision, accuracy_name, count
 from .branching import ShotRun, shot_program, with_spaces
 from .counts import Counts
 from .execution import shifted
@@ -31,11 +31,14 @@ def run(
     seed: SupportsIndex | None = None,
     progress: Progress = None,
     values: Values | None = None,
+    accuracy: Accuracy = "exact",
     noise: NoiseModel | None = None,
 ) -> Counts:
     """Runs a circuit from |0...0> and counts what its measurements read. `values` are those of its
     parameters, in order or by parameter or name; `noise` puts channels after its gates and errors
-    into its measurements, drawn anew in every shot.
+    into its measurements, drawn anew in every shot. `accuracy="rounding"` takes less time and gives
+    amplitudes that agree with those of "exact" up to rounding: within 1e-12, in float 2e-5, after a
+    thousand gates.
 
     A circuit without measurements is read out over all qubits at its end. Where nothing acts on a
     qubit after it was measured, and nothing else is left to chance, the circuit is simulated once
@@ -55,6 +58,7 @@ def run(
         raise TypeError(f"circuit must be a Circuit, got {circuit!r}")
     number = count(shots, "shots")
     numbers = values_in_order(circuit, values)
+    accuracy_name(accuracy)
     check_noise(noise, circuit.num_qubits)
     steps: Sequence[Step] = circuit.steps
     num_bits, registers = circuit.num_clbits, circuit.registers
@@ -64,14 +68,14 @@ def run(
         steps = [*steps, *(Measure(qubit, qubit) for qubit in range(num_bits))]
     plan = _plan(steps, circuit.num_qubits)
     if noise is not None or _may_branch(plan):
-        shot_run = ShotRun(circuit.num_qubits, precision, threads, seed)
+        shot_run = ShotRun(circuit.num_qubits, precision, threads, seed, accuracy)
         program = shot_program(steps, circuit.num_qubits, num_bits, noise)
         counts = shot_run.count(program, numbers, number, progress)
         result = Counts(with_spaces(counts, registers))
         result.seed = shot_run.seed
         return result
     state = StateVector(circuit.num_qubits, precision, threads, seed)
-    course = _Course(state, numbers, num_bits)
+    course = _Course(state, numbers, num_bits, accuracy)
     with reporter(progress, count_gates(steps), "gate") as report:
         course.report = report
         course.follow(plan)
@@ -97,9 +101,16 @@ class _Course:
     """A run of a plan in which nothing is left to chance before the end: the bits read so far, and
     the final measurements, which are sampled together, as qubits by classical bit."""
 
-    def __init__(self, state: StateVector, values: NDArray[np.float64], num_bits: int) -> None:
+    def __init__(
+        self,
+        state: StateVector,
+        values: NDArray[np.float64],
+        num_bits: int,
+        accuracy: Accuracy,
+    ) -> None:
         self._state = state
         self._values = values
+        self._accuracy = accuracy
         self.bits = [0] * num_bits
         self.deferred: dict[int, int] = {}
         self.report: Callable[[int], object] | None = None
@@ -110,7 +121,8 @@ class _Course:
         for node in nodes:
             step = node.step
             if isinstance(step, GateList):
-                step.run(self._state.core, self._values, shifted(self.report, self._done))
+                report = shifted(self.report, self._done)
+                step.run(self._state.core, self._values, report, accuracy=self._accuracy)
                 self._done += len(step)
             elif isinstance(step, Conditional):
                 read = "".join(str(self.bits[clbit]) for clbit in step.clbits)

@@ -10,8 +10,10 @@ from numpy.typing import ArrayLike, NDArray
 
 from .arguments import (
     MAX_COUNT,
+    Accuracy,
     Precision,
     Qubits,
+    accuracy_name,
     complex_array,
     count,
     distinct_qubits,
@@ -199,14 +201,19 @@ class StateVector(Readout):
     # ---- Running ---------------------------------------------------------------------------------
 
     def run(
-        self, circuit: Program, progress: Progress = None, values: Values | None = None
+        self,
+        circuit: Program,
+        progress: Progress = None,
+        values: Values | None = None,
+        accuracy: Accuracy = "exact",
     ) -> Self:
         """Applies a circuit once, measurements and all, to the state as it is. `values` are those
-        of its parameters, in order or by parameter or name.
+        of its parameters, in order or by parameter or name; `accuracy` is that of `pblinalg.run`.
 
         Ctrl-C, and an exception from `progress`, stop between passes over the state: it then holds
         the effect of exactly the gates and measurements up to there, and `core.gates_applied` has
-        grown by the number of those gates. While gates run, the state is not to be used.
+        grown by the number of those gates. With `accuracy="rounding"` a stop first runs up to a
+        thousand more gates, which others have overtaken. While gates run, the state is not to be used.
         """
         if not isinstance(circuit, Program):
             raise TypeError(f"circuit must be a Circuit, got {circuit!r}")
@@ -215,9 +222,10 @@ class StateVector(Readout):
                 f"circuit acts on {circuit.num_qubits} qubits; the state has {self.num_qubits}"
             )
         numbers = values_in_order(circuit, values)
+        accuracy_name(accuracy)
         self._bits = [0] * circuit.num_clbits
         with reporter(progress, len(circuit), "gate") as report:
-            run_steps(self._core, circuit.steps, self._bits, numbers, report)
+            run_steps(self._core, circuit.steps, self._bits, numbers, report, accuracy=accuracy)
         return self
 
     # ---- Reading ---------------------------------------------------------------------------------

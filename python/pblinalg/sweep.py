@@ -115,11 +115,12 @@ def sweep(
     if not isinstance(circuit, Program):
         raise TypeError(f"circuit must be a Circuit, got {circuit!r}")
     if not circuit.is_unitary:
-        raise ValueError(
-            "circuit: a sweep runs circuits that hold gates only; shots read their end"
-        )
+        raise ValueError("circuit: a sweep runs circuits that hold gates only")
     n = circuit.num_qubits
-    asked = [observables is not None, bool(probabilities), shots is not None, bool(states)]
+    for name, flag in (("probabilities", probabilities), ("states", states)):
+        if not isinstance(flag, bool):
+            raise TypeError(f"{name} must be True or False, got {flag!r}")
+    asked = [observables is not None, probabilities, shots is not None, states]
     if sum(asked) != 1:
         raise ValueError(
             f"{sum(asked)} of observables, probabilities, shots and states are given; expected "
@@ -130,7 +131,8 @@ def sweep(
     if seed is not None and shots is None:
         raise ValueError(f"seed = {seed!r}: only shots take one")
     kind = precision_name(precision)
-    workers = _core.hardware_threads() if threads is None else count(threads, "threads", 1)
+    processors = _core.hardware_threads()
+    workers = processors if threads is None else count(threads, "threads", 1)
     first_seed = secrets.randbits(64) if seed is None else seed_number(seed)
     listed = list(range(n)) if qubits is None else distinct_qubits(as_qubits(qubits), n)
     sets = value_rows(circuit, values)
@@ -139,7 +141,7 @@ def sweep(
     many: list[Observable] = []
     single = False
     out: dict[str, NDArray[Any]] = {}
-    own_states = min(workers, rows) if n < PARALLEL_QUBITS else 1
+    own_states = min(workers, processors, rows) if n < PARALLEL_QUBITS else 1
     needed = own_states * register_bytes(n, kind)
 
     def array(name: str, columns: float, dtype: Any) -> None:
@@ -188,12 +190,10 @@ def sweep(
 
 
 def _gates_of(circuit: Program) -> _core.GateList:
-    """All gates in one list, which keeps its plan for the next sweep."""
-    if len(circuit.steps) == 1 and isinstance(circuit.steps[0], _core.GateList):
-        return circuit.steps[0]
-    joined = circuit.copy()
-    # A circuit without gates has no list yet.
-    return joined.steps[0] if joined.steps else _core.GateList(circuit.num_qubits)  # type: ignore[return-value]
+    """The one list of a circuit that holds gates only, which keeps its plan."""
+    (gates,) = circuit.steps or (_core.GateList(circuit.num_qubits),)
+    assert isinstance(gates, _core.GateList)
+    return gates
 
 
 def _counts(outcomes: NDArray[np.uint64], width: int, seed: int) -> Counts:

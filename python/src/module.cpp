@@ -1,6 +1,6 @@
 // The extension module: what the machine offers, and how a fork is survived. The classes are bound
 // in records.cpp, state.cpp, gate_lists.cpp and gate_methods.cpp, sweeps and reduced density
-// matrices in sweeps.cpp, shot programs in shots.cpp.
+// matrices in sweeps.cpp, gradients in gradients.cpp, shot programs in shots.cpp.
 #include <nanobind/nanobind.h>
 #include <nanobind/stl/string.h>
 #include <nanobind/stl/vector.h>
@@ -104,6 +104,7 @@ NB_MODULE(_core, module) {
     python::bind_state<float>(module);
     python::bind_state<double>(module);
     python::bind_gate_lists(module);
+    python::bind_gradients(module);
     python::bind_gate_methods(module);
     python::bind_shots(module);
     python::bind_sweeps<float>(module);

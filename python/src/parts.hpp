@@ -12,6 +12,7 @@ void bind_state(nanobind::module_& module);
 template <class T>
 void bind_sweeps(nanobind::module_& module);
 void bind_gate_lists(nanobind::module_& module);
+void bind_gradients(nanobind::module_& module);
 void bind_gate_methods(nanobind::module_& module);
 void bind_shots(nanobind::module_& module);
 void bind_machine(nanobind::module_& module);

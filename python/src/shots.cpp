@@ -34,7 +34,8 @@ double probability_argument(nb::handle value, const char* name) {
 /// Runs `work(values, options)` with what Python says about a run.
 template <class Work>
 auto run_program(BoundProgram& self, nb::handle values, nb::handle shots, nb::handle seed,
-                 nb::handle threads, nb::handle max_states, nb::handle progress, const Work& work) {
+                 nb::handle threads, nb::handle max_states, nb::handle by_rounding,
+                 nb::handle progress, const Work& work) {
     const Use use(self);
     if (self.open_conditions > 0)
         raise(PyExc_ValueError, "%zu conditions are not closed", self.open_conditions);
@@ -48,6 +49,7 @@ auto run_program(BoundProgram& self, nb::handle values, nb::handle shots, nb::ha
     options.seed = unsigned_argument(seed, "seed");
     options.threads = int_argument(threads, "threads");
     options.max_states = unsigned_argument(max_states, "max_states");
+    if (bool_argument(by_rounding, "by_rounding")) options.accuracy = Accuracy::rounding;
     Watch watch(progress);
     const auto result = [&] {
         Unlocked unlocked(true);
@@ -61,9 +63,9 @@ auto run_program(BoundProgram& self, nb::handle values, nb::handle shots, nb::ha
 template <class T>
 nb::dict count_bits_of_shots(BoundProgram& self, nb::handle values, nb::handle shots,
                              nb::handle seed, nb::handle threads, nb::handle max_states,
-                             nb::handle progress) {
+                             nb::handle by_rounding, nb::handle progress) {
     const auto counts =
-        run_program(self, values, shots, seed, threads, max_states, progress,
+        run_program(self, values, shots, seed, threads, max_states, by_rounding, progress,
                     [&](std::span<const double> numbers, const ShotOptions& options) {
                         return count_shots<T>(self.program, numbers, options);
                     });
@@ -76,10 +78,11 @@ nb::dict count_bits_of_shots(BoundProgram& self, nb::handle values, nb::handle s
 template <class T>
 nb::object expectations_of_shots(BoundProgram& self, const BoundObservable<T>& observable,
                                  nb::handle values, nb::handle shots, nb::handle seed,
-                                 nb::handle threads, nb::handle max_states, nb::handle progress) {
+                                 nb::handle threads, nb::handle max_states, nb::handle by_rounding,
+                                 nb::handle progress) {
     check_observable<T>(observable, self.program.nqubits());
     const auto found =
-        run_program(self, values, shots, seed, threads, max_states, progress,
+        run_program(self, values, shots, seed, threads, max_states, by_rounding, progress,
                     [&](std::span<const double> numbers, const ShotOptions& options) {
                         return shot_expectations<T>(self.program, observable, numbers, options);
                     });
@@ -232,7 +235,8 @@ void bind_shots(nb::module_& module) {
             "Ends what `begin_condition` began.");
 #define PBLINALG_BIND(FUNCTION, NAME, DOC, ...)                                                  \
     target.def(NAME, FUNCTION, __VA_ARGS__ nb::arg("values"), nb::arg("shots"), nb::arg("seed"), \
-               nb::arg("threads"), nb::arg("max_states"), nb::arg("progress") = nb::none(), DOC)
+               nb::arg("threads"), nb::arg("max_states"), nb::arg("by_rounding"),                \
+               nb::arg("progress") = nb::none(), DOC)
     const char* const count_doc =
         "How often the classical bits read what, the first bit leftmost. `progress` is told the "
         "shots that are\nthrough once in a while.";

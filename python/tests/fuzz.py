@@ -177,7 +177,9 @@ SKIPPED = {
     "print", "main", "plot", "load", "save", "pop", "popitem", "setdefault", "update", "fromkeys",
 }  # fmt: skip
 SPECIAL = ("__init__", "__len__", "__call__", "__iter__", "__add__", "__mul__", "__str__")
-TAKE_SHOTS = ("sample", "estimate", "evaluate_terms", "sample_subset", "sample_outcomes", "run", "sweep")
+TAKE_SHOTS = (
+    "sample", "estimate", "evaluate_terms", "sample_subset", "sample_outcomes", "run", "sweep",
+)  # fmt: skip
 
 
 def public_names(target):

@@ -64,7 +64,7 @@ def changed(edit):
 
 EYE = np.eye(4, dtype=complex)
 CASES = [
-    (changed(lambda data: data[:-16]), "holds 240 bytes; expected 256 for shape .8,.: the file was"),
+    (changed(lambda data: data[:-16]), "holds 240 bytes; expected 256 for shape .8,.: the"),
     (changed(lambda data: data + b"\0"), "holds 257 bytes; expected 256"),
     (changed(lambda data: data[:50]), "is no .npy file of an array"),
     (changed(lambda data: b""), "is no .npy file of an array"),

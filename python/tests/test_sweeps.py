@@ -61,8 +61,8 @@ def test_values_come_in_every_form():
     assert np.array_equal(held, pb.sweep(circuit, same, "Z0"))
     assert pb.sweep(circuit, VALUES[:0], ["Z0", "X0"]).shape == (0, 2)
     assert pb.sweep(pb.Circuit(2), np.empty((3, 0)), "ZZ").tolist() == [1, 1, 1]
-    # A condition's block closed: the gates behind it are in a list of their own.
-    joined = pb.Circuit(4).compose(ansatz()).compose(ansatz().inverse())
+    # Gates of several circuits are one list.
+    joined = pb.Circuit(4, 9).compose(ansatz()).compose(ansatz().inverse())
     assert np.allclose(pb.sweep(joined, VALUES, probabilities=True)[:, 0], 1)
 
 

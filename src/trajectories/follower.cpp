@@ -316,6 +316,7 @@ void ShotFollower<T>::collapse_to(State& state, unsigned int qubit, const Branch
 template <class T>
 void ShotFollower<T>::run_gates(State& state, const GateList& gates) {
     RunOptions options;
+    options.accuracy = run_.options.accuracy;
     if (looks_ && run_.options.between)
         options.between_passes = [&](std::size_t) { return look(); };
     pblinalg::run(state, gates, run_.values, options);

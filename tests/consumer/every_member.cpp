@@ -74,6 +74,22 @@ bool makes_bell_state() {
     return *kept == std::map<unsigned long long, std::complex<T>>{{0, amplitude}, {3, amplitude}};
 }
 
+/// The derivative of <ZZ>, which is constant, and the overlap with the state itself.
+template <class T>
+bool differentiates(const pblinalg::cpu::PybindLinAlgStateVectorCPU<T>& zero,
+                    const pblinalg::GateList& list) {
+    using namespace pblinalg;
+    const WObservable<T> observable{{T(1)}, {0}, {3}, {0}, T(0), 0};
+    cpu::PybindLinAlgStateVectorCPU<T> state(2);
+    state.reset();
+    const std::vector<double> values{0.25};
+    const Gradient of_value = value_and_gradient<T>(state, list, std::span(&observable, 1), values);
+    state.reset();
+    const Gradient of_overlap = overlap_and_gradient<T>(state, list, zero, values);
+    return std::abs(of_value.values[0] - 1) < 1e-6 && std::abs(of_value.jacobian[0]) < 1e-6 &&
+           std::abs(of_overlap.values[0] - 0.5) < 1e-6;
+}
+
 /// A parametrised list, stopped between passes and run again.
 template <class T>
 bool runs_a_list() {
@@ -87,7 +103,8 @@ bool runs_a_list() {
     state.reset();
     const RunReport report = run(state, both, std::vector{0.25});
     return report.finished() && report.gates_done == both.size() && both.n_parameters() == 1 &&
-           list.conjugate() != list && info(GateKind::RXX).name == "RXX" &&
+           differentiates(state, list) && list.conjugate() != list &&
+           info(GateKind::RXX).name == "RXX" &&
            std::abs(state.state[0] - std::complex<T>(1)) < T(1e-6);
 }
 
