@@ -44,7 +44,8 @@ def run(
     qubit after it was measured, and nothing else is left to chance, the circuit is simulated once
     and sampled. Otherwise shots that read and draw the same so far are simulated together, and go on
     from copies of their state where they part: at most log2(shots) copies at once, and fewer where
-    memory is short. An outcome is certain when the other one has a probability of at most 2^-64 (in
+    memory is short. `threads` are then, below 18 qubits, those that share the shots, by default one
+    per processor. An outcome is certain when the other one has a probability of at most 2^-64 (in
     float 2^-32).
 
     The same seed gives the same counts for every number of threads; but where a state of 2^16
