@@ -64,6 +64,8 @@ def described(thing):
         return str(thing), pb.StateVector(3).h(0).expectation(thing)
     if isinstance(thing, pb.Counts):
         return dict(thing), thing.seed
+    if isinstance(thing, pb.NoiseModel):
+        return repr(thing), every_gate().run(40, seed=1, noise=thing)
     if isinstance(thing, SMALL):
         return [thing, getattr(thing, "steps", None)]
     if type(thing).__name__ in dir(low):
@@ -80,6 +82,11 @@ def conditional() -> pb.Conditional:
     with circuit.if_(1):
         circuit.h(0).rx(pb.Parameter("a"), 1).measure(0)
     return circuit.steps[0]
+
+
+def noisy() -> pb.NoiseModel:
+    noise = pb.NoiseModel().add(pb.Channel.depolarizing(0.3, 2), "cx", (0, 2))
+    return noise.add_readout_error([[0.9, 0.1], [0.2, 0.8]], 1)
 
 
 def told(thing, name):
@@ -121,11 +128,12 @@ LOWER = [
     *(lambda k=k: lower_observable(k) for k in OBSERVABLES),
     *(lambda k=k: k([2, 0], "XY", 0.5) for k in TERMS), lambda: pb.Circuit(2).h(0).steps[0],
 ]  # fmt: skip
-SMALL = (pb.Conditional, pb.Gate, pb.Measure, pb.Parameter, pb.Reset)
+SMALL = (pb.Channel, pb.Conditional, pb.Gate, pb.Measure, pb.Parameter, pb.Reset)
 MAKERS = [
     every_gate, used_observable, used_state, released, mixed, lambda: every_gate().run(50),
     conditional, lambda: next(iter(pb.Circuit(2).cx(0, 1))), lambda: pb.Measure(1, 0),
-    lambda: pb.Reset(1), lambda: 2 * pb.Parameter("a") + 1,
+    lambda: pb.Reset(1), lambda: 2 * pb.Parameter("a") + 1, noisy,
+    lambda: pb.Channel.phase_damping(0.3), lambda: pb.Channel.amplitude_damping(0.3),
 ]  # fmt: skip
 
 
