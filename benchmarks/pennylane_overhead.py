@@ -1,5 +1,6 @@
-"""What a QNode costs outside the library: medians of whole gradients, and what is left of them without
-the run forwards and backwards; of the rest, what the translation takes. The circuit has 20 qubits,
+"""What a QNode costs outside the library: medians of whole gradients, and what is left of them
+without the run forwards and backwards; of the rest, what the translation takes. `null.qubit` is the
+whole of the same gradient on PennyLane's device that computes nothing. The circuit has 20 qubits,
 layers of RX, RZ and CNOT with an angle of their own in every rotation, and an Ising energy of 39
 terms. `pennylane_overhead.py [REPETITIONS]`.
 """
@@ -17,13 +18,13 @@ import pblinalg.pennylane
 NUM_WIRES = 20
 
 
-def layered_node(precision: str, layers: int) -> qml.QNode:
+def layered_node(device: qml.devices.Device, layers: int) -> qml.QNode:
     """An energy as a function of an array of `layers` times 2 times `NUM_WIRES` angles."""
     pairs = [qml.Z(wire) @ qml.Z(wire + 1) for wire in range(NUM_WIRES - 1)]
     fields = [qml.X(wire) for wire in range(NUM_WIRES)]
     energy = qml.Hamiltonian([-1.0] * len(pairs) + [0.5] * len(fields), pairs + fields)
 
-    @qml.qnode(qml.device("pblinalg.qubit", wires=NUM_WIRES, precision=precision))
+    @qml.qnode(device, diff_method="device")
     def node(angles):
         for layer in range(layers):
             for wire in range(NUM_WIRES):
@@ -55,11 +56,16 @@ class Watch:
 def main() -> None:
     repetitions = int(sys.argv[1]) if len(sys.argv) > 1 else 5
     inside, translation = Watch("value_and_gradient"), Watch("Translation")
-    print(f"{'milliseconds':24}{'whole':>8}{'outside':>9}{'translation':>13}{'share outside':>15}")
+    print(
+        f"{'milliseconds':24}{'whole':>8}{'outside':>9}{'translation':>13}{'null.qubit':>12}"
+        f"{'share outside':>15}"
+    )
     for layers in (6, 40):
         for precision in ("double", "float"):
-            node = layered_node(precision, layers)
+            device = qml.device("pblinalg.qubit", wires=NUM_WIRES, precision=precision)
+            node = layered_node(device, layers)
             gradient = qml.grad(node)
+            null = qml.grad(layered_node(qml.device("null.qubit", wires=NUM_WIRES), layers))
             shape = (layers, 2, NUM_WIRES)
             angles = np.array(numpy.random.default_rng(1).random(shape), requires_grad=True)
             gates = len(qml.workflow.construct_tape(node)(angles).operations)
@@ -69,10 +75,16 @@ def main() -> None:
                 start = time.perf_counter()
                 gradient(angles)
                 whole = time.perf_counter() - start
-                rows.append((whole, whole - inside.seconds, translation.seconds))
-            whole, outside, translated = (1e3 * statistics.median(c) for c in zip(*rows))
+                start = time.perf_counter()
+                null(angles)
+                alone = time.perf_counter() - start
+                rows.append((whole, whole - inside.seconds, translation.seconds, alone))
+            whole, outside, translated, alone = (1e3 * statistics.median(c) for c in zip(*rows))
             title = f"{gates} gates, {precision}"
-            print(f"{title:24}{whole:8.1f}{outside:9.2f}{translated:13.2f}{outside / whole:15.1%}")
+            print(
+                f"{title:24}{whole:8.1f}{outside:9.2f}{translated:13.2f}{alone:12.2f}"
+                f"{outside / whole:15.1%}"
+            )
 
 
 if __name__ == "__main__":

@@ -35,14 +35,14 @@ class Simulator(
     precision: "double" (complex128 amplitudes) or "float" (complex64).
     threads: worker threads, by default one per processor from 18 qubits on and one below.
     accuracy: "exact" or "rounding", as in `pblinalg.run`.
-    seed: of everything that is drawn: an integer or a `numpy.random.RandomState`; by default NumPy's
-    global generator.
+    seed: of everything that is drawn: an integer or a `numpy.random.RandomState`; by default
+    NumPy's global generator.
 
     An initial state is an integer, 2^n amplitudes of norm 1, the first qubit being the most
     significant bit, or what else Cirq makes such an array of. Circuits with the same symbols in
-    linear angles are translated once for all values. TypeError names operations that have no unitary
-    and are neither measurement nor reset; ValueError circuits with qudits or without values for their
-    symbols.
+    linear angles are translated once for all values. TypeError names operations that have no
+    unitary and are neither measurement nor reset; ValueError is for qudits and for symbols without
+    a value.
     """
 
     def __init__(
@@ -84,7 +84,7 @@ class Simulator(
     def _records(
         self, translation: Translation, values: Sequence[float], repetitions: int
     ) -> dict[str, NDArray[np.uint8]]:
-        """What was read, by key: one row for each repetition, then each use of the key, then bits."""
+        """What was read, by key: repetitions, then uses of the key, then bits."""
         counts = run(
             translation.circuit,
             repetitions,
@@ -202,7 +202,8 @@ class Simulator(
         if isinstance(initial_state, (int, np.integer)):
             if not 0 <= initial_state < 1 << n:
                 raise ValueError(
-                    f"initial_state = {initial_state}: expected a value between 0 and {(1 << n) - 1}"
+                    f"initial_state = {initial_state}: expected a value between 0 and "
+                    f"{(1 << n) - 1}"
                 )
             state.set_product(format(initial_state, f"0{n}b") if n else "")
             return
@@ -266,7 +267,7 @@ def _pauli_sum(paulis: cirq.PauliSum, qubits: Sequence[cirq.Qid]) -> Observable:
         letters = ["I"] * len(qubits)
         for qubit, pauli in string.items():
             if qubit not in places:
-                raise ValueError(f"an observable acts on {qubit!r}, which the circuit does not hold")
+                raise ValueError(f"an observable acts on {qubit!r}, the circuit does not")
             letters[places[qubit]] = str(pauli)
         terms.append(("".join(letters), complex(string.coefficient)))
     return Observable(terms, len(qubits))

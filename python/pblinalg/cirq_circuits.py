@@ -1,11 +1,11 @@
-"""Circuits of Cirq as circuits of the library. Qubits become numbers here and nowhere else: the first
-one of the qubit order is qubit 0, which is the most significant bit on both sides. Exponents count
-half turns; what has no counterpart is a matrix or is taken apart by Cirq."""
+"""Circuits of Cirq as circuits of the library. Qubits become numbers here and nowhere else: the
+first one of the qubit order is qubit 0, which is the most significant bit on both sides. Exponents
+count half turns; what has no counterpart is a matrix or is taken apart by Cirq."""
 
 from __future__ import annotations
 
 import math
-from collections.abc import Callable, Mapping, Sequence
+from collections.abc import Callable, Sequence
 from typing import Any
 
 import cirq
@@ -15,6 +15,7 @@ from numpy.typing import NDArray
 
 from ._core import Parameter
 from .circuit import Circuit
+from .nested_controls import Under, more_controls
 
 #: A condition is looked at for all values of at most so many measured bits.
 _CONDITION_BITS = 12
@@ -22,7 +23,6 @@ _CONDITION_BITS = 12
 _MATRIX_QUBITS = 10
 
 Angle = float | Parameter
-Under = Mapping[str, Any]
 
 
 class NotLinear(ValueError):
@@ -40,16 +40,6 @@ def _turns(exponent: Any, factor: float) -> Angle:
     (symbol,) = symbols
     offset = float(exponent.subs(symbol, 0))
     return math.pi * factor * Parameter(symbol.name, float(slope), offset)
-
-
-def _more(under: Under, controls: Sequence[int], values: Sequence[int]) -> dict[str, Any]:
-    state = "".join(map(str, values))
-    if under:
-        return {
-            "controls": [*under["controls"], *controls],
-            "ctrl_state": under["ctrl_state"] + state,
-        }
-    return {"controls": list(controls), "ctrl_state": state}
 
 
 #: Methods for gates whose exponent is one of these.
@@ -87,7 +77,7 @@ def _phase(circuit: Circuit, angle: Angle, under: Under) -> None:
 def _power(
     circuit: Circuit, kind: type, exponent: Any, shift: float, qubits: Sequence[int], under: Under
 ) -> bool:
-    """A gate to a power, and half turns of phase times the exponent; False for what is no method."""
+    """A gate to a power, and half turns of phase times that; False for what is no method."""
     named = _NAMED.get(kind, {}).get(exponent if isinstance(exponent, (int, float)) else None)
     if named:
         getattr(circuit, named)(*qubits, **under)
@@ -126,7 +116,7 @@ def _phased_xz(circuit: Circuit, gate: Any, qubits: Sequence[int], under: Under)
 def _f_sim(circuit: Circuit, gate: Any, qubits: Sequence[int], under: Under) -> None:
     swap, phase = (_turns(angle / math.pi, 1) for angle in (gate.theta, gate.phi))
     circuit.rxx(swap, *qubits, **under).ryy(swap, *qubits, **under)
-    circuit.p(-phase, qubits[1], **_more(under, qubits[:1], [1]))
+    circuit.p(-phase, qubits[1], **more_controls(under, qubits[:1], [1]))
 
 
 def _is_diagonal(matrix: NDArray[Any]) -> bool:
@@ -196,7 +186,7 @@ class Translation:
         if isinstance(op, cirq.ControlledOperation):
             controls = [self._places[qubit] for qubit in op.controls]
             for values in op.control_values.expand():
-                self._unitary(op.sub_operation, _more(under, controls, values))
+                self._unitary(op.sub_operation, more_controls(under, controls, values))
             return
         symbols = cirq.is_parameterized(op)
         if len(qubits) <= 3 and not symbols and cirq.has_unitary(op):
@@ -233,21 +223,21 @@ class Translation:
             count = gate.num_controls()
             targets = qubits[count:]
             for values in gate.control_values.expand():
-                inner = _more(under, qubits[:count], values)
+                inner = more_controls(under, qubits[:count], values)
                 if not self._gate(gate.sub_gate, targets, inner):
                     if len(targets) > _MATRIX_QUBITS or not cirq.has_unitary(gate.sub_gate):
                         return False
                     _matrix(self.circuit, gate.sub_gate, targets, inner)
             return True
         if isinstance(gate, cirq.CSwapGate):
-            self.circuit.swap(*qubits[1:], **_more(under, qubits[:1], [1]))
+            self.circuit.swap(*qubits[1:], **more_controls(under, qubits[:1], [1]))
             return True
         shift = getattr(gate, "global_shift", 0)
         if kind in _CONTROLLED:
             count, kind = _CONTROLLED[kind]
             if shift:
                 _phase(self.circuit, _turns(gate.exponent, shift), under)
-            inner = _more(under, qubits[:count], [1] * count)
+            inner = more_controls(under, qubits[:count], [1] * count)
             return _power(self.circuit, kind, gate.exponent, 0, qubits[count:], inner)
         if kind in _NAMED or kind in _ROTATIONS:
             return _power(self.circuit, kind, gate.exponent, shift, qubits, under)

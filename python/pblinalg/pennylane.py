@@ -1,8 +1,9 @@
-"""The PennyLane device `pblinalg.qubit`. What its circuits become is said in `pennylane_circuits`, how
-they are measured in `pennylane_measurements`."""
+"""The PennyLane device `pblinalg.qubit`. What its circuits become is said in `pennylane_circuits`,
+how they are measured in `pennylane_measurements`."""
 
 from __future__ import annotations
 
+import operator
 from collections.abc import Sequence
 from dataclasses import replace
 from typing import Any
@@ -50,8 +51,10 @@ from .pennylane_measurements import (
     as_pauli_sum,
     differentiable,
     measure_exactly,
+    pauli_sum,
 )
 from .state_vector import StateVector
+from .sweep import sweep
 
 __all__ = ["PblinalgQubit"]
 
@@ -67,9 +70,26 @@ def _is_trained(op: Operator) -> bool:
     return any(qml.math.requires_grad(value) for value in op.data)
 
 
+def _is_batched(op: Operator) -> bool:
+    """Whether data have a dimension of many values. PennyLane takes long to say so of angles."""
+    if has_angles(op):
+        return any(getattr(value, "shape", ()) for value in op.data)
+    return op.batch_size is not None
+
+
+@qml.transform
+def _split_batches(tape: QuantumScript) -> Any:
+    """A circuit for each value of data that have many."""
+    if any(map(_is_batched, tape.operations)):
+        return broadcast_expand(tape)
+    return (tape,), operator.itemgetter(0)
+
+
 def _has_derivative(op: Operator) -> bool:
-    return _without_measurements(op) and not isinstance(op, qml.Projector) and (
-        has_angles(op) or not _is_trained(op)
+    return (
+        _without_measurements(op)
+        and not isinstance(op, qml.Projector)
+        and (has_angles(op) or not _is_trained(op))
     )
 
 
@@ -232,7 +252,7 @@ class PblinalgQubit(Device):
             pipeline.add_transform(
                 validate_measurements, analytic_measurements=_is_expectation, name=name
             )
-            pipeline.add_transform(broadcast_expand)
+            pipeline.add_transform(_split_batches)
             pipeline.add_transform(validate_adjoint_trainable_params)
         return pipeline
 
@@ -249,7 +269,7 @@ class PblinalgQubit(Device):
         return tuple(self._execute(circuit, fill) for circuit in circuits)
 
     def _execute(self, tape: QuantumScript, fill_shots: bool) -> Any:
-        if tape.batch_size is not None:
+        if any(map(_is_batched, tape.operations)):
             return self._execute_batch(tape, fill_shots)
         qubits = self._qubits(tape)
         state, operations, _ = self._prepared(tape, qubits)
@@ -278,7 +298,7 @@ class PblinalgQubit(Device):
     def _execute_batch(self, tape: QuantumScript, fill_shots: bool) -> Any:
         """One circuit for all values, where these are angles; otherwise a circuit for each."""
         if not all(
-            has_angles(op) if op.batch_size is not None else not isinstance(op, qml.Projector)
+            has_angles(op) if _is_batched(op) else not isinstance(op, qml.Projector)
             for op in tape.operations
         ):
             tapes, combine = broadcast_expand(tape)
@@ -286,18 +306,21 @@ class PblinalgQubit(Device):
         numbers, columns = [], []
         place = 0
         for op in tape.operations:
-            for offset, value in enumerate(op.data):
-                if op.batch_size is not None:
-                    numbers.append(place + offset)
-                    columns.append(np.broadcast_to(np.ravel(value), (tape.batch_size,)))
+            for offset, value in enumerate(op.data if _is_batched(op) else ()):
+                numbers.append(place + offset)
+                columns.append(np.broadcast_to(np.ravel(value), (tape.batch_size,)))
             place += len(op.data)
         qubits = self._qubits(tape)
         start, operations, skipped = self._prepared(tape, qubits)
         circuit, order = _parametrised(operations, qubits, numbers, skipped)
-        values = np.array(columns, dtype=np.float64)[order]
+        values = np.ascontiguousarray(np.array(columns, dtype=np.float64)[order].T)
+        if self._is_sweep(tape, start):
+            sums = [pauli_sum(each.obs.pauli_rep, qubits) for each in tape.measurements]
+            found = sweep(circuit, values, sums, precision=self._precision, threads=self._threads)
+            return tuple(found.T) if len(sums) > 1 else found[:, 0]
         state = self._state(len(qubits))
         rows = []
-        for row in np.ascontiguousarray(values.T):
+        for row in values:
             if start is None:
                 state.reset()
             else:
@@ -305,6 +328,18 @@ class PblinalgQubit(Device):
             state.run(circuit, values=row, accuracy=self._accuracy)
             rows.append(self._read(tape, state, qubits))
         return _stacked(rows)
+
+    def _is_sweep(self, tape: QuantumScript, start: StateVector | None) -> bool:
+        """Whether the library makes all runs of a batch and all that is read in one call."""
+        return (
+            start is None
+            and not tape.shots
+            and self._accuracy == "exact"
+            and all(
+                _is_expectation(each) and each.obs is not None and each.obs.pauli_rep is not None
+                for each in tape.measurements
+            )
+        )
 
     def _execute_shots(
         self, tape: QuantumScript, state: StateVector, translation: Translation, qubits: Qubits
@@ -345,8 +380,8 @@ class PblinalgQubit(Device):
     def _prepared(
         self, tape: QuantumScript, qubits: Qubits
     ) -> tuple[StateVector | None, Sequence[Operator], int]:
-        """The state that a circuit begins with, None for |0...0>, its other operations, and how many
-        data come before theirs."""
+        """The state that a circuit begins with, None for |0...0>, its other operations, and how
+        many data come before theirs."""
         operations = tape.operations
         if not operations or not isinstance(operations[0], StatePrepBase):
             return None, operations, 0
@@ -359,12 +394,14 @@ class PblinalgQubit(Device):
     def _qubits(self, tape: QuantumScript) -> dict[Any, int]:
         """The number of the qubit of each wire of a circuit, in the order of the device's wires, or
         of the circuit's own."""
-        wires = tape.wires.labels
         if self.wires is not None:
-            used = set(wires)
+            # `tape.wires` takes many times longer.
+            used = {wire for each in tape.circuit for wire in each.wires.labels}
             wires = [wire for wire in self.wires.labels if wire in used]
-        elif set(wires) == set(range(len(wires))):
-            wires = range(len(wires))
+        else:
+            wires = tape.wires.labels
+            if set(wires) == set(range(len(wires))):
+                wires = range(len(wires))
         return {wire: number for number, wire in enumerate(wires)}
 
     # ---- Derivatives -----------------------------------------------------------------------------

@@ -1,10 +1,10 @@
-"""Operations of PennyLane as gates of a circuit. Wires become qubits here and nowhere else: the first
-wire is qubit 0, which is the most significant bit on both sides. Running is left to `pennylane`."""
+"""Operations of PennyLane as gates of a circuit. The first wire becomes qubit 0, which is the most
+significant bit on both sides. Running is left to `pennylane`, which numbers the wires."""
 
 from __future__ import annotations
 
 import math
-from collections.abc import Callable, Iterable, Mapping, Sequence
+from collections.abc import Callable, Mapping, Sequence
 from typing import Any
 
 import numpy as np
@@ -16,6 +16,7 @@ from pennylane.ops.op_math import Adjoint, Controlled
 
 from ._core import Parameter
 from .circuit import Circuit
+from .nested_controls import Under, more_controls
 
 #: Angles come first, then qubits, in the order of the operation.
 _METHODS: dict[type, str] = {
@@ -27,8 +28,6 @@ _METHODS: dict[type, str] = {
 }  # fmt: skip
 
 Angle = float | Parameter
-#: Controls and what they must read, as keyword arguments of the gate methods.
-Under = Mapping[str, Any]
 
 
 def _rot(circuit: Circuit, _: Operator, angles: list[Angle], qubits: list[int], u: Under) -> None:
@@ -46,7 +45,7 @@ def _global_phase(
 
 
 def _parity_rotation(circuit: Circuit, angle: Angle, qubits: Sequence[int], u: Under) -> None:
-    """exp(-i angle Z...Z / 2). The ladder undoes itself, so that controls concern the middle alone."""
+    """exp(-i angle Z...Z / 2). The ladder undoes itself: controls concern the middle alone."""
     steps = list(zip(qubits, qubits[1:]))
     for control, target in steps:
         circuit.cx(control, target)
@@ -93,7 +92,7 @@ def _single_excitation(
 ) -> None:
     a, b = qubits
     circuit.cx(a, b)
-    circuit.ry(angles[0], a, **_more(u, [b], [True]))
+    circuit.ry(angles[0], a, **more_controls(u, [b], [True]))
     circuit.cx(a, b)
 
 
@@ -103,7 +102,7 @@ def _double_excitation(
     first, *others = qubits
     for other in others:
         circuit.cx(first, other)
-    circuit.ry(angles[0], first, **_more(u, others, [False, True, True]))
+    circuit.ry(angles[0], first, **more_controls(u, others, [False, True, True]))
     for other in others:
         circuit.cx(first, other)
 
@@ -168,16 +167,6 @@ def is_native(op: Operator) -> bool:
     )
 
 
-def _more(under: Under, controls: Sequence[int], values: Iterable[bool]) -> dict[str, Any]:
-    state = "".join("1" if value else "0" for value in values)
-    if under:
-        return {
-            "controls": [*under["controls"], *controls],
-            "ctrl_state": under["ctrl_state"] + state,
-        }
-    return {"controls": list(controls), "ctrl_state": state}
-
-
 class Translation:
     """The circuit of a list of operations. `named` are the parameters that stand for the data of
     these numbers, counted through all operations; `columns` their values."""
@@ -212,9 +201,7 @@ class Translation:
             else:
                 self._add(self.circuit, op, data if angles is None else angles, {})
 
-    def _add(
-        self, circuit: Circuit, op: Operator, angles: Sequence[Angle], under: Under
-    ) -> None:
+    def _add(self, circuit: Circuit, op: Operator, angles: Sequence[Angle], under: Under) -> None:
         kind = type(op)
         qubits = [self._qubits[wire] for wire in op.wires]
         if kind in _METHODS:
@@ -230,7 +217,7 @@ class Translation:
             self._conditional(circuit, op, angles)
         elif isinstance(op, Controlled):
             controls = [self._qubits[wire] for wire in op.control_wires]
-            self._add(circuit, op.base, angles, _more(under, controls, op.control_values))
+            self._add(circuit, op.base, angles, more_controls(under, controls, op.control_values))
         elif isinstance(op, Adjoint):
             forward = Circuit(circuit.num_qubits, 0)
             self._add(forward, op.base, angles, under)

@@ -31,7 +31,7 @@ from .state_vector import StateVector
 
 #: Hermitian matrices on at most so many wires are written as Pauli strings for a derivative.
 PAULI_WIRES = 8
-#: The square of a Pauli sum of at most so many terms is a Pauli sum, too; beyond, the sum is applied.
+#: A Pauli sum of at most so many terms is squared as one; beyond, it is applied to the state.
 _SQUARED_TERMS = 64
 
 Qubits = Mapping[Any, int]
@@ -209,9 +209,7 @@ def _diagonalizing(group: Sequence[SampleMeasurement]) -> Sequence[Operator]:
     if len(words) > 1 and all(qml.pauli.is_pauli_word(word) for word in words):
         with qml.QueuingManager.stop_recording():
             return qml.pauli.diagonalize_qwc_pauli_words(words)[0]
-    return [
-        gate for each in group if not _is_shadow(each) for gate in each.diagonalizing_gates()
-    ]
+    return [gate for each in group if not _is_shadow(each) for gate in each.diagonalizing_gates()]
 
 
 def _is_shadow(measurement: MeasurementProcess) -> bool:
