@@ -95,7 +95,8 @@ bool register_gradients() {
     return true;
 }
 
-[[maybe_unused]] const bool registered = register_gradients<double>() && register_gradients<float>();
+[[maybe_unused]] const bool registered =
+    register_gradients<double>() && register_gradients<float>();
 
 }  // namespace
 }  // namespace pblinalg::benchmarks

@@ -15,6 +15,7 @@ declare -A may_include=(
     [gradients]="core gates kernels apply circuits readout observables gradients"
     [batches]="core batches"
     [state]="core gates kernels apply circuits readout oracles observables state"
+    [trajectories]="core gates kernels apply circuits readout observables trajectories"
 )
 
 status=0

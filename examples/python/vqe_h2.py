@@ -43,14 +43,34 @@ for p, q, s, t in product(range(2), repeat=4):
         hamiltonian += 0.5 * exchange * put[a] * put[e] * take[f] * take[c]
 hamiltonian = pb.Observable({k: c.real for k, c in hamiltonian.terms.items() if abs(c) > 1e-12})
 
-# Both electrons in the lower orbital, then layers of rotations and entangling gates.
-parameters = [pb.Parameter(f"x{i}") for i in range(24)]
-angles = iter(parameters)
+def rotate(circuit: pb.Circuit, letters: str, angle: pb.Parameter) -> None:
+    """Applies exp(-i angle P / 2) for a Pauli string P, as a rotation by its parity."""
+    qubits = [qubit for qubit, letter in enumerate(letters) if letter != "I"]
+
+    def into_z_basis(sign: int) -> None:
+        for qubit in qubits:
+            if letters[qubit] == "X":
+                circuit.h(qubit)
+            elif letters[qubit] == "Y":
+                circuit.rx(sign * np.pi / 2, qubit)
+
+    into_z_basis(1)
+    for one, other in zip(qubits, qubits[1:]):
+        circuit.cx(one, other)
+    circuit.rz(angle, qubits[-1])
+    for one, other in reversed(list(zip(qubits, qubits[1:]))):
+        circuit.cx(one, other)
+    into_z_basis(-1)
+
+
+# Both electrons begin in the lower orbital. Then each may rise alone, or both together.
+up, down, both = parameters = [pb.Parameter(name) for name in ("up", "down", "both")]
 ansatz = pb.Circuit(4).x(0).x(1)
-for _ in range(3):
-    for qubit in range(4):
-        ansatz.ry(next(angles), qubit).rz(next(angles), qubit)
-    ansatz.cz(0, 1).cz(1, 2).cz(2, 3)
+rotate(ansatz, "XZYI", up)
+rotate(ansatz, "YZXI", -up)
+rotate(ansatz, "IXZY", down)
+rotate(ansatz, "IYZX", -down)
+rotate(ansatz, "XXXY", both)
 
 evaluations = []
 
@@ -61,8 +81,8 @@ def energy(values: np.ndarray) -> tuple[float, np.ndarray]:
     return value, gradient
 
 
-start = np.random.default_rng(5).normal(scale=0.2, size=len(parameters))
-found = minimize(energy, start, jac=True, method="L-BFGS-B", options={"maxiter": 300})
+start = np.random.default_rng(5).normal(scale=0.1, size=len(parameters))
+found = minimize(energy, start, jac=True, method="L-BFGS-B")
 exact = np.linalg.eigvalsh(hamiltonian.matrix())[0]
 print(
     f"{len(evaluations)} evaluations: energy {found.fun + nuclear_repulsion:.6f}, "

@@ -10,6 +10,7 @@
 #include <pblinalg/observable.hpp>
 #include <pblinalg/reduced_density_matrix.hpp>
 #include <pblinalg/run.hpp>
+#include <pblinalg/shots.hpp>
 #include <pblinalg/state_vector.hpp>
 #include <pblinalg/state_vector_cpu.hpp>
 #include <pblinalg/sweep.hpp>

@@ -27,8 +27,9 @@ struct RunReport {
 };
 
 /// Applies the gates of a list in order, with the same bits as gate by gate unless
-/// `options.accuracy` says otherwise, for every number of workers. Gates that fit together are applied to cache-sized parts of the state, one after
-/// another; the plan of that is made once and kept with the list.
+/// `options.accuracy` says otherwise, for every number of workers. Gates that fit together are
+/// applied to cache-sized parts of the state, one after another; the plan of that is made once and
+/// kept with the list.
 ///
 /// A stop takes effect once gates that later ones have overtaken are done, too: after one more pass
 /// or two where runs are exact, after up to a thousand more gates where they are by rounding.

@@ -22,12 +22,16 @@ from ._core import version as __version__  # noqa: E402
 
 for _name in _spin:
     del os.environ[_name]
+from . import pickling as pickling  # what it registers is all there is to it
 from .arguments import Precision
+from .branching import estimate
+from .channels import Channel
 from .circuit import Circuit
 from .counts import Counts
 from .density_matrix import DensityMatrix
 from .gates import Gate
 from .gradients import value_and_gradient
+from .noise import NoiseModel
 from .observable import Observable
 from .program import Conditional, Measure, Reset
 from .running import run
@@ -43,18 +47,21 @@ if TYPE_CHECKING:
 _MODULES = ("lowlevel", "qasm")
 
 __all__ = [
+    "Channel",
     "Circuit",
     "Conditional",
     "Counts",
     "DensityMatrix",
     "Gate",
     "Measure",
+    "NoiseModel",
     "Observable",
     "Parameter",
     "Precision",
     "Reset",
     "StateVector",
     "__version__",
+    "estimate",
     "run",
     "sweep",
     "value_and_gradient",

@@ -11,6 +11,7 @@ from numpy.typing import NDArray
 from . import drawing, inspection, qasm_writer, svg_drawing
 from .arguments import Accuracy, Precision
 from .counts import Counts
+from .noise import NoiseModel
 from .parameters import Values
 from .program import Program
 from .progress import Progress
@@ -42,9 +43,10 @@ class Circuit(Program):
         progress: Progress = None,
         values: Values | None = None,
         accuracy: Accuracy = "exact",
+        noise: NoiseModel | None = None,
     ) -> Counts:
         """`pblinalg.run` on this circuit: counts of what its measurements read."""
-        return run(self, shots, precision, threads, seed, progress, values, accuracy)
+        return run(self, shots, precision, threads, seed, progress, values, accuracy, noise)
 
     def depth(self) -> int:
         """The number of layers when every gate, measurement and reset starts as soon as its qubits

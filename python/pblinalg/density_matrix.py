@@ -3,7 +3,6 @@
 from __future__ import annotations
 
 from collections.abc import Iterable
-from itertools import product
 from typing import TYPE_CHECKING, Any, SupportsIndex
 
 import numpy as np
@@ -20,11 +19,12 @@ from .arguments import (
     count,
     distinct_qubits,
     outcome_number,
-    probability_number,
 )
+from .channels import Channel, kraus_operators
 from .execution import shifted
 from .gates import as_qubits
 from .html_tables import state_table
+from .noise import NoiseModel, Site, channel_sites, check_noise
 from .parameters import Values, values_in_order
 from .program import Program
 from .progress import Progress, reporter
@@ -34,9 +34,6 @@ from .state_vector import StateVector
 
 if TYPE_CHECKING:
     from typing_extensions import Self
-
-
-PAULIS = [np.eye(2), *map(_core.gate_matrix, "XYZ")]
 
 
 class DensityMatrix(Readout):
@@ -151,10 +148,12 @@ class DensityMatrix(Readout):
         progress: Progress = None,
         values: Values | None = None,
         accuracy: Accuracy = "exact",
+        noise: NoiseModel | None = None,
     ) -> Self:
         """Applies the gates of a circuit without measurements, resets and conditions; each counts
         twice for `progress`, since it acts on rows and columns. `values` are those of its
-        parameters, in order or by parameter or name; `accuracy` is that of `pblinalg.run`."""
+        parameters, in order or by parameter or name; `accuracy` is that of `pblinalg.run`. With
+        `noise` its channels follow the gates: the exact state that trajectories approach."""
         if not isinstance(circuit, Program):
             raise TypeError(f"circuit must be a Circuit, got {circuit!r}")
         if not circuit.is_unitary:
@@ -165,12 +164,23 @@ class DensityMatrix(Readout):
             )
         numbers = values_in_order(circuit, values)
         accuracy_name(accuracy)
+        check_noise(noise, self.num_qubits)
+        parts: list[tuple[_core.GateList, Site | None]] = []
+        for step in circuit.steps:
+            assert isinstance(step, _core.GateList)
+            begin = 0
+            for site in channel_sites(noise, step):
+                parts.append((step.part(begin, site.gates_before), site))
+                begin = site.gates_before
+            parts.append((step.part(begin, len(step)) if begin else step, None))
         done = 0
         with reporter(progress, 2 * len(circuit), "gate") as report:
-            for step in circuit.steps:
-                if isinstance(step, _core.GateList):
-                    step.run(self._core, numbers, shifted(report, done), True, accuracy)
-                    done += 2 * len(step)
+            for gates, follows in parts:
+                if len(gates):
+                    gates.run(self._core, numbers, shifted(report, done), True, accuracy)
+                    done += 2 * len(gates)
+                if follows:
+                    self.channel(follows.channel, follows.qubits)
         return self
 
     def measure(self, qubits: Qubits | None = None) -> str:
@@ -198,21 +208,22 @@ class DensityMatrix(Readout):
         state /= weight
         return self
 
-    def channel(self, operators: Iterable[ArrayLike], qubits: Qubits, check: bool = True) -> Self:
-        """Applies a channel given by its Kraus operators, each a 2^k x 2^k matrix whose indices
-        have the first listed qubit as their most significant bit. ValueError when the operators do
-        not add up to a channel, unless `check` is False."""
+    def channel(
+        self, operators: Channel | Iterable[ArrayLike], qubits: Qubits, check: bool = True
+    ) -> Self:
+        """Applies a channel: a `Channel`, or its Kraus operators, each a 2^k x 2^k matrix whose
+        indices have the first listed qubit as their most significant bit. ValueError when the
+        operators do not add up to a channel, unless `check` is False."""
         listed = as_qubits(qubits)
         size = 1 << len(listed)
-        kraus = [complex_array(operator, "operators") for operator in operators]
-        if not kraus or any(operator.shape != (size, size) for operator in kraus):
-            raise ValueError(f"operators must be matrices of shape ({size}, {size})")
-        total = sum(operator.conj().T @ operator for operator in kraus)
-        if check and not np.abs(total - np.eye(size)).max() <= 1e-6:
-            raise ValueError(
-                "operators: the sum of K^dagger K over them must be the identity (pass check=False "
-                "to apply them anyway)"
-            )
+        if isinstance(operators, Channel):
+            kraus = operators.operators
+            if len(kraus[0]) != size:
+                raise ValueError(
+                    f"{operators!r} acts on {operators.num_qubits} qubits; {len(listed)} are listed"
+                )
+        else:
+            kraus = kraus_operators(operators, size, check)
         # Checks the numbers: the register has twice the qubits that may be named.
         Program(self.num_qubits).diagonal(np.ones(size), listed)
         both = sum(np.kron(operator, operator.conj()) for operator in kraus)
@@ -221,41 +232,28 @@ class DensityMatrix(Readout):
         return self
 
     def depolarize(self, probability: float, qubits: Qubits) -> Self:
-        """With the given probability replaces a qubit, or several together, by the fully mixed
-        state."""
-        p = probability_number(probability)
+        """`Channel.depolarizing`: with the given probability replaces a qubit, or several together,
+        by the fully mixed state."""
         # Checked before 4^k matrices are made for them.
         listed = distinct_qubits(as_qubits(qubits), self.num_qubits)
-        strings = []
-        for letters in product(PAULIS, repeat=len(listed)):
-            matrix = np.eye(1)
-            for letter in letters:
-                matrix = np.kron(matrix, letter)
-            strings.append(matrix)
-        weights = np.full(len(strings), p / len(strings))
-        weights[0] += 1 - p
-        return self.channel([np.sqrt(w) * m for w, m in zip(weights, strings)], listed)
+        return self.channel(Channel.depolarizing(probability, len(listed)), listed)
 
     def bit_flip(self, probability: float, qubit: SupportsIndex) -> Self:
-        """Applies X with the given probability."""
-        p = probability_number(probability)
-        return self.channel([np.sqrt(1 - p) * np.eye(2), np.sqrt(p) * PAULIS[1]], qubit)
+        """`Channel.bit_flip`: applies X with the given probability."""
+        return self.channel(Channel.bit_flip(probability), qubit)
 
     def phase_flip(self, probability: float, qubit: SupportsIndex) -> Self:
-        """Applies Z with the given probability."""
-        p = probability_number(probability)
-        return self.channel([np.sqrt(1 - p) * np.eye(2), np.sqrt(p) * PAULIS[3]], qubit)
+        """`Channel.phase_flip`: applies Z with the given probability."""
+        return self.channel(Channel.phase_flip(probability), qubit)
 
     def amplitude_damping(self, probability: float, qubit: SupportsIndex) -> Self:
-        """Lets |1> decay to |0> with the given probability."""
-        p = probability_number(probability)
-        return self.channel([np.diag([1, np.sqrt(1 - p)]), [[0, np.sqrt(p)], [0, 0]]], qubit)
+        """`Channel.amplitude_damping`: lets |1> decay to |0> with the given probability."""
+        return self.channel(Channel.amplitude_damping(probability), qubit)
 
     def phase_damping(self, probability: float, qubit: SupportsIndex) -> Self:
-        """With the given probability the surroundings learn whether the qubit is 1: what is off the
-        diagonal shrinks by the root of 1 - probability."""
-        p = probability_number(probability)
-        return self.channel([np.diag([1, np.sqrt(1 - p)]), np.diag([0, np.sqrt(p)])], qubit)
+        """`Channel.phase_damping`: shrinks what is off the diagonal by the root of
+        1 - probability."""
+        return self.channel(Channel.phase_damping(probability), qubit)
 
     def purity(self) -> float:
         """The trace of the squared matrix: 1 for a pure state, 2^-n for the fully mixed one."""

@@ -144,7 +144,7 @@ def angle_text(angle: float | Parameter) -> str:
         return f"{factor}{angle.name}" + (f"{angle.offset:+.4g}" if angle.offset else "")
     for below in (1, 2, 3, 4, 6, 8, 16):
         above = angle / math.pi * below
-        if above and abs(above - round(above)) < 1e-9 and abs(above) < 100:
+        if above and abs(above) < 100 and abs(above - round(above)) < 1e-9:
             number = {1: "", -1: "-"}.get(round(above), str(round(above)))
             return f"{number}π" + (f"/{below}" if below > 1 else "")
     return f"{angle:.4g}"

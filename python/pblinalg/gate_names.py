@@ -2,6 +2,7 @@
 
 from __future__ import annotations
 
+import re
 from collections.abc import Iterator
 
 from ._core import GateList, gate_table
@@ -30,6 +31,12 @@ def full_name(gate: Gate) -> str:
     """The name with its controls: "cx", "ccz", "c3h"."""
     count = len(gate.controls)
     return ("c" * count if count < 3 else f"c{count}") + plain_name(gate)
+
+
+def is_gate_name(name: str) -> bool:
+    """True for what `full_name` gives of some gate."""
+    plain = re.fullmatch(r"(?:cc?|c(?:[3-9]|[1-9]\d+))?(\w+)", name) if isinstance(name, str) else None
+    return name in _NAMES.values() or (plain is not None and plain[1] in _NAMES.values())
 
 
 def control_bits(gate: Gate) -> dict[int, int]:

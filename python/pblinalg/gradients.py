@@ -63,7 +63,7 @@ def value_and_gradient(
 
     The cost is that of three to five runs of the circuit, whatever the number of parameters, and
     the memory that of two states, three for several observables. Results are the same for every
-    number of threads. In "float" the last digits of a float32 are lost in states, not in sums.
+    number of threads. In "float" amplitudes are float32; sums are taken in double.
 
     >>> scipy.optimize.minimize(
     ...     lambda x: value_and_gradient(circuit, observable, x), start, jac=True)

@@ -1,28 +1,26 @@
-"""Running circuits for counts: what all shots share is simulated once."""
+"""Running circuits for counts. Where nothing is left to chance before the end, a circuit is simulated
+once and sampled; the others are run in `branching`."""
 
 from __future__ import annotations
 
 from collections.abc import Callable, Sequence
 from dataclasses import dataclass
-from itertools import accumulate, islice
-from typing import Any, SupportsIndex
+from itertools import islice
+from typing import SupportsIndex
 
 import numpy as np
 from numpy.typing import NDArray
 
-from ._core import GateList, require_memory
+from ._core import GateList
 from .arguments import Accuracy, Precision, accuracy_name, count
+from .branching import ShotRun, shot_program, with_spaces
 from .counts import Counts
 from .execution import shifted
+from .noise import NoiseModel, check_noise
 from .parameters import Values, values_in_order
 from .program import Conditional, Measure, Program, Reset, Step, count_gates
 from .progress import Progress, reporter
-from .readout import NORM_TOLERANCE, register_bytes
 from .state_vector import StateVector
-
-#: An outcome is certain when the other one has at most this probability: it would not be seen once
-#: in 2^32 or 2^64 shots, and is what rounding leaves of an amplitude that should be 0.
-NEGLIGIBLE = {"float": 2.0**-32, "double": 2.0**-64}
 
 
 def run(
@@ -34,22 +32,26 @@ def run(
     progress: Progress = None,
     values: Values | None = None,
     accuracy: Accuracy = "exact",
+    noise: NoiseModel | None = None,
 ) -> Counts:
     """Runs a circuit from |0...0> and counts what its measurements read. `values` are those of its
-    parameters, in order or by parameter or name. `accuracy="rounding"` takes less time and gives
-    amplitudes that agree with those of "exact" up to rounding: within 1e-12, in float 2e-5, after
-    a thousand gates.
+    parameters, in order or by parameter or name; `noise` puts channels after its gates and errors
+    into its measurements, drawn anew in every shot. `accuracy="rounding"` takes less time and gives
+    amplitudes that agree with those of "exact" up to rounding: within 1e-12, in float 2e-5, after a
+    thousand gates.
 
     A circuit without measurements is read out over all qubits at its end. Where nothing acts on a
-    qubit after it was measured, and where the outcome of a measurement or reset is certain, the
-    circuit is simulated once and sampled; otherwise what comes before the first measurement or reset
-    that may go both ways is simulated once and the rest once per shot. An outcome is certain when
-    the other one has a probability of at most 2^-64 (in float 2^-32).
+    qubit after it was measured, and nothing else is left to chance, the circuit is simulated once
+    and sampled. Otherwise shots that read and draw the same so far are simulated together, and go on
+    from copies of their state where they part: at most log2(shots) copies at once, and fewer where
+    memory is short. `threads` are then, below 18 qubits, those that share the shots, by default one
+    per processor. An outcome is certain when the other one has a probability of at most 2^-64 (in
+    float 2^-32).
 
-    The same seed gives the same counts for every number of threads; but where a circuit is simulated
-    once per shot, 1 thread may round a collapse differently from more, and a shot on the brink may
-    fall the other way. `seed` of the result tells the seed. Simulating once per shot takes the memory of a second state. `progress` is told the gates of
-    what the shots share, then the shots.
+    The same seed gives the same counts for every number of threads; but where a state of 2^16
+    amplitudes or more collapses, 1 thread may round differently from more, and a shot on the brink
+    may fall the other way. `seed` of the result tells the seed. `progress` is told the gates and
+    then the shots of a circuit that is simulated once, and the shots alone of others.
 
     Ctrl-C stops between pieces of the circuit or between shots; nothing is left behind.
     """
@@ -58,6 +60,7 @@ def run(
     number = count(shots, "shots")
     numbers = values_in_order(circuit, values)
     accuracy_name(accuracy)
+    check_noise(noise, circuit.num_qubits)
     steps: Sequence[Step] = circuit.steps
     num_bits, registers = circuit.num_clbits, circuit.registers
     if not _measures(steps):
@@ -65,32 +68,19 @@ def run(
         registers = (num_bits,)
         steps = [*steps, *(Measure(qubit, qubit) for qubit in range(num_bits))]
     plan = _plan(steps, circuit.num_qubits)
-    if number > 1 and _may_branch(plan):
-        require_memory(
-            2 * register_bytes(circuit.num_qubits, precision),
-            f"running {circuit.num_qubits} qubits once per shot",
-        )
+    if noise is not None or _may_branch(plan):
+        shot_run = ShotRun(circuit.num_qubits, precision, threads, seed, accuracy)
+        program = shot_program(steps, circuit.num_qubits, num_bits, noise)
+        counts = shot_run.count(program, numbers, number, progress)
+        result = Counts(with_spaces(counts, registers))
+        result.seed = shot_run.seed
+        return result
     state = StateVector(circuit.num_qubits, precision, threads, seed)
-    shared = _Shot(state, numbers, [0] * num_bits, {}, accuracy)
+    course = _Course(state, numbers, num_bits, accuracy)
     with reporter(progress, count_gates(steps), "gate") as report:
-        shared.report = report
-        rest = shared.follow([plan], draw=False)
-    if not rest:
-        counts = shared.sample(number, registers, progress)
-    else:
-        counts = {}
-        start = state.amplitudes.copy() if number > 1 else state.amplitudes
-        with reporter(progress, number, "shot") as report:
-            for shot in range(number):
-                if shot:
-                    state.amplitudes[:] = start
-                own = _Shot(state, numbers, list(shared.bits), dict(shared.deferred), accuracy)
-                own.follow(rest, draw=True)
-                key = own.draw(registers)
-                counts[key] = counts.get(key, 0) + 1
-                if report:
-                    report(shot + 1)
-    result = Counts(counts)
+        course.report = report
+        course.follow(plan)
+    result = Counts(course.sample(number, registers, progress))
     result.seed = state.seed
     return result
 
@@ -108,48 +98,43 @@ class _Node:
     block: Sequence[_Node] = ()
 
 
-class _Shot:
-    """A run of a plan on a state: the bits read so far, and the final measurements, which are
-    sampled together at the end, as qubits by classical bit."""
+class _Course:
+    """A run of a plan in which nothing is left to chance before the end: the bits read so far, and
+    the final measurements, which are sampled together, as qubits by classical bit."""
 
     def __init__(
         self,
         state: StateVector,
         values: NDArray[np.float64],
-        bits: list[int],
-        deferred: dict[int, int],
+        num_bits: int,
         accuracy: Accuracy,
     ) -> None:
         self._state = state
         self._values = values
-        self._core: Any = state.core
-        self._negligible = NEGLIGIBLE[state.precision]
-        self.bits = bits
-        self.deferred = deferred
         self._accuracy = accuracy
+        self.bits = [0] * num_bits
+        self.deferred: dict[int, int] = {}
         self.report: Callable[[int], object] | None = None
         self._done = 0
 
-    def follow(self, segments: Sequence[Sequence[_Node]], draw: bool) -> list[Sequence[_Node]]:
-        """Runs stretches of nodes one after the other. Where an outcome is open it is drawn, or,
-        without `draw`, the run stops there; returns the stretches that are left."""
-        waiting = list(reversed(segments))
-        while waiting:
-            nodes = waiting.pop()
-            for place, node in enumerate(nodes):
-                step = node.step
-                if isinstance(step, GateList):
-                    self._apply(step)
-                elif isinstance(step, Conditional):
-                    read = "".join(str(self.bits[clbit]) for clbit in step.clbits)
-                    if int(read or "0", 2) == step.value:
-                        waiting += [nodes[place + 1 :], node.block]
-                        break
-                elif node.final and isinstance(step, Measure) and not node.fresh:
+    def follow(self, nodes: Sequence[_Node]) -> None:
+        """Runs the nodes one after the other."""
+        for node in nodes:
+            step = node.step
+            if isinstance(step, GateList):
+                report = shifted(self.report, self._done)
+                step.run(self._state.core, self._values, report, accuracy=self._accuracy)
+                self._done += len(step)
+            elif isinstance(step, Conditional):
+                read = "".join(str(self.bits[clbit]) for clbit in step.clbits)
+                if int(read or "0", 2) == step.value:
+                    self.follow(node.block)
+            elif isinstance(step, Measure):
+                # A fresh qubit reads 0, and a fresh reset does nothing.
+                self.bits[step.clbit] = 0
+                self.deferred.pop(step.clbit, None)
+                if not node.fresh:
                     self.deferred[step.clbit] = step.qubit
-                elif not self._collapse(node, draw):
-                    return [nodes[place:], *reversed(waiting)]
-        return []
 
     def sample(self, shots: int, registers: Sequence[int], progress: Progress) -> dict[str, int]:
         """How often the classical bits read what; registers are separated by spaces."""
@@ -170,54 +155,6 @@ class _Shot:
             key = "".join([text[place] for place in places])
             counts[key] = counts.get(key, 0) + times
         return counts
-
-    def draw(self, registers: Sequence[int]) -> str:
-        """What the classical bits read in one shot."""
-        if self.deferred:
-            measured = sorted(set(self.deferred.values()))
-            outcome = self._core.measure(measured)
-            last = len(measured) - 1
-            for clbit, qubit in self.deferred.items():
-                self.bits[clbit] = outcome >> last - measured.index(qubit) & 1
-        text = "".join(map(str, self.bits))
-        ends = list(accumulate(registers))
-        return " ".join([text[end - size : end] for size, end in zip(registers, ends)])
-
-    def _apply(self, gates: GateList) -> None:
-        gates.run(
-            self._core, self._values, shifted(self.report, self._done), accuracy=self._accuracy
-        )
-        self._done += len(gates)
-
-    def _collapse(self, node: _Node, draw: bool) -> bool:
-        """Measures or resets a qubit; False, and nothing done, when the outcome is open and is not
-        to be drawn."""
-        step = node.step
-        assert isinstance(step, (Measure, Reset))
-        outcome = 0
-        if not node.fresh:
-            zero, one = self._core.get_distribution([step.qubit]).tolist()
-            if not abs(zero + one - 1) <= NORM_TOLERANCE:
-                raise ValueError(
-                    f"the probabilities of the state add up to {zero + one:.6g} before {step!r}; "
-                    "expected 1"
-                )
-            least = min(zero, one)
-            if least > self._negligible:
-                if not draw:
-                    return False
-                outcome = self._core.measure([step.qubit])
-            else:
-                outcome = int(one > zero)
-            if isinstance(step, Reset):
-                if outcome == 1 or least != 0:
-                    self._core.project_then_reset([step.qubit], outcome)
-            elif least != 0:
-                self._core.project([step.qubit], outcome)
-        if isinstance(step, Measure):
-            self.bits[step.clbit] = outcome
-            self.deferred.pop(step.clbit, None)
-        return True
 
 
 def _measures(steps: Sequence[Step]) -> bool:

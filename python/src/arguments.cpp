@@ -325,6 +325,7 @@ std::vector<C> matrix_argument(nb::handle matrix, std::size_t targets, const cha
 PBLINALG_INSTANTIATE(float)
 PBLINALG_INSTANTIATE(double)
 #undef PBLINALG_INSTANTIATE
+template class InputArray<double>;
 template class InputArray<unsigned long long>;
 template class OutputArray<unsigned long long>;
 

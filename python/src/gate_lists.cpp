@@ -502,6 +502,19 @@ void bind_gate_lists(nb::module_& module) {
             },
             "The list that undoes this one; matrices are taken to be unitary.")
         .def(
+            "part",
+            [](BoundGateList& self, nb::handle begin, nb::handle end) {
+                const Reading reading(self);
+                const auto last = unsigned_argument(end, "end", self.gates.size());
+                GateList gates;
+                for (auto i = unsigned_argument(begin, "begin", last); i < last; ++i)
+                    gates.append(self.gates[i]);
+                return with_gates(self, std::move(gates));
+            },
+            nb::arg("begin"), nb::arg("end"),
+            nb::sig("def part(self, begin: int, end: int) -> GateList"),
+            "Gates [begin, end) as a list of their own.")
+        .def(
             "conjugate",
             [](BoundGateList& self) {
                 const Reading reading(self);

@@ -1,6 +1,6 @@
 // The extension module: what the machine offers, and how a fork is survived. The classes are bound
 // in records.cpp, state.cpp, gate_lists.cpp and gate_methods.cpp, sweeps and reduced density
-// matrices in sweeps.cpp, gradients in gradients.cpp.
+// matrices in sweeps.cpp, gradients in gradients.cpp, shot programs in shots.cpp.
 #include <nanobind/nanobind.h>
 #include <nanobind/stl/string.h>
 #include <nanobind/stl/vector.h>
@@ -106,6 +106,7 @@ NB_MODULE(_core, module) {
     python::bind_gate_lists(module);
     python::bind_gradients(module);
     python::bind_gate_methods(module);
+    python::bind_shots(module);
     python::bind_sweeps<float>(module);
     python::bind_sweeps<double>(module);
 }

@@ -14,6 +14,7 @@ void bind_sweeps(nanobind::module_& module);
 void bind_gate_lists(nanobind::module_& module);
 void bind_gradients(nanobind::module_& module);
 void bind_gate_methods(nanobind::module_& module);
+void bind_shots(nanobind::module_& module);
 void bind_machine(nanobind::module_& module);
 
 }  // namespace pblinalg::python

@@ -9,7 +9,15 @@ import numpy as np
 import pytest
 
 import pblinalg as pb
+import pblinalg.lowlevel as low
 from interpreter import run_python
+
+
+KINDS = [getattr(low, name) for name in low.__all__ if isinstance(getattr(low, name), type)]
+STATES, RECORDS, OBSERVABLES, TERMS = (
+    [kind for kind in KINDS if kind.__name__.startswith(name)]
+    for name in ("PybindLinAlgStateVectorCPU", "PybindLinAlgWCircuit", "WObservable", "SimpleTerm")
+)
 
 
 def every_gate() -> pb.Circuit:
@@ -56,8 +64,12 @@ def described(thing):
         return str(thing), pb.StateVector(3).h(0).expectation(thing)
     if isinstance(thing, pb.Counts):
         return dict(thing), thing.seed
+    if isinstance(thing, pb.NoiseModel):
+        return repr(thing), every_gate().run(40, seed=1, noise=thing)
     if isinstance(thing, SMALL):
         return [thing, getattr(thing, "steps", None)]
+    if type(thing).__name__ in dir(low):
+        return [(name, told(thing, name)) for name in dir(thing) if name in TELLING]
     if not thing.core.size:
         return "released"
     array = thing.to_array()
@@ -72,11 +84,56 @@ def conditional() -> pb.Conditional:
     return circuit.steps[0]
 
 
-SMALL = (pb.Conditional, pb.Gate, pb.Measure, pb.Parameter, pb.Reset)
+def noisy() -> pb.NoiseModel:
+    noise = pb.NoiseModel().add(pb.Channel.depolarizing(0.3, 2), "cx", (0, 2))
+    return noise.add_readout_error([[0.9, 0.1], [0.2, 0.8]], 1)
+
+
+def told(thing, name):
+    value = getattr(thing, name)
+    return value.tolist() if isinstance(value, np.ndarray) else getattr(value, "position", value)
+
+
+def lower_state(kind):
+    state = kind(4)
+    state.reset_to_str("1+-0")
+    state.set_num_threads(3)
+    state.density_matrix = True
+    state.rng()
+    return state
+
+
+def lower_circuit(kind):
+    circuit = kind(3)
+    circuit.add_gate("RX", [0.3], [2])
+    circuit.add_gate("CNOT", [], [0, 1])
+    circuit.add_gate("unknown", [1], [9])
+    return circuit
+
+
+def lower_observable(kind):
+    observable = kind([1, 2j], [1, 2], [3, 0], [1, 0], 4)
+    observable.trailing_word = 7
+    return observable
+
+
+#: What tells objects of the lower level apart.
+TELLING = (
+    "state", "nqubits", "num_threads", "density_matrix", "rng", "gate_names", "gate_params",
+    "gate_qubits", "coefficients", "flip_masks", "sign_masks", "phase_powers", "constant",
+    "trailing_word", "qubits", "paulis", "coefficient", "parameters",
+)  # fmt: skip
+LOWER = [
+    *(lambda k=k: lower_state(k) for k in STATES), *(lambda k=k: lower_circuit(k) for k in RECORDS),
+    *(lambda k=k: lower_observable(k) for k in OBSERVABLES),
+    *(lambda k=k: k([2, 0], "XY", 0.5) for k in TERMS), lambda: pb.Circuit(2).h(0).steps[0],
+]  # fmt: skip
+SMALL = (pb.Channel, pb.Conditional, pb.Gate, pb.Measure, pb.Parameter, pb.Reset)
 MAKERS = [
     every_gate, used_observable, used_state, released, mixed, lambda: every_gate().run(50),
     conditional, lambda: next(iter(pb.Circuit(2).cx(0, 1))), lambda: pb.Measure(1, 0),
-    lambda: pb.Reset(1), lambda: 2 * pb.Parameter("a") + 1,
+    lambda: pb.Reset(1), lambda: 2 * pb.Parameter("a") + 1, noisy,
+    lambda: pb.Channel.phase_damping(0.3), lambda: pb.Channel.amplitude_damping(0.3),
 ]  # fmt: skip
 
 
@@ -86,10 +143,12 @@ MAKERS = [
     ids=["copy", "deepcopy", "pickle"],
 )
 def test_every_object_duplicates_whole_and_independent(duplicate):
-    made = {type(make()) for make in MAKERS}
     public = {getattr(pb, name) for name in pb.__all__}
-    assert made == {thing for thing in public if isinstance(thing, type)}
-    for make in MAKERS:
+    assert {type(make()) for make in MAKERS} == {kind for kind in public if isinstance(kind, type)}
+    # A generator belongs to its state and goes with it.
+    generators = {low.GeneratorDouble, low.GeneratorFloat}
+    assert {type(make()) for make in LOWER} == {*KINDS} - generators
+    for make in MAKERS + LOWER:
         thing = make()
         twin = duplicate(thing)
         assert type(twin) is type(thing)

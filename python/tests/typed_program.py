@@ -81,6 +81,12 @@ def main() -> None:
     reduced: NDArray[np.complex128] = state.reduced_density_matrix([2, 0])
     assert entropy > 0 and reduced.shape == (4, 4) and state.fidelity(mixed) < 1
 
+    noise = pb.NoiseModel().add(pb.Channel.depolarizing(0.1, num_qubits=2), "cx", (0, 1))
+    noise.add(pb.Channel.amplitude_damping(0.1), qubits=[0, 1]).add_readout_error([[1, 0], [0, 1]])
+    estimated: tuple[float, float] = pb.estimate(rotated, "ZZ", 10, noise=noise, values=[0.1])
+    noisy: pb.Counts = rotated.run(10, noise=noise, values=[0.1])
+    assert estimated[1] < 1 and noisy.shots == 10
+
     circuit = teleported()
     result = circuit.run(50, precision="single", seed=3)
     seed: int | None = result.seed

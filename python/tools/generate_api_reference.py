@@ -117,6 +117,7 @@ def reference() -> str:
         lines += entry(f"{step.__name__}({fields})", text_of(step))
     lines += ["## Running", "", *entry(signature_of("run", pblinalg.run), text_of(pblinalg.run))]
     lines += entry(signature_of("sweep", pblinalg.sweep), text_of(pblinalg.sweep))
+    lines += entry(signature_of("estimate", pblinalg.estimate), text_of(pblinalg.estimate))
     gradient = pblinalg.value_and_gradient
     lines += entry(signature_of("value_and_gradient", gradient), text_of(gradient))
     lines += class_section("Counts", pblinalg.Counts)
@@ -124,9 +125,10 @@ def reference() -> str:
     text = "An `Observable`, or the string or dict of terms that its constructor takes."
     lines += entry("ObservableLike", text)
     lines += class_section("DensityMatrix", density_matrix.DensityMatrix)
+    lines += ["Reading works as in `StateVector`.", ""]
+    lines += class_section("Channel", pblinalg.Channel)
+    lines += class_section("NoiseModel", pblinalg.NoiseModel)
     lines += [
-        "Reading works as in `StateVector`.",
-        "",
         "## OpenQASM and qiskit: `pblinalg.qasm`",
         "",
     ]

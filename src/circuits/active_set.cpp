@@ -111,6 +111,7 @@ Index ActiveSetChooser::choose(std::span<const Operation* const> upcoming) {
     const Index always = low_mask(shape_.always);
     if (shape_.part_bits == shape_.n_bits) return low_mask(shape_.n_bits);
     Index best = first_come(upcoming);
+    if (shape_.max_starts == 0) return best;
     unsigned int most = look(upcoming, best);
     if (most == upcoming.size()) return best;
     const auto compare = [&](Index active) {

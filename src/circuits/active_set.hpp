@@ -19,7 +19,7 @@ struct PartShape {
     std::size_t max_length;   ///< operations in a pass
     bool keeps_order;         ///< of operations with arithmetic, even on different qubits
     std::size_t reach;        ///< operations looked at to choose the active bits
-    unsigned int max_starts;  ///< sets of active bits that are grown and compared
+    unsigned int max_starts;  ///< sets that are grown and compared, 0: what is asked for first
 
     /// A permutation of whole vectors may do without active targets.
     bool can_renumber(const Operation& operation) const {

@@ -34,11 +34,18 @@ struct Search {
     std::size_t reach;        ///< operations looked at to choose the active bits
     unsigned int max_starts;  ///< sets of active bits that are grown and compared
 };
-constexpr Search search_for_pass(Accuracy accuracy) {
-    return accuracy == Accuracy::exact ? Search{64, 160, 4} : Search{512, 1024, 6};
+
+/// On fewer qubits a gate takes so little that records, which are planned for every run, would lose
+/// more by comparing sets than they gain.
+constexpr unsigned int min_compared_qubits = 18;
+
+constexpr Search search_for_pass(const PlanShape& shape) {
+    if (shape.accuracy == Accuracy::rounding) return {512, 1024, 6};
+    return {64, 160, shape.nqubits < min_compared_qubits ? 0u : 4u};
 }
-constexpr Search search_for_window(Accuracy accuracy) {
-    return accuracy == Accuracy::exact ? Search{12, 48, 4} : Search{128, 160, 3};
+constexpr Search search_for_window(const PlanShape& shape) {
+    if (shape.accuracy == Accuracy::rounding) return {128, 160, 3};
+    return {12, 48, shape.nqubits < min_compared_qubits ? 0u : 4u};
 }
 
 /// What a pass by tiles costs at the least, in passes that read and write the whole state.
@@ -169,7 +176,7 @@ template <class T>
 PassSteps Plan<T>::compile(std::span<const Operation> local, Index active) const {
     const WindowShape shape = window_shape_of<T>(shape_.set);
     const unsigned int tile_bits = count_bits(active);
-    const Search search = search_for_window(shape_.accuracy);
+    const Search search = search_for_window(shape_);
     PassSteps compiled;
     compiled.steps.reserve(local.size() + local.size() / 2);
     compiled.conditions.reserve(compiled.steps.capacity());
@@ -206,7 +213,7 @@ PassSteps Plan<T>::compile(std::span<const Operation> local, Index active) const
 template <class T>
 void Plan<T>::plan_passes() {
     const std::vector<Operation>& operations = program_.operations;
-    const Search search = search_for_pass(shape_.accuracy);
+    const Search search = search_for_pass(shape_);
     Planner planner(operations, {.n_bits = shape_.nqubits,
                                  .part_bits = shape_.tile_bits,
                                  .always = run_qubits<T> + shape_.paired,

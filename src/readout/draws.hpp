@@ -18,6 +18,12 @@ void take_draws(RNG& rng, std::uint64_t* out, Index count) {
         out[k] = rng();
 }
 
+/// A generator whose outputs were made before.
+struct MadeDraws {
+    const std::uint64_t* next;
+    std::uint64_t operator()() { return *next++; }
+};
+
 /// draw / 2^64 rounded once to nearest: in [0, 1], and 1 itself for the largest draws.
 template <class T>
 T unit_interval(std::uint64_t draw) {

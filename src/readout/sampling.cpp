@@ -337,15 +337,19 @@ unsigned long long pick_state(S view, RNG& rng, QubitSpan qubits) {
     return outcome;
 }
 
-#define PBLINALG_INSTANTIATE_VIEW(S)                                                             \
-    template void pick_shots_state<std::mt19937_64, S>(S, unsigned long long*, std::mt19937_64&, \
-                                                       unsigned long long, int, QubitSpan,       \
-                                                       unsigned long long);                      \
+#define PBLINALG_INSTANTIATE_GENERATOR(RNG, S)                                                    \
+    template void pick_shots_state<RNG, S>(S, unsigned long long*, RNG&, unsigned long long, int, \
+                                           QubitSpan, unsigned long long);
+#define PBLINALG_INSTANTIATE_VIEW(S)                   \
+    PBLINALG_INSTANTIATE_GENERATOR(std::mt19937_64, S) \
     template unsigned long long pick_state<std::mt19937_64, S>(S, std::mt19937_64&, QubitSpan);
 PBLINALG_INSTANTIATE_VIEW(SVSequence<std::complex<float>>)
 PBLINALG_INSTANTIATE_VIEW(SVSequence<std::complex<double>>)
 PBLINALG_INSTANTIATE_VIEW(DMDiagSequence<float>)
 PBLINALG_INSTANTIATE_VIEW(DMDiagSequence<double>)
+PBLINALG_INSTANTIATE_GENERATOR(MadeDraws, SVSequence<std::complex<float>>)
+PBLINALG_INSTANTIATE_GENERATOR(MadeDraws, SVSequence<std::complex<double>>)
+#undef PBLINALG_INSTANTIATE_GENERATOR
 #undef PBLINALG_INSTANTIATE_VIEW
 
 template <class T>

@@ -444,7 +444,9 @@ typename cpu::Plan<T>::Counts counts_of(const GateList& list, unsigned int n, Ac
 TYPED_TEST(GateLists, TakeFewPassesOverTheState) {
     using T = TypeParam;
     const bool wide = sizeof(T) == 4;
-    const auto cnot = [](GateList& list, auto q, auto r) { list.add(GateKind::X, r, Controls({q})); };
+    const auto cnot = [](GateList& list, auto q, auto r) {
+        list.add(GateKind::X, r, Controls({q}));
+    };
     const auto brickwork = [&](unsigned int n) {
         return layered(
             n, 20, 2,

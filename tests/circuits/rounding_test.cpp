@@ -154,7 +154,7 @@ TYPED_TEST(RunsByRounding, MoveAmplitudesToTheBitAndKeepZeros) {
         // Tiles of zeros among others.
         std::fill(before.begin() + static_cast<std::ptrdiff_t>(before.size() / 2), before.end(),
                   T(0));
-        EXPECT_TRUE(same_bits(by_run(list, before, Accuracy::rounding),
+        EXPECT_TRUE(same_bits(by_run(list, before, Accuracy::rounding).data(),
                               by_run(list, before, Accuracy::exact)))
             << n;
         list.add(GateKind::H, 0);

@@ -128,10 +128,33 @@ bool sweeps_and_reduces() {
            probabilities[0] == 1 && probabilities[3] > T(0.999) && reduced[0] == 1.0;
 }
 
+/// A damped qubit that is measured, and flipped and reset where it read 1.
+template <class T>
+bool follows_shots() {
+    using namespace pblinalg;
+    using Matrix = std::vector<std::complex<double>>;
+    const std::vector<Matrix> damping{{1, 0, 0, 0}, {0, 1, 0, 0}};
+    const std::vector<Matrix> flip{{0, 1, 1, 0}};
+    const GateList x = GateList().add(GateKind::X, 0);
+    ShotProgram program(1, 2);
+    program.add_gates(x).add_channel(Channel::kraus(1, damping), 0);
+    program.add_channel(Channel::mixture(1, flip, std::vector{1.0}), 0).add_measurement(0, 0);
+    program.begin_condition(std::vector<ClassicalValue>{{0, true}});
+    program.add_reset(0).end_condition().add_measurement(0, 1, {1, 0});
+    const ShotProgram moved = std::move(program);
+    const WObservable<T> z{{1}, {0}, {1}, {0}, 0, 0};
+    ShotOptions options;
+    options.shots = 5;
+    return count_shots<T>(moved, {}, options) == std::map<std::string, std::uint64_t>{{"11", 5}} &&
+           shot_expectations<T>(moved, z, {}, options) == std::vector<double>(5, 1.0) &&
+           moved.nqubits() == 1 && moved.n_clbits() == 2 &&
+           Channel::kraus(1, damping).n_qubits() == 1;
+}
+
 template <class T>
 bool all_hold() {
     return state_vector_members_exist<T>() && record_members_exist<T>() && makes_bell_state<T>() &&
-           runs_a_list<T>() && sweeps_and_reduces<T>();
+           runs_a_list<T>() && sweeps_and_reduces<T>() && follows_shots<T>();
 }
 
 bool check(bool holds, const char* claim) {
