@@ -233,6 +233,7 @@ def test_the_best_derivative_is_that_of_the_device_where_it_has_one():
 def dynamic(x):
     """Measurements that decide, reset and are read."""
     start()
+    qml.RX(1.2, "b")
     first = qml.measure("b", reset=True)
     qml.cond(first, qml.RY, qml.RX)(x, 7)
     second = qml.measure(7)
