@@ -22,7 +22,7 @@ bool Planner::next(Pass& pass) {
         take_or_leave(operations_[front_++], pass);
     }
     if (std::ranges::all_of(pass.operations, [&](const Pass::Entry& entry) {
-            return can_renumber(*entry.operation);
+            return can_renumber(*entry.operation, pass);
         })) {
         for (auto& entry : pass.operations)
             entry.renumbers = true;
@@ -55,10 +55,12 @@ bool Planner::take(const Operation& operation, Pass& pass) {
         pass.operations.push_back({&operation, false});
         return true;
     }
-    if (!can_renumber(operation)) return false;
-    // Amplitudes that differ in a selecting bit alone may now lie in other groups.
-    renumbered_depends_ |= operation.selects | (operation.action == Action::SWAP ? targets : 0);
-    renumbered_targets_ |= targets;
+    if (!can_renumber(operation, pass)) return false;
+    if (!shape_.whole_parts) {
+        // Amplitudes that differ in a selecting bit alone may now lie in other groups.
+        renumbered_depends_ |= operation.selects | (operation.action == Action::SWAP ? targets : 0);
+        renumbered_targets_ |= targets;
+    }
     pass.operations.push_back({&operation, true});
     return true;
 }

@@ -37,6 +37,8 @@ struct PartShape {
     Index renumbered;        ///< bits that permutations may renumber
     std::size_t look_ahead;  ///< operations left out while more are looked at
     std::size_t max_length;  ///< operations in a pass
+    /// Renumberings move parts as a whole: they touch inactive bits alone.
+    bool whole_parts = false;
 };
 
 /// Takes the operations of one pass after another from a circuit.
@@ -58,10 +60,11 @@ class Planner {
     std::size_t front() const { return front_; }
 
   private:
-    bool can_renumber(const Operation& operation) const {
+    bool can_renumber(const Operation& operation, const Pass& pass) const {
+        const Index fixed = ~shape_.renumbered | (shape_.whole_parts ? pass.active : 0);
         return operation.is_permutation() && operation.controls == 0 &&
                operation.state.controls == 0 &&
-               !((operation.target_bits | operation.selects) & ~shape_.renumbered);
+               !((operation.target_bits | operation.selects) & fixed);
     }
     bool take(const Operation& operation, Pass& pass);
     void take_or_leave(const Operation& operation, Pass& pass);

@@ -1,0 +1,11 @@
+# The tests of the state vector over MPI, each with several numbers of ranks on this machine.
+add_executable(mpi_test mpi/mpi_test.cpp)
+target_include_directories(mpi_test PRIVATE ${PROJECT_SOURCE_DIR}/tests)
+target_link_libraries(mpi_test PRIVATE pblinalg::mpi pblinalg_internals GTest::gtest)
+
+foreach(ranks 1 2 4 8 16)
+    add_test(NAME mpi.on_${ranks}_ranks
+        COMMAND ${PROJECT_SOURCE_DIR}/scripts/ranks.sh ${ranks} $<TARGET_FILE:mpi_test>)
+    set_tests_properties(mpi.on_${ranks}_ranks PROPERTIES
+        ENVIRONMENT OMP_NUM_THREADS=1 TIMEOUT 120 RUN_SERIAL ON)
+endforeach()
