@@ -4,6 +4,7 @@
 #include <stdexcept>
 
 #include "core/team_scratch.hpp"
+#include "mpi/checks.hpp"
 #include "mpi/exchange.hpp"
 #include "mpi/rank_plan.hpp"
 #include "mpi/state.hpp"
@@ -41,23 +42,10 @@ std::uint64_t digest_of(const GateList& list, std::span<const double> values) {
     return digest.value();
 }
 
-void require_runnable(const GateList& list, std::span<const double> values, unsigned int n_qubits,
-                      unsigned int local_bits) {
-    if (list.n_qubits() > n_qubits) {
-        throw std::invalid_argument("the list acts on qubit " + std::to_string(list.n_qubits() - 1) +
-                                    "; the state has " + std::to_string(n_qubits) + " qubits");
-    }
-    if (values.size() < list.n_parameters()) {
-        throw std::invalid_argument(std::to_string(values.size()) + " values for " +
-                                    std::to_string(list.n_parameters()) + " parameters");
-    }
-    for (std::size_t i = 0; i < list.size(); ++i) {
-        const GateView gate = list[i];
-        if (gate.kind != GateKind::matrix || gate.targets.size() <= local_bits) continue;
-        throw std::invalid_argument("gate " + std::to_string(i) + " is a matrix on " +
-                                    std::to_string(gate.targets.size()) +
-                                    " qubits; a rank holds those of " + std::to_string(local_bits));
-    }
+void require_values(const GateList& list, std::span<const double> values) {
+    if (values.size() >= list.n_parameters()) return;
+    throw std::invalid_argument(std::to_string(values.size()) + " values for " +
+                                std::to_string(list.n_parameters()) + " parameters");
 }
 
 }  // namespace
@@ -91,7 +79,10 @@ template <class T>
 void StateVector<T>::run(const GateList& list, std::span<const double> values,
                          const Checkpoint& checkpoint) {
     static_cast<void>(checkpoint);
-    together(state_->comm(), [&] { require_runnable(list, values, nqubits(), local_qubits()); });
+    together(state_->comm(), [&] {
+        require_runnable(list, nqubits(), state_->layout.rank_bits);
+        require_values(list, values);
+    });
     require_same(state_->comm(), digest_of(list, values), "the gate list");
     cpu::Program<T> program;
     program.nqubits = nqubits();

@@ -9,6 +9,7 @@
 #include "circuits/plan.hpp"
 #include "core/bit_placement.hpp"
 #include "core/team_scratch.hpp"
+#include "mpi/checks.hpp"
 #include "mpi/exchange.hpp"
 #include "mpi/state.hpp"
 #include "readout/export.hpp"
@@ -19,9 +20,6 @@ using cpu::bit;
 
 namespace {
 
-/// Amplitudes that a rank holds at the least, as bits: gates have up to two targets.
-constexpr unsigned int min_local_bits = 2;
-
 /// The bits of the ranks' numbers.
 unsigned int rank_bits_of(const Communicator& communicator, unsigned int nqubits) {
     require_same(communicator.get(), nqubits, "the number of qubits");
@@ -31,11 +29,7 @@ unsigned int rank_bits_of(const Communicator& communicator, unsigned int nqubits
                                     "; expected a power of two");
     }
     const auto bits = static_cast<unsigned int>(std::countr_zero(size));
-    if (nqubits < bits + min_local_bits) {
-        throw std::invalid_argument(std::to_string(nqubits) + " qubits are too few for " +
-                                    std::to_string(size) + " ranks; expected at least " +
-                                    std::to_string(bits + min_local_bits));
-    }
+    require_qubits(nqubits, bits);
     if (nqubits >= 64) throw std::bad_alloc();
     return bits;
 }
