@@ -1,7 +1,7 @@
 #include "mpi/exchange.hpp"
 
 #include <algorithm>
-#include <cstring>
+#include <type_traits>
 
 namespace pblinalg::mpi {
 
@@ -21,46 +21,33 @@ std::size_t piece_amplitudes(unsigned int local_bits) {
     return std::max<std::size_t>(std::min(bytes, max_piece_bytes) / sizeof(std::complex<T>), 1);
 }
 
-/// Calls `body(index, length)` for runs of neighbours that together are elements [begin, end) of
-/// those with the bits `fixed` outside of `free`.
-template <class Body>
-void for_each_run(Index free, Index fixed, Index begin, Index end, const Body& body) {
+/// Calls `copy(index, place, length)` for runs of neighbours that together are elements [begin, end)
+/// of those with the bits `fixed` outside of `free`. Both bounds are multiples of a power of two
+/// that is their distance or more.
+template <class Copy>
+void for_each_run(Index free, Index fixed, Index begin, Index end, const Copy& copy) {
     const Index run = cpu::lowest_bit(~free);
-    while (begin < end) {
-        const Index length = std::min(end - begin, run - (begin & (run - 1)));
-        body(cpu::deposit_bits(begin, free) | fixed, length);
-        begin += length;
+    const Index length = std::min(run, end - begin);
+    const Index count = (end - begin) / length;
+    const Index steps = free & ~(run - 1);
+    Index index = cpu::deposit_bits(begin, free);
+    const auto copy_all = [&](auto fixed_length) {
+        for (Index i = 0; i < count; ++i) {
+            copy(index | fixed, i * fixed_length, fixed_length);
+            index = cpu::next_subset(index, steps);
+        }
+    };
+    // Short runs are copied by a few moves, not by a call.
+    switch (length) {
+        case 1:
+            return copy_all(std::integral_constant<Index, 1>());
+        case 2:
+            return copy_all(std::integral_constant<Index, 2>());
+        case 4:
+            return copy_all(std::integral_constant<Index, 4>());
+        default:
+            return copy_all(length);
     }
-}
-
-/// Copies elements [begin, end) of a part of the state to or from a buffer.
-template <class T>
-void pack(const std::complex<T>* amplitudes, Index free, Index fixed, Index begin, Index end,
-          std::complex<T>* to) {
-    if (!(free & 1)) {
-        Index subset = cpu::deposit_bits(begin, free);
-        for (; begin < end; ++begin, subset = cpu::next_subset(subset, free))
-            *to++ = amplitudes[subset | fixed];
-        return;
-    }
-    for_each_run(free, fixed, begin, end, [&](Index index, Index length) {
-        std::copy_n(amplitudes + index, length, to);
-        to += length;
-    });
-}
-template <class T>
-void unpack(std::complex<T>* amplitudes, Index free, Index fixed, Index begin, Index end,
-            const std::complex<T>* from) {
-    if (!(free & 1)) {
-        Index subset = cpu::deposit_bits(begin, free);
-        for (; begin < end; ++begin, subset = cpu::next_subset(subset, free))
-            amplitudes[subset | fixed] = *from++;
-        return;
-    }
-    for_each_run(free, fixed, begin, end, [&](Index index, Index length) {
-        std::copy_n(from, length, amplitudes + index);
-        from += length;
-    });
 }
 
 }  // namespace
@@ -121,13 +108,17 @@ void exchange(MPI_Comm comm, std::complex<T>* amplitudes, unsigned int local_bit
         const Index begin = p % pieces_per_part * piece;
         const auto bytes = static_cast<int>(piece * sizeof(std::complex<T>));
         MPI_Irecv(slot.in, bytes, MPI_BYTE, partner, 0, comm, &slot.requests[0]);
-        pack(amplitudes, free, fixed_of(p), begin, begin + piece, slot.out);
+        for_each_run(free, fixed_of(p), begin, begin + piece, [&](Index from, Index to, auto length) {
+            std::copy_n(amplitudes + from, +length, slot.out + to);
+        });
         MPI_Isend(slot.out, bytes, MPI_BYTE, partner, 0, comm, &slot.requests[1]);
     };
     const auto finish = [&](Index p, Slot& slot) {
         MPI_Waitall(2, slot.requests, MPI_STATUSES_IGNORE);
         const Index begin = p % pieces_per_part * piece;
-        unpack(amplitudes, free, fixed_of(p), begin, begin + piece, slot.in);
+        for_each_run(free, fixed_of(p), begin, begin + piece, [&](Index to, Index from, auto length) {
+            std::copy_n(slot.in + from, +length, amplitudes + to);
+        });
     };
     for (Index p = 0; p < n_pieces + n_slots; ++p) {
         Slot& slot = slots[p % n_slots];
