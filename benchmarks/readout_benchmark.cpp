@@ -59,12 +59,13 @@ void BM_Copy(benchmark::State& run) {
     count_bytes<T>(run, 2 * state.size);
 }
 
+/// Into a buffer that starts `past_line` amplitudes behind a cache line's boundary.
 template <class T>
 void BM_DenseExport(benchmark::State& run) {
     State<T> state(run);
-    const auto out = new_zeroed_array<std::complex<T>>(state.size, state.num_threads);
+    const auto out = new_zeroed_array<std::complex<T>>(state.size + 8, state.num_threads);
     for (auto _ : run) {
-        state.get_permuted_statevector(out.get(), static_cast<T>(run.range(2)));
+        state.get_permuted_statevector(out.get() + run.range(3), static_cast<T>(run.range(2)));
         benchmark::ClobberMemory();
     }
     count_bytes<T>(run, 2 * state.size);
@@ -134,8 +135,8 @@ void BM_Project(benchmark::State& run) {
     BENCHMARK(name<double>)->__VA_ARGS__->UseRealTime()->Unit(benchmark::kMillisecond);
 PBLINALG_BENCHMARK(BM_ReadPass, ArgNames({"qubits", "threads"})->ArgsProduct({{24}, {1, 2}}))
 PBLINALG_BENCHMARK(BM_Copy, ArgNames({"qubits", "threads"})->ArgsProduct({{24}, {1, 2}}))
-PBLINALG_BENCHMARK(BM_DenseExport, ArgNames({"qubits", "threads", "threshold"})
-                                       ->ArgsProduct({{20, 24}, {1, 2}, {0, 1}}))
+PBLINALG_BENCHMARK(BM_DenseExport, ArgNames({"qubits", "threads", "threshold", "past_line"})
+                                       ->ArgsProduct({{20, 24}, {1, 2}, {0, 1}, {0, 2}}))
 PBLINALG_BENCHMARK(BM_SparseExport, ArgNames({"qubits", "threads"})->ArgsProduct({{24}, {1, 2}}))
 PBLINALG_BENCHMARK(BM_Sample, ArgNames({"qubits", "threads", "shots"})
                                   ->ArgsProduct({{4, 12, 24}, {1, 2}, {1, 1000, 1000000}}))

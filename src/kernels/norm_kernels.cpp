@@ -29,11 +29,15 @@ PBLINALG_ALWAYS_INLINE V<T> load_norms(const T* from) {
 }  // namespace
 
 template <InstructionSet set, class T>
-void square_magnitudes(const T* amplitudes, Index count, T* norms) {
+void square_magnitudes(const T* amplitudes, Index count, T* norms, const T* next) {
     constexpr Index width = V<T>::n_elements;
+    constexpr Index line = 64 / sizeof(T);
     Index i = 0;
-    for (; i + width <= count; i += width)
+    for (; i + width <= count; i += width) {
+        for (Index part = 0; part < 2 * width; part += line)
+            __builtin_prefetch(next + 2 * i + part);
         load_norms(amplitudes + 2 * i).store(norms + i);
+    }
     for (; i < count; ++i)
         norms[i] = Scalar<set, T>::load(amplitudes + 2 * i).norm();
 }
@@ -135,7 +139,7 @@ void divide_matching(T* amplitudes, Index size, const Selection& kept, Index beg
 }
 
 #define PBLINALG_INSTANTIATE(T)                                                             \
-    template void square_magnitudes<this_set, T>(const T*, Index, T*);                      \
+    template void square_magnitudes<this_set, T>(const T*, Index, T*, const T*);            \
     template T sum_square_magnitudes<this_set, T>(const T*, Index, const IndexWalk&, Index, \
                                                   Index);                                   \
     template void add_by_outcome<this_set, T>(T*, const T*, const OutcomeTile&);            \

@@ -11,8 +11,9 @@ namespace pblinalg::cpu {
 /// norms[i] = squared magnitude of amplitude i, for i in [0, count).
 /// @param amplitudes  interleaved parts, the first one at an index that is a multiple of 64 or 0.
 /// @param norms       64-byte aligned.
+/// @param next        as many amplitudes that will be read after these: fetched meanwhile.
 template <InstructionSet set, class T>
-void square_magnitudes(const T* amplitudes, Index count, T* norms);
+void square_magnitudes(const T* amplitudes, Index count, T* norms, const T* next);
 
 /// The indices fixed_bits | deposit_bits(k, free_mask), k < 2^(bits of free_mask).
 struct IndexWalk {

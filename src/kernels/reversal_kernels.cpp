@@ -33,11 +33,13 @@ void copy_reversed(const T* in, T* out, const ReversalTiles& tiles, Index begin,
     const unsigned int shift = tiles.nqubits - side_bits;
     const Index side = bit(side_bits);
     const Index row_size = 2 * (side + ReversalTiles::row_padding);
-    // Off its alignment a vector goes out in pieces that leave lines half written in each of
-    // `lanes` rows; the processor keeps only a few such lines open.
+    // A column goes out in whole vectors of memory, from the first boundary of one onwards; the
+    // last of them holds both of its ends. Off a boundary, streams would leave lines half written.
+    constexpr Index amplitude_bytes = 2 * sizeof(T);
     const auto out_address = reinterpret_cast<std::uintptr_t>(out);
-    const bool streams = bit(tiles.nqubits) * 2 * sizeof(T) >= tiles.min_streamed_bytes &&
-                         out_address % (lanes > 4 ? V::bytes : 16) == 0;
+    const bool streams = bit(tiles.nqubits) * amplitude_bytes >= tiles.min_streamed_bytes &&
+                         out_address % amplitude_bytes == 0;
+    const Index head = streams ? -(out_address / amplitude_bytes) & (lanes - 1) : 0;
     for (Index t = begin; t < end; ++t) {
         // Rows enter in the order in which they leave.
         for (Index r = 0; r < side; ++r) {
@@ -54,17 +56,21 @@ void copy_reversed(const T* in, T* out, const ReversalTiles& tiles, Index begin,
             T* to[lanes];
             for (Index k = 0; k < lanes; ++k)
                 to[k] = out + 2 * (reverse_bits(c + k, side_bits) << shift | middle);
-            for (Index r = 0; r < side; r += lanes) {
+            for (Index r = head; r < side + head; r += lanes) {
                 V block[lanes];
                 for (Index k = 0; k < lanes; ++k)
-                    block[k] = V::load(tile + (r + k) * row_size + 2 * c);
+                    block[k] = V::load(tile + ((r + k) & (side - 1)) * row_size + 2 * c);
                 for (unsigned int b = 0; b < V::lane_bits; ++b) {
                     for (Index k = 0; k < lanes; ++k) {
                         if (!(k >> b & 1)) V::transpose(block[k], block[k | bit(b)], b);
                     }
                 }
                 for (Index k = 0; k < lanes; ++k) {
-                    if (streams) {
+                    if (r + lanes > side) {
+                        for (Index j = 0; j < lanes; ++j) {
+                            block[k].lane(static_cast<int>(j)).store({to[k]}, (r + j) & (side - 1));
+                        }
+                    } else if (streams) {
                         block[k].store_past_cache(to[k] + 2 * r);
                     } else {
                         block[k].store_unaligned(to[k] + 2 * r);

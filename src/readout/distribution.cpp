@@ -121,19 +121,21 @@ void add_tiles(const S& view, const TileWalk& walk, const OutcomeTile& tile, Ind
                Index begin, Index end, T* sums) {
     alignas(64) T values[bit(tile_bits)];
     const Index run = bit(walk.run_bits);
-    walk_groups(walk.outer_free, deposit_bits(outcome, walk.outer_listed), begin, end,
-                [&](Index base) {
-                    T* to = values;
-                    Index stream = 0;
-                    do {
-                        copy_probabilities(view, base | stream, run, to);
-                        to += run;
-                        stream = next_subset(stream, walk.stream_mask);
-                    } while (stream != 0);
-                    dispatch([&]<InstructionSet set>() {
-                        add_by_outcome<set>(sums, static_cast<const T*>(values), tile);
-                    });
-                });
+    const Index listed = deposit_bits(outcome, walk.outer_listed);
+    walk_groups(walk.outer_free, listed, begin, end, [&](Index base) {
+        const Index next_base = listed | next_subset(base & walk.outer_free, walk.outer_free);
+        T* to = values;
+        Index stream = 0;
+        do {
+            const Index next = next_subset(stream, walk.stream_mask);
+            copy_probabilities(view, base | stream, run, to, next != 0 ? base | next : next_base);
+            to += run;
+            stream = next;
+        } while (stream != 0);
+        dispatch([&]<InstructionSet set>() {
+            add_by_outcome<set>(sums, static_cast<const T*>(values), tile);
+        });
+    });
 }
 
 /// With at least this many outer patterns for each worker the outcomes are shared out, else the

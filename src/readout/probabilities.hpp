@@ -9,14 +9,17 @@
 namespace pblinalg::cpu {
 
 /// out[i] = probability of element first + i, for i in [0, count).
+/// @param next  the first element that will be read after these.
 template <class T>
-void copy_probabilities(const SVSequence<std::complex<T>>& view, Index first, Index count, T* out) {
+void copy_probabilities(const SVSequence<std::complex<T>>& view, Index first, Index count, T* out,
+                        Index next) {
     dispatch([&]<InstructionSet set>() {
-        square_magnitudes<set>(parts(view.amplitudes + first), count, out);
+        square_magnitudes<set>(parts(view.amplitudes + first), count, out,
+                               parts(view.amplitudes + next));
     });
 }
 template <class T>
-void copy_probabilities(const DMDiagSequence<T>& view, Index first, Index count, T* out) {
+void copy_probabilities(const DMDiagSequence<T>& view, Index first, Index count, T* out, Index) {
     for (Index i = 0; i < count; ++i)
         out[i] = view[first + i];
 }

@@ -139,7 +139,7 @@ class RunningSums {
   private:
     Index read_page(Index page, T* values) const {
         const Index count = std::min<Index>(page_size, view_.size);
-        copy_probabilities(view_, page * page_size, count, values);
+        copy_probabilities(view_, page * page_size, count, values, (page + 1) * page_size);
         return count;
     }
 
@@ -235,7 +235,7 @@ class OutcomeGuide {
 
     /// @param view  at most `guide_size` elements.
     explicit OutcomeGuide(const S& view) : size_(view.size) {
-        copy_probabilities(view, 0, size_, maxima_);
+        copy_probabilities(view, 0, size_, maxima_, 0);
         add_running(maxima_, size_, T(0), maxima_);
         for (Index k = 0; k < size_; ++k) {
             const T before = k > 0 ? maxima_[k - 1] : T(0);

@@ -111,20 +111,26 @@ TYPED_TEST(Export, WritesAndMapsAmplitudesAndDiagonalsInCallerOrder) {
 }
 
 // The tiles and the writes of outputs that no cache holds, in registers that a test can check.
-TYPED_TEST(Export, CopiesTilesOfEverySideAroundTheCacheAndThroughIt) {
+TYPED_TEST(Export, CopiesTilesOfEverySideAroundTheCacheAndThroughItToAnyAddress) {
     using T = TypeParam;
     const auto copy = [this]<bool thresholded>(unsigned int n, unsigned int side_bits,
                                                bool streams) {
         const auto amplitudes = this->mixture(n);
-        StateVector<T> out(n);
+        StateVector<T> room(n + 1);
         cpu::ReversalTiles tiles(n, side_bits);
         tiles.min_streamed_bytes = streams ? 0 : ~cpu::Index{0};
         const T threshold = thresholded ? T(0.5) : T(0);
         for_each_instruction_set([&] {
-            cpu::copy_tiles<thresholded>(cpu::amplitude_view(amplitudes.data(), n), out.state.get(),
-                                         tiles, 2, threshold * threshold);
-            EXPECT_TRUE(same_bits(out, this->expected_dense(amplitudes, threshold)))
-                << n << " qubits, side bits " << side_bits << ", streams " << streams;
+            for (const std::size_t offset : {1, 2, 8}) {
+                std::complex<T>* const out = room.state.get() + offset;
+                out[-1] = out[amplitudes.size()] = 7;
+                cpu::copy_tiles<thresholded>(cpu::amplitude_view(amplitudes.data(), n), out, tiles,
+                                             2, threshold * threshold);
+                EXPECT_TRUE(same_bits(out, this->expected_dense(amplitudes, threshold)))
+                    << n << " qubits, side bits " << side_bits << ", streams " << streams
+                    << ", offset " << offset;
+                EXPECT_TRUE(out[-1] == T(7) && out[amplitudes.size()] == T(7));
+            }
         });
     };
     for (const auto& [n, side_bits] : {std::pair{8u, 4u}, {11u, 5u}, {16u, 8u}, {18u, 8u}}) {
