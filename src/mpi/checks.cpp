@@ -28,4 +28,17 @@ void require_runnable(const GateList& list, unsigned int n_qubits, unsigned int 
     }
 }
 
+void require_list(std::span<const unsigned int> qubits, unsigned int n_qubits) {
+    std::uint64_t seen = 0;
+    for (const unsigned int qubit : qubits) {
+        if (qubit >= n_qubits) {
+            throw std::invalid_argument("qubit " + std::to_string(qubit) + " of a state of " +
+                                        std::to_string(n_qubits) + " qubits");
+        }
+        if (seen >> qubit & 1)
+            throw std::invalid_argument("qubit " + std::to_string(qubit) + " is listed twice");
+        seen |= std::uint64_t{1} << qubit;
+    }
+}
+
 }  // namespace pblinalg::mpi

@@ -16,4 +16,7 @@ void require_qubits(unsigned int n_qubits, unsigned int rank_bits);
 /// rank holds.
 void require_runnable(const GateList& list, unsigned int n_qubits, unsigned int rank_bits);
 
+/// Errors: std::invalid_argument for a qubit that the state does not have and for one listed twice.
+void require_list(std::span<const unsigned int> qubits, unsigned int n_qubits);
+
 }  // namespace pblinalg::mpi

@@ -1,5 +1,6 @@
 // Running gate lists and circuit records: passes on every rank, exchanges between them.
 #include <algorithm>
+#include <cstdio>
 #include <optional>
 #include <stdexcept>
 
@@ -76,22 +77,77 @@ void StateVector<T>::State::run(cpu::Program<T>& program, const T* factors) {
 }
 
 template <class T>
-void StateVector<T>::run(const GateList& list, std::span<const double> values,
-                         const Checkpoint& checkpoint) {
-    static_cast<void>(checkpoint);
-    together(state_->comm(), [&] {
-        require_runnable(list, nqubits(), state_->layout.rank_bits);
-        require_values(list, values);
-    });
-    require_same(state_->comm(), digest_of(list, values), "the gate list");
+void StateVector<T>::State::run(const GateList& list, std::span<const double> values,
+                                std::size_t first, std::size_t end) {
     cpu::Program<T> program;
-    program.nqubits = nqubits();
-    together(state_->comm(), [&] {
-        for (const GateView gate : list)
-            cpu::lower(gate, program);
+    program.nqubits = layout.n_qubits();
+    together(comm(), [&] {
+        // Gates keep their numbers in the list, by which `bind` finds their angles.
+        program.n_gates = static_cast<std::uint32_t>(first);
+        for (std::size_t i = first; i < end; ++i)
+            cpu::lower(list[i], program);
         cpu::bind(program, list, values, program.factors.data());
     });
-    state_->run(program, program.factors.data());
+    run(program, program.factors.data());
+}
+
+template <class T>
+void StateVector<T>::State::go_on(const GateList& list, std::span<const double> values,
+                                  RunProgress progress, const Checkpoint& checkpoint,
+                                  StateVector& owner) {
+    if (checkpoint.every == 0) return run(list, values, progress.gates, list.size());
+    while (progress.gates < list.size()) {
+        const std::size_t end = std::min<std::size_t>(list.size(), progress.gates + checkpoint.every);
+        run(list, values, progress.gates, end);
+        const std::string older = progress.state;
+        progress.gates = end;
+        progress.state = checkpoint.path + "." + std::to_string(end) + ".npy";
+        owner.save(progress.state);
+        write_progress(communicator, checkpoint.path, progress);
+        if (rank() == 0 && !older.empty()) std::remove(older.c_str());
+    }
+}
+
+namespace {
+
+/// What all ranks must have been given alike.
+/// @return the digest of the list and its values.
+template <class State>
+std::uint64_t agree_on_run(const State& state, const GateList& list,
+                           std::span<const double> values, const Checkpoint& checkpoint) {
+    together(state.comm(), [&] {
+        require_runnable(list, state.layout.n_qubits(), state.layout.rank_bits);
+        require_values(list, values);
+    });
+    const std::uint64_t digest = digest_of(list, values);
+    require_same(state.comm(), digest, "the gate list or its values");
+    Digest of_checkpoint;
+    of_checkpoint.add_all(checkpoint.path);
+    of_checkpoint.add(checkpoint.every);
+    require_same(state.comm(), of_checkpoint.value(), "the checkpoint");
+    return digest;
+}
+
+}  // namespace
+
+template <class T>
+void StateVector<T>::run(const GateList& list, std::span<const double> values,
+                         const Checkpoint& checkpoint) {
+    const std::uint64_t digest = agree_on_run(*state_, list, values, checkpoint);
+    state_->go_on(list, values, {0, digest, {}}, checkpoint, *this);
+}
+
+template <class T>
+void StateVector<T>::resume(const GateList& list, std::span<const double> values,
+                            const Checkpoint& checkpoint) {
+    const std::uint64_t digest = agree_on_run(*state_, list, values, checkpoint);
+    const RunProgress progress = read_progress(state_->communicator, checkpoint.path);
+    if (progress.list != digest || progress.gates > list.size()) {
+        throw std::invalid_argument(checkpoint.path +
+                                    " belongs to a run of another list or of other values");
+    }
+    load(progress.state);
+    state_->go_on(list, values, progress, checkpoint, *this);
 }
 
 template <class T>
@@ -125,6 +181,8 @@ void StateVector<T>::run(const PybindLinAlgWCircuit<T>& circuit) {
     template void StateVector<T>::State::run(cpu::Program<T>&, const T*);                \
     template void StateVector<T>::run(const GateList&, std::span<const double>,          \
                                       const Checkpoint&);                                \
+    template void StateVector<T>::resume(const GateList&, std::span<const double>,       \
+                                         const Checkpoint&);                             \
     template void StateVector<T>::run(const PybindLinAlgWCircuit<T>&);
 PBLINALG_INSTANTIATE(float)
 PBLINALG_INSTANTIATE(double)

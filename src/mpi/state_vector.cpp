@@ -83,12 +83,12 @@ void StateVector<T>::State::bring_in(Index qubits) {
 }
 
 template <class T>
-void StateVector<T>::State::sort(Index qubits) {
+void StateVector<T>::State::sort(Index qubits, bool descending) {
     bring_in(qubits);
-    const Layout found = layout;
     cpu::Program<T> program;
     unsigned int next_local = 0, next_rank = local_bits();
-    for (unsigned int q = 0; q < layout.n_qubits(); ++q) {
+    for (unsigned int i = 0; i < layout.n_qubits(); ++i) {
+        const unsigned int q = descending ? layout.n_qubits() - 1 - i : i;
         const bool inside = layout.is_local(q);
         const unsigned int to = inside ? next_local++ : next_rank++;
         const unsigned int from = layout.place[q];
@@ -191,37 +191,59 @@ auto StateVector<T>::amplitudes(std::span<const std::uint64_t> indices) -> std::
 }
 
 template <class T>
-auto StateVector<T>::gather(int root) -> std::vector<Amplitude> {
-    state_->sort();
-    const MPI_Comm comm = state_->comm();
-    const bool receives = root < 0 || root == rank();
-    std::vector<Amplitude> in_order, result;
+void StateVector<T>::State::collect(std::complex<T>* all, int root) {
     std::vector<int> counts, places;
-    together(comm, [&] {
-        counts.assign(static_cast<std::size_t>(ranks()), 1);
-        for (int r = 0; r < ranks(); ++r) {
-            places.push_back(static_cast<int>(
-                state_->layout.numbers.number_of(static_cast<Index>(r))));
-        }
-        if (receives) {
-            in_order.resize(bit(nqubits()));
-            result.resize(bit(nqubits()));
+    together(comm(), [&] {
+        for (int r = 0; r < communicator.size(); ++r) {
+            counts.push_back(1);
+            places.push_back(static_cast<int>(layout.numbers.number_of(static_cast<Index>(r))));
         }
     });
-    MPI_Datatype word, block;
-    MPI_Type_contiguous(sizeof(Amplitude), MPI_BYTE, &word);
-    MPI_Type_contiguous(static_cast<int>(state_->local_size()), word, &block);
+    MPI_Datatype amplitude, block;
+    MPI_Type_contiguous(sizeof(std::complex<T>), MPI_BYTE, &amplitude);
+    MPI_Type_contiguous(static_cast<int>(local_size()), amplitude, &block);
     MPI_Type_commit(&block);
     if (root < 0) {
-        MPI_Allgatherv(state_->amplitudes.get(), 1, block, in_order.data(), counts.data(),
-                       places.data(), block, comm);
+        MPI_Allgatherv(amplitudes.get(), 1, block, all, counts.data(), places.data(), block,
+                       comm());
     } else {
-        MPI_Gatherv(state_->amplitudes.get(), 1, block, in_order.data(), counts.data(),
-                    places.data(), block, root, comm);
+        MPI_Gatherv(amplitudes.get(), 1, block, all, counts.data(), places.data(), block, root,
+                    comm());
     }
     MPI_Type_free(&block);
-    MPI_Type_free(&word);
-    together(comm, [&] {
+    MPI_Type_free(&amplitude);
+}
+
+template <class T>
+auto StateVector<T>::State::whole() -> std::unique_ptr<cpu::PybindLinAlgStateVectorCPU<T>> {
+    sort();
+    std::unique_ptr<cpu::PybindLinAlgStateVectorCPU<T>> copy;
+    together(comm(), [&] {
+        copy = std::make_unique<cpu::PybindLinAlgStateVectorCPU<T>>(layout.n_qubits());
+        copy->set_num_threads(2);
+    });
+    collect(copy->state.get(), -1);
+    return copy;
+}
+
+template <class T>
+auto StateVector<T>::gather(int root) -> std::vector<Amplitude> {
+    together(state_->comm(), [&] {
+        if (root >= ranks()) {
+            throw std::invalid_argument("root = " + std::to_string(root) +
+                                        ": expected a rank below " + std::to_string(ranks()));
+        }
+    });
+    state_->sort();
+    const bool receives = root < 0 || root == rank();
+    std::vector<Amplitude> in_order, result;
+    together(state_->comm(), [&] {
+        if (!receives) return;
+        in_order.resize(bit(nqubits()));
+        result.resize(bit(nqubits()));
+    });
+    state_->collect(in_order.data(), root);
+    together(state_->comm(), [&] {
         if (!receives) return;
         cpu::copy_bit_reversed(cpu::amplitude_view(in_order.data(), nqubits()), result.data(),
                                state_->num_threads);

@@ -9,3 +9,11 @@ foreach(ranks 1 2 4 8 16)
     set_tests_properties(mpi.on_${ranks}_ranks PROPERTIES
         ENVIRONMENT OMP_NUM_THREADS=1 TIMEOUT 120 RUN_SERIAL ON)
 endforeach()
+
+add_executable(interrupted_run mpi/interrupted_run.cpp)
+target_link_libraries(interrupted_run PRIVATE pblinalg::mpi)
+add_test(NAME mpi.interruption
+    COMMAND ${CMAKE_CURRENT_SOURCE_DIR}/mpi/check_interruption.sh
+            ${PROJECT_SOURCE_DIR}/scripts/ranks.sh $<TARGET_FILE:interrupted_run>)
+set_tests_properties(mpi.interruption PROPERTIES
+    ENVIRONMENT OMP_NUM_THREADS=1 TIMEOUT 120 RUN_SERIAL ON)
