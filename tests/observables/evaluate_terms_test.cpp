@@ -81,10 +81,19 @@ void check_terms(unsigned int n, const std::vector<SimpleTerm<T>>& terms,
         // Each term sees the state as the term before it has left it.
         if (t == 0) load(reference, amplitudes);
         rotate(reference, cleaned[t]);
+        auto before = generator;
         const auto expected =
             score(reference, cleaned[t].qubits, cleaned[t].coefficient, nshots, generator);
         EXPECT_TRUE(same_bits(estimates[t].first, expected.first));
         EXPECT_TRUE(same_bits(estimates[t].second, expected.second));
+        // One term alone, on the rotated state, and from the distribution that this leaves behind.
+        std::vector<T> buffer;
+        auto again = before;
+        EXPECT_EQ(cpu::evaluate_term(reference.state.get(), buffer, cleaned[t], nshots, again, n,
+                                     workers),
+                  estimates[t]);
+        EXPECT_EQ(cpu::evaluate_term(buffer, cleaned[t].coefficient, nshots, before, workers),
+                  estimates[t]);
         rotate(reference, cleaned[t], true);
     }
     EXPECT_TRUE(state.rng == generator) << "one draw per shot and term";

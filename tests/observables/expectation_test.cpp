@@ -185,14 +185,17 @@ TYPED_TEST(Expectation, DensityMatricesLoadedRowMajorGiveTheTrace) {
 
 /// The defined sum of one term, with the standard's complex products.
 template <class T>
-T defined_sum(const Amplitudes<T>& a, const WObservable<T>& observable, std::size_t t) {
+std::complex<T> defined_sum(const Amplitudes<T>& a, const WObservable<T>& observable, std::size_t t,
+                            bool density_matrix) {
     const std::complex<T> phases[] = {1, {0, 1}, -1, {0, -1}};
-    T sum = 0;
-    for (std::size_t i = 0; i < a.size(); ++i) {
+    const std::size_t dim = density_matrix ? std::size_t{1} << qubits_of(a.size()) / 2 : a.size();
+    std::complex<T> sum = 0;
+    for (std::size_t i = 0; i < dim; ++i) {
         const auto parity = std::popcount(observable.sign_masks[t] & i);
-        sum += (a[i] * std::conj(a[i ^ observable.flip_masks[t]]) *
-                phases[(observable.phase_powers[t] + 2u * parity) % 4])
-                   .real();
+        const auto phase = phases[(observable.phase_powers[t] + 2u * parity) % 4];
+        const std::size_t flipped = i ^ observable.flip_masks[t];
+        sum += density_matrix ? a[flipped * dim + i] * phase
+                              : std::complex<T>((a[i] * std::conj(a[flipped]) * phase).real());
     }
     return sum;
 }
@@ -210,16 +213,23 @@ TYPED_TEST(Expectation, InfinitiesGiveWhatTheDefinedSumGives) {
         // Infinities that meet zeros are what the recovery of products is for.
         Amplitudes<T> amplitudes = filled<T>(256, Filling::signed_zeros);
         amplitudes[77] = special;
-        WObservable<T> observable{};
-        for (int t = 0; t < 12; ++t) {
-            add_pauli_string<T>(observable, random_letters(8, t % 2 ? "IXYZ" : "IZ", generator), 1);
-        }
         StateVector<T> state(8);
         load(state, amplitudes);
-        const auto values = state.terms_expectations_values(observable);
-        for (std::size_t t = 0; t < values.size(); ++t) {
-            EXPECT_TRUE(same_bits(values[t].real(), defined_sum(amplitudes, observable, t)))
-                << special << " term " << t << ": " << values[t];
+        for (const bool density_matrix : {false, true}) {
+            state.density_matrix = density_matrix;
+            WObservable<T> observable{};
+            for (int t = 0; t < 12; ++t) {
+                const char* const alphabet = t % 2 ? "IXYZ" : "IZ";
+                add_pauli_string<T>(observable,
+                                    random_letters(density_matrix ? 4 : 8, alphabet, generator), 1);
+            }
+            const auto values = state.terms_expectations_values(observable);
+            for (std::size_t t = 0; t < values.size(); ++t) {
+                const auto defined = defined_sum(amplitudes, observable, t, density_matrix);
+                EXPECT_TRUE(density_matrix ? same_bits(values[t], defined)
+                                           : same_bits(values[t].real(), defined.real()))
+                    << special << " term " << t << ": " << values[t] << ", not " << defined;
+            }
         }
     }
 }
