@@ -71,7 +71,8 @@ inline void add_ising(GateList& list, unsigned int n, unsigned int steps, Source
 }
 
 /// RXX and RZZ on random pairs.
-inline void add_pair_rotations(GateList& list, unsigned int n, unsigned int layers, Source& source) {
+inline void add_pair_rotations(GateList& list, unsigned int n, unsigned int layers,
+                               Source& source) {
     for (unsigned int i = 0; i < layers * n / 2; ++i) {
         const auto [a, b] = source.qubits(n);
         list.add(i % 2 ? GateKind::RZZ : GateKind::RXX, {a, b}, source.angle());
@@ -120,7 +121,8 @@ inline std::vector<std::complex<double>> random_unitary(Source& source) {
     return m;
 }
 
-inline void add_quantum_volume(GateList& list, unsigned int n, unsigned int layers, Source& source) {
+inline void add_quantum_volume(GateList& list, unsigned int n, unsigned int layers,
+                               Source& source) {
     std::vector<unsigned int> order(n);
     for (unsigned int q = 0; q < n; ++q)
         order[q] = q;

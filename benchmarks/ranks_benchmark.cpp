@@ -81,10 +81,11 @@ int main(int argc, char** argv) {
             }
             sleep_until_all_are_here();
             if (!first) continue;
-            std::printf("%s, %u qubits: %d ranks x 1 worker %.3f s, 1 rank x %d workers %.3f s, "
-                        "ratio %.2f; one RX %.3f s\n",
-                        circuit.name, n, spread.ranks(), median(over_ranks), spread.ranks(),
-                        median(alone), median(over_ranks) / median(alone), median(pass));
+            std::printf(
+                "%s, %u qubits: %d ranks x 1 worker %.3f s, 1 rank x %d workers %.3f s, "
+                "ratio %.2f; one RX %.3f s\n",
+                circuit.name, n, spread.ranks(), median(over_ranks), spread.ranks(), median(alone),
+                median(over_ranks) / median(alone), median(pass));
         }
     }
     MPI_Finalize();

@@ -38,12 +38,14 @@ int run(const std::vector<std::string>& arguments) {
     std::ostream& out = state.rank() == 0 ? std::cout : quiet;
     const pblinalg::GateList there = layers_of_gates(n_qubits, layers);
     const auto plan = pblinalg::mpi::dry_run<double>(
-        there, n_qubits, static_cast<unsigned int>(std::countr_zero(static_cast<unsigned int>(state.ranks()))));
+        there, n_qubits,
+        static_cast<unsigned int>(std::countr_zero(static_cast<unsigned int>(state.ranks()))));
     out << n_qubits << " qubits on " << state.ranks() << " ranks of 2^" << state.local_qubits()
         << " amplitudes\n"
         << there.size() << " gates in " << plan.traffic.exchanges << " exchanges, "
-        << plan.traffic.bytes / 1048576 << " MiB sent by each rank; one exchange a gate: "
-        << plan.gate_by_gate.bytes / 1048576 << " MiB\n";
+        << plan.traffic.bytes / 1048576
+        << " MiB sent by each rank; one exchange a gate: " << plan.gate_by_gate.bytes / 1048576
+        << " MiB\n";
     state.seed(1);
     state.run(there);
     out << "Three shots:";

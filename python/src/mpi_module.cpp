@@ -1,5 +1,5 @@
-// The extension module of states over MPI ranks. Circuits and observables are those of `_core`, which
-// is imported first; arguments are checked by the classes above and by the library.
+// The extension module of states over MPI ranks. Circuits and observables are those of `_core`,
+// which is imported first; arguments are checked by the classes above and by the library.
 #include <nanobind/nanobind.h>
 #include <nanobind/ndarray.h>
 #include <nanobind/stl/complex.h>
@@ -11,6 +11,7 @@
 #include <pblinalg/mpi/state_vector.hpp>
 
 #include "gate_lists.hpp"
+#include "records.hpp"
 
 namespace pblinalg::python {
 namespace {
@@ -85,7 +86,10 @@ void bind_ranks(nb::module_& module, const char* name) {
         .def("measure", &State::measure)
         .def("project", &State::project)
         .def("project_then_reset", &State::project_then_reset)
-        .def("expectation_value", &State::expectation_value)
+        .def("expectation_value",
+             [](State& self, const BoundObservable<T>& observable) {
+                 return self.expectation_value(observable);
+             })
         .def("save", &State::save)
         .def("load", &State::load);
 }

@@ -63,8 +63,8 @@ DryRun dry_run(const GateList& list, unsigned int n_qubits, unsigned int rank_bi
             cpu::Plan<T>(std::move(local), cpu::plan_shape<T>(local_bits, 1)).counts();
         result.memory_passes += counts.passes + counts.alone;
     }
-    result.seconds += static_cast<double>(result.memory_passes) * 2 * local_bytes /
-                      machine.memory_bandwidth;
+    result.seconds +=
+        static_cast<double>(result.memory_passes) * 2 * local_bytes / machine.memory_bandwidth;
     for (const GateView gate : list) {
         if (!crosses(gate, local_bits)) continue;
         ++result.gate_by_gate.exchanges;

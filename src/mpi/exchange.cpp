@@ -21,9 +21,9 @@ std::size_t piece_amplitudes(unsigned int local_bits) {
     return std::max<std::size_t>(std::min(bytes, max_piece_bytes) / sizeof(std::complex<T>), 1);
 }
 
-/// Calls `copy(index, place, length)` for runs of neighbours that together are elements [begin, end)
-/// of those with the bits `fixed` outside of `free`. Both bounds are multiples of a power of two
-/// that is their distance or more.
+/// Calls `copy(index, place, length)` for runs of neighbours that together are elements [begin,
+/// end) of those with the bits `fixed` outside of `free`. Both bounds are multiples of a power of
+/// two that is their distance or more.
 template <class Copy>
 void for_each_run(Index free, Index fixed, Index begin, Index end, const Copy& copy) {
     const Index run = cpu::lowest_bit(~free);
@@ -108,17 +108,19 @@ void exchange(MPI_Comm comm, std::complex<T>* amplitudes, unsigned int local_bit
         const Index begin = p % pieces_per_part * piece;
         const auto bytes = static_cast<int>(piece * sizeof(std::complex<T>));
         MPI_Irecv(slot.in, bytes, MPI_BYTE, partner, 0, comm, &slot.requests[0]);
-        for_each_run(free, fixed_of(p), begin, begin + piece, [&](Index from, Index to, auto length) {
-            std::copy_n(amplitudes + from, +length, slot.out + to);
-        });
+        for_each_run(free, fixed_of(p), begin, begin + piece,
+                     [&](Index from, Index to, auto length) {
+                         std::copy_n(amplitudes + from, +length, slot.out + to);
+                     });
         MPI_Isend(slot.out, bytes, MPI_BYTE, partner, 0, comm, &slot.requests[1]);
     };
     const auto finish = [&](Index p, Slot& slot) {
         MPI_Waitall(2, slot.requests, MPI_STATUSES_IGNORE);
         const Index begin = p % pieces_per_part * piece;
-        for_each_run(free, fixed_of(p), begin, begin + piece, [&](Index to, Index from, auto length) {
-            std::copy_n(slot.in + from, +length, amplitudes + to);
-        });
+        for_each_run(free, fixed_of(p), begin, begin + piece,
+                     [&](Index to, Index from, auto length) {
+                         std::copy_n(slot.in + from, +length, amplitudes + to);
+                     });
     };
     for (Index p = 0; p < n_pieces + n_slots; ++p) {
         Slot& slot = slots[p % n_slots];
@@ -127,8 +129,8 @@ void exchange(MPI_Comm comm, std::complex<T>* amplitudes, unsigned int local_bit
     }
 }
 
-#define PBLINALG_INSTANTIATE(T)                                                                \
-    template std::size_t exchange_buffer_bytes<T>(unsigned int);                               \
+#define PBLINALG_INSTANTIATE(T)                                                                   \
+    template std::size_t exchange_buffer_bytes<T>(unsigned int);                                  \
     template void exchange<T>(MPI_Comm, std::complex<T>*, unsigned int, std::span<const BitSwap>, \
                               const RankNumbers&, Index, std::byte*);
 PBLINALG_INSTANTIATE(float)

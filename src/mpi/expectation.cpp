@@ -1,6 +1,6 @@
-// Exact expectation values of Pauli sums. Terms that flip bits of the ranks' numbers meet amplitudes
-// of another rank: the two send each other half of theirs, piece by piece, and form half of the
-// products each.
+// Exact expectation values of Pauli sums. Terms that flip bits of the ranks' numbers meet
+// amplitudes of another rank: the two send each other half of theirs, piece by piece, and form half
+// of the products each.
 #include <algorithm>
 #include <bit>
 #include <map>
@@ -37,7 +37,8 @@ struct alignas(64) Sums {
 
 }  // namespace
 
-/// <P> of the listed terms, which flip bits of the ranks' numbers, as far as this rank adds to them.
+/// <P> of the listed terms, which flip bits of the ranks' numbers, as far as this rank adds to
+/// them.
 /// @param flip  the same for all terms, in the state's index.
 template <class T>
 void StateVector<T>::State::add_crossing_terms(const WObservable<T>& observable, Index flip,
@@ -127,8 +128,8 @@ std::complex<T> StateVector<T>::expectation_value(const WObservable<T>& observab
     together(state_->comm(), [&] {
         for (std::size_t t = 0; t < n_terms; ++t) {
             if ((observable.flip_masks[t] | observable.sign_masks[t]) & ~cpu::low_mask(n)) {
-                throw std::invalid_argument("term " + std::to_string(t) +
-                                            " acts beyond the " + std::to_string(n) + " qubits");
+                throw std::invalid_argument("term " + std::to_string(t) + " acts beyond the " +
+                                            std::to_string(n) + " qubits");
             }
         }
     });

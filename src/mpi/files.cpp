@@ -1,5 +1,7 @@
 // States in files: one .npy file in caller order, written and read by all ranks at once; and the
 // checkpoints of runs, such a file beside a short text that names it and says how far the run was.
+#include "mpi/files.hpp"
+
 #include <algorithm>
 #include <bit>
 #include <cstdio>
@@ -8,7 +10,6 @@
 #include <sstream>
 #include <stdexcept>
 
-#include "mpi/files.hpp"
 #include "mpi/state.hpp"
 
 namespace pblinalg::mpi {
@@ -40,9 +41,7 @@ std::string header_of(unsigned int n_qubits) {
 /// Errors: std::runtime_error unless it holds 2^n_qubits amplitudes of `T`, all of them.
 template <class T>
 Index data_offset(const std::string& path, unsigned int n_qubits) {
-    const auto fail = [&](const std::string& what) {
-        throw std::runtime_error(path + " " + what);
-    };
+    const auto fail = [&](const std::string& what) { throw std::runtime_error(path + " " + what); };
     std::ifstream file(path, std::ios::binary);
     if (!file) fail("cannot be read");
     unsigned char head[12] = {};
@@ -221,8 +220,8 @@ RunProgress read_progress(const Communicator& communicator, const std::string& p
     return progress;
 }
 
-#define PBLINALG_INSTANTIATE(T)                                      \
-    template void StateVector<T>::save(const std::string&);          \
+#define PBLINALG_INSTANTIATE(T)                             \
+    template void StateVector<T>::save(const std::string&); \
     template void StateVector<T>::load(const std::string&);
 PBLINALG_INSTANTIATE(float)
 PBLINALG_INSTANTIATE(double)

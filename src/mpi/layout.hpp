@@ -1,6 +1,7 @@
 // Where the index bits of a state lie that is spread over ranks: each qubit on a bit of the index
-// within a rank, or on a bit of the rank's number. Ranks are renumbered linearly, so X and CNOT among
-// such bits move no data. What data has to move is decided in rank_plan.hpp and done in exchange.hpp.
+// within a rank, or on a bit of the rank's number. Ranks are renumbered linearly, so X and CNOT
+// among such bits move no data. What data has to move is decided in rank_plan.hpp and done in
+// exchange.hpp.
 #pragma once
 
 #include <span>

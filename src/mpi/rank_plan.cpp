@@ -90,8 +90,7 @@ std::vector<unsigned int> take_out_swaps(cpu::Program<T>& program) {
             std::vector<unsigned int> places;
             const Index bits = rename(table.bits);
             for (Index rest = table.bits; rest != 0; rest &= rest - 1)
-                places.push_back(
-                    cpu::count_bits(bits & cpu::low_mask(name[first_bit(rest)])));
+                places.push_back(cpu::count_bits(bits & cpu::low_mask(name[first_bit(rest)])));
             const auto place = cpu::BitPlacement::scatter(places);
             std::vector<std::complex<T>> diag(table.diag.size());
             for (Index entry = 0; entry < diag.size(); ++entry)
@@ -114,8 +113,7 @@ std::vector<unsigned int> take_out_swaps(cpu::Program<T>& program) {
 
 /// The bits to hold within ranks for `pass`: those it needs, and of those at hand the ones needed
 /// soonest after it.
-Index choose_local(const Pass& pass, Index at_hand, const Uses& uses,
-                   const cpu::Planner& planner) {
+Index choose_local(const Pass& pass, Index at_hand, const Uses& uses, const cpu::Planner& planner) {
     Index needed = 0;
     bool stays = true;
     for (const auto& [operation, renumbers] : pass.operations) {
@@ -148,8 +146,8 @@ std::vector<BitSwap> swaps_to(Index local, const Layout& layout) {
     std::vector<BitSwap> swaps;
     Index out = at_hand & ~local;
     for (Index in = local & ~at_hand; in != 0; in &= in - 1, out &= out - 1) {
-        swaps.push_back({layout.place[first_bit(out)],
-                         layout.place[first_bit(in)] - layout.local_bits()});
+        swaps.push_back(
+            {layout.place[first_bit(out)], layout.place[first_bit(in)] - layout.local_bits()});
     }
     return swaps;
 }
@@ -166,19 +164,17 @@ RankPlan plan_ranks(cpu::Program<T>& program, const Layout& layout) {
     const std::span<const Operation> operations = program.operations;
     RankPlan plan{{}, layout};
     const Uses uses(operations, program.nqubits);
-    cpu::Planner planner(
-        operations,
-        {.n_bits = program.nqubits,
-         .part_bits = layout.local_bits(),
-         .always = 0,
-         .renumbered = cpu::low_mask(program.nqubits),
-         .look_ahead = look_ahead,
-         .max_length = std::numeric_limits<std::size_t>::max(),
-         .whole_parts = true});
+    cpu::Planner planner(operations, {.n_bits = program.nqubits,
+                                      .part_bits = layout.local_bits(),
+                                      .always = 0,
+                                      .renumbered = cpu::low_mask(program.nqubits),
+                                      .look_ahead = look_ahead,
+                                      .max_length = std::numeric_limits<std::size_t>::max(),
+                                      .whole_parts = true});
     for (Pass pass; planner.next(pass);) {
         RankPass& own = plan.passes.emplace_back();
-        own.swaps = swaps_to(choose_local(pass, plan.layout.local_qubits(), uses, planner),
-                             plan.layout);
+        own.swaps =
+            swaps_to(choose_local(pass, plan.layout.local_qubits(), uses, planner), plan.layout);
         plan.layout.apply(own.swaps);
         for (const auto& entry : pass.operations) {
             own.operations.push_back(
@@ -328,8 +324,7 @@ void localise(const Operation& operation, const cpu::Program<T>& program, const 
     own.target_bits = layout.local_places(operation.target_bits);
     own.controls = layout.local_places(operation.controls);
     own.control_values = layout.local_places(operation.control_values);
-    if (operation.action == Action::table)
-        own.selects = layout.local_places(operation.selects);
+    if (operation.action == Action::table) own.selects = layout.local_places(operation.selects);
     if (operation.action == Action::table)
         return localise_table(own, program.tables[operation.data], layout, number, local);
     if (operation.action == Action::dense) {
@@ -365,10 +360,10 @@ void localise(const Operation& operation, const cpu::Program<T>& program, const 
     local.operations.push_back(own);
 }
 
-#define PBLINALG_INSTANTIATE(T)                                                          \
-    template RankPlan plan_ranks<T>(cpu::Program<T>&, const Layout&);                    \
-    template void localise<T>(const Operation&, const cpu::Program<T>&, const T*,        \
-                              const Layout&, Index, cpu::Program<T>&);
+#define PBLINALG_INSTANTIATE(T)                                                                  \
+    template RankPlan plan_ranks<T>(cpu::Program<T>&, const Layout&);                            \
+    template void localise<T>(const Operation&, const cpu::Program<T>&, const T*, const Layout&, \
+                              Index, cpu::Program<T>&);
 PBLINALG_INSTANTIATE(float)
 PBLINALG_INSTANTIATE(double)
 #undef PBLINALG_INSTANTIATE

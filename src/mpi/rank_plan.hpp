@@ -1,5 +1,5 @@
-// The plan of a program for a state that is spread over ranks, with no amplitude touched: stretches of
-// operations whose targets lie within ranks, and the exchanges between them. The third level of
+// The plan of a program for a state that is spread over ranks, with no amplitude touched: stretches
+// of operations whose targets lie within ranks, and the exchanges between them. The third level of
 // circuits/planner.hpp: a rank is a part like a tile.
 #pragma once
 

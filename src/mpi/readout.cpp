@@ -1,5 +1,6 @@
 // Probabilities and projections. Sums are those of one process as long as none of their pieces lies
-// on several ranks: these are small, and up to max_copied_qubits the whole state is copied for them.
+// on several ranks: these are small, and up to max_copied_qubits the whole state is copied for
+// them.
 #include <algorithm>
 #include <bit>
 #include <cmath>
@@ -64,11 +65,11 @@ T StateVector<T>::State::weight(Index mask, Index values) {
         sums.resize(own_pieces);
         all_sums.resize(own_pieces * static_cast<Index>(communicator.size()));
         if (!counts) return;
-        sums = cpu::results_of_pieces<T>(
-            own.count(), own_pieces, cpu::workers_for(own.count(), num_threads),
-            [&](Index begin, Index end) {
-                return cpu::sum_probabilities(view(), own, begin, end);
-            });
+        sums = cpu::results_of_pieces<T>(own.count(), own_pieces,
+                                         cpu::workers_for(own.count(), num_threads),
+                                         [&](Index begin, Index end) {
+                                             return cpu::sum_probabilities(view(), own, begin, end);
+                                         });
     });
     MPI_Allgather(sums.data(), static_cast<int>(own_pieces), mpi_type<T>(), all_sums.data(),
                   static_cast<int>(own_pieces), mpi_type<T>(), comm());
@@ -130,8 +131,7 @@ std::vector<T> StateVector<T>::distribution(const Qubits& qubits) {
                 own_list.push_back(static_cast<unsigned int>(std::countr_zero(rest)));
         }
         sums.resize(own_outcomes * own_pieces);
-        const cpu::TeamScratch scratch(
-            1, cpu::outcome_scratch_bytes(state_->view(), own_list, 1));
+        const cpu::TeamScratch scratch(1, cpu::outcome_scratch_bytes(state_->view(), own_list, 1));
         cpu::outcome_probabilities(state_->view(), own_list, 1, sums.data(), scratch.of(0));
     });
     // A chain through the ranks that share the listed qubits' values adds piece after piece.
@@ -156,8 +156,7 @@ std::vector<T> StateVector<T>::distribution(const Qubits& qubits) {
         MPI_Send(totals.data(), count, mpi_type<T>(), neighbour(place + 1), 0, state_->comm());
     } else {
         for (Index s = 0; s < own_outcomes; ++s) {
-            const Index index =
-                cpu::deposit_bits(s, listed & inside) | (number << l & listed);
+            const Index index = cpu::deposit_bits(s, listed & inside) | (number << l & listed);
             Index outcome = 0;
             for (const unsigned int qubit : qubits)
                 outcome = outcome << 1 | (index >> qubit & 1);
@@ -207,12 +206,12 @@ void StateVector<T>::project_then_reset(const Qubits& qubits, std::uint64_t outc
     run(list);
 }
 
-#define PBLINALG_INSTANTIATE(T)                                                          \
-    template T StateVector<T>::State::weight(Index, Index);                              \
-    template T StateVector<T>::total_probability();                                      \
-    template T StateVector<T>::probability(std::uint64_t, const Qubits&);                \
-    template std::vector<T> StateVector<T>::distribution(const Qubits&);                 \
-    template void StateVector<T>::project(const Qubits&, std::uint64_t);                 \
+#define PBLINALG_INSTANTIATE(T)                                           \
+    template T StateVector<T>::State::weight(Index, Index);               \
+    template T StateVector<T>::total_probability();                       \
+    template T StateVector<T>::probability(std::uint64_t, const Qubits&); \
+    template std::vector<T> StateVector<T>::distribution(const Qubits&);  \
+    template void StateVector<T>::project(const Qubits&, std::uint64_t);  \
     template void StateVector<T>::project_then_reset(const Qubits&, std::uint64_t);
 PBLINALG_INSTANTIATE(float)
 PBLINALG_INSTANTIATE(double)

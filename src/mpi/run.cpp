@@ -97,7 +97,8 @@ void StateVector<T>::State::go_on(const GateList& list, std::span<const double> 
                                   StateVector& owner) {
     if (checkpoint.every == 0) return run(list, values, progress.gates, list.size());
     while (progress.gates < list.size()) {
-        const std::size_t end = std::min<std::size_t>(list.size(), progress.gates + checkpoint.every);
+        const std::size_t end =
+            std::min<std::size_t>(list.size(), progress.gates + checkpoint.every);
         run(list, values, progress.gates, end);
         const std::string older = progress.state;
         progress.gates = end;
@@ -113,8 +114,8 @@ namespace {
 /// What all ranks must have been given alike.
 /// @return the digest of the list and its values.
 template <class State>
-std::uint64_t agree_on_run(const State& state, const GateList& list,
-                           std::span<const double> values, const Checkpoint& checkpoint) {
+std::uint64_t agree_on_run(const State& state, const GateList& list, std::span<const double> values,
+                           const Checkpoint& checkpoint) {
     together(state.comm(), [&] {
         require_runnable(list, state.layout.n_qubits(), state.layout.rank_bits);
         require_values(list, values);
@@ -177,12 +178,12 @@ void StateVector<T>::run(const PybindLinAlgWCircuit<T>& circuit) {
     }
 }
 
-#define PBLINALG_INSTANTIATE(T)                                                          \
-    template void StateVector<T>::State::run(cpu::Program<T>&, const T*);                \
-    template void StateVector<T>::run(const GateList&, std::span<const double>,          \
-                                      const Checkpoint&);                                \
-    template void StateVector<T>::resume(const GateList&, std::span<const double>,       \
-                                         const Checkpoint&);                             \
+#define PBLINALG_INSTANTIATE(T)                                                    \
+    template void StateVector<T>::State::run(cpu::Program<T>&, const T*);          \
+    template void StateVector<T>::run(const GateList&, std::span<const double>,    \
+                                      const Checkpoint&);                          \
+    template void StateVector<T>::resume(const GateList&, std::span<const double>, \
+                                         const Checkpoint&);                       \
     template void StateVector<T>::run(const PybindLinAlgWCircuit<T>&);
 PBLINALG_INSTANTIATE(float)
 PBLINALG_INSTANTIATE(double)

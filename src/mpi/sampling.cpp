@@ -1,4 +1,7 @@
-// Shots. Every rank takes the same draws, sorts them, and answers those that fall to its amplitudes.
+// Shots. Every rank takes the same draws, sorts them, and answers those that fall to its
+// amplitudes.
+#include "readout/sampling.hpp"
+
 #include <algorithm>
 #include <bit>
 #include <stdexcept>
@@ -8,7 +11,6 @@
 #include "mpi/state.hpp"
 #include "readout/draws.hpp"
 #include "readout/probabilities.hpp"
-#include "readout/sampling.hpp"
 
 namespace pblinalg::mpi {
 
@@ -37,8 +39,8 @@ struct Progress {
     std::uint64_t answered;
 };
 
-/// Adds up the probabilities of a view one by one and calls `found(index, draw)` for every draw that
-/// they reach.
+/// Adds up the probabilities of a view one by one and calls `found(index, draw)` for every draw
+/// that they reach.
 template <class T, class Found>
 void scan(const cpu::SVSequence<std::complex<T>>& view, std::span<const Draw> draws,
           Progress<T>& progress, const Found& found) {
@@ -108,11 +110,11 @@ std::vector<std::uint64_t> StateVector<T>::State::sample(std::uint64_t shots,
         T total = 0;
         std::vector<T> totals;
         together(comm(), [&] {
-            total = cpu::sum_over_pieces<T>(local_size(), local_size(), num_threads == 1 ? 2 : num_threads,
-                                            [&](Index begin, Index end) {
-                                                return cpu::sum_probabilities(view(), all, begin,
-                                                                              end);
-                                            });
+            total = cpu::sum_over_pieces<T>(
+                local_size(), local_size(), num_threads == 1 ? 2 : num_threads,
+                [&](Index begin, Index end) {
+                    return cpu::sum_probabilities(view(), all, begin, end);
+                });
             totals.resize(n_ranks);
             starts.assign(n_ranks + 1, 0);
         });
@@ -198,11 +200,10 @@ std::uint64_t StateVector<T>::measure(const Qubits& qubits) {
     return state_->sample(1, qubits, -1, true)[0];
 }
 
-#define PBLINALG_INSTANTIATE(T)                                                                  \
-    template std::vector<std::uint64_t> StateVector<T>::sample(std::uint64_t, const Qubits&,     \
-                                                               int);                             \
-    template std::vector<std::uint64_t> StateVector<T>::sample_by_pieces(std::uint64_t,          \
-                                                                         const Qubits&, int);    \
+#define PBLINALG_INSTANTIATE(T)                                                                    \
+    template std::vector<std::uint64_t> StateVector<T>::sample(std::uint64_t, const Qubits&, int); \
+    template std::vector<std::uint64_t> StateVector<T>::sample_by_pieces(std::uint64_t,            \
+                                                                         const Qubits&, int);      \
     template std::uint64_t StateVector<T>::measure(const Qubits&);
 PBLINALG_INSTANTIATE(float)
 PBLINALG_INSTANTIATE(double)

@@ -1,4 +1,5 @@
-// What a rank holds of a state, and how its qubits are arranged for readouts that want them in order.
+// What a rank holds of a state, and how its qubits are arranged for readouts that want them in
+// order.
 #pragma once
 
 #include <pblinalg/mpi/state_vector.hpp>
@@ -14,8 +15,8 @@
 
 namespace pblinalg::mpi {
 
-/// Sums whose pieces would lie on several ranks are taken from a copy of the whole state, up to this
-/// number of qubits; those of Pauli terms, which take longer, always, up to the second one.
+/// Sums whose pieces would lie on several ranks are taken from a copy of the whole state, up to
+/// this number of qubits; those of Pauli terms, which take longer, always, up to the second one.
 inline constexpr unsigned int max_copied_qubits = 20;
 inline constexpr unsigned int max_copied_for_terms = 16;
 
@@ -62,8 +63,8 @@ struct StateVector<T>::State {
     /// The sum of the squared magnitudes of the amplitudes with `values` under `mask`.
     T weight(Index mask, Index values);
 
-    /// Writes <P> of the listed terms as far as this rank adds to it. All flip the same bits, some of
-    /// them in the ranks' numbers.
+    /// Writes <P> of the listed terms as far as this rank adds to it. All flip the same bits, some
+    /// of them in the ranks' numbers.
     void add_crossing_terms(const WObservable<T>& observable, Index flip,
                             const std::vector<std::size_t>& terms, std::span<T> values);
     /// @param one_by_one  running sums are added up through all ranks, as one process does.

@@ -43,8 +43,8 @@ StateVector<T>::State::State(MPI_Comm comm, unsigned int nqubits)
       amplitudes(nullptr, cpu::aligned_array_delete<std::complex<T>>) {
     together(this->comm(),
              [&] { amplitudes = cpu::new_zeroed_array<std::complex<T>>(local_size(), 1); });
-    std::uint64_t seed = static_cast<std::uint64_t>(
-        std::chrono::system_clock::now().time_since_epoch().count());
+    std::uint64_t seed =
+        static_cast<std::uint64_t>(std::chrono::system_clock::now().time_since_epoch().count());
     MPI_Bcast(&seed, 1, MPI_UINT64_T, 0, this->comm());
     rng.seed(seed);
     clear();
@@ -94,11 +94,11 @@ void StateVector<T>::State::sort(Index qubits, bool descending) {
         const unsigned int from = layout.place[q];
         if (from == to) continue;
         if (inside) {
-            program.operations.push_back({.action = cpu::Action::SWAP,
-                                          .inverted = true,
-                                          .targets = {static_cast<unsigned char>(from),
-                                                      static_cast<unsigned char>(to)},
-                                          .target_bits = bit(from) | bit(to)});
+            program.operations.push_back(
+                {.action = cpu::Action::SWAP,
+                 .inverted = true,
+                 .targets = {static_cast<unsigned char>(from), static_cast<unsigned char>(to)},
+                 .target_bits = bit(from) | bit(to)});
         } else {
             layout.numbers.exchange(from - local_bits(), to - local_bits());
         }
@@ -253,21 +253,21 @@ auto StateVector<T>::gather(int root) -> std::vector<Amplitude> {
 
 template struct StateVector<float>::State;
 template struct StateVector<double>::State;
-#define PBLINALG_INSTANTIATE(T)                                                          \
-    template StateVector<T>::StateVector(MPI_Comm, unsigned int);                        \
-    template StateVector<T>::~StateVector();                                             \
-    template StateVector<T>::StateVector(StateVector&&) noexcept;                        \
-    template StateVector<T>& StateVector<T>::operator=(StateVector&&) noexcept;          \
-    template unsigned int StateVector<T>::nqubits() const;                               \
-    template unsigned int StateVector<T>::local_qubits() const;                          \
-    template int StateVector<T>::rank() const;                                           \
-    template int StateVector<T>::ranks() const;                                          \
-    template void StateVector<T>::set_num_threads(int);                                  \
-    template void StateVector<T>::seed(std::uint64_t);                                   \
-    template void StateVector<T>::reset();                                               \
-    template void StateVector<T>::set_amplitudes(std::span<const Amplitude>);            \
-    template std::vector<std::complex<T>> StateVector<T>::amplitudes(                    \
-        std::span<const std::uint64_t>);                                                 \
+#define PBLINALG_INSTANTIATE(T)                                                 \
+    template StateVector<T>::StateVector(MPI_Comm, unsigned int);               \
+    template StateVector<T>::~StateVector();                                    \
+    template StateVector<T>::StateVector(StateVector&&) noexcept;               \
+    template StateVector<T>& StateVector<T>::operator=(StateVector&&) noexcept; \
+    template unsigned int StateVector<T>::nqubits() const;                      \
+    template unsigned int StateVector<T>::local_qubits() const;                 \
+    template int StateVector<T>::rank() const;                                  \
+    template int StateVector<T>::ranks() const;                                 \
+    template void StateVector<T>::set_num_threads(int);                         \
+    template void StateVector<T>::seed(std::uint64_t);                          \
+    template void StateVector<T>::reset();                                      \
+    template void StateVector<T>::set_amplitudes(std::span<const Amplitude>);   \
+    template std::vector<std::complex<T>> StateVector<T>::amplitudes(           \
+        std::span<const std::uint64_t>);                                        \
     template std::vector<std::complex<T>> StateVector<T>::gather(int);
 PBLINALG_INSTANTIATE(float)
 PBLINALG_INSTANTIATE(double)

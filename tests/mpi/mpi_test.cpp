@@ -123,7 +123,8 @@ TYPED_TEST(OverRanks, ProbabilitiesAndProjectionsHaveTheBitsOfOneProcess) {
     for (const unsigned int n : readout_sizes) {
         Both<T> both(n);
         GateList scale;
-        scale.add_diagonal({0, 1}, std::vector<std::complex<double>>(4, std::ldexp(1, -int(n) / 2)));
+        scale.add_diagonal({0, 1},
+                           std::vector<std::complex<double>>(4, std::ldexp(1, -int(n) / 2)));
         both.run(scale.add(GateKind::H, n - 1).add(GateKind::SWAP, {0, n - 1}));
         const Qubits lists[] = {{}, {n - 1}, {0}, {2, n - 1, 5}, {n - 2, n - 1, 1, 0}};
         for (const Qubits& list : lists) {
@@ -314,20 +315,25 @@ TEST(Faults, ReachEveryRankAsTheSameError) {
         std::function<void()> work;
         int least_ranks = 1;
     } const cases[] = {
-        {"argument: the gate list or its values differs between ranks", [&] { state.run(list); }, 2},
+        {"argument: the gate list or its values differs between ranks", [&] { state.run(list); },
+         2},
         {"argument: the gate list or its values differs between ranks",
          [&] { state.run(parametrised, value); }, 2},
         {"argument: 0 values for 1 parameters", [&] { state.run(parametrised); }},
         {"argument: the list acts on qubit " + std::to_string(p + 3) + "; the state has " +
              std::to_string(p + 3) + " qubits",
          [&] { state.run(beyond); }},
-        {"argument: gate 0 is a matrix on 4 qubits; a rank has 3", [&] { state.run(wide); }, p > 0 ? 1 : 99},
+        {"argument: gate 0 is a matrix on 4 qubits; a rank has 3", [&] { state.run(wide); },
+         p > 0 ? 1 : 99},
         {"argument: " + std::to_string(p + 1) + " qubits are too few for 2^" + std::to_string(p) +
              " ranks; expected at least " + std::to_string(p + 2),
          [&] { State(MPI_COMM_WORLD, p + 1); }},
         {"argument: the number of qubits differs between ranks",
          [&] { State(MPI_COMM_WORLD, p + 4 + here); }, 2},
-        {"argument: qubit 1 is listed twice", [&] { state.distribution({1, 0, 1}); }},
+        {"argument: qubit 1 is listed twice",
+         [&] {
+             state.distribution({1, 0, 1});
+         }},
         {"argument: qubit 63 of a state of " + std::to_string(p + 3) + " qubits",
          [&] { state.project({63}, 0); }},
         {"memory: rank 0 has not enough memory", [&] { State(MPI_COMM_WORLD, 60); }},

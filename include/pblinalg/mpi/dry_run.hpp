@@ -34,8 +34,8 @@ struct DryRun {
 /// @tparam T      precision of the amplitudes.
 /// @param n_qubits  below 64.
 /// @param rank_bits  p of 2^p ranks, at most n_qubits - 2.
-/// Errors: std::invalid_argument for other numbers, for qubits that the list has beyond them, and for
-/// matrices on more than n_qubits - rank_bits qubits.
+/// Errors: std::invalid_argument for other numbers, for qubits that the list has beyond them, and
+/// for matrices on more than n_qubits - rank_bits qubits.
 template <class T>
 PBLINALG_EXPORT DryRun dry_run(const GateList& list, unsigned int n_qubits, unsigned int rank_bits,
                                const Machine& machine = {});

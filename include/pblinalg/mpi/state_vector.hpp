@@ -1,5 +1,5 @@
-// The state vector over the ranks of an MPI communicator. Every member is collective: all ranks call
-// it, in the same order, with the same arguments, and get the same result or the same error.
+// The state vector over the ranks of an MPI communicator. Every member is collective: all ranks
+// call it, in the same order, with the same arguments, and get the same result or the same error.
 #pragma once
 
 #include <mpi.h>
