@@ -35,10 +35,11 @@ GateList list_of(const benchmark::State& run, AddLayers add_layers) {
 }
 
 /// Arguments: qubits, layers, threads.
-template <class T>
+template <class T, Accuracy accuracy>
 void BM_List(benchmark::State& run, AddLayers add_layers) {
     State<T>& state = shared_state<T>(run.range(0), run.range(2));
     const GateList list = list_of(run, add_layers);
+    const RunOptions options{.accuracy = accuracy};
     double pass = 0, whole = 0;
     for (auto _ : run) {
         run.PauseTiming();
@@ -46,7 +47,7 @@ void BM_List(benchmark::State& run, AddLayers add_layers) {
         state.reset();
         run.ResumeTiming();
         const auto begin = std::chrono::steady_clock::now();
-        pblinalg::run(state, list);
+        pblinalg::run(state, list, {}, options);
         whole += std::chrono::duration<double>(std::chrono::steady_clock::now() - begin).count();
     }
     run.counters["gates"] = static_cast<double>(list.size());
@@ -86,7 +87,9 @@ bool register_lists() {
     const auto add = [](const std::string& name, AddLayers add_layers,
                         const std::vector<Size>& sizes) {
         const std::pair<const char*, void (*)(benchmark::State&, AddLayers)> ways[] = {
-            {"BM_List", BM_List<T>}, {"BM_GateByGate", BM_GateByGate<T>}};
+            {"BM_List", BM_List<T, Accuracy::exact>},
+            {"BM_ListByRounding", BM_List<T, Accuracy::rounding>},
+            {"BM_GateByGate", BM_GateByGate<T>}};
         for (const auto& [family, function] : ways) {
             set_sizes(benchmark::RegisterBenchmark(benchmark_name<T>(family, name).c_str(),
                                                    function, add_layers),

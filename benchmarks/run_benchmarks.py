@@ -142,11 +142,11 @@ def show_comparison(earlier, later):
 
 
 def update_docs(results):
-    """The plot, and the table between the markers of docs/performance.md."""
+    """The plot, and the table between the markers of docs/performance-rows.md."""
     plot = ROOT / "docs/images/benchmarks.svg"
     plot.parent.mkdir(parents=True, exist_ok=True)
     plot.write_text(draw(results, THREADS), encoding="utf-8")
-    page = ROOT / "docs/performance.md"
+    page = ROOT / "docs/performance-rows.md"
     begin, end = "<!-- results -->\n", "<!-- end of results -->"
     text = page.read_text(encoding="utf-8")
     if begin not in text or end not in text:

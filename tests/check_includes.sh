@@ -13,6 +13,8 @@ declare -A may_include=(
     [oracles]="core gates kernels apply oracles"
     [observables]="core gates kernels apply readout observables"
     [mpi]="core gates kernels apply circuits readout observables mpi"
+    [gradients]="core gates kernels apply circuits readout observables gradients"
+    [batches]="core batches"
     [state]="core gates kernels apply circuits readout oracles observables state"
 )
 

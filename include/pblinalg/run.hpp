@@ -3,6 +3,7 @@
 
 #include <cstddef>
 #include <functional>
+#include <pblinalg/accuracy.hpp>
 #include <pblinalg/gate_list.hpp>
 #include <pblinalg/state_vector_cpu.hpp>
 #include <span>
@@ -14,6 +15,7 @@ struct RunOptions {
     /// Called between passes over the state, on the calling thread, with the number of gates done
     /// so far, none of them later ones: return false to stop.
     std::function<bool(std::size_t)> between_passes = {};
+    Accuracy accuracy = Accuracy::exact;
 };
 
 /// What became of a run.
@@ -24,11 +26,12 @@ struct RunReport {
     bool stopped = false;
 };
 
-/// Applies the gates of a list in order, with the same bits as gate by gate, for every number of
-/// workers. Gates that fit together are applied to cache-sized parts of the state, one after
+/// Applies the gates of a list in order, with the same bits as gate by gate unless
+/// `options.accuracy` says otherwise, for every number of workers. Gates that fit together are applied to cache-sized parts of the state, one after
 /// another; the plan of that is made once and kept with the list.
 ///
-/// A stop takes effect once gates that later ones have overtaken are done, too.
+/// A stop takes effect once gates that later ones have overtaken are done, too: after one more pass
+/// or two where runs are exact, after up to a thousand more gates where they are by rounding.
 ///
 /// @param values  one per parameter of the list.
 /// Errors: std::bad_alloc, before any amplitude changes but where a matrix of more than two qubits,

@@ -27,10 +27,12 @@ from .circuit import Circuit
 from .counts import Counts
 from .density_matrix import DensityMatrix
 from .gates import Gate
+from .gradients import value_and_gradient
 from .observable import Observable
 from .program import Conditional, Measure, Reset
 from .running import run
 from .state_vector import StateVector
+from .sweep import sweep
 
 if TYPE_CHECKING:
     from . import lowlevel as lowlevel
@@ -55,6 +57,8 @@ __all__ = [
     "StateVector",
     "__version__",
     "run",
+    "sweep",
+    "value_and_gradient",
 ]
 
 

@@ -81,6 +81,12 @@ def _parser() -> argparse.ArgumentParser:
     job.add_argument("--seed", type=_whole_number(0, 2**64 - 1), help="makes the shots repeatable")
     job.add_argument("--precision", choices=("double", "float"), default="double")
     job.add_argument(
+        "--accuracy",
+        choices=("exact", "rounding"),
+        default="exact",
+        help="gates to the last bit (default), or faster and up to rounding",
+    )
+    job.add_argument(
         "--threads", type=_whole_number(1), help="worker threads (default: as many as help)"
     )
     job.add_argument(
@@ -135,6 +141,7 @@ def _run_file(options: argparse.Namespace) -> int:
         "qubits": circuit.num_qubits,
         "clbits": circuit.num_clbits,
         "precision": options.precision,
+        "accuracy": options.accuracy,
     }
     try:
         if options.state or options.expectation:
@@ -161,6 +168,7 @@ def _counts(options: argparse.Namespace, circuit: Circuit, document: dict[str, A
         options.threads,
         options.seed,
         progress=_lines(),
+        accuracy=options.accuracy,
     )
     seed = counts.seed
     if options.bit_order == "first-right":
@@ -195,7 +203,7 @@ def _exact(options: argparse.Namespace, circuit: Circuit, document: dict[str, An
         raise ValueError(f"--expectation: {error}") from None
     state = StateVector(circuit.num_qubits, options.precision, options.threads, options.seed)
     seed = state.seed
-    state.run(circuit, progress=_lines())
+    state.run(circuit, progress=_lines(), accuracy=options.accuracy)
     document["seed"] = seed
     bits = "".join(map(str, state.classical_bits))
     measured = not circuit.is_unitary

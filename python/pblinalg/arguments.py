@@ -15,6 +15,8 @@ from ._core import available_memory
 
 #: Names of the two precisions, and other spellings of them.
 Precision = Literal["float", "double", "single", "complex64", "complex128"]
+#: How exact a run of gates is: to the last bit, or up to rounding and faster.
+Accuracy = Literal["exact", "rounding"]
 #: One qubit or classical bit, or several in order.
 Qubits = Union[SupportsIndex, Iterable[SupportsIndex]]
 #: Several qubits in order.
@@ -38,6 +40,12 @@ def precision_name(precision: str) -> Literal["float", "double"]:
     return kind
 
 
+def accuracy_name(accuracy: str) -> Accuracy:
+    if accuracy not in ("exact", "rounding"):
+        raise ValueError(f"accuracy = {accuracy!r}: expected 'exact' or 'rounding'")
+    return accuracy  # type: ignore[return-value]
+
+
 def integer(value: SupportsIndex, name: str) -> int:
     """TypeError for booleans, too."""
     try:
@@ -54,6 +62,15 @@ def index(value: SupportsIndex, name: str, last: int) -> int:
     if not 0 <= number <= last:
         raise IndexError(f"{name} = {number}: expected a value between 0 and {last}")
     return number
+
+
+def distinct_qubits(qubits: Sequence[SupportsIndex], num_qubits: int) -> list[int]:
+    """The numbers of listed qubits, none of them twice."""
+    numbers = [index(qubit, "qubits", num_qubits - 1) for qubit in qubits]
+    for place, number in enumerate(numbers):
+        if number in numbers[:place]:
+            raise ValueError(f"qubits = {number}: the qubit is listed twice")
+    return numbers
 
 
 def count(value: SupportsIndex, name: str, least: int = 0, last: int | None = None) -> int:

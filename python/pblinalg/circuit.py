@@ -9,7 +9,7 @@ import numpy as np
 from numpy.typing import NDArray
 
 from . import drawing, inspection, qasm_writer, svg_drawing
-from .arguments import Precision
+from .arguments import Accuracy, Precision
 from .counts import Counts
 from .parameters import Values
 from .program import Program
@@ -41,9 +41,10 @@ class Circuit(Program):
         seed: SupportsIndex | None = None,
         progress: Progress = None,
         values: Values | None = None,
+        accuracy: Accuracy = "exact",
     ) -> Counts:
         """`pblinalg.run` on this circuit: counts of what its measurements read."""
-        return run(self, shots, precision, threads, seed, progress, values)
+        return run(self, shots, precision, threads, seed, progress, values, accuracy)
 
     def depth(self) -> int:
         """The number of layers when every gate, measurement and reset starts as soon as its qubits

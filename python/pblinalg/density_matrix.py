@@ -12,10 +12,13 @@ from numpy.typing import ArrayLike, NDArray
 from . import _core
 from .arguments import (
     MAX_COUNT,
+    Accuracy,
     Precision,
     Qubits,
+    accuracy_name,
     complex_array,
     count,
+    distinct_qubits,
     outcome_number,
     probability_number,
 )
@@ -26,6 +29,7 @@ from .parameters import Values, values_in_order
 from .program import Program
 from .progress import Progress, reporter
 from .readout import Readout, register_bytes
+from .state_files import FilePath, read_state
 from .state_vector import StateVector
 
 if TYPE_CHECKING:
@@ -105,6 +109,32 @@ class DensityMatrix(Readout):
         result: NDArray[Any] = self._core.get_permuted_density_matrix().reshape(size, size)
         return result
 
+    @classmethod
+    def load(
+        cls,
+        path: FilePath,
+        threads: SupportsIndex | None = None,
+        seed: SupportsIndex | None = None,
+        check: bool = True,
+    ) -> Self:
+        """The state in a .npy file: a 2^n x 2^n array of complex64 or complex128, checked as in
+        `set_matrix`. ValueError names a file that holds something else or was cut."""
+        array = read_state(path, 2)
+        precision: Precision = "float" if array.dtype == np.complex64 else "double"
+        result = cls(len(array).bit_length() - 1, precision, threads, seed)
+        try:
+            return result.set_matrix(array, check)
+        except ValueError as error:
+            raise ValueError(f"{path}: {error}") from None
+
+    def _export(self, out: NDArray[Any]) -> None:
+        self._core.get_permuted_density_matrix(out)
+
+    def _in_memory(self) -> NDArray[Any]:
+        size = 1 << self.num_qubits
+        matrix: NDArray[Any] = self._core.state.reshape(size, size).T
+        return matrix
+
     def __array__(self, dtype: Any = None, copy: bool | None = None) -> NDArray[Any]:
         if copy is False:
             raise ValueError("the matrix as an array is always a copy")
@@ -116,11 +146,15 @@ class DensityMatrix(Readout):
         return 1 << self.num_qubits
 
     def run(
-        self, circuit: Program, progress: Progress = None, values: Values | None = None
+        self,
+        circuit: Program,
+        progress: Progress = None,
+        values: Values | None = None,
+        accuracy: Accuracy = "exact",
     ) -> Self:
         """Applies the gates of a circuit without measurements, resets and conditions; each counts
         twice for `progress`, since it acts on rows and columns. `values` are those of its
-        parameters, in order or by parameter or name."""
+        parameters, in order or by parameter or name; `accuracy` is that of `pblinalg.run`."""
         if not isinstance(circuit, Program):
             raise TypeError(f"circuit must be a Circuit, got {circuit!r}")
         if not circuit.is_unitary:
@@ -130,11 +164,12 @@ class DensityMatrix(Readout):
                 f"circuit acts on {circuit.num_qubits} qubits; the state has {self.num_qubits}"
             )
         numbers = values_in_order(circuit, values)
+        accuracy_name(accuracy)
         done = 0
         with reporter(progress, 2 * len(circuit), "gate") as report:
             for step in circuit.steps:
                 if isinstance(step, _core.GateList):
-                    step.run(self._core, numbers, shifted(report, done), True)
+                    step.run(self._core, numbers, shifted(report, done), True, accuracy)
                     done += 2 * len(step)
         return self
 
@@ -189,7 +224,8 @@ class DensityMatrix(Readout):
         """With the given probability replaces a qubit, or several together, by the fully mixed
         state."""
         p = probability_number(probability)
-        listed = as_qubits(qubits)
+        # Checked before 4^k matrices are made for them.
+        listed = distinct_qubits(as_qubits(qubits), self.num_qubits)
         strings = []
         for letters in product(PAULIS, repeat=len(listed)):
             matrix = np.eye(1)
@@ -225,6 +261,11 @@ class DensityMatrix(Readout):
         """The trace of the squared matrix: 1 for a pure state, 2^-n for the fully mixed one."""
         state = self._core.state
         return float(np.vdot(state, state).real)
+
+    def entropy(self, qubits: Qubits | None = None) -> float:
+        """The von Neumann entropy, to base 2, of the listed qubits, all of them by default: 0 for a
+        pure state, k for k fully mixed qubits. ValueError when the trace is not 1."""
+        return self._entropy(self._listed(qubits))
 
     def __repr__(self) -> str:
         return f"DensityMatrix(num_qubits={self.num_qubits}, precision={self.precision!r})"

@@ -9,6 +9,7 @@ import numpy as np
 from numpy.typing import NDArray
 
 from ._core import GateList
+from .arguments import Accuracy
 from .program import Conditional, Measure, Step, count_gates
 
 
@@ -19,6 +20,7 @@ def run_steps(
     values: NDArray[np.float64],
     report: Callable[[int], object] | None = None,
     done: int = 0,
+    accuracy: Accuracy = "exact",
     run_gates: Callable[[GateList], object] | None = None,
 ) -> int:
     """Applies steps to a state; measurements write `bits`, `values` are those of the
@@ -30,7 +32,7 @@ def run_steps(
             if run_gates:
                 run_gates(step)
             else:
-                step.run(core, values, shifted(report, done))
+                step.run(core, values, shifted(report, done), accuracy=accuracy)
             done += len(step)
         elif isinstance(step, Measure):
             bits[step.clbit] = core.measure([step.qubit])
@@ -38,7 +40,7 @@ def run_steps(
         elif isinstance(step, Conditional):
             read = "".join(str(bits[clbit]) for clbit in step.clbits)
             if int(read or "0", 2) == step.value:
-                run_steps(core, step.steps, bits, values, report, done, run_gates)
+                run_steps(core, step.steps, bits, values, report, done, accuracy, run_gates)
             done += count_gates(step.steps)
         else:
             core.project_then_reset([step.qubit], core.measure([step.qubit]))

@@ -420,3 +420,23 @@ _SHOWN = 32
 
 #: What reading an expectation value takes: strings and dicts as the constructor does.
 ObservableLike = Observable | Mapping[str, complex] | str
+
+
+def observable_on(
+    num_qubits: int, observable: ObservableLike, hermitian: bool = False, owner: str = "state"
+) -> Observable:
+    """What a readout of a state, or another `owner`, of that many qubits takes. `hermitian`: its
+    coefficients are to be real."""
+    if isinstance(observable, (str, Mapping)):
+        observable = Observable(observable, num_qubits)
+    if not isinstance(observable, Observable):
+        raise TypeError(
+            f"observable must be an Observable, a string or a dict of terms, got {observable!r}"
+        )
+    if observable.num_qubits != num_qubits:
+        raise ValueError(
+            f"observable acts on {observable.num_qubits} qubits; the {owner} has {num_qubits}"
+        )
+    if hermitian and not observable.is_hermitian():
+        raise ValueError("observable has coefficients that are not real; expected real ones")
+    return observable

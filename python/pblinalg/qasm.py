@@ -54,8 +54,9 @@ def load(path: str | Path) -> Circuit:
 def _read(text: str, source: str, folder: Path) -> Circuit:
     version = _version(text)
     text = _own_names_first(_with_included_names(text, folder) if version == 2 else text)
+    lines: list[int] = []
     try:
-        parsed = _parse_2(text, folder) if version == 2 else _parse_3(text)
+        parsed = _parse_2(text, folder) if version == 2 else _parse_3(text, lines)
     except SyntaxError as error:
         message = str(error.msg).replace(_OWN, "").replace("<input>:", "")
         raise ValueError(f"{source}: OpenQASM {version}: {message}") from None
@@ -63,7 +64,22 @@ def _read(text: str, source: str, folder: Path) -> Circuit:
         return from_qiskit(parsed)
     except ValueError as error:
         message = str(error).replace(_OWN, "")
-        raise ValueError(f"{source}: OpenQASM {version}: {message}") from None
+        line = _line_of(text, error, lines)
+        place = f"{line},0: " if line else ""
+        raise ValueError(f"{source}: OpenQASM {version}: {place}{message}") from None
+
+
+def _line_of(text: str, error: ValueError, lines: list[int]) -> int | None:
+    """The line of what cannot be followed; `lines` are those of the instructions, if known."""
+    place = getattr(error, "place", None)
+    if place is not None and place < len(lines):
+        return lines[place]
+    name = re.match(r"the gate '(\w+)' is declared", str(error))
+    if name:
+        code = re.sub(r"//[^\n]*|\bopaque\s+\w+", "", text)
+        used = re.search(rf"\b{name[1]}\b", code)
+        return code[: used.start()].count("\n") + 1 if used else None
+    return None
 
 
 def _version(text: str) -> int:
@@ -129,7 +145,8 @@ def _parse_2(text: str, folder: Path) -> Any:
         raise SyntaxError(error.message) from None
 
 
-def _parse_3(text: str) -> Any:
+def _parse_3(text: str, lines: list[int]) -> Any:
+    """The circuit; `lines` gets the line of each of its instructions."""
     converter = _import("qiskit_qasm3_import.converter")
     from openqasm3 import parser
     from qiskit.exceptions import QiskitError
@@ -145,6 +162,13 @@ def _parse_3(text: str) -> Any:
             except (QiskitError, IndexError) as error:
                 message = getattr(error, "message", str(error))
                 raise converter.ConversionError(message, node) from error
+
+        def visit_Program(self, node: Any, context: Any) -> Any:
+            for statement in node.statements:
+                context = self.visit(statement, context)
+                new = len(context.circuit.data) - len(lines)
+                lines.extend([statement.span.start_line] * new)
+            return context
 
         def visit_WhileLoop(self, node: Any, context: Any) -> Any:
             raise converter.ConversionError("'while' loops cannot be followed", node)

@@ -11,7 +11,7 @@ import numpy as np
 from numpy.typing import NDArray
 
 from ._core import GateList, require_memory
-from .arguments import Precision, count
+from .arguments import Accuracy, Precision, accuracy_name, count
 from .counts import Counts
 from .execution import shifted
 from .parameters import Values, values_in_order
@@ -33,9 +33,12 @@ def run(
     seed: SupportsIndex | None = None,
     progress: Progress = None,
     values: Values | None = None,
+    accuracy: Accuracy = "exact",
 ) -> Counts:
     """Runs a circuit from |0...0> and counts what its measurements read. `values` are those of its
-    parameters, in order or by parameter or name.
+    parameters, in order or by parameter or name. `accuracy="rounding"` takes less time and gives
+    amplitudes that agree with those of "exact" up to rounding: within 1e-12, in float 2e-5, after
+    a thousand gates.
 
     A circuit without measurements is read out over all qubits at its end. Where nothing acts on a
     qubit after it was measured, and where the outcome of a measurement or reset is certain, the
@@ -54,6 +57,7 @@ def run(
         raise TypeError(f"circuit must be a Circuit, got {circuit!r}")
     number = count(shots, "shots")
     numbers = values_in_order(circuit, values)
+    accuracy_name(accuracy)
     steps: Sequence[Step] = circuit.steps
     num_bits, registers = circuit.num_clbits, circuit.registers
     if not _measures(steps):
@@ -67,7 +71,7 @@ def run(
             f"running {circuit.num_qubits} qubits once per shot",
         )
     state = StateVector(circuit.num_qubits, precision, threads, seed)
-    shared = _Shot(state, numbers, [0] * num_bits, {})
+    shared = _Shot(state, numbers, [0] * num_bits, {}, accuracy)
     with reporter(progress, count_gates(steps), "gate") as report:
         shared.report = report
         rest = shared.follow([plan], draw=False)
@@ -80,7 +84,7 @@ def run(
             for shot in range(number):
                 if shot:
                     state.amplitudes[:] = start
-                own = _Shot(state, numbers, list(shared.bits), dict(shared.deferred))
+                own = _Shot(state, numbers, list(shared.bits), dict(shared.deferred), accuracy)
                 own.follow(rest, draw=True)
                 key = own.draw(registers)
                 counts[key] = counts.get(key, 0) + 1
@@ -114,6 +118,7 @@ class _Shot:
         values: NDArray[np.float64],
         bits: list[int],
         deferred: dict[int, int],
+        accuracy: Accuracy,
     ) -> None:
         self._state = state
         self._values = values
@@ -121,6 +126,7 @@ class _Shot:
         self._negligible = NEGLIGIBLE[state.precision]
         self.bits = bits
         self.deferred = deferred
+        self._accuracy = accuracy
         self.report: Callable[[int], object] | None = None
         self._done = 0
 
@@ -178,7 +184,9 @@ class _Shot:
         return " ".join([text[end - size : end] for size, end in zip(registers, ends)])
 
     def _apply(self, gates: GateList) -> None:
-        gates.run(self._core, self._values, shifted(self.report, self._done))
+        gates.run(
+            self._core, self._values, shifted(self.report, self._done), accuracy=self._accuracy
+        )
         self._done += len(gates)
 
     def _collapse(self, node: _Node, draw: bool) -> bool:

@@ -8,7 +8,18 @@ from typing import TYPE_CHECKING, Any, SupportsIndex
 import numpy as np
 from numpy.typing import ArrayLike, NDArray
 
-from .arguments import MAX_COUNT, Precision, Qubits, complex_array, count, integer, outcome_number
+from .arguments import (
+    MAX_COUNT,
+    Accuracy,
+    Precision,
+    Qubits,
+    accuracy_name,
+    complex_array,
+    count,
+    distinct_qubits,
+    integer,
+    outcome_number,
+)
 from .execution import run_steps
 from .gates import as_qubits
 from .html_tables import state_table, table
@@ -16,6 +27,7 @@ from .parameters import Values, values_in_order
 from .program import Program
 from .progress import Progress, reporter
 from .readout import Readout
+from .state_files import FilePath, read_state
 
 if TYPE_CHECKING:
     from typing_extensions import Self
@@ -189,14 +201,19 @@ class StateVector(Readout):
     # ---- Running ---------------------------------------------------------------------------------
 
     def run(
-        self, circuit: Program, progress: Progress = None, values: Values | None = None
+        self,
+        circuit: Program,
+        progress: Progress = None,
+        values: Values | None = None,
+        accuracy: Accuracy = "exact",
     ) -> Self:
         """Applies a circuit once, measurements and all, to the state as it is. `values` are those
-        of its parameters, in order or by parameter or name.
+        of its parameters, in order or by parameter or name; `accuracy` is that of `pblinalg.run`.
 
         Ctrl-C, and an exception from `progress`, stop between passes over the state: it then holds
         the effect of exactly the gates and measurements up to there, and `core.gates_applied` has
-        grown by the number of those gates. While gates run, the state is not to be used.
+        grown by the number of those gates. With `accuracy="rounding"` a stop first runs up to a
+        thousand more gates, which others have overtaken. While gates run, the state is not to be used.
         """
         if not isinstance(circuit, Program):
             raise TypeError(f"circuit must be a Circuit, got {circuit!r}")
@@ -205,9 +222,10 @@ class StateVector(Readout):
                 f"circuit acts on {circuit.num_qubits} qubits; the state has {self.num_qubits}"
             )
         numbers = values_in_order(circuit, values)
+        accuracy_name(accuracy)
         self._bits = [0] * circuit.num_clbits
         with reporter(progress, len(circuit), "gate") as report:
-            run_steps(self._core, circuit.steps, self._bits, numbers, report)
+            run_steps(self._core, circuit.steps, self._bits, numbers, report, accuracy=accuracy)
         return self
 
     # ---- Reading ---------------------------------------------------------------------------------
@@ -218,6 +236,32 @@ class StateVector(Readout):
         self._require_amplitudes()
         result: NDArray[Any] = self._core.get_permuted_statevector(out)
         return result
+
+    @classmethod
+    def load(
+        cls,
+        path: FilePath,
+        threads: SupportsIndex | None = None,
+        seed: SupportsIndex | None = None,
+        check: bool = True,
+    ) -> Self:
+        """The state in a .npy file: 2^n amplitudes, complex64 or complex128, qubit 0 being the most
+        significant bit of an index. They are read through the memory map of the file, so that
+        memory holds them once. ValueError names a file that holds something else or was cut, and
+        one whose norm is not 1, unless `check` is False."""
+        array = read_state(path, 1)
+        precision: Precision = "float" if array.dtype == np.complex64 else "double"
+        result = cls(array.size.bit_length() - 1, precision, threads, seed)
+        try:
+            return result.set_amplitudes(array, check)
+        except ValueError as error:
+            raise ValueError(f"{path}: {error}") from None
+
+    def _export(self, out: NDArray[Any]) -> None:
+        self.to_array(out)
+
+    def _in_memory(self) -> NDArray[Any]:
+        return self.amplitudes
 
     def __array__(self, dtype: Any = None, copy: bool | None = None) -> NDArray[Any]:
         if copy is False:
@@ -279,6 +323,15 @@ class StateVector(Readout):
         if other.num_qubits != self.num_qubits:
             raise ValueError(f"other has {other.num_qubits} qubits; expected {self.num_qubits}")
         return complex(np.vdot(self.amplitudes, other.amplitudes))
+
+    def entanglement_entropy(self, qubits: Qubits) -> float:
+        """How much the listed qubits are entangled with the others, in bits: the von Neumann
+        entropy, to base 2, of their reduced density matrix or that of the others, whichever is the
+        smaller one. k bits is the most for k qubits. ValueError when the probabilities of the state
+        do not add up to 1."""
+        listed = distinct_qubits(as_qubits(qubits), self.num_qubits)
+        others = [qubit for qubit in range(self.num_qubits) if qubit not in listed]
+        return self._entropy(min(listed, others, key=len))
 
     def __repr__(self) -> str:
         return f"StateVector(num_qubits={self.num_qubits}, precision={self.precision!r})"

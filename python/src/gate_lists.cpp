@@ -8,18 +8,14 @@
 
 #include <algorithm>
 #include <bit>
-#include <chrono>
 #include <cmath>
-#include <exception>
 
 #include "circuits/gate_matrix.hpp"
 #include "parts.hpp"
+#include "watch.hpp"
 
 namespace pblinalg::python {
 namespace {
-
-/// Pending signals are looked at, and progress told, when this time has passed.
-constexpr std::chrono::milliseconds patience(20);
 
 nb::object array_of(std::span<const std::complex<double>> values, bool square) {
     const nb::module_ numpy = nb::module_::import_("numpy");
@@ -116,44 +112,23 @@ void add_gate(BoundGateList& self, nb::handle name, nb::handle targets, nb::hand
     }
 }
 
-/// The values of a run: one finite float64 for each parameter.
-std::vector<double> values_argument(const BoundGateList& self, nb::handle values) {
-    const std::vector<std::string>& names = self.names->list();
-    std::vector<double> result;
-    if (!values.is_none()) {
-        Buffer array;
-        if (array.acquire(values, Element<double>::formats, alignof(double), false)) {
-            const auto* const first = static_cast<const double*>(array.data());
-            result.assign(first, first + array.count());
-        } else {
-            for (const nb::handle value : elements_of(values, "values"))
-                result.push_back(real_argument<double>(value, "values"));
-        }
+Accuracy accuracy_argument(nb::handle accuracy) {
+    std::string word;
+    if (nb::try_cast(accuracy, word)) {
+        if (word == "exact") return Accuracy::exact;
+        if (word == "rounding") return Accuracy::rounding;
     }
-    if (result.size() < names.size()) {
-        raise(PyExc_ValueError, "values: parameter '%s' has no value; expected %zu values, got %zu",
-              names[result.size()].c_str(), names.size(), result.size());
-    }
-    if (result.size() > names.size()) {
-        raise(PyExc_ValueError, "values holds %zu elements; expected %zu, one for each parameter",
-              result.size(), names.size());
-    }
-    for (std::size_t i = 0; i < result.size(); ++i) {
-        if (!std::isfinite(result[i])) {
-            raise(PyExc_ValueError, "values: parameter '%s' must be a finite number, got %R",
-                  names[i].c_str(), nb::float_(result[i]).ptr());
-        }
-    }
-    return result;
+    raise(PyExc_ValueError, "accuracy = %.200R: expected 'exact' or 'rounding'", accuracy.ptr());
 }
 
 template <class T>
 void run_list(BoundGateList& self, BoundState<T>& state, nb::handle values, nb::handle progress,
-              bool both_sides) {
+              bool both_sides, nb::handle accuracy) {
     const Reading reading(self);
-    if (!progress.is_none() && !PyCallable_Check(progress.ptr()))
-        raise(PyExc_TypeError, "progress must be callable or None, got %.200R", progress.ptr());
+    Watch watch(progress);
     const std::vector<double> numbers = values_argument(self, values);
+    RunOptions options;
+    options.accuracy = accuracy_argument(accuracy);
     const Use use(state);
     state.require_amplitudes();
     const unsigned int expected = both_sides ? 2 * self.nqubits : self.nqubits;
@@ -163,33 +138,18 @@ void run_list(BoundGateList& self, BoundState<T>& state, nb::handle values, nb::
     }
     // Made while this thread has the lock: another one may copy the list once it runs.
     self.gates.plans();
-    std::exception_ptr stopped;
-    const auto look = [&](std::size_t done) {
-        try {
-            if (PyErr_CheckSignals() != 0) throw nb::python_error();
-            if (!progress.is_none()) progress(done);
-        } catch (...) {
-            stopped = std::current_exception();
-        }
-    };
     RunReport report;
     {
         const std::size_t size = std::max<std::size_t>(1, self.gates.size());
         Unlocked unlocked(state.size >= min_unlocked_size / size);
-        auto last = std::chrono::steady_clock::now();
-        RunOptions options;
-        options.between_passes = [&](std::size_t done) {
-            if (std::chrono::steady_clock::now() - last < patience) return true;
-            unlocked.locked([&] { look(done); });
-            last = std::chrono::steady_clock::now();
-            return !stopped;
-        };
+        options.between_passes = [&](std::size_t done) { return watch.goes_on(done, unlocked); };
         if (both_sides) {
             const GateList both = on_both_sides(self.gates, self.nqubits);
             report = pblinalg::run(state, both, numbers, options);
             if (report.gates_done % 2 != 0) {
                 // No gate is left on the rows alone.
-                pblinalg::run(state, GateList().append(both[report.gates_done]), numbers);
+                options.between_passes = {};
+                pblinalg::run(state, GateList().append(both[report.gates_done]), numbers, options);
                 ++report.gates_done;
             }
         } else {
@@ -197,8 +157,7 @@ void run_list(BoundGateList& self, BoundState<T>& state, nb::handle values, nb::
         }
     }
     state.gates_applied += report.gates_done;
-    if (!stopped) look(report.gates_done);
-    if (stopped) std::rethrow_exception(stopped);
+    watch.finish(report.gates_done);
 }
 
 /// The list with numbers in place of its parameters.
@@ -319,6 +278,36 @@ void bind_parameter(nb::module_& module) {
 }
 
 }  // namespace
+
+std::vector<double> values_argument(const BoundGateList& self, nb::handle values) {
+    const std::vector<std::string>& names = self.names->list();
+    std::vector<double> result;
+    if (!values.is_none()) {
+        Buffer array;
+        if (array.acquire(values, Element<double>::formats, alignof(double), false)) {
+            const auto* const first = static_cast<const double*>(array.data());
+            result.assign(first, first + array.count());
+        } else {
+            for (const nb::handle value : elements_of(values, "values"))
+                result.push_back(real_argument<double>(value, "values"));
+        }
+    }
+    if (result.size() < names.size()) {
+        raise(PyExc_ValueError, "values: parameter '%s' has no value; expected %zu values, got %zu",
+              names[result.size()].c_str(), names.size(), result.size());
+    }
+    if (result.size() > names.size()) {
+        raise(PyExc_ValueError, "values holds %zu elements; expected %zu, one for each parameter",
+              result.size(), names.size());
+    }
+    for (std::size_t i = 0; i < result.size(); ++i) {
+        if (!std::isfinite(result[i])) {
+            raise(PyExc_ValueError, "values: parameter '%s' must be a finite number, got %R",
+                  names[i].c_str(), nb::float_(result[i]).ptr());
+        }
+    }
+    return result;
+}
 
 AngleArgument angle_argument(nb::handle value, const char* name, bool single) {
     if (PyFloat_CheckExact(value.ptr()) && !single) {
@@ -562,19 +551,22 @@ void bind_gate_lists(nb::module_& module) {
         "how many are\ndone and pending signals are looked at; an exception from either leaves the "
         "effect of exactly the\nfirst so many gates, by which `gates_applied` of the state has "
         "grown. With `both_sides` the state is\na density matrix: every gate acts on its rows and, "
-        "conjugated, on its columns.";
+        "conjugated, on its columns. `accuracy` is that of\n`pblinalg.run`.";
 #define PBLINALG_RUN_SIGNATURE(STATE)                                           \
     nb::sig("def run(self, state: " STATE                                       \
             ", values: collections.abc.Sequence[float] | "                      \
             "numpy.typing.NDArray[numpy.float64] | None = None, "               \
             "progress: collections.abc.Callable[[int], object] | None = None, " \
-            "both_sides: bool = False) -> None")
+            "both_sides: bool = False, "                                        \
+            "accuracy: typing.Literal['exact', 'rounding'] = 'exact') -> None")
     target
         .def("run", run_list<float>, nb::arg("state"), nb::arg("values") = nb::none(),
              nb::arg("progress") = nb::none(), nb::arg("both_sides") = false,
+             nb::arg("accuracy") = "exact",
              PBLINALG_RUN_SIGNATURE("PybindLinAlgStateVectorCPUFloat"))
         .def("run", run_list<double>, nb::arg("state"), nb::arg("values") = nb::none(),
              nb::arg("progress") = nb::none(), nb::arg("both_sides") = false,
+             nb::arg("accuracy") = "exact",
              PBLINALG_RUN_SIGNATURE("PybindLinAlgStateVectorCPUDouble"), doc);
 #undef PBLINALG_RUN_SIGNATURE
 }

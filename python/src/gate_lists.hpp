@@ -92,6 +92,9 @@ class Reading {
     BoundGateList& list_;
 };
 
+/// The values of a run: one finite float64 for each parameter.
+std::vector<double> values_argument(const BoundGateList& self, nb::handle values);
+
 /// The gates of m qubits on the rows, qubits 0 to m-1, of a density matrix, each followed by its
 /// complex conjugate on the columns, qubits m to 2m-1.
 GateList on_both_sides(const GateList& gates, unsigned int m);

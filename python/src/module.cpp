@@ -1,5 +1,6 @@
 // The extension module: what the machine offers, and how a fork is survived. The classes are bound
-// in records.cpp, state.cpp, gate_lists.cpp and gate_methods.cpp.
+// in records.cpp, state.cpp, gate_lists.cpp and gate_methods.cpp, sweeps and reduced density
+// matrices in sweeps.cpp, gradients in gradients.cpp.
 #include <nanobind/nanobind.h>
 #include <nanobind/stl/string.h>
 #include <nanobind/stl/vector.h>
@@ -7,6 +8,7 @@
 #include <pthread.h>
 #include <unistd.h>
 
+#include <pblinalg/batch.hpp>
 #include <pblinalg/version.hpp>
 #include <thread>
 
@@ -78,6 +80,15 @@ void bind_machine(nb::module_& module) {
     module.def(
         "instruction_set", [] { return cpu::name_of(cpu::active_instruction_set()); },
         "The vector instructions in use: baseline, avx2 or avx512.");
+    module.def(
+        "seed_of_job",
+        [](nb::handle seed, nb::handle number) {
+            return seed_of_job(unsigned_argument(seed, "seed"),
+                               unsigned_argument(number, "number"));
+        },
+        nb::arg("seed"), nb::arg("number"),
+        nb::sig("def seed_of_job(seed: int, number: int) -> int"),
+        "The seed of one of many runs: a different one for each number.");
     module.attr("version") = version();
 }
 
@@ -93,5 +104,8 @@ NB_MODULE(_core, module) {
     python::bind_state<float>(module);
     python::bind_state<double>(module);
     python::bind_gate_lists(module);
+    python::bind_gradients(module);
     python::bind_gate_methods(module);
+    python::bind_sweeps<float>(module);
+    python::bind_sweeps<double>(module);
 }

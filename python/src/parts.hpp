@@ -9,7 +9,10 @@ template <class T>
 void bind_records(nanobind::module_& module);
 template <class T>
 void bind_state(nanobind::module_& module);
+template <class T>
+void bind_sweeps(nanobind::module_& module);
 void bind_gate_lists(nanobind::module_& module);
+void bind_gradients(nanobind::module_& module);
 void bind_gate_methods(nanobind::module_& module);
 void bind_machine(nanobind::module_& module);
 

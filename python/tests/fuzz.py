@@ -151,7 +151,9 @@ def likely(name):
     if name in ("out", "source", "amplitudes", "words", "table"):
         return random.choice([None, [0, 1], array()])
     if name in ("values", "marked", "angles"):
-        return random.choice([None, [0, 1], (), {"a": 1.5}, array()])
+        return random.choice([None, [0, 1], (), {"a": 1.5}, {"a": [1, 2]}, [[0.5], [1]], array()])
+    if name == "observables":
+        return random.choice(["Z0", ["X0", "Z0"], [], None])
     if name == "ctrl_state":
         return random.choice([None, 0, 1, "01"])
     if name in ("terms", "letters", "description", "paulis", "text", "name"):
@@ -171,9 +173,13 @@ def parameters_of(member):
 
 
 # Those that print, read or write files, or are dict's own.
-SKIPPED = {"print", "main", "plot", "load", "pop", "popitem", "setdefault", "update", "fromkeys"}
+SKIPPED = {
+    "print", "main", "plot", "load", "save", "pop", "popitem", "setdefault", "update", "fromkeys",
+}  # fmt: skip
 SPECIAL = ("__init__", "__len__", "__call__", "__iter__", "__add__", "__mul__", "__str__")
-TAKE_SHOTS = ("sample", "estimate", "evaluate_terms", "sample_subset", "sample_outcomes", "run")
+TAKE_SHOTS = (
+    "sample", "estimate", "evaluate_terms", "sample_subset", "sample_outcomes", "run", "sweep",
+)  # fmt: skip
 
 
 def public_names(target):

@@ -20,10 +20,14 @@ EXAMPLES = sorted((ROOT / "examples" / "python").glob("*.py"))
 
 @pytest.mark.parametrize("path", EXAMPLES, ids=lambda path: path.stem)
 def test_example_checks_itself(path):
+    if "scipy" in path.read_text():
+        pytest.importorskip("scipy")
     run_python(path)
 
 
-@pytest.mark.parametrize("name", ["README.md", "docs/python.md", "docs/python-bit-order.md"])
+@pytest.mark.parametrize(
+    "name", ["README.md", "docs/python.md", "docs/python-bit-order.md", "docs/frameworks.md"]
+)
 def test_python_in_documents_runs_and_prints_what_they_show(name, monkeypatch):
     monkeypatch.setenv("COLUMNS", "80")
     text = (ROOT / name).read_text()
@@ -35,7 +39,7 @@ def test_python_in_documents_runs_and_prints_what_they_show(name, monkeypatch):
             with contextlib.redirect_stdout(printed):
                 exec(code, {})
         except ImportError as error:
-            assert "pip install 'pblinalg[" in str(error)
+            assert "pip install 'pblinalg[" in str(error) or error.name == "pennylane"
             continue
         if shown:
             assert printed.getvalue() == shown

@@ -91,6 +91,17 @@ CASES = [
     ("run(circuit, values=dict.fromkeys('abcd', 1))", ValueError, "'d' is no parameter"),
     ("run(circuit, values={2 * A: 1})", TypeError, "keys must be parameters or their names"),
     ("run(circuit, values=3.0)", TypeError, "values must be a sequence of numbers or a dict"),
+    ("sweep([1, 2, 3])", ValueError, r"shape \(3,\); expected \(rows, 3\)"),
+    ("sweep([[1, 2]])", ValueError, r"\(1, 2\).*: parameter 'b' has no value"),
+    ("sweep([[1, 2, 3, 4]])", ValueError, r"shape \(1, 4\); expected \(rows, 3\)"),
+    ("sweep([[1, 2, 3], [1, nan, 3]])", ValueError, "row 1: parameter 'c' must be"),
+    ("sweep([[1, 2], [3]])", TypeError, "values must be an array of real numbers"),
+    ("sweep([[1, 2, 3j]])", TypeError, "values must be an array of real numbers"),
+    ("sweep({'a': [1, 2], 'b': 1})", ValueError, "parameter 'c' has no value"),
+    ("sweep(dict(a=[1, 2], b=1, c=[1]))", ValueError, "'a' has values of shape"),
+    ("sweep(dict(a=1, b=[[1]], c=1))", ValueError, r"'b' has values of shape \(1, 1"),
+    ("sweep(dict(a=1, b='x', c=1))", TypeError, "parameter 'b' must be an array"),
+    ("sweep(dict.fromkeys('abcd', [1]))", ValueError, "'d' is no parameter"),
     ("circuit.bind([1])", ValueError, "parameter 'c' has no value"),
     ("circuit.to_qasm(2)", ValueError, "OpenQASM 2 has no parameters, the circuit has 'a'"),
     ("pb.Circuit(1).rx(pb.Parameter('a b'), 0).to_qasm()", ValueError, "'a b' cannot be called so"),
@@ -108,6 +119,7 @@ def test_mistakes_name_the_parameter(expression, error, text):
     state = pb.StateVector(4).h(0)
     before = state.to_array()
     names = dict(pb=pb, np=np, nan=np.nan, A=A, B=B, circuit=ansatz(), state=state, run=state.run)
+    names["sweep"] = lambda values: pb.sweep(names["circuit"], values, "ZZZZ")
     with pytest.raises(error, match=text):
         eval(expression, names)
     assert np.array_equal(state.to_array(), before)

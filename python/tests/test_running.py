@@ -70,6 +70,31 @@ def test_what_all_shots_share_is_run_once(precision):
     assert len(early.run(200, seed=4)) == 4
 
 
+def test_runs_by_rounding_agree_with_exact_ones(precision):
+    a = pb.Parameter("a")
+    circuit = pb.Circuit(12, 1)
+    for layer in range(20):
+        for qubit in range(12):
+            circuit.h(qubit).rz(layer + a, qubit).u(0.3, a, 0.1 * qubit, qubit)
+        for qubit in range(layer % 2, 11, 2):
+            circuit.cx(qubit, qubit + 1).rxx(0.2, qubit, (qubit + 5) % 12)
+    for values in ([0.7], [2.9]):
+        exact, rounded = (
+            pb.StateVector(12, precision.name).run(circuit, values=values, accuracy=accuracy)
+            for accuracy in ("exact", "rounding")
+        )
+        assert 0 < np.abs(exact.amplitudes - rounded.amplitudes).max() < 10 * precision.tolerance
+    exact, rounded = (
+        pb.DensityMatrix(6, precision.name).run(pb.Circuit(6).h(0).sx(0).cx(0, 4), accuracy=accuracy)
+        for accuracy in ("exact", "rounding")
+    )
+    assert np.allclose(exact.to_array(), rounded.to_array())
+    with circuit.measure(0, 0).if_(0):
+        circuit.x(1)
+    counts = circuit.run(99, precision.name, seed=1, values=[1], accuracy="rounding")
+    assert counts == circuit.run(99, precision.name, seed=1, values=[1])
+
+
 SHOTS = 250
 
 

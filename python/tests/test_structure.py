@@ -3,7 +3,10 @@
 import ast
 from pathlib import Path
 
+import pytest
+
 import pblinalg
+from interpreter import run_python
 
 SOURCES = sorted(Path(pblinalg.__file__).parent.glob("*.py"))
 #: Modules that may wait with an import until it is needed.
@@ -35,3 +38,16 @@ def test_modules_import_from_the_top_and_only_public_names():
         assert ready, f"these import each other in a circle: {imports}"
         done |= ready
         imports = {name: needed for name, needed in imports.items() if name not in ready}
+
+
+@pytest.mark.parametrize("module", ["pennylane", "cirq"])
+def test_a_framework_is_imported_when_asked_for_and_its_absence_names_the_extra(module):
+    text = f"""if True:
+        import sys, pblinalg
+        assert {module!r} not in sys.modules
+        sys.modules[{module!r}] = None
+        try:
+            import pblinalg.{module}
+        except ImportError as error:
+            print(error)"""
+    assert f"pip install 'pblinalg[{module}]'" in run_python("-c", text).stdout

@@ -71,6 +71,16 @@ def main() -> None:
     read: str = mixed.copy().measure()
     assert len(read) == 3 and mixed.purity() < 1
 
+    angle = pb.Parameter("angle")
+    rotated = pb.Circuit(2).ry(angle, 0).cx(0, 1)
+    energies: NDArray[np.float64] = pb.sweep(rotated, [[0.1], [0.2]], ["ZZ", {"XX": 0.5}])
+    rows: NDArray[np.floating] = pb.sweep(rotated, {angle: [1, 2]}, probabilities=True, qubits=0)
+    drawn: list[pb.Counts] = pb.sweep(rotated, {"angle": np.ones(3)}, shots=5, seed=1)
+    assert energies.shape == rows.shape == (2, 2) and len(drawn) == 3
+    entropy: float = state.entanglement_entropy([0]) + mixed.entropy()
+    reduced: NDArray[np.complex128] = state.reduced_density_matrix([2, 0])
+    assert entropy > 0 and reduced.shape == (4, 4) and state.fidelity(mixed) < 1
+
     circuit = teleported()
     result = circuit.run(50, precision="single", seed=3)
     seed: int | None = result.seed

@@ -116,6 +116,9 @@ def reference() -> str:
         fields = ", ".join(step.__dataclass_fields__)
         lines += entry(f"{step.__name__}({fields})", text_of(step))
     lines += ["## Running", "", *entry(signature_of("run", pblinalg.run), text_of(pblinalg.run))]
+    lines += entry(signature_of("sweep", pblinalg.sweep), text_of(pblinalg.sweep))
+    gradient = pblinalg.value_and_gradient
+    lines += entry(signature_of("value_and_gradient", gradient), text_of(gradient))
     lines += class_section("Counts", pblinalg.Counts)
     lines += class_section("Observable", pblinalg.Observable)
     text = "An `Observable`, or the string or dict of terms that its constructor takes."

@@ -11,6 +11,7 @@
 
 #include "apply/diagonal.hpp"
 #include "apply/matrix.hpp"
+#include "circuits/simplify.hpp"
 #include "gates/formulas.hpp"
 
 namespace pblinalg::cpu {
@@ -423,6 +424,8 @@ void Program<T>::clear() {
     operations.clear();
     factors.clear();
     bound.clear();
+    products.clear();
+    terms.clear();
     tables.clear();
     dense.clear();
     oracles.clear();
@@ -455,6 +458,17 @@ void lower(const GateView& gate, Program<T>& program) {
         }
     }
     ++program.n_gates;
+}
+
+template <class T>
+Program<T> lowered(const GateList& list, unsigned int nqubits) {
+    Program<T> program;
+    program.nqubits = nqubits;
+    program.operations.reserve(list.size() + list.size() / 4);
+    program.factors.reserve(4 * list.size());
+    for (const GateView gate : list)
+        lower(gate, program);
+    return program;
 }
 
 template <class T>
@@ -496,11 +510,13 @@ void bind(const Program<T>& program, const GateList& list, std::span<const doubl
             angles[i] = gate.angles[i].value(values);
         write_factors(gate.kind, angles, factors + bound.factors);
     }
+    form_products(program, factors);
 }
 
 #define PBLINALG_INSTANTIATE(T)                                                       \
     template struct Program<T>;                                                       \
     template void lower<T>(const GateView&, Program<T>&);                             \
+    template Program<T> lowered<T>(const GateList&, unsigned int);                    \
     template bool lower<T>(const PybindLinAlgWCircuit<T>&, std::size_t, Program<T>&); \
     template void bind<T>(const Program<T>&, const GateList&, std::span<const double>, T*);
 PBLINALG_INSTANTIATE(float)

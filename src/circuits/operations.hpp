@@ -3,11 +3,19 @@
 // together is decided in planner.hpp.
 #pragma once
 
+#include <bit>
 #include <vector>
 
 #include "kernels/circuit_kernels.hpp"
 
 namespace pblinalg::cpu {
+
+/// Calls `body` with the number of each bit.
+template <class Body>
+void for_each_bit(Index bits, const Body& body) {
+    for (; bits != 0; bits &= bits - 1)
+        body(static_cast<unsigned int>(std::countr_zero(bits)));
+}
 
 /// One operation on the qubits of a state or of a tile of it. It acts on the amplitudes that hold
 /// `control_values` under `controls`.
@@ -29,7 +37,7 @@ struct Operation {
     /// For an operation on a tile: the same in the state's index, outside the tile.
     TileCondition state = {0, 0, 0};
     std::uint32_t factors = 0;  ///< place of its coefficients among those of a run
-    std::uint32_t data = 0;     ///< number of its table, dense matrix or oracle
+    std::uint32_t data = 0;     ///< number of its table, dense matrix, oracle or inner product
     /// The number of gates that are done before it, `inside_a_gate` where one is half done.
     std::uint32_t gates_before = inside_a_gate;
 
@@ -37,10 +45,23 @@ struct Operation {
     /// Moves amplitudes without arithmetic.
     bool is_permutation() const { return action == Action::X || action == Action::SWAP; }
     bool is_diagonal() const { return target_bits == 0; }
+    bool is_inner_product() const { return action >= Action::inner_x; }
     bool is_mixing() const { return action <= Action::matrix1; }
     /// A diagonal operation that multiplies where the parity is 0, too.
     bool multiplies_all() const { return action == Action::both || action == Action::table; }
 };
+
+/// The operation on other bits: `move` maps a set of bits to as many.
+template <class Move>
+Operation moved_bits(Operation operation, const Move& move) {
+    for (unsigned char& target : operation.targets)
+        target = static_cast<unsigned char>(std::countr_zero(move(bit(target))));
+    operation.target_bits = move(operation.target_bits);
+    operation.selects = move(operation.selects);
+    operation.controls = move(operation.controls);
+    operation.control_values = move(operation.control_values);
+    return operation;
+}
 
 /// X on `target` where `control` is 1.
 Operation cnot(unsigned int control, unsigned int target);

@@ -26,9 +26,20 @@ inline constexpr unsigned int run_qubits = sizeof(T) == 8 ? 6 : 7;
 
 /// Operations in one pass at the most.
 constexpr std::size_t max_pass_length = 512;
-/// Operations left out while more are looked at: where a pass costs much, a longer search pays.
-constexpr std::size_t pass_look_ahead = 64;
-constexpr std::size_t window_look_ahead = 12;
+
+/// How far planning looks for operations that fit. Where a pass costs much, a longer search pays,
+/// and where gates on different qubits change places it finds more.
+struct Search {
+    std::size_t look_ahead;   ///< operations left out while more are looked at
+    std::size_t reach;        ///< operations looked at to choose the active bits
+    unsigned int max_starts;  ///< sets of active bits that are grown and compared
+};
+constexpr Search search_for_pass(Accuracy accuracy) {
+    return accuracy == Accuracy::exact ? Search{64, 160, 4} : Search{512, 1024, 6};
+}
+constexpr Search search_for_window(Accuracy accuracy) {
+    return accuracy == Accuracy::exact ? Search{12, 48, 4} : Search{128, 160, 3};
+}
 
 /// What a pass by tiles costs at the least, in passes that read and write the whole state.
 constexpr double cost_of_tiles = 2.5;
@@ -58,13 +69,29 @@ int plan_workers(unsigned int nqubits, int requested) {
 }
 
 template <class T>
-PlanShape plan_shape(unsigned int nqubits, int workers) {
+PlanShape plan_shape(unsigned int nqubits, int workers, Accuracy accuracy) {
     // A tile for each worker at least, none too small to be worth a pass.
     constexpr unsigned int min_shared_tile_bits = min_parallel_qubits<T> - 2;
+    // By rounding the plan may not depend on the team.
+    constexpr std::size_t usual_team = 4;
+    const std::size_t team = accuracy == Accuracy::exact        ? team_size(workers)
+                             : nqubits < min_parallel_qubits<T> ? 1
+                                                                : usual_team;
     unsigned int bits = std::min(nqubits, tile_qubits<T>);
-    while (bits > min_shared_tile_bits && (std::size_t{1} << (nqubits - bits)) < team_size(workers))
+    while (bits > min_shared_tile_bits && (std::size_t{1} << (nqubits - bits)) < team)
         --bits;
-    return {nqubits, bits, active_instruction_set()};
+    return {nqubits, bits, active_instruction_set(), accuracy};
+}
+
+template <class T>
+unsigned int Plan<T>::lane_bits() const {
+    return window_shape_of<T>(shape_.set).lane_bits;
+}
+
+/// Qubits as bits of the index that the plan works on.
+template <class T>
+Index Plan<T>::bits_in_shape(Index bits) const {
+    return shape_.paired ? with_pair_bit(bits, lane_bits()) : bits;
 }
 
 template <class T>
@@ -73,6 +100,14 @@ Plan<T>::Plan(Program<T> program, const PlanShape& shape)
       program_(std::move(program)),
       tables_(nullptr, aligned_array_delete<std::complex<T>>) {
     fold_parity_diagonals(program_.operations);
+    if (shape_.paired) {
+        // Two states leave room for two targets only in windows of three row bits.
+        const bool takes_two = window_shape_of<T>(shape_.set).row_bits > 2;
+        for (Operation& operation : program_.operations) {
+            operation = moved_bits(operation, [&](Index bits) { return bits_in_shape(bits); });
+            operation.alone |= operation.action == Action::matrix2 && !takes_two;
+        }
+    }
     const auto& operations = program_.operations;
     if (shape_.nqubits < window_shape_of<T>(shape_.set).bits()) {
         Stage all;
@@ -94,16 +129,16 @@ Plan<T>::Plan(Program<T> program, const PlanShape& shape)
 template <class T>
 void Plan<T>::place_tables() {
     if (program_.tables.empty()) return;
-    const unsigned int lane_bits = window_shape_of<T>(shape_.set).lane_bits;
+    const unsigned int lane_bits = this->lane_bits();
     const Index lanes = low_mask(lane_bits);
     std::size_t rows = 0;
     for (const DiagonalTable<T>& table : program_.tables) {
         const unsigned int row_bits = count_bits(table.bits & ~lanes);
         const std::size_t place = 2 * (rows << lane_bits);
         if (row_bits > max_table_bits || place >= PlacedTable::nowhere) {
-            placed_.push_back({table.bits, PlacedTable::nowhere});
+            placed_.push_back({bits_in_shape(table.bits), PlacedTable::nowhere});
         } else {
-            placed_.push_back({table.bits, static_cast<std::uint32_t>(place)});
+            placed_.push_back({bits_in_shape(table.bits), static_cast<std::uint32_t>(place)});
             rows += std::size_t{1} << row_bits;
         }
     }
@@ -134,12 +169,19 @@ template <class T>
 PassSteps Plan<T>::compile(std::span<const Operation> local, Index active) const {
     const WindowShape shape = window_shape_of<T>(shape_.set);
     const unsigned int tile_bits = count_bits(active);
+    const Search search = search_for_window(shape_.accuracy);
     PassSteps compiled;
     compiled.steps.reserve(local.size() + local.size() / 2);
     compiled.conditions.reserve(compiled.steps.capacity());
-    Planner planner(local, {tile_bits, shape.bits(), shape.lane_bits,
-                            low_mask(tile_bits) & ~low_mask(shape.lane_bits), window_look_ahead,
-                            max_pass_length});
+    Planner planner(local, {.n_bits = tile_bits,
+                            .part_bits = shape.bits(),
+                            .always = shape.lane_bits + shape_.paired,
+                            .renumbered = low_mask(tile_bits) & ~low_mask(shape.lane_bits),
+                            .look_ahead = search.look_ahead,
+                            .max_length = max_pass_length,
+                            .keeps_order = shape_.accuracy == Accuracy::exact,
+                            .reach = search.reach,
+                            .max_starts = search.max_starts});
     StepWriter writer(shape.lane_bits, active, placed_, compiled);
     const auto size = [](const auto& list) { return static_cast<unsigned int>(list.size()); };
     for (Pass window; planner.next(window);) {
@@ -156,14 +198,24 @@ PassSteps Plan<T>::compile(std::span<const Operation> local, Index active) const
         const unsigned int last = size(compiled.steps);
         if (last > first) compiled.windows.push_back({window.active, first, last, placement});
     }
+    // Windows copy tiles, too.
+    if (compiled.windows.empty()) compiled.windows.push_back({low_mask(shape.bits()), 0, 0, 0});
     return compiled;
 }
 
 template <class T>
 void Plan<T>::plan_passes() {
     const std::vector<Operation>& operations = program_.operations;
-    Planner planner(operations, {shape_.nqubits, shape_.tile_bits, run_qubits<T>, 0,
-                                 pass_look_ahead, max_pass_length});
+    const Search search = search_for_pass(shape_.accuracy);
+    Planner planner(operations, {.n_bits = shape_.nqubits,
+                                 .part_bits = shape_.tile_bits,
+                                 .always = run_qubits<T> + shape_.paired,
+                                 .renumbered = 0,
+                                 .look_ahead = search.look_ahead,
+                                 .max_length = max_pass_length,
+                                 .keeps_order = shape_.accuracy == Accuracy::exact,
+                                 .reach = search.reach,
+                                 .max_starts = search.max_starts});
     const auto number = [&](const Operation* operation) {
         return static_cast<std::uint32_t>(operation - operations.data());
     };
@@ -173,7 +225,7 @@ void Plan<T>::plan_passes() {
         double alone = 0;
         for (const auto& entry : pass.operations)
             alone += cost_alone(*entry.operation);
-        if (pass.alone || alone < cost_of_tiles) {
+        if (pass.alone || (alone < cost_of_tiles && !shape_.paired)) {
             for (const auto& entry : pass.operations)
                 stage.alone.push_back(number(entry.operation));
         } else {
@@ -223,10 +275,9 @@ typename Plan<T>::Counts Plan<T>::counts() const {
 }
 
 template <class T>
-void Plan<T>::run_pass(const Stage& stage, std::complex<T>* amplitudes, int workers,
-                       const T* factors, const TeamScratch& scratch) const {
+TilePass<T> Plan<T>::tile_pass(const Stage& stage, const T* factors) const {
     const PassSteps& steps = stage.steps;
-    const TilePass<T> pass{
+    return {
         .active = stage.active,
         .inactive = stage.inactive,
         .windows = steps.windows.data(),
@@ -241,27 +292,45 @@ void Plan<T>::run_pass(const Stage& stage, std::complex<T>* amplitudes, int work
         .tables = parts(tables_.get()),
         .past_cache = (sizeof(std::complex<T>) << shape_.nqubits) >= min_bytes_past_cache,
     };
+}
+
+template <class T>
+void Plan<T>::run_pass(const Stage& stage, std::complex<T>* amplitudes, int workers,
+                       const T* factors, const TeamScratch& scratch) const {
+    const TilePass<T> pass = tile_pass(stage, factors);
     const Index n_tiles = bit(count_bits(stage.inactive));
     run_team(workers, [&](int id, int team) {
         const Block tiles(n_tiles, static_cast<Index>(id), static_cast<Index>(team), 1);
         bool shortcut = true;
-        dispatch([&]<InstructionSet set>() {
-            run_tiles<set, T>(parts(amplitudes), pass, tiles.begin, tiles.end, scratch.of(id),
-                              shortcut);
-        });
+        const auto run = [&]<Accuracy accuracy>() {
+            dispatch([&]<InstructionSet set>() {
+                run_tiles<set, T, accuracy>(parts(amplitudes), pass, tiles.begin, tiles.end,
+                                            scratch.of(id), shortcut);
+            });
+        };
+        if (shape_.accuracy == Accuracy::rounding) {
+            run.template operator()<Accuracy::rounding>();
+        } else {
+            run.template operator()<Accuracy::exact>();
+        }
     });
 }
 
 template <class T>
-std::size_t Plan<T>::run(std::complex<T>* amplitudes, int workers, const T* factors,
-                         const std::function<bool(std::size_t)>& between) const {
+std::size_t Plan<T>::scratch_bytes() const {
     std::size_t bytes = 0;
     for (const Stage& stage : stages_) {
         if (!stage.alone.empty()) continue;
         bytes = std::max(bytes, tile_scratch_bytes<T>(shape_.tile_bits, stage.steps.steps.size(),
                                                       stage.steps.windows.size()));
     }
-    const TeamScratch scratch(workers, bytes);
+    return (bytes + 63) / 64 * 64;
+}
+
+template <class T>
+std::size_t Plan<T>::run(std::complex<T>* amplitudes, int workers, const T* factors,
+                         const std::function<bool(std::size_t)>& between) const {
+    const TeamScratch scratch(workers, scratch_bytes());
     for (const Stage& stage : stages_) {
         for (const std::uint32_t i : stage.alone) {
             run_alone(amplitudes, shape_.nqubits, program_, program_.operations[i], factors,
@@ -282,6 +351,61 @@ std::size_t Plan<T>::run(std::complex<T>* amplitudes, int workers, const T* fact
         return done;
     }
     return program_.n_gates;
+}
+
+/// Tiles are summed up in pieces, and these in their order: sums do not depend on the team.
+template <class T>
+void Plan<T>::run_paired_pass(const Stage& stage, std::complex<T>* ket, std::complex<T>* bra,
+                              int workers, const T* factors, const TeamScratch& scratch,
+                              double* inner_products) const {
+    const std::vector<std::uint32_t>& numbers = stage.steps.inner_products;
+    const std::size_t n_sums = numbers.size() * sums_per_inner_product;
+    const Index n_tiles = bit(count_bits(stage.inactive));
+    const Index n_pieces = std::min(n_tiles, max_pieces);
+    std::vector<double> results(n_pieces * numbers.size());
+    run_team(workers, [&](int id, int team) {
+        TilePass<T> pass = tile_pass(stage, factors);
+        pass.sums = static_cast<double*>(scratch.of(id));
+        void* const tile = pass.sums + n_sums;
+        const Block pieces(n_pieces, static_cast<Index>(id), static_cast<Index>(team), 1);
+        for (Index p = pieces.begin; p < pieces.end; ++p) {
+            std::fill_n(pass.sums, n_sums, 0.0);
+            const Block tiles(n_tiles, p, n_pieces, 1);
+            dispatch([&]<InstructionSet set>() {
+                run_paired_tiles<set, T>(parts(ket), parts(bra), pass, tiles.begin, tiles.end, tile,
+                                         &stage != &stages_.back());
+                fold_inner_products<set, T>(pass, results.data() + p * numbers.size());
+            });
+        }
+    });
+    for (std::size_t r = 0; r < results.size(); ++r)
+        inner_products[numbers[r % numbers.size()]] += results[r];
+}
+
+template <class T>
+bool Plan<T>::run_paired(std::complex<T>* ket, std::complex<T>* bra, int workers, const T* factors,
+                         const std::function<bool(std::size_t)>& between,
+                         double* inner_products) const {
+    std::size_t most = 0;
+    for (const Stage& stage : stages_)
+        most = std::max(most, stage.steps.inner_products.size());
+    const TeamScratch scratch(workers,
+                              most * sums_per_inner_product * sizeof(double) + scratch_bytes());
+    std::fill_n(inner_products, program_.inner_products.size(), 0.0);
+    for (const Stage& stage : stages_) {
+        for (const std::uint32_t i : stage.alone) {
+            const Operation operation = moved_bits(program_.operations[i], [&](Index bits) {
+                return without_pair_bit(bits, lane_bits());
+            });
+            for (std::complex<T>* const amplitudes : {ket, bra})
+                run_alone(amplitudes, shape_.nqubits - 1, program_, operation, factors, workers);
+        }
+        if (stage.alone.empty()) {
+            run_paired_pass(stage, ket, bra, workers, factors, scratch, inner_products);
+        }
+        if (between && &stage != &stages_.back() && !between(gates_done_after(stage))) return false;
+    }
+    return true;
 }
 
 /// The gates that are done, none of the later ones counted.
@@ -315,9 +439,9 @@ std::size_t Plan<T>::finish_overtaken(const Stage& stage, std::complex<T>* ampli
     return end == operations.size() ? program_.n_gates : operations[end].gates_before;
 }
 
-#define PBLINALG_INSTANTIATE(T)                          \
-    template int plan_workers<T>(unsigned int, int);     \
-    template PlanShape plan_shape<T>(unsigned int, int); \
+#define PBLINALG_INSTANTIATE(T)                                    \
+    template int plan_workers<T>(unsigned int, int);               \
+    template PlanShape plan_shape<T>(unsigned int, int, Accuracy); \
     template class Plan<T>;
 PBLINALG_INSTANTIATE(float)
 PBLINALG_INSTANTIATE(double)

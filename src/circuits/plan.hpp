@@ -16,12 +16,15 @@ struct PlanShape {
     unsigned int nqubits;
     unsigned int tile_bits;
     InstructionSet set;
+    Accuracy accuracy;
+    /// Two states side by side, by rounding: one of the qubits tells them apart.
+    bool paired = false;
     friend bool operator==(const PlanShape&, const PlanShape&) = default;
 };
 
 /// The shape for 2^nqubits amplitudes on `workers`, as many as `run_team` is asked for.
 template <class T>
-PlanShape plan_shape(unsigned int nqubits, int workers);
+PlanShape plan_shape(unsigned int nqubits, int workers, Accuracy accuracy = Accuracy::exact);
 
 /// Workers that a state of 2^nqubits amplitudes pays for.
 template <class T>
@@ -50,6 +53,12 @@ class Plan {
     std::size_t run(std::complex<T>* amplitudes, int workers, const T* factors,
                     const std::function<bool(std::size_t)>& between) const;
 
+    /// The same on two states, of a paired shape. What they hold afterwards is not defined.
+    /// @param inner_products  receives those of the program.
+    /// @return false when stopped.
+    bool run_paired(std::complex<T>* ket, std::complex<T>* bra, int workers, const T* factors,
+                    const std::function<bool(std::size_t)>& between, double* inner_products) const;
+
   private:
     /// Either operations alone or a pass over tiles.
     struct Stage {
@@ -66,6 +75,13 @@ class Plan {
     void plan_one_tile();
     void plan_passes();
     PassSteps compile(std::span<const Operation> local, Index active) const;
+    unsigned int lane_bits() const;
+    Index bits_in_shape(Index bits) const;
+    TilePass<T> tile_pass(const Stage& stage, const T* factors) const;
+    std::size_t scratch_bytes() const;
+    void run_paired_pass(const Stage& stage, std::complex<T>* ket, std::complex<T>* bra,
+                         int workers, const T* factors, const TeamScratch& scratch,
+                         double* inner_products) const;
     void run_pass(const Stage& stage, std::complex<T>* amplitudes, int workers, const T* factors,
                   const TeamScratch& scratch) const;
     std::size_t gates_done_after(const Stage& stage) const;

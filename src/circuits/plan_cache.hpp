@@ -24,6 +24,13 @@ class PlanCache {
         return plans.emplace_back(make());
     }
 
+    /// The inverse of `list`, whose own plans are those of backward runs.
+    const GateList& inverse_of(const GateList& list) {
+        const std::lock_guard lock(mutex_);
+        if (!inverse_) inverse_ = std::make_unique<const GateList>(list.inverse());
+        return *inverse_;
+    }
+
   private:
     template <class T>
     using Plans = std::vector<std::shared_ptr<const cpu::Plan<T>>>;
@@ -36,6 +43,7 @@ class PlanCache {
     std::mutex mutex_;
     Plans<float> float_plans_;
     Plans<double> double_plans_;
+    std::unique_ptr<const GateList> inverse_;
 };
 
 }  // namespace pblinalg

@@ -7,14 +7,18 @@ namespace pblinalg::cpu {
 
 bool Planner::next(Pass& pass) {
     if (left_out_.empty() && front_ == operations_.size()) return false;
-    pass.active = low_mask(shape_.always);
     pass.operations.clear();
     pass.alone = false;
     std::swap(left_out_, deferred_);
     left_out_.clear();
-    free_ = shape_.part_bits - shape_.always;
     left_out_targets_ = left_out_depends_ = renumbered_depends_ = renumbered_targets_ = 0;
     arithmetic_blocked_ = false;
+    upcoming_.clear();
+    for (const Operation* const operation : deferred_)
+        upcoming_.push_back(operation);
+    for (std::size_t i = front_; i < operations_.size() && upcoming_.size() < shape_.reach; ++i)
+        upcoming_.push_back(&operations_[i]);
+    pass.active = chooser_.choose(upcoming_);
     for (const Operation* const operation : deferred_)
         take_or_leave(*operation, pass);
     while (front_ < operations_.size() && left_out_.size() < shape_.look_ahead && !pass.alone &&
@@ -22,13 +26,13 @@ bool Planner::next(Pass& pass) {
         take_or_leave(operations_[front_++], pass);
     }
     if (std::ranges::all_of(pass.operations, [&](const Pass::Entry& entry) {
-            return can_renumber(*entry.operation, pass);
+            return shape_.can_renumber(*entry.operation, pass.active);
         })) {
         for (auto& entry : pass.operations)
             entry.renumbers = true;
     }
     // Unused room goes to the lowest bits: longer runs.
-    for (; free_ > 0; --free_)
+    while (count_bits(pass.active) < shape_.part_bits)
         pass.active |= lowest_bit(~pass.active);
     return true;
 }
@@ -45,17 +49,15 @@ bool Planner::take(const Operation& operation, Pass& pass) {
         pass.operations.push_back({&operation, false});
         return true;
     }
-    const unsigned int n_fresh = count_bits(targets & ~pass.active);
+    const bool fits = count_bits(pass.active | targets) <= shape_.part_bits;
     // The target of an X needs no look at `renumbered_depends_` when it renumbers: it was inactive
     // with no room left, so no later operation can make it active.
-    if (n_fresh <= free_ && !(targets & renumbered_depends_) &&
-        !(operation.controls & renumbered_targets_)) {
+    if (fits && !(targets & renumbered_depends_) && !(operation.controls & renumbered_targets_)) {
         pass.active |= targets;
-        free_ -= n_fresh;
         pass.operations.push_back({&operation, false});
         return true;
     }
-    if (!can_renumber(operation, pass)) return false;
+    if (!shape_.can_renumber(operation, pass.active)) return false;
     if (!shape_.whole_parts) {
         // Amplitudes that differ in a selecting bit alone may now lie in other groups.
         renumbered_depends_ |= operation.selects | (operation.action == Action::SWAP ? targets : 0);
@@ -70,7 +72,7 @@ void Planner::take_or_leave(const Operation& operation, Pass& pass) {
     left_out_.push_back(&operation);
     left_out_targets_ |= operation.target_bits;
     left_out_depends_ |= operation.depends_on();
-    arithmetic_blocked_ |= !operation.is_permutation();
+    arithmetic_blocked_ |= shape_.keeps_order && !operation.is_permutation();
 }
 
 }  // namespace pblinalg::cpu

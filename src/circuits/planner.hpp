@@ -1,19 +1,19 @@
 // Which operations run together. Two levels of the same idea: a *tile* holds the amplitudes that
 // differ in the bits of a set of active qubits and fits into the second-level cache; a *window* is
 // the same inside a tile, for the few vectors that fit into registers. A pass at either level takes
-// as many operations as it can from the front of the circuit:
+// as many operations as it can from the front of the circuit, with the active qubits that let it
+// take the most:
 //   - the targets of every operation must be active; diagonal ones and controls need not be, since
 //     an inactive bit has one value throughout;
-//   - operations with arithmetic keep their order: even on disjoint qubits they do not commute to
-//     the last bit; permutations overtake whatever they do not touch;
+//   - permutations overtake whatever they do not touch. So do operations with arithmetic, where
+//     runs are by rounding; exact ones keep their order, since even on disjoint qubits they do not
+//     commute to the last bit;
 //   - in a window, permutations of whole vectors may do without active targets: the vectors get new
 //     numbers and stay. What selects such an operation is no target for the rest of the window, and
 //     what it changes no control.
 #pragma once
 
-#include <span>
-
-#include "circuits/operations.hpp"
+#include "circuits/active_set.hpp"
 
 namespace pblinalg::cpu {
 
@@ -29,24 +29,12 @@ struct Pass {
     bool alone = false;  ///< its one operation runs on the whole state only
 };
 
-/// What kind of parts a planner plans for.
-struct PartShape {
-    unsigned int n_bits;     ///< index bits of the array that the circuit works on
-    unsigned int part_bits;  ///< active bits of a pass, at most `n_bits`
-    unsigned int always;     ///< lowest bits that are always active
-    Index renumbered;        ///< bits that permutations may renumber
-    std::size_t look_ahead;  ///< operations left out while more are looked at
-    std::size_t max_length;  ///< operations in a pass
-    /// Renumberings move parts as a whole: they touch inactive bits alone.
-    bool whole_parts = false;
-};
-
 /// Takes the operations of one pass after another from a circuit.
 class Planner {
   public:
     /// @param operations  must outlive the planner and its passes.
     Planner(std::span<const Operation> operations, const PartShape& shape)
-        : operations_(operations), shape_(shape) {}
+        : operations_(operations), shape_(shape), chooser_(shape) {}
 
     /// Replaces `pass` by the next operations that run in one pass, at least one.
     /// @return false when none is left.
@@ -60,22 +48,17 @@ class Planner {
     std::size_t front() const { return front_; }
 
   private:
-    bool can_renumber(const Operation& operation, const Pass& pass) const {
-        const Index fixed = ~shape_.renumbered | (shape_.whole_parts ? pass.active : 0);
-        return operation.is_permutation() && operation.controls == 0 &&
-               operation.state.controls == 0 &&
-               !((operation.target_bits | operation.selects) & fixed);
-    }
     bool take(const Operation& operation, Pass& pass);
     void take_or_leave(const Operation& operation, Pass& pass);
 
     std::span<const Operation> operations_;
     PartShape shape_;
+    ActiveSetChooser chooser_;
     std::size_t front_ = 0;  ///< the first operation not yet looked at
     std::vector<const Operation*> left_out_;
     std::vector<const Operation*> deferred_;  ///< left out by the pass before
+    std::vector<const Operation*> upcoming_;
     // Of the pass at hand:
-    unsigned int free_ = 0;  ///< active bits not yet given away
     Index left_out_targets_ = 0;
     Index left_out_depends_ = 0;    ///< bits that an operation left out reads without changing them
     Index renumbered_depends_ = 0;  ///< bits that a renumbering keeps from being targets

@@ -7,23 +7,13 @@
 #include "circuits/plan.hpp"
 #include "circuits/plan_cache.hpp"
 #include "circuits/run_alone.hpp"
+#include "circuits/simplify.hpp"
 
 namespace pblinalg {
 namespace {
 
 /// Gates of a record read before they are run; long records go in pieces of this length.
 constexpr std::size_t piece_length = 1024;
-
-template <class T>
-cpu::Program<T> lowered(const GateList& list, unsigned int nqubits) {
-    cpu::Program<T> program;
-    program.nqubits = nqubits;
-    program.operations.reserve(list.size() + list.size() / 4);
-    program.factors.reserve(4 * list.size());
-    for (const GateView gate : list)
-        cpu::lower(gate, program);
-    return program;
-}
 
 }  // namespace
 
@@ -32,9 +22,11 @@ RunReport run(cpu::PybindLinAlgStateVectorCPU<T>& state, const GateList& list,
               std::span<const double> values, const RunOptions& options) {
     assert(list.n_qubits() <= state.nqubits && list.n_parameters() <= values.size());
     const int workers = cpu::plan_workers<T>(state.nqubits, state.num_threads);
-    const cpu::PlanShape shape = cpu::plan_shape<T>(state.nqubits, workers);
+    const cpu::PlanShape shape = cpu::plan_shape<T>(state.nqubits, workers, options.accuracy);
     const auto plan = list.plans()->plan<T>(shape, [&] {
-        return std::make_shared<cpu::Plan<T>>(lowered<T>(list, state.nqubits), shape);
+        cpu::Program<T> program = cpu::lowered<T>(list, state.nqubits);
+        if (options.accuracy == Accuracy::rounding) cpu::simplify(program);
+        return std::make_shared<cpu::Plan<T>>(std::move(program), shape);
     });
     const cpu::Program<T>& program = plan->program();
     std::vector<T> bound;
@@ -53,7 +45,7 @@ std::vector<std::complex<double>> gate_matrix(GateKind kind, std::span<const dou
     std::vector<Angle> listed(angles.begin(), angles.end());
     GateList list;
     list.add(kind, std::span(targets, k), listed);
-    const cpu::Program<double> program = lowered<double>(list, k);
+    const cpu::Program<double> program = cpu::lowered<double>(list, k);
     const std::size_t rows = std::size_t{1} << k;
     std::vector<std::complex<double>> matrix(rows * rows);
     for (std::size_t c = 0; c < rows; ++c) {

@@ -83,7 +83,15 @@ void StepWriter::renumber(const Operation& operation) {
 void StepWriter::append(const Operation& operation) {
     if (operation.action == Action::SWAP)
         return as_cnots(operation, [&](const Operation& part) { append(part); });
-    if (operation.action == Action::matrix2) {
+    if (operation.action == Action::matrix2 && operation.controls == 0) {
+        for (const unsigned int t : {0, 1}) {
+            if (place_of(operation.targets[t]) >= lane_bits_) continue;
+            // Lanes are exchanged with row 0: the other target makes room.
+            if (place_of(operation.targets[1 - t]) == lane_bits_)
+                exchange(step_action(Action::exchange_rows, 0));
+            bring_to_row(operation.targets[t], 0);
+        }
+    } else if (operation.action == Action::matrix2) {
         bring_to_row(operation.targets[0], 1);
         bring_to_row(operation.targets[1], 0);
     } else if (operation.is_mixing() &&
@@ -135,12 +143,23 @@ void StepWriter::push(const Operation& operation) {
     const bool controlled = operation.controls != 0;
     StepForm form = by_lane ? StepForm::by_lane : StepForm::plain;
     unsigned int place = 0;
-    if (operation.action == Action::X) {
-        place = place_of(operation.targets[0]);
-        place = place < lane_bits_ ? 4 + place : place - lane_bits_;
+    const auto place_of_target = [&] {
+        const unsigned int bit_place = place_of(operation.targets[0]);
+        return bit_place < lane_bits_ ? 4 + bit_place : bit_place - lane_bits_;
+    };
+    if (operation.is_inner_product()) {
+        place = operation.is_diagonal() ? rows_differ(step) : place_of_target();
+        form = controlled && place < 4 && !operation.is_diagonal() ? StepForm::controlled
+                                                                   : StepForm::plain;
+        step.lookup = static_cast<std::uint32_t>(pass_.inner_products.size());
+        pass_.inner_products.push_back(operation.data);
+    } else if (operation.action == Action::X) {
+        place = place_of_target();
     } else if (!operation.is_diagonal()) {
         form = controlled ? StepForm::controlled : StepForm::plain;
-        if (operation.is_mixing()) place = place_of(operation.targets[0]) - lane_bits_;
+        place = place_of(operation.targets[0]) - lane_bits_;
+        if (operation.action == Action::matrix2)
+            place = place_of_rows(place, place_of(operation.targets[1]) - lane_bits_);
     } else if (operation.action == Action::table) {
         form = controlled ? StepForm::controlled : StepForm::plain;
         step.lookup = lookup(operation);

@@ -16,6 +16,7 @@ struct PassSteps {
     std::vector<TileCondition> conditions;
     std::vector<TableLookup> lookups;
     std::vector<Placement> placements = {Placement::in_order()};
+    std::vector<std::uint32_t> inner_products;  ///< numbers in the program, in order
 };
 
 /// A table as steps read it.

@@ -36,12 +36,29 @@ struct Block {
     }
 };
 
+/// While one lives, the regions that its thread asks for run on that thread alone: it is one of
+/// many that are busy already. What they compute does not change, since pieces of sums follow
+/// requests.
+class RegionsOnOneWorker {
+  public:
+    RegionsOnOneWorker() : before_(here_) { here_ = true; }
+    RegionsOnOneWorker(const RegionsOnOneWorker&) = delete;
+    RegionsOnOneWorker& operator=(const RegionsOnOneWorker&) = delete;
+    ~RegionsOnOneWorker() { here_ = before_; }
+
+    static bool here() { return here_; }
+
+  private:
+    static inline constinit thread_local bool here_ = false;
+    bool before_;
+};
+
 /// Calls `work(id, team)` on each worker of a region of `workers`, or of the runtime's default team
-/// for 0 or less. One worker is the caller itself. The first exception of `work` reaches the caller
-/// once all workers are done.
+/// for 0 or less. Worker 0 is the caller, who does it all alone where one worker is asked for. The
+/// first exception of `work` reaches the caller once all workers are done.
 template <class Work>
 void run_team(int workers, const Work& work) {
-    if (workers == 1) return work(0, 1);
+    if (workers == 1 || RegionsOnOneWorker::here()) return work(0, 1);
     std::exception_ptr failure;
     const auto guarded = [&] {
         try {
@@ -87,8 +104,9 @@ inline int workers_for(Index amplitudes, int requested) {
     return amplitudes < min_parallel_amplitudes ? 1 : get_num_threads(requested);
 }
 
-/// The most workers that `run_team(workers, ...)` can start.
+/// The most workers that `run_team(workers, ...)` can start here.
 inline std::size_t team_size(int workers) {
+    if (RegionsOnOneWorker::here()) return 1;
     return static_cast<std::size_t>(workers > 0 ? workers : omp_get_max_threads());
 }
 

@@ -1,9 +1,11 @@
 // Compiled like exact_kernels.cpp: once per instruction set, without contraction or automatic
-// vectorisation, and without instantiating anything of the standard library.
+// vectorisation, and without instantiating anything of the standard library. A second time for
+// each set with contraction, for runs by rounding.
 #include "kernels/circuit_kernels.hpp"
 
 #include "gates/formulas.hpp"
 #include "gates/matrix_formulas.hpp"
+#include "kernels/inner_products.hpp"
 #include "kernels/unrolled.hpp"
 #include "kernels/values.hpp"
 #include "kernels/walk_groups.hpp"
@@ -12,6 +14,11 @@ namespace pblinalg::cpu {
 namespace {
 
 constexpr InstructionSet this_set = InstructionSet::PBLINALG_INSTRUCTION_SET;
+#ifdef PBLINALG_BY_ROUNDING
+constexpr Accuracy this_accuracy = Accuracy::rounding;
+#else
+constexpr Accuracy this_accuracy = Accuracy::exact;
+#endif
 
 /// Vectors of both parts that leave half of the registers to the arithmetic.
 constexpr unsigned int row_bits = n_registers<this_set> == 32 ? 3 : 2;
@@ -85,20 +92,22 @@ PBLINALG_ALWAYS_INLINE void mix_controlled(V* a, const CircuitStep& step, const 
     });
 }
 
-/// A matrix on row bits 1 and 0.
-template <bool controlled, class V, class T>
+/// A matrix on row bits `high` and `low`.
+template <unsigned int high, unsigned int low, bool controlled, class V, class T>
 PBLINALG_ALWAYS_INLINE void mix_two(V* a, const CircuitStep& step, const T* factors,
                                     Selected rows) {
     if (controlled && rows.on == 0) return;
     const FactorsAt<V, T> f{factors};
     const typename V::Bits chosen = V::lanes_in(step.lane_mask);
     for_each_row([&]<unsigned int r>() __attribute__((always_inline)) {
-        if constexpr (r % 4 == 0) {
+        if constexpr (high < row_bits && low < row_bits && !(r >> high & 1) && !(r >> low & 1)) {
             if (controlled && !(rows.on >> r & 1)) return;
-            V quad[4] = {a[r], a[r + 1], a[r + 2], a[r + 3]};
+            constexpr unsigned int at[] = {r, r | 1u << low, r | 1u << high,
+                                           r | 1u << high | 1u << low};
+            V quad[4] = {a[at[0]], a[at[1]], a[at[2]], a[at[3]]};
             _Gate2QB<true>::update(quad, f);
             for (unsigned int i = 0; i < 4; ++i)
-                a[r + i] = controlled ? V::select(chosen, quad[i], a[r + i]) : quad[i];
+                a[at[i]] = controlled ? V::select(chosen, quad[i], a[at[i]]) : quad[i];
         }
     });
 }
@@ -325,6 +334,14 @@ PBLINALG_ALWAYS_INLINE void multiply_by_table(V* a, const CircuitStep& step, con
     });
 }
 
+/// Bits of a tile's index as bits of the state's.
+PBLINALG_ALWAYS_INLINE Index spread_bits(Index bits, const Index* of_bit) {
+    Index spread = 0;
+    for (; bits != 0; bits &= bits - 1)
+        spread |= of_bit[__builtin_ctzll(bits)];
+    return spread;
+}
+
 /// The exclusive or of the places of the set bits.
 PBLINALG_ALWAYS_INLINE Index place_of(Index bits, const unsigned short* places) {
     Index place = 0;
@@ -380,8 +397,13 @@ PBLINALG_ALWAYS_INLINE void run_step(V* a, const LiveStep& live, const TilePass<
         PBLINALG_MIXING(YtoZ, GateYtoZ)
         PBLINALG_MIXING(ZtoY, GateZtoY)
         PBLINALG_MIXING(matrix1, _Gate1QB<true>)
-        case action(Action::matrix2, 0): return mix_two<false>(a, step, factors, {});
-        case action(Action::matrix2, 0, controlled): return mix_two<true>(a, step, factors, rows());
+        case action(Action::matrix2, place_of_rows(0, 1)): return mix_two<0, 1, false>(a, step, factors, {});
+        case action(Action::matrix2, place_of_rows(0, 2)): return mix_two<0, 2, false>(a, step, factors, {});
+        case action(Action::matrix2, place_of_rows(1, 0)): return mix_two<1, 0, false>(a, step, factors, {});
+        case action(Action::matrix2, place_of_rows(1, 2)): return mix_two<1, 2, false>(a, step, factors, {});
+        case action(Action::matrix2, place_of_rows(2, 0)): return mix_two<2, 0, false>(a, step, factors, {});
+        case action(Action::matrix2, place_of_rows(2, 1)): return mix_two<2, 1, false>(a, step, factors, {});
+        case action(Action::matrix2, place_of_rows(1, 0), controlled): return mix_two<1, 0, true>(a, step, factors, rows());
         case action(Action::X, 0): return flip<0>(a, rows());
         case action(Action::X, 1): return flip<1>(a, rows());
         case action(Action::X, 2): return flip<2>(a, rows());
@@ -411,24 +433,32 @@ PBLINALG_ALWAYS_INLINE void run_step(V* a, const LiveStep& live, const TilePass<
         case action(Action::both, 0, controlled): return multiply_controlled(a, step, factors, rows());
         case action(Action::table, 0): return multiply_by.template operator()<false>();
         case action(Action::table, 0, controlled): return multiply_by.template operator()<true>();
-        default: __builtin_unreachable();
+        default:
+            if constexpr (this_accuracy == Accuracy::rounding) {
+                const Selected selected = rows();
+                return InnerProducts<V, row_bits>::add(a, step.action, selected.odd, selected.on,
+                                                       pass.sums + step.lookup * sums_per_inner_product);
+            }
+            __builtin_unreachable();
     }
 #undef PBLINALG_MIXING
 #undef PBLINALG_DIAGONAL
     // clang-format on
 }
 
-/// Follows a walk over a tile from place to place.
+/// Follows a walk over the amplitudes of a tile from place to place, where places are linear in the
+/// bits of the amplitude's number.
+template <class Place>
 class PlaceWalk {
   public:
-    /// @param base  of the tile in the state.
-    PBLINALG_ALWAYS_INLINE PlaceWalk(const Placement& placement, Index base, Index free_mask)
-        : free_mask_(free_mask), place_(placement.origin ^ place_of(base, placement.of_state_bit)) {
+    /// @param of_bit  place of each bit of a number.
+    PBLINALG_ALWAYS_INLINE PlaceWalk(const Place* of_bit, Place origin, Index free_mask)
+        : free_mask_(free_mask), place_(origin) {
         // The walk counts: every step sets one free bit and clears all below it.
-        unsigned short flips = 0;
+        Place flips = 0;
         for (Index rest = free_mask; rest != 0; rest &= rest - 1) {
             const int b = __builtin_ctzll(rest);
-            flips ^= placement.of_tile_bit[b];
+            flips ^= of_bit[b];
             flips_[b] = flips;
         }
     }
@@ -444,35 +474,77 @@ class PlaceWalk {
   private:
     Index free_mask_;
     Index place_;
-    unsigned short flips_[max_tile_bits + 1] = {};
+    Place flips_[max_tile_bits + 1] = {};
 };
+
+/// The place of amplitude 0 of the tile at `base`.
+PBLINALG_ALWAYS_INLINE unsigned short origin_of(const Placement& placement, Index base) {
+    return static_cast<unsigned short>(placement.origin ^ place_of(base, placement.of_state_bit));
+}
+
+/// Where the amplitudes of a window lie in the state, for one that reads or writes it itself.
+template <class T>
+struct StateSide {
+    T* state = nullptr;  ///< none: the tile is read or written
+    Index of_bit[max_tile_bits] = {};
+    Index origin = 0;
+};
+
+/// Groups that are fetched from memory ahead of their turn.
+constexpr int groups_ahead = 4;
 
 /// Tiles up to this size stay in the first-level cache.
 constexpr std::size_t first_level_bytes = 32 << 10;
 
+/// What a window leaves, where it was looked at.
+struct Seen {
+    bool finite = true;
+    bool ordinary = true;  ///< no 0 besides
+};
+
 /// The gates of a window on one group of vectors after another.
 /// @param base      of the tile in the state.
 /// @param first     the steps that this tile needs, up to `last`.
+/// @param from      the state where the window reads it, and not the tile.
+/// @param to        the same for writing.
 /// @param inspects  whether to look at the results.
-/// @return false when they might differ from the definition.
 template <Products products, class T>
-[[gnu::noinline]] bool run_window(PlanarMemory<T> tile, Index size, Index base,
+[[gnu::noinline]] Seen run_window(PlanarMemory<T> tile, Index size, Index base,
                                   const TilePass<T>& pass, const CircuitWindow& window,
-                                  const LiveStep* first, const LiveStep* last, bool inspects) {
+                                  const LiveStep* first, const LiveStep* last,
+                                  const StateSide<T>& from, const StateSide<T>& to, bool inspects) {
     using V = Planar<this_set, T, products>;
     const Placement& placement = pass.placements[window.placement];
-    Index offsets[n_rows] = {};
+    Index offsets[n_rows] = {}, from_offsets[n_rows] = {}, to_offsets[n_rows] = {};
     unsigned char window_rows[row_bits] = {};
     Index rows_left = window.active & ~(Index{V::lanes} - 1);
     for (unsigned int b = 0, row = 1; row < n_rows; ++b, row *= 2, rows_left &= rows_left - 1) {
-        window_rows[b] = static_cast<unsigned char>(__builtin_ctzll(rows_left));
-        const Index place = placement.of_tile_bit[window_rows[b]];
-        for (unsigned int r = 0; r < row; ++r)
-            offsets[row + r] = offsets[r] ^ place;
+        const int tile_bit = __builtin_ctzll(rows_left);
+        window_rows[b] = static_cast<unsigned char>(tile_bit);
+        for (unsigned int r = 0; r < row; ++r) {
+            offsets[row + r] = offsets[r] ^ placement.of_tile_bit[tile_bit];
+            from_offsets[row + r] = from_offsets[r] ^ from.of_bit[tile_bit];
+            to_offsets[row + r] = to_offsets[r] ^ to.of_bit[tile_bit];
+        }
     }
     const bool fetches = size * 2 * sizeof(T) > first_level_bytes;
     const Index free_mask = (size - 1) & ~window.active;
-    PlaceWalk walk(placement, base, free_mask);
+    PlaceWalk walk(placement.of_tile_bit, origin_of(placement, base), free_mask);
+    PlaceWalk from_walk(from.of_bit, from.origin, free_mask);
+    PlaceWalk to_walk(to.of_bit, to.origin, free_mask);
+    PlaceWalk ahead = from_walk;
+    Index index_ahead = 0;
+    const auto fetch_ahead = [&]() __attribute__((always_inline)) {
+        ahead.advance(index_ahead);
+        index_ahead = next_subset(index_ahead, free_mask);
+        for_each_row([&]<unsigned int r>() __attribute__((always_inline)) {
+            const T* const vector = from.state + 2 * (ahead.place() ^ from_offsets[r]);
+            __builtin_prefetch(vector);
+            if (V::bytes == 64) __builtin_prefetch(vector + V::lanes);
+        });
+    };
+    for (int i = 0; i < groups_ahead && from.state; ++i)
+        fetch_ahead();
     typename V::Inspection inspection;
     walk_groups(
         free_mask, 0, 0,
@@ -488,35 +560,57 @@ template <Products products, class T>
                 });
             }
             V a[n_rows];
-            for_each_row([&]<unsigned int r>() __attribute__((always_inline)) {
-                a[r] = V::load(tile, place ^ offsets[r]);
-            });
+            if (from.state) {
+                fetch_ahead();
+                for_each_row([&]<unsigned int r>() __attribute__((always_inline)) {
+                    a[r] = V::deinterleave(from.state + 2 * (from_walk.place() ^ from_offsets[r]));
+                });
+                from_walk.advance(index);
+            } else {
+                for_each_row([&]<unsigned int r>() __attribute__((always_inline)) {
+                    a[r] = V::load(tile, place ^ offsets[r]);
+                });
+            }
             for (const LiveStep* live = first; live != last; ++live)
                 run_step(a, *live, pass, index, window_rows);
             if (inspects) {
                 for_each_row([&]<unsigned int r>()
                                  __attribute__((always_inline)) { inspection.look_at(a[r]); });
             }
-            for_each_row([&]<unsigned int r>() __attribute__((always_inline)) {
-                a[r].store(tile, place ^ offsets[r]);
-            });
+            if (to.state) {
+                for_each_row([&]<unsigned int r>() __attribute__((always_inline)) {
+                    T* const vector = to.state + 2 * (to_walk.place() ^ to_offsets[r]);
+                    if (pass.past_cache) {
+                        a[r].template interleave<true>(vector);
+                    } else {
+                        a[r].template interleave<false>(vector);
+                    }
+                });
+                to_walk.advance(index);
+            } else {
+                for_each_row([&]<unsigned int r>() __attribute__((always_inline)) {
+                    a[r].store(tile, place ^ offsets[r]);
+                });
+            }
         });
-    return inspection.passed();
+    return {inspection.finite(), inspection.ordinary()};
 }
 
 template <class T>
 using Plain = Planar<this_set, T, Products::plain>;
 
-/// Copies a tile in, parts apart. The walk is the tile's: its active bits in the state.
+/// Whether a tile holds nothing but zeros.
 template <class T>
-void gather(const T* state, Index base, Index active, PlanarMemory<T> tile, Index size) {
-    using V = Plain<T>;
+bool is_zero(const T* state, Index base, Index active) {
+    using V = Vector<this_set, T>;
+    typename V::Bits seen{};
     const Index above_lanes = active & ~(Index{V::lanes} - 1);
-    Index from = 0;
-    for (Index to = 0; to < size; to += V::lanes) {
-        V::deinterleave(state + 2 * (base | from)).store(tile, to);
-        from = next_subset(from, above_lanes);
-    }
+    Index at = 0;
+    do {
+        seen |= reinterpret_cast<typename V::Bits>(V::load(state + 2 * (base | at)).v);
+        at = next_subset(at, above_lanes);
+    } while (at != 0 && (at & 0xFF || !V::any_magnitude(seen)));
+    return !V::any_magnitude(seen);
 }
 
 /// Copies a tile back.
@@ -525,12 +619,45 @@ void scatter(T* state, Index base, Index active, PlanarMemory<T> tile, Index siz
              const Placement& placement) {
     using V = Plain<T>;
     constexpr Index lane_mask = Index{V::lanes} - 1;
-    PlaceWalk walk(placement, base, (size - 1) & ~lane_mask);
+    PlaceWalk walk(placement.of_tile_bit, origin_of(placement, base), (size - 1) & ~lane_mask);
     Index to = 0;
     for (Index from = 0; from < size; from += V::lanes) {
         V::load(tile, walk.place()).template interleave<past_cache>(state + 2 * (base | to));
         walk.advance(from);
         to = next_subset(to, active & ~lane_mask);
+    }
+}
+
+/// Copies a tile of two states in, vector by vector.
+template <class T>
+void gather_pair(const T* ket, const T* bra, Index base, Index active, PlanarMemory<T> tile,
+                 Index size) {
+    using V = Plain<T>;
+    const Index above_lanes = active & ~(Index{V::lanes} - 1);
+    Index from = base;
+    for (Index to = 0; to < size; to += 2 * V::lanes) {
+        V::deinterleave(ket + 2 * from).store(tile, to);
+        V::deinterleave(bra + 2 * from).store(tile, to + V::lanes);
+        from = base | next_subset(from, above_lanes);
+    }
+}
+
+/// Copies them back.
+template <bool past_cache, class T>
+void scatter_pair(T* ket, T* bra, Index base, Index active, PlanarMemory<T> tile, Index size,
+                  const Placement& placement, Index paired_base) {
+    using V = Plain<T>;
+    const Index above_lanes = active & ~(Index{V::lanes} - 1);
+    const Index walked = (size - 1) & ~(2 * Index{V::lanes} - 1);
+    PlaceWalk walk(placement.of_tile_bit, origin_of(placement, paired_base), walked);
+    Index to = base, from = 0;
+    for (Index i = 0; i < size; i += 2 * V::lanes) {
+        const Index place = walk.place();
+        V::load(tile, place).template interleave<past_cache>(ket + 2 * to);
+        V::load(tile, place ^ V::lanes).template interleave<past_cache>(bra + 2 * to);
+        walk.advance(from);
+        from = next_subset(from, walked);
+        to = base | next_subset(to, above_lanes);
     }
 }
 
@@ -555,23 +682,86 @@ void find_live_steps(const TilePass<T>& pass, Index base, LiveStep* live, LiveSt
     }
 }
 
-/// Runs the whole sequence on a fresh copy of the tile.
-/// @return false when the result might differ from the definition.
+/// The bits of a tile's index as places, and back. For placements that lanes take no part in.
+struct Unplaced {
+    unsigned short of_place_bit[max_tile_bits] = {};
+
+    explicit Unplaced(const Placement& placement) {
+        // Column by column: what is done to the places to make them single bits.
+        unsigned short places[max_tile_bits], numbers[max_tile_bits];
+        for (unsigned int b = 0; b < max_tile_bits; ++b) {
+            places[b] = placement.of_tile_bit[b];
+            numbers[b] = static_cast<unsigned short>(1u << b);
+        }
+        for (unsigned int p = 0; p < max_tile_bits; ++p) {
+            unsigned int pivot = p;
+            while (!(places[pivot] >> p & 1))
+                ++pivot;
+            const unsigned short place = places[pivot], number = numbers[pivot];
+            places[pivot] = places[p];
+            numbers[pivot] = numbers[p];
+            places[p] = place;
+            numbers[p] = number;
+            for (unsigned int b = 0; b < max_tile_bits; ++b) {
+                if (b == p || !(places[b] >> p & 1)) continue;
+                places[b] ^= place;
+                numbers[b] ^= number;
+            }
+        }
+        for (unsigned int p = 0; p < max_tile_bits; ++p)
+            of_place_bit[p] = numbers[p];
+    }
+};
+
+/// Runs the whole sequence on the tile at `base`, from the state into the tile; by rounding back
+/// into the state, if that can be.
+/// @param unplaced  of what the windows leave.
+/// @param seen      receives what there is at the end.
+/// @return whether the state has it.
 template <Products products, class T>
-[[gnu::noinline]] bool run_sequence(const T* state, Index base, const TilePass<T>& pass,
-                                    const LiveStep* live, const LiveStep* const* ends,
-                                    PlanarMemory<T> tile, Index size) {
-    gather(state, base, pass.active, tile, size);
+[[gnu::noinline]] bool run_sequence(T* state, Index base, const TilePass<T>& pass,
+                                    const Unplaced& unplaced, const LiveStep* live,
+                                    const LiveStep* const* ends, PlanarMemory<T> tile, Index size,
+                                    Seen& seen) {
+    const Placement& left = pass.placements[pass.n_placements - 1];
+    Index spread[max_tile_bits] = {};
+    unsigned int n_bits = 0;
+    for (Index rest = pass.active; rest != 0; rest &= rest - 1)
+        spread[n_bits++] = rest & -rest;
+    const StateSide<T> none;
+    StateSide<T> from, to;
     // What went wrong on the way shows at the end: no gate turns NaN, an infinity or a wrong sign
     // of 0 into an ordinary number.
-    bool passed = true;
+    bool first = true;
     for (std::size_t w = 0; w < pass.n_windows; ++w) {
         const bool last = w + 1 == pass.n_windows;
         if (live == ends[w] && !last) continue;
-        passed = run_window<products>(tile, size, base, pass, pass.windows[w], live, ends[w], last);
+        const Placement& placement = pass.placements[pass.windows[w].placement];
+        const unsigned short origin = origin_of(placement, base);
+        if (first) {
+            // The tile takes the amplitudes in order, so that places are numbers of the beginning.
+            from.state = state;
+            from.origin = base | spread_bits(origin, spread);
+            for (unsigned int b = 0; b < n_bits; ++b)
+                from.of_bit[b] = spread_bits(placement.of_tile_bit[b], spread);
+        }
+        // A window that reads the state may only write what it has read.
+        if (last && products == Products::fused && (!first || pass.n_placements == 1)) {
+            const auto number = [&](unsigned short place) {
+                return spread_bits(place_of(place, unplaced.of_place_bit), spread);
+            };
+            to.state = state;
+            to.origin = base | number(origin ^ origin_of(left, base));
+            for (unsigned int b = 0; b < n_bits; ++b)
+                to.of_bit[b] = number(placement.of_tile_bit[b]);
+        }
+        const bool inspects = last && products != Products::fused;
+        seen = run_window<products>(tile, size, base, pass, pass.windows[w], live, ends[w],
+                                    first ? from : none, to, inspects);
         live = ends[w];
+        first = false;
     }
-    return passed;
+    return to.state != nullptr;
 }
 
 }  // namespace
@@ -580,8 +770,10 @@ template <InstructionSet set, class T>
 WindowShape window_shape() {
     return {Plain<T>::lane_bits, row_bits};
 }
+template WindowShape window_shape<this_set, float>();
+template WindowShape window_shape<this_set, double>();
 
-template <InstructionSet set, class T>
+template <InstructionSet set, class T, Accuracy accuracy>
 void run_tiles(T* state, const TilePass<T>& pass, Index begin, Index end, void* scratch,
                bool& shortcut) {
     const Index size = bit(count_bits(pass.active));
@@ -589,16 +781,31 @@ void run_tiles(T* state, const TilePass<T>& pass, Index begin, Index end, void* 
     const PlanarMemory<T> tile{parts, parts + size + parts_gap / sizeof(T)};
     auto* const live = reinterpret_cast<LiveStep*>(tile.im + size);
     auto* const ends = reinterpret_cast<LiveStep**>(live + pass.n_steps);
+    const Placement& placement = pass.placements[pass.n_placements - 1];
+    const Unplaced unplaced(placement);
     walk_groups(pass.inactive, 0, begin, end, [&](Index base) {
+        // Gates keep it so, up to signs.
+        if (accuracy == Accuracy::rounding && is_zero(state, base, pass.active)) return;
         find_live_steps(pass, base, live, ends);
+        Seen seen;
         const auto run = [&]<Products products>() {
-            return run_sequence<products>(state, base, pass, live, ends, tile, size);
+            return run_sequence<products>(state, base, pass, unplaced, live, ends, tile, size,
+                                          seen);
         };
-        shortcut = shortcut && run.template operator()<Products::without_zeros>();
-        if (!shortcut && !run.template operator()<Products::plain>()) {
-            run.template operator()<Products::recovered>();
+        if constexpr (accuracy == Accuracy::rounding) {
+            if (run.template operator()<Products::fused>()) return;
+        } else {
+            bool done = false;
+            if (shortcut) {
+                run.template operator()<Products::without_zeros>();
+                done = seen.ordinary;
+            }
+            if (!done) {
+                run.template operator()<Products::plain>();
+                shortcut = seen.ordinary;
+                if (!seen.finite) run.template operator()<Products::recovered>();
+            }
         }
-        const Placement& placement = pass.placements[pass.n_placements - 1];
         if (pass.past_cache) {
             scatter<true>(state, base, pass.active, tile, size, placement);
         } else {
@@ -608,10 +815,63 @@ void run_tiles(T* state, const TilePass<T>& pass, Index begin, Index end, void* 
     if (pass.past_cache) Vector<this_set, T>::finish_past_cache();
 }
 
-#define PBLINALG_INSTANTIATE(T)                       \
-    template WindowShape window_shape<this_set, T>(); \
-    template void run_tiles<this_set, T>(T*, const TilePass<T>&, Index, Index, void*, bool&);
+template <InstructionSet set, class T>
+void run_paired_tiles(T* ket, T* bra, const TilePass<T>& pass, Index begin, Index end,
+                      void* scratch, bool keeps) {
+    const Index size = bit(count_bits(pass.active));
+    T* const parts = static_cast<T*>(scratch);
+    const PlanarMemory<T> tile{parts, parts + size + parts_gap / sizeof(T)};
+    auto* const live = reinterpret_cast<LiveStep*>(tile.im + size);
+    auto* const ends = reinterpret_cast<LiveStep**>(live + pass.n_steps);
+    const Index active = without_pair_bit(pass.active, Plain<T>::lane_bits);
+    const Placement& placement = pass.placements[pass.n_placements - 1];
+    const StateSide<T> none;
+    walk_groups(pass.inactive, 0, begin, end, [&](Index paired_base) {
+        const Index base = without_pair_bit(paired_base, Plain<T>::lane_bits);
+        find_live_steps(pass, paired_base, live, ends);
+        gather_pair(ket, bra, base, active, tile, size);
+        const LiveStep* first = live;
+        for (std::size_t w = 0; w < pass.n_windows; first = ends[w++]) {
+            if (first == ends[w]) continue;
+            run_window<Products::fused>(tile, size, paired_base, pass, pass.windows[w], first,
+                                        ends[w], none, none, false);
+        }
+        if (!keeps) return;
+        if (pass.past_cache) {
+            scatter_pair<true>(ket, bra, base, active, tile, size, placement, paired_base);
+        } else {
+            scatter_pair<false>(ket, bra, base, active, tile, size, placement, paired_base);
+        }
+    });
+    if (pass.past_cache) Vector<this_set, T>::finish_past_cache();
+}
+
+template <InstructionSet set, class T>
+void fold_inner_products(const TilePass<T>& pass, double* results) {
+    using Products = InnerProducts<Planar<set, T, Products::fused>, row_bits>;
+    for (std::size_t s = 0; s < pass.n_steps; ++s) {
+        const CircuitStep& step = pass.steps[s];
+        if (step.action < step_action(Action::inner_x, 0)) continue;
+        results[step.lookup] +=
+            Products::fold(step, pass.sums + step.lookup * sums_per_inner_product);
+    }
+}
+
+#define PBLINALG_INSTANTIATE(T)                                                               \
+    template void run_tiles<this_set, T, this_accuracy>(T*, const TilePass<T>&, Index, Index, \
+                                                        void*, bool&);
 PBLINALG_INSTANTIATE(float)
 PBLINALG_INSTANTIATE(double)
+#undef PBLINALG_INSTANTIATE
+
+#ifdef PBLINALG_BY_ROUNDING
+#define PBLINALG_INSTANTIATE(T)                                                                  \
+    template void run_paired_tiles<this_set, T>(T*, T*, const TilePass<T>&, Index, Index, void*, \
+                                                bool);                                           \
+    template void fold_inner_products<this_set, T>(const TilePass<T>&, double*);
+PBLINALG_INSTANTIATE(float)
+PBLINALG_INSTANTIATE(double)
+#undef PBLINALG_INSTANTIATE
+#endif
 
 }  // namespace pblinalg::cpu

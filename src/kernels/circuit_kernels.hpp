@@ -5,6 +5,7 @@
 #pragma once
 
 #include <cstdint>
+#include <pblinalg/accuracy.hpp>
 
 #include "core/bits.hpp"
 #include "core/instruction_set.hpp"
@@ -39,6 +40,12 @@ enum class Action : unsigned char {
     // Operations alone, which run on the whole state: a dense matrix, a phase oracle.
     dense,
     oracle,
+    // On two states side by side, changing nothing: Im <bra|P|ket> for X or Y on a target or the
+    // sign of the parity of the selecting bits, where the controls say so; Re <bra|ket>.
+    inner_x,
+    inner_y,
+    inner_parity,
+    inner_one,
 };
 
 /// How the conditions of a step lie.
@@ -54,14 +61,19 @@ enum RowsDiffer : unsigned int { in_bit_0, in_bit_1, in_bit_2, nowhere, otherwis
 
 /// An action and how it lies in a window, as one number to switch over.
 ///
-/// @param place  H to matrix1: the row bit of the target, 0 when controlled. X: the row bit, or 4 +
-///               the lane bit. exchange_lane: the lane bit. exchange_rows: the sum of both row bits
-///               less 1. Diagonal actions but tables and those under
+/// @param place  H to matrix1: the row bit of the target, 0 when controlled. X, inner_x, inner_y:
+///               the row bit, or 4 + the lane bit. exchange_lane: the lane bit. exchange_rows: the
+///               sum of both row bits less 1. Diagonal actions but tables and those under
 ///               `controlled`: `RowsDiffer`.
-///               Others: 0.
+///               matrix2: `place_of_rows`, (1, 0) when controlled. Others: 0.
 constexpr unsigned int step_action(Action action, unsigned int place,
                                    StepForm form = StepForm::plain) {
     return static_cast<unsigned int>(action) * 32 + static_cast<unsigned int>(form) * 8 + place;
+}
+
+/// The place of a matrix on two row bits, the first listed target's one first.
+constexpr unsigned int place_of_rows(unsigned int first, unsigned int second) {
+    return 2 * first + (second > first ? second - 1 : second);
 }
 
 /// Bit i is the parity of the bits of i under `mask`, for i < 16.
@@ -88,9 +100,9 @@ constexpr unsigned int match_pattern(Index mask, Index values) {
 /// parity, `both` on the others, too. All these bits lie in lanes, in rows, or outside the group,
 /// where they are one truth for all its amplitudes.
 struct CircuitStep {
-    std::uint32_t factors = 0;         ///< place of its coefficients among those of the run
-    std::uint32_t lookup = 0;          ///< table: number of the `TableLookup`
-    std::uint16_t action = 0;          ///< `step_action`
+    std::uint32_t factors = 0;  ///< place of its coefficients among those of the run
+    std::uint32_t lookup = 0;   ///< table: number of the `TableLookup`; or of the inner product
+    std::uint16_t action = 0;   ///< `step_action`
     std::uint16_t tile_selects = 0;    ///< selecting bits of the tile's index
     std::uint16_t tile_controls = 0;   ///< control bits of the tile's index ...
     std::uint16_t control_values = 0;  ///< ... and what they must be
@@ -166,7 +178,11 @@ struct TilePass {
     const T* factors;  ///< coefficients as interleaved parts
     const T* tables;   ///< by row of a table: real parts of a vector, then imaginary ones
     bool past_cache;   ///< the state is too large for the caches: results are written around them
+    double* sums = nullptr;  ///< `sums_per_inner_product` of each, 64-byte aligned
 };
+
+/// Partial sums of an inner product; an unused rest stays 0.
+inline constexpr unsigned int sums_per_inner_product = 16;
 
 /// Bytes between the real and the imaginary parts of a tile. Both lie a power of two apart
 /// otherwise, and vectors of a group often do, so that all of them would fall into one set of the
@@ -199,10 +215,32 @@ WindowShape window_shape();
 
 /// Runs `pass` on tiles [begin, end).
 /// @param state     interleaved parts, 64-byte aligned.
-/// @param shortcut  whether to try products without their zero parts first; cleared once a tile had
-///                  to be done again with them, as its neighbours then likely would, too.
-template <InstructionSet set, class T>
+/// @param shortcut  whether to try products without their zero parts first: whether the tile before
+///                  could have been done so. By rounding they are always left out.
+template <InstructionSet set, class T, Accuracy accuracy = Accuracy::exact>
 void run_tiles(T* state, const TilePass<T>& pass, Index begin, Index end, void* scratch,
                bool& shortcut);
+
+/// Index bits with one more at the lowest place above the lanes: the bit that tells two states side
+/// by side apart.
+constexpr Index with_pair_bit(Index bits, unsigned int lane_bits) {
+    const Index lanes = low_mask(lane_bits);
+    return (bits & lanes) | (bits & ~lanes) << 1;
+}
+constexpr Index without_pair_bit(Index bits, unsigned int lane_bits) {
+    const Index lanes = low_mask(lane_bits);
+    return (bits & lanes) | (bits >> 1 & ~lanes);
+}
+
+/// Runs `pass` by rounding on tiles [begin, end) of two states, whose amplitudes lie side by side
+/// in a tile. All bits of the pass are those of an index with the pair's bit, which is active.
+/// @param keeps  whether to write the amplitudes back.
+template <InstructionSet set, class T>
+void run_paired_tiles(T* ket, T* bra, const TilePass<T>& pass, Index begin, Index end,
+                      void* scratch, bool keeps);
+
+/// Adds to results[i] the value of inner product i from its sums.
+template <InstructionSet set, class T>
+void fold_inner_products(const TilePass<T>& pass, double* results);
 
 }  // namespace pblinalg::cpu

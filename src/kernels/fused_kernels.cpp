@@ -490,6 +490,8 @@ void multiply_vectors(T* state, const MatrixVectors<V>& vectors, Index begin, In
             // With targets in lanes, too, there would be many kernels for few gates.
             unrolled<V::lane_bits>([&]<unsigned int b>() __attribute__((always_inline)) {
                 if (lowest_bit(vectors.held_lane_bits) != bit(b)) return;
+                // Joined vectors are those of lanes where the bit is 1.
+                if (!(vectors.walk.groups.fixed_bits & bit(b))) return;
                 run.template operator()<int{b}>();
                 done = true;
             });

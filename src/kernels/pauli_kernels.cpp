@@ -133,6 +133,44 @@ template <int element_flip, class T>
     }
 }
 
+/// Terms whose coefficients are summed up at a time.
+constexpr Index max_summed_terms = 16;
+
+template <int element_flip, class T>
+[[gnu::noinline]] void add_amplitudes(const T* from, Index number, T* to,
+                                      const SignedTerms<T>& terms, Index first, Index count) {
+    using V = Vector<this_set, T>;
+    // What term t multiplies the elements of a vector of `to` with: its sign there, and its
+    // negative for vectors that it negates.
+    V coefficients[max_summed_terms][2];
+    Index signs[max_summed_terms];
+    for (Index t = 0; t < count; ++t) {
+        const Index mask = terms.sign_masks[first + t];
+        signs[t] = mask >> V::lane_bits;
+        alignas(64) T elements[V::n_elements];
+        const bool negative = odd(mask >> terms.bits & number);
+        for (int e = 0; e < V::n_elements; ++e) {
+            // The element that comes here; i * (re, im) is (-im, re).
+            const int source = e ^ element_flip;
+            const bool minus = terms.imaginary && e % 2 == 0;
+            const bool sign = odd(mask & static_cast<Index>(source >> 1)) != (negative != minus);
+            elements[e] = sign ? -terms.weights[first + t] : terms.weights[first + t];
+        }
+        coefficients[t][0] = V::load(elements);
+        coefficients[t][1] = V{} - coefficients[t][0];
+    }
+    const Index n_vectors = bit(terms.bits - V::lane_bits);
+    const Index vector_flip = terms.low_flip >> V::lane_bits;
+    for (Index v = 0; v < n_vectors; ++v) {
+        V sum = coefficients[0][odd(signs[0] & v)];
+        for (Index t = 1; t < count; ++t)
+            sum = sum + coefficients[t][odd(signs[t] & v)];
+        const V moved = V::load(from + v * V::n_elements).template xor_elements<element_flip>();
+        T* const at = to + (v ^ vector_flip) * V::n_elements;
+        V{V::load(at).v + sum.v * moved.v}.store(at);
+    }
+}
+
 /// Calls `body.operator()<value>()` for a value in [0, count).
 template <int count, class Body>
 PBLINALG_ALWAYS_INLINE void with_constant(int value, const Body& body) {
@@ -165,10 +203,24 @@ T fold_signed_sums(const T* sums, Index sign_mask, bool imaginary) {
     return total;
 }
 
+template <InstructionSet set, class T>
+void add_signed_amplitudes(const T* from, Index number, T* to, const SignedTerms<T>& terms) {
+    using V = Vector<set, T>;
+    const int lane_flip = static_cast<int>(terms.low_flip & (V::lanes - 1));
+    with_constant<V::n_elements>(2 * lane_flip + terms.imaginary, [&]<int element_flip>() {
+        for (Index first = 0; first < terms.n_terms; first += max_summed_terms) {
+            const Index left = terms.n_terms - first;
+            add_amplitudes<element_flip>(from, number, to, terms, first,
+                                         left < max_summed_terms ? left : max_summed_terms);
+        }
+    });
+}
+
 #define PBLINALG_INSTANTIATE(T)                                                                    \
     template void add_signed_products<this_set, T>(const BlockPair<T>&, bool, const Index*, Index, \
                                                    T*, T*);                                        \
-    template T fold_signed_sums<this_set, T>(const T*, Index, bool);
+    template T fold_signed_sums<this_set, T>(const T*, Index, bool);                               \
+    template void add_signed_amplitudes<this_set, T>(const T*, Index, T*, const SignedTerms<T>&);
 PBLINALG_INSTANTIATE(float)
 PBLINALG_INSTANTIATE(double)
 

@@ -1,6 +1,6 @@
-// Serial kernels of exact expectation values: signed sums of products of two amplitudes, for all
-// terms that flip the same bits. Sums may come in any order and be fused.
-// Which blocks of the state meet, and in which order, is decided in observables/pauli_sums.cpp.
+// Serial kernels of Pauli sums, for all terms that flip the same bits: signed sums of products of
+// two amplitudes, and of amplitudes. Sums may come in any order and be fused. Which blocks of the
+// state meet, and in which order, is decided in observables/pauli_sums.cpp.
 #pragma once
 
 #include "core/instruction_set.hpp"
@@ -36,5 +36,23 @@ void add_signed_products(const BlockPair<T>& blocks, bool imaginary, const Index
 /// The value of one term from its partial sums.
 template <InstructionSet set, class T>
 T fold_signed_sums(const T* sums, Index sign_mask, bool imaginary);
+
+/// Terms that flip the same bits, as an operator on blocks of 2^bits amplitudes.
+template <class T>
+struct SignedTerms {
+    unsigned int bits;        ///< log2 of the amplitudes in a block
+    Index low_flip;           ///< the low `bits` bits of the flip mask
+    bool imaginary;           ///< whether weights are multiples of i
+    const Index* sign_masks;  ///< one per term
+    const T* weights;         ///< one per term
+    Index n_terms;
+};
+
+/// Adds, for each term t, weights[t] * (-1)^popcount(sign_masks[t] & i) * from[i], times i if
+/// imaginary, to to[i ^ flip].
+/// @param from, to  blocks of interleaved parts, 64-byte aligned.
+/// @param number    of the block `from` in the state: i >> bits.
+template <InstructionSet set, class T>
+void add_signed_amplitudes(const T* from, Index number, T* to, const SignedTerms<T>& terms);
 
 }  // namespace pblinalg::cpu

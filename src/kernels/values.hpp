@@ -197,7 +197,13 @@ enum class Products {
     without_zeros,
     plain,      ///< exact unless a final part is NaN
     recovered,  ///< exact
+    /// As the rounding allows: without zero parts, and summed so that the compiler can fuse.
+    fused,
 };
+
+constexpr bool leaves_out_zeros(Products products) {
+    return products == Products::without_zeros || products == Products::fused;
+}
 
 /// `lanes` amplitudes in one register, parts interleaved as in memory: re, im, re, im, ...
 ///
@@ -355,6 +361,16 @@ struct Vector {
     /// All bits set in the elements that are greater than `limit`.
     PBLINALG_ALWAYS_INLINE static Bits exceeds(Vector a, T limit) {
         return a.v > limit;
+    }
+
+    /// Whether elements are anything but 0, from their bits or those of several joined.
+    PBLINALG_ALWAYS_INLINE static bool any_magnitude(Bits bits) {
+        bits &= ~(Register<T, bytes>::sign - Bits{});
+        std::uint64_t words[bytes / 8], any = 0;
+        std::memcpy(words, &bits, bytes);
+        for (const std::uint64_t word : words)
+            any |= word;
+        return any != 0;
     }
 
     /// Exchanges lane bit `lane_bit` with the bit that tells two vectors apart: afterwards `low`
@@ -547,7 +563,30 @@ struct Planar {
     PBLINALG_ALWAYS_INLINE friend Planar scale(Planar a, T by) { return {a.re * by, a.im * by}; }
     PBLINALG_ALWAYS_INLINE friend Planar times_i(Planar a) { return {-a.im, a.re}; }
     PBLINALG_ALWAYS_INLINE friend Planar times_minus_i(Planar a) { return {a.im, -a.re}; }
-    PBLINALG_ALWAYS_INLINE friend Planar cmul(const Factor& f, Planar a) {
+    /// A product that waits for its sum: added to another one it takes a fused operation for each
+    /// multiplication but the first.
+    struct Pending {
+        Factor f;
+        Planar a;
+        PBLINALG_ALWAYS_INLINE operator Planar() const {
+            return {f.re * a.re - f.im * a.im, f.re * a.im + f.im * a.re};
+        }
+        PBLINALG_ALWAYS_INLINE friend Planar operator+(Planar sum, const Pending& next) {
+            sum = {sum.re + next.f.re * next.a.re, sum.im + next.f.re * next.a.im};
+            return {sum.re - next.f.im * next.a.im, sum.im + next.f.im * next.a.re};
+        }
+        PBLINALG_ALWAYS_INLINE friend Planar operator+(const Pending& first, const Pending& next) {
+            return Planar(first) + next;
+        }
+    };
+    PBLINALG_ALWAYS_INLINE friend auto cmul(const Factor& f, Planar a) {
+        if constexpr (products == Products::fused) {
+            return Pending{f, a};
+        } else {
+            return product_of(f, a);
+        }
+    }
+    PBLINALG_ALWAYS_INLINE static Planar product_of(const Factor& f, Planar a) {
         Planar product{f.re * a.re - f.im * a.im, f.re * a.im + f.im * a.re};
         if constexpr (products == Products::recovered) {
             if (holds_nan(product)) [[unlikely]]
@@ -556,29 +595,30 @@ struct Planar {
         return product;
     }
     PBLINALG_ALWAYS_INLINE friend Planar cmul_real(const Factor& f, Planar a) {
-        if constexpr (products != Products::without_zeros) return cmul(f, a);
+        if constexpr (!leaves_out_zeros(products)) return cmul(f, a);
         return {f.re * a.re, f.re * a.im};
     }
     PBLINALG_ALWAYS_INLINE friend Planar cmul_imaginary(const Factor& f, Planar a) {
-        if constexpr (products != Products::without_zeros) return cmul(f, a);
+        if constexpr (!leaves_out_zeros(products)) return cmul(f, a);
         return {-(f.im * a.im), f.im * a.re};
     }
 
     PBLINALG_ALWAYS_INLINE static bool holds_nan(Planar a) { return any_nan<T, bytes>(a.re, a.im); }
 
-    /// Looks at final values and tells whether all of them are exact.
+    /// Looks at final values: what they are tells whether they are exact.
     class Inspection {
       public:
         PBLINALG_ALWAYS_INLINE void look_at(Planar a) {
-            if constexpr (products == Products::recovered) return;
             // An infinity minus itself is NaN, and NaN stays in the sum.
             not_finite_ += (a.re - a.re) + (a.im - a.im);
-            if constexpr (products == Products::without_zeros) {
-                smallest_ = smaller(smallest_, smaller(a.re, a.im));
-            }
+            smallest_ = smaller(smallest_, smaller(a.re, a.im));
         }
-        /// True when all parts were finite and, if that matters, none was 0.
-        PBLINALG_ALWAYS_INLINE bool passed() const {
+        /// True when all parts were finite.
+        PBLINALG_ALWAYS_INLINE bool finite() const {
+            return !any_nan<T, bytes>(not_finite_, not_finite_);
+        }
+        /// True when, besides, none was 0.
+        PBLINALG_ALWAYS_INLINE bool ordinary() const {
             // 0 / 0 is NaN.
             return !any_nan<T, bytes>(not_finite_, smallest_ / smallest_);
         }

@@ -115,12 +115,15 @@ std::vector<unsigned int> take_out_swaps(cpu::Program<T>& program) {
 /// soonest after it.
 Index choose_local(const Pass& pass, Index at_hand, const Uses& uses, const cpu::Planner& planner) {
     Index needed = 0;
-    bool stays = true;
+    bool stays = true, renumbered = false;
     for (const auto& [operation, renumbers] : pass.operations) {
         if (!renumbers) needed |= operation->target_bits;
+        renumbered |= renumbers;
         stays &= runs_on(*operation, at_hand);
     }
     if (stays) return at_hand;
+    // What renumbers rests on just these.
+    if (renumbered) return pass.active;
     struct Candidate {
         std::uint32_t next;
         unsigned int bit;
@@ -170,6 +173,9 @@ RankPlan plan_ranks(cpu::Program<T>& program, const Layout& layout) {
                                       .renumbered = cpu::low_mask(program.nqubits),
                                       .look_ahead = look_ahead,
                                       .max_length = std::numeric_limits<std::size_t>::max(),
+                                      .keeps_order = true,
+                                      .reach = 0,
+                                      .max_starts = 0,
                                       .whole_parts = true});
     for (Pass pass; planner.next(pass);) {
         RankPass& own = plan.passes.emplace_back();

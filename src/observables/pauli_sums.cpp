@@ -1,125 +1,17 @@
-// The grouping of terms into batches, the walk of a batch over tiles of the state, and the fold of
-// its sums. The products are summed in kernels/pauli_kernels.cpp.
+// The walk of a batch of terms over tiles of the state, and the fold of its sums. The products are
+// summed in kernels/pauli_kernels.cpp.
 #include "observables/pauli_sums.hpp"
 
 #include <algorithm>
-#include <map>
 #include <utility>
 
 #include "apply/gates.hpp"
 #include "core/parallel.hpp"
 #include "kernels/pauli_kernels.hpp"
+#include "observables/pauli_batches.hpp"
 
 namespace pblinalg::cpu {
 namespace {
-
-/// Two blocks and the products between them lie in the first-level cache.
-template <class T>
-constexpr unsigned int max_block_bits = sizeof(T) == sizeof(double) ? 9 : 10;
-
-/// Blocks of a tile, which is read from memory once for all masks of a batch; a tile lies in the
-/// second-level cache.
-constexpr unsigned int max_tile_bits = 6;
-
-/// Terms that sum the same part of the same products.
-struct Group {
-    Index flip;
-    bool imaginary;
-    std::vector<Index> sign_masks;
-    std::vector<Index> terms;  ///< their positions in the observable
-};
-
-/// Groups whose flip masks, above the bits of a block, lie in the span of at most `max_tile_bits`
-/// masks. Blocks that differ by that span form a tile; the groups need nothing outside of it.
-class Batch {
-  public:
-    std::vector<const Group*> groups;
-
-    /// Takes `group` unless the span would grow too large. `high_flip` is its mask of block
-    /// numbers.
-    bool add(const Group* group, Index high_flip) {
-        for (const Index vector : span_) {
-            if (high_flip & pivot(vector)) high_flip ^= vector;
-        }
-        if (high_flip != 0) {
-            if (span_.size() == max_tile_bits) return false;
-            // Every pivot is kept the only vector with its bit.
-            for (Index& vector : span_) {
-                if (vector & pivot(high_flip)) vector ^= high_flip;
-            }
-            span_.push_back(high_flip);
-            std::sort(span_.begin(), span_.end(),
-                      [](Index a, Index b) { return pivot(a) < pivot(b); });
-        }
-        groups.push_back(group);
-        return true;
-    }
-
-    Index n_terms() const {
-        Index count = 0;
-        for (const Group* group : groups)
-            count += group->terms.size();
-        return count;
-    }
-
-    /// Block numbers of the tile relative to its first: entry j has bit b of j at pivot b.
-    std::vector<Index> tile() const {
-        std::vector<Index> numbers = {0};
-        for (const Index vector : span_) {
-            const std::size_t filled = numbers.size();
-            for (std::size_t j = 0; j < filled; ++j)
-                numbers.push_back(numbers[j] ^ vector);
-        }
-        return numbers;
-    }
-
-    /// The bits by which the blocks of a tile are told apart.
-    Index pivots() const {
-        Index mask = 0;
-        for (const Index vector : span_)
-            mask |= pivot(vector);
-        return mask;
-    }
-
-  private:
-    static Index pivot(Index vector) { return lowest_bit(vector); }
-
-    std::vector<Index> span_;  ///< reduced, by increasing pivot
-};
-
-template <class T>
-std::vector<Group> group_terms(const WObservable<T>& observable) {
-    std::map<std::pair<Index, bool>, Group> groups;
-    for (Index t = 0; t < observable.flip_masks.size(); ++t) {
-        const Index flip = observable.flip_masks[t];
-        const bool imaginary = observable.phase_powers[t] % 2 != 0;
-        Group& group = groups[{flip, imaginary}];
-        group.flip = flip;
-        group.imaginary = imaginary;
-        group.sign_masks.push_back(observable.sign_masks[t]);
-        group.terms.push_back(t);
-    }
-    std::vector<Group> list;
-    list.reserve(groups.size());
-    for (auto& [key, group] : groups)
-        list.push_back(std::move(group));
-    return list;
-}
-
-std::vector<Batch> batch_groups(const std::vector<Group>& groups, unsigned int block_bits) {
-    std::vector<const Group*> waiting;
-    waiting.reserve(groups.size());
-    for (const Group& group : groups)
-        waiting.push_back(&group);
-    std::vector<Batch> batches;
-    while (!waiting.empty()) {
-        Batch& batch = batches.emplace_back();
-        std::erase_if(waiting, [&](const Group* group) {
-            return batch.add(group, group->flip >> block_bits);
-        });
-    }
-    return batches;
-}
 
 /// Partial sums of the groups of one batch, aligned for the widest vectors.
 template <class T>
@@ -139,7 +31,7 @@ constexpr Index products_per_piece = 4 * piece_amplitudes;
 template <class T>
 class TileSums {
   public:
-    TileSums(const T* state, unsigned int block_bits, const Batch& batch)
+    TileSums(const T* state, unsigned int block_bits, const TermBatch& batch)
         : state_(state),
           block_bits_(block_bits),
           batch_(batch),
@@ -160,7 +52,7 @@ class TileSums {
   private:
     void add_tile(const std::vector<Index>& tile, Index pivots, Index first) {
         TermSums<T>* sums = sums_.data();
-        for (const Group* group : batch_.groups) {
+        for (const TermGroup* group : batch_.groups) {
             const Index partner = extract_bits(group->flip >> block_bits_, pivots);
             // Blocks j and j ^ partner give the same products but for a sign that is known: one
             // of the two is enough.
@@ -173,7 +65,7 @@ class TileSums {
         }
     }
 
-    void add_blocks(const Group& group, Index left, Index right, T* sums) {
+    void add_blocks(const TermGroup& group, Index left, Index right, T* sums) {
         const BlockPair<T> blocks{block(left), block(right), block_bits_, left,
                                   group.flip & low_mask(block_bits_)};
         dispatch([&]<InstructionSet set>() {
@@ -188,7 +80,7 @@ class TileSums {
         std::vector<T> values;
         values.reserve(sums_.size());
         const TermSums<T>* sums = sums_.data();
-        for (const Group* group : batch_.groups) {
+        for (const TermGroup* group : batch_.groups) {
             for (const Index sign_mask : group->sign_masks) {
                 const T sum = dispatch([&]<InstructionSet set>() {
                     return fold_signed_sums<set, T>(sums->parts, sign_mask, group->imaginary);
@@ -201,7 +93,7 @@ class TileSums {
     }
 
     /// The sum over all indices, given that over one of each pair of blocks.
-    T whole_sum(const Group& group, Index sign_mask, T sum) const {
+    T whole_sum(const TermGroup& group, Index sign_mask, T sum) const {
         if (group.flip >> block_bits_ == 0) return sum;
         const bool halves_add = (count_bits(group.flip & sign_mask) % 2 != 0) == group.imaginary;
         return halves_add ? sum + sum : sum - sum;
@@ -209,7 +101,7 @@ class TileSums {
 
     const T* state_;
     unsigned int block_bits_;
-    const Batch& batch_;
+    const TermBatch& batch_;
     std::vector<TermSums<T>> sums_;
     std::vector<Scratch<T>> scratch_;
 };
@@ -230,11 +122,11 @@ std::vector<T> pauli_sums(const std::complex<T>* amplitudes, const WObservable<T
     const unsigned int block_bits = std::min(size_bits, max_block_bits<T>);
     const Index n_terms = observable.flip_masks.size();
 
-    const std::vector<Group> groups = group_terms(observable);
-    const std::vector<Batch> batches = batch_groups(groups, block_bits);
+    const std::vector<TermGroup> groups = group_terms(observable);
+    const std::vector<TermBatch> batches = batch_groups(groups, block_bits);
 
     std::vector<T> values(n_terms);
-    for (const Batch& batch : batches) {
+    for (const TermBatch& batch : batches) {
         const std::vector<Index> tile = batch.tile();
         const Index free_mask = low_mask(size_bits - block_bits) & ~batch.pivots();
         const Index n_tiles = bit(count_bits(free_mask));
@@ -249,7 +141,7 @@ std::vector<T> pauli_sums(const std::complex<T>* amplitudes, const WObservable<T
         for (const std::vector<T>& sums :
              results_of_pieces<std::vector<T>>(n_tiles, pieces, workers, sums_of, 1)) {
             Index k = 0;
-            for (const Group* group : batch.groups) {
+            for (const TermGroup* group : batch.groups) {
                 for (const Index t : group->terms)
                     values[t] += sums[k++];
             }
@@ -270,11 +162,11 @@ template <class T>
 std::vector<std::vector<unsigned long long>> passes_of_terms(const WObservable<T>& observable,
                                                              unsigned long long size) {
     const unsigned int block_bits = std::min(count_bits(size - 1), max_block_bits<T>);
-    const std::vector<Group> groups = group_terms(observable);
+    const std::vector<TermGroup> groups = group_terms(observable);
     std::vector<std::vector<unsigned long long>> passes;
-    for (const Batch& batch : batch_groups(groups, block_bits)) {
+    for (const TermBatch& batch : batch_groups(groups, block_bits)) {
         std::vector<unsigned long long>& pass = passes.emplace_back();
-        for (const Group* group : batch.groups)
+        for (const TermGroup* group : batch.groups)
             pass.insert(pass.end(), group->terms.begin(), group->terms.end());
         std::sort(pass.begin(), pass.end());
     }

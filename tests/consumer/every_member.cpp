@@ -74,6 +74,22 @@ bool makes_bell_state() {
     return *kept == std::map<unsigned long long, std::complex<T>>{{0, amplitude}, {3, amplitude}};
 }
 
+/// The derivative of <ZZ>, which is constant, and the overlap with the state itself.
+template <class T>
+bool differentiates(const pblinalg::cpu::PybindLinAlgStateVectorCPU<T>& zero,
+                    const pblinalg::GateList& list) {
+    using namespace pblinalg;
+    const WObservable<T> observable{{T(1)}, {0}, {3}, {0}, T(0), 0};
+    cpu::PybindLinAlgStateVectorCPU<T> state(2);
+    state.reset();
+    const std::vector<double> values{0.25};
+    const Gradient of_value = value_and_gradient<T>(state, list, std::span(&observable, 1), values);
+    state.reset();
+    const Gradient of_overlap = overlap_and_gradient<T>(state, list, zero, values);
+    return std::abs(of_value.values[0] - 1) < 1e-6 && std::abs(of_value.jacobian[0]) < 1e-6 &&
+           std::abs(of_overlap.values[0] - 0.5) < 1e-6;
+}
+
 /// A parametrised list, stopped between passes and run again.
 template <class T>
 bool runs_a_list() {
@@ -87,14 +103,35 @@ bool runs_a_list() {
     state.reset();
     const RunReport report = run(state, both, std::vector{0.25});
     return report.finished() && report.gates_done == both.size() && both.n_parameters() == 1 &&
-           list.conjugate() != list && info(GateKind::RXX).name == "RXX" &&
+           differentiates(state, list) && list.conjugate() != list &&
+           info(GateKind::RXX).name == "RXX" &&
            std::abs(state.state[0] - std::complex<T>(1)) < T(1e-6);
+}
+
+/// Two rows of a list, and the reduced state of one of its qubits.
+template <class T>
+bool sweeps_and_reduces() {
+    using namespace pblinalg;
+    GateList list;
+    list.add(GateKind::RX, 0, Angle::of_parameter(0)).add(GateKind::X, 1, Controls({0}));
+    const std::vector<double> values{0, 3.14159265358979};
+    std::vector<T> probabilities(4);
+    SweepOutput<T> output;
+    output.qubits = {1};
+    output.probabilities = probabilities.data();
+    std::vector<std::complex<double>> reduced(4);
+    const auto job = [&](const BatchJob<T>& job) {
+        reduced_density_matrix(job.state, {1}, reduced.data());
+    };
+    return run_sweep<T>(2, list, {values, 2}, output).finished() &&
+           run_batch<T>(2, 1, job).jobs_done == 1 && seed_of_job(1, 0) != seed_of_job(1, 1) &&
+           probabilities[0] == 1 && probabilities[3] > T(0.999) && reduced[0] == 1.0;
 }
 
 template <class T>
 bool all_hold() {
     return state_vector_members_exist<T>() && record_members_exist<T>() && makes_bell_state<T>() &&
-           runs_a_list<T>();
+           runs_a_list<T>() && sweeps_and_reduces<T>();
 }
 
 bool check(bool holds, const char* claim) {
@@ -108,7 +145,7 @@ int main() {
     bool passed = check(all_exist(&pblinalg::get_num_threads), "get_num_threads exists");
     passed &=
         check(std::strcmp(pblinalg::version(), PBLINALG_VERSION) == 0, "version of the headers");
-    passed &= check(all_hold<float>(), "members, Bell state and gate list in float");
-    passed &= check(all_hold<double>(), "members, Bell state and gate list in double");
+    passed &= check(all_hold<float>(), "members, Bell state, gate list and sweep in float");
+    passed &= check(all_hold<double>(), "members, Bell state, gate list and sweep in double");
     return passed ? 0 : 1;
 }

@@ -132,5 +132,68 @@ TYPED_TEST(Allocations, ThatFailReachTheCallerBeforeAnAmplitudeChanges) {
     }
 }
 
+TYPED_TEST(Allocations, ThatFailForABatchComeBeforeItsFirstJob) {
+    using T = TypeParam;
+    for (const unsigned int n : {3u, min_shared_batch_qubits}) {
+        for (const int workers : {1, 3}) {
+            long failures = 0;
+            std::atomic<int> begun = 0;
+            const std::function<void(const BatchJob<T>&)> job = [&](const BatchJob<T>&) {
+                ++begun;
+            };
+            for (bool failed = true; failed; ++failures) {
+                EXPECT_EQ(begun, 0);
+                allocations_left = failures;
+                try {
+                    run_batch<T>(n, 5, job, {workers, 0, {}});
+                    failed = false;
+                } catch (const std::bad_alloc&) {
+                }
+                allocations_left = -1;
+            }
+            EXPECT_EQ(begun, 5);
+            EXPECT_GT(failures, 2);
+        }
+    }
+}
+
+TYPED_TEST(Allocations, ThatFailInAGradientLeaveTheNextOneRight) {
+    using T = TypeParam;
+    constexpr unsigned int n = 14;
+    GateList list;
+    for (unsigned int q = 0; q < n; ++q)
+        list.add(GateKind::U, q % n, std::vector<Angle>(3, Angle::of_parameter(q % 5)),
+                 {(q + 1) % n});
+    list.add_matrix({3, 0, 9}, std::vector<std::complex<double>>{
+                                   0, 1, 0, 0, 0, 0, 0, 0, 1, 0, 0, 0, 0, 0, 0, 0, 0, 0, 1, 0, 0, 0,
+                                   0, 0, 0, 0, 0, 1, 0, 0, 0, 0, 0, 0, 0, 0, 1, 0, 0, 0, 0, 0, 0, 0,
+                                   0, 1, 0, 0, 0, 0, 0, 0, 0, 0, 1, 0, 0, 0, 0, 0, 0, 0, 0, 1});
+    list.add(GateKind::RX, 3, Angle::of_parameter(4));
+    const std::vector<WObservable<T>> observables(2, {{1, 2}, {1, 6}, {4, 3}, {0, 1}, 0, 0});
+    const std::vector<double> values(5, 0.3);
+    StateVector<T> state(n);
+    const auto gradient = [&] {
+        state.reset();
+        return value_and_gradient<T>(state, list, observables, values);
+    };
+    const Gradient expected = gradient();
+    for (const int workers : {1, 2}) {
+        state.set_num_threads(workers);
+        list.add(GateKind::GPHASE, {}, 0.0);  // forgets the plans
+        long failures = 0;
+        for (bool failed = true; failed; ++failures) {
+            allocations_left = failures;
+            try {
+                gradient();
+                failed = false;
+            } catch (const std::bad_alloc&) {
+            }
+            allocations_left = -1;
+        }
+        EXPECT_GT(failures, 20);
+        EXPECT_EQ(gradient().jacobian, expected.jacobian);
+    }
+}
+
 }  // namespace
 }  // namespace pblinalg::test

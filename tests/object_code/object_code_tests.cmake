@@ -3,9 +3,9 @@
 find_program(OBJDUMP objdump REQUIRED)
 find_program(NM nm REQUIRED)
 
-# Kinds of kernels with fused multiply-adds: dense matrices, and those that take squared magnitudes,
-# which are defined as fused. Gates must have none.
-set(may_fuse "^pblinalg_(fused|loading|norm|pauli|reversal)_")
+# Kinds of kernels with fused multiply-adds: dense matrices, sums of products, circuits by rounding,
+# and those that take squared magnitudes, which are defined as fused. Exact gates must have none.
+set(may_fuse "^pblinalg_(fused|loading|norm|outer|pauli|reversal|rounding)_")
 get_property(kernels GLOBAL PROPERTY PBLINALG_KERNELS)
 set(exact_kernels ${kernels})
 set(fused_kernels ${kernels})

@@ -1,0 +1,56 @@
+// Which bits a pass or window should have active: those with which it takes the most operations.
+// What a pass then takes is decided in planner.hpp.
+#pragma once
+
+#include <span>
+#include <vector>
+
+#include "circuits/operations.hpp"
+
+namespace pblinalg::cpu {
+
+/// What kind of parts a planner plans for.
+struct PartShape {
+    unsigned int n_bits;      ///< index bits of the array that the circuit works on
+    unsigned int part_bits;   ///< active bits of a pass, at most `n_bits`
+    unsigned int always;      ///< lowest bits that are always active
+    Index renumbered;         ///< bits that permutations may renumber
+    std::size_t look_ahead;   ///< operations left out while more are looked at
+    std::size_t max_length;   ///< operations in a pass
+    bool keeps_order;         ///< of operations with arithmetic, even on different qubits
+    std::size_t reach;        ///< operations looked at to choose the active bits
+    unsigned int max_starts;  ///< sets of active bits that are grown and compared
+    /// Renumberings move parts as a whole: they touch inactive bits alone.
+    bool whole_parts = false;
+
+    /// A permutation of whole vectors, or of whole parts, may do without active targets.
+    bool can_renumber(const Operation& operation, Index active) const {
+        const Index fixed = ~renumbered | (whole_parts ? active : 0);
+        return operation.is_permutation() && operation.controls == 0 &&
+               operation.state.controls == 0 &&
+               !((operation.target_bits | operation.selects) & fixed);
+    }
+};
+
+/// Chooses active bits by growing sets: what each bit would add is counted in one look at all
+/// operations, and the best one joins. Sets that begin with different bits are compared.
+class ActiveSetChooser {
+  public:
+    explicit ActiveSetChooser(const PartShape& shape) : shape_(shape) {}
+
+    /// @param upcoming  operations in order.
+    /// @return `part_bits` bits, fewer where nothing is gained by more.
+    Index choose(std::span<const Operation* const> upcoming);
+
+  private:
+    /// Counts what the active bits take, and in `gain_` what one bit more would.
+    unsigned int look(std::span<const Operation* const> upcoming, Index active);
+    Index grow(std::span<const Operation* const> upcoming, Index active);
+    Index first_come(std::span<const Operation* const> upcoming) const;
+    Index best_gain(Index active) const;
+
+    PartShape shape_;
+    unsigned int gain_[64] = {};
+};
+
+}  // namespace pblinalg::cpu
