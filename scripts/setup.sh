@@ -34,6 +34,11 @@ missing_packages() {
     has_header benchmark/benchmark.h c++ || echo libbenchmark-dev
 }
 
+missing_mpi_packages() {
+    has_command mpirun || echo openmpi-bin
+    has_command mpicxx || echo libopenmpi-dev
+}
+
 # Installs the given packages, or says what to install where that is not possible.
 install_packages() {
     local packages=("$@")

@@ -12,6 +12,7 @@ declare -A may_include=(
     [readout]="core gates kernels apply readout"
     [oracles]="core gates kernels apply oracles"
     [observables]="core gates kernels apply readout observables"
+    [mpi]="core gates kernels apply circuits readout observables mpi"
     [gradients]="core gates kernels apply circuits readout observables gradients"
     [batches]="core batches"
     [state]="core gates kernels apply circuits readout oracles observables state"

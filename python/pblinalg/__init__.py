@@ -40,11 +40,12 @@ from .sweep import sweep
 
 if TYPE_CHECKING:
     from . import lowlevel as lowlevel
+    from . import mpi as mpi
     from . import qasm as qasm
     from .qiskit_circuits import from_qiskit as from_qiskit
 
 #: Modules that are loaded when they are first asked for.
-_MODULES = ("lowlevel", "qasm")
+_MODULES = ("lowlevel", "mpi", "qasm")
 
 __all__ = [
     "Channel",

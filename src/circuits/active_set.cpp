@@ -31,7 +31,7 @@ unsigned int ActiveSetChooser::look(std::span<const Operation* const> upcoming, 
         Index needs = arithmetic && shape_.keeps_order ? before_arithmetic : 0;
         for_each_bit(targets, [&](unsigned int b) { needs |= before_change[b]; });
         for_each_bit(depends, [&](unsigned int b) { needs |= before_read[b]; });
-        const bool renumbers = missing != 0 && shape_.can_renumber(*operation);
+        const bool renumbers = missing != 0 && shape_.can_renumber(*operation, active);
         if (operation->alone) needs |= never;
         if (missing != 0 && !renumbers) needs |= missing;
         if (needs == 0) {
@@ -98,7 +98,7 @@ Index ActiveSetChooser::first_come(std::span<const Operation* const> upcoming) c
                 active |= targets;
                 continue;
             }
-            if (shape_.can_renumber(*operation)) continue;
+            if (shape_.can_renumber(*operation, active)) continue;
         }
         blocked |= arithmetic;
         left_out_targets |= targets;

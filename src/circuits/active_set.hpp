@@ -20,12 +20,15 @@ struct PartShape {
     bool keeps_order;         ///< of operations with arithmetic, even on different qubits
     std::size_t reach;        ///< operations looked at to choose the active bits
     unsigned int max_starts;  ///< sets that are grown and compared, 0: what is asked for first
+    /// Renumberings move parts as a whole: they touch inactive bits alone.
+    bool whole_parts = false;
 
-    /// A permutation of whole vectors may do without active targets.
-    bool can_renumber(const Operation& operation) const {
+    /// A permutation of whole vectors, or of whole parts, may do without active targets.
+    bool can_renumber(const Operation& operation, Index active) const {
+        const Index fixed = ~renumbered | (whole_parts ? active : 0);
         return operation.is_permutation() && operation.controls == 0 &&
                operation.state.controls == 0 &&
-               !((operation.target_bits | operation.selects) & ~renumbered);
+               !((operation.target_bits | operation.selects) & fixed);
     }
 };
 

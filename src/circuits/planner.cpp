@@ -26,7 +26,7 @@ bool Planner::next(Pass& pass) {
         take_or_leave(operations_[front_++], pass);
     }
     if (std::ranges::all_of(pass.operations, [&](const Pass::Entry& entry) {
-            return shape_.can_renumber(*entry.operation);
+            return shape_.can_renumber(*entry.operation, pass.active);
         })) {
         for (auto& entry : pass.operations)
             entry.renumbers = true;
@@ -57,10 +57,12 @@ bool Planner::take(const Operation& operation, Pass& pass) {
         pass.operations.push_back({&operation, false});
         return true;
     }
-    if (!shape_.can_renumber(operation)) return false;
-    // Amplitudes that differ in a selecting bit alone may now lie in other groups.
-    renumbered_depends_ |= operation.selects | (operation.action == Action::SWAP ? targets : 0);
-    renumbered_targets_ |= targets;
+    if (!shape_.can_renumber(operation, pass.active)) return false;
+    if (!shape_.whole_parts) {
+        // Amplitudes that differ in a selecting bit alone may now lie in other groups.
+        renumbered_depends_ |= operation.selects | (operation.action == Action::SWAP ? targets : 0);
+        renumbered_targets_ |= targets;
+    }
     pass.operations.push_back({&operation, true});
     return true;
 }

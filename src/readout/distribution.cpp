@@ -312,6 +312,11 @@ std::size_t outcome_scratch_bytes(S view, QubitSpan qubits, int num_threads) {
 }
 
 template <sequence S>
+Index outcome_pieces(S view, QubitSpan qubits, int num_threads) {
+    return OutcomePlan<S>(view, qubits, num_threads).pieces;
+}
+
+template <sequence S>
 void outcome_probabilities(S view, QubitSpan qubits, int num_threads, typename S::proba_type* out,
                            void* scratch) {
     const OutcomePlan<S> plan(view, qubits, num_threads);
@@ -347,6 +352,7 @@ std::map<unsigned long long, T>* map_marginal_distribution(S view, const T& thre
 #define PBLINALG_INSTANTIATE_VIEW(T, S)                                                       \
     template T cumulative_probability<S>(S, unsigned long long, QubitSpan, int);              \
     template std::size_t outcome_scratch_bytes<S>(S, QubitSpan, int);                         \
+    template Index outcome_pieces<S>(S, QubitSpan, int);                                      \
     template void outcome_probabilities<S>(S, QubitSpan, int, T*, void*);                     \
     template void compute_marginal_distribution<T, S, false>(S, T*, const T&, QubitSpan, int, \
                                                              unsigned long long);             \

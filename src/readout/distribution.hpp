@@ -31,6 +31,11 @@ void outcome_probabilities(S view, QubitSpan qubits, int num_threads, typename S
 template <sequence S>
 std::size_t outcome_scratch_bytes(S view, QubitSpan qubits, int num_threads);
 
+/// The pieces in whose sums `outcome_probabilities` takes those of every outcome: each holds the
+/// elements with one value on the highest qubits that are not listed.
+template <sequence S>
+Index outcome_pieces(S view, QubitSpan qubits, int num_threads);
+
 /// The dense distribution: out[v] = probability of v, the first listed qubit being the most
 /// significant bit of v, or 0 when it is not strictly greater than threshold^2.
 /// @tparam reserved  only `false` exists; the last argument is not read.
@@ -49,6 +54,7 @@ std::map<unsigned long long, T>* map_marginal_distribution(S view, const T& thre
 #define PBLINALG_DECLARE(T, S)                                                                  \
     extern template T cumulative_probability<S>(S, unsigned long long, QubitSpan, int);         \
     extern template std::size_t outcome_scratch_bytes<S>(S, QubitSpan, int);                    \
+    extern template Index outcome_pieces<S>(S, QubitSpan, int);                                 \
     extern template void outcome_probabilities<S>(S, QubitSpan, int, T*, void*);                \
     extern template void compute_marginal_distribution<T, S, false>(S, T*, const T&, QubitSpan, \
                                                                     int, unsigned long long);   \

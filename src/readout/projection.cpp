@@ -24,6 +24,8 @@ Selection select_outcome(QubitSpan qubits, unsigned long long outcome) {
     return selection;
 }
 
+}  // namespace
+
 std::string impossible_outcome(QubitSpan qubits, unsigned long long outcome) {
     std::string list;
     for (const unsigned int qubit : qubits) {
@@ -32,8 +34,6 @@ std::string impossible_outcome(QubitSpan qubits, unsigned long long outcome) {
     }
     return "Outcome " + std::to_string(outcome) + " on qubits (" + list + ") has probability zero.";
 }
-
-}  // namespace
 
 template <class T>
 T outcome_weight(const std::complex<T>* state, unsigned long long size, QubitSpan qubits,

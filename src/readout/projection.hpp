@@ -2,6 +2,7 @@
 #pragma once
 
 #include <complex>
+#include <string>
 
 #include "core/state_iterator.hpp"
 
@@ -14,6 +15,9 @@ using orb::core::iterator::QubitSpan;
 template <class T>
 T outcome_weight(const std::complex<T>* state, unsigned long long size, QubitSpan qubits,
                  unsigned long long outcome, int num_threads);
+
+/// What projections say of an outcome without weight.
+std::string impossible_outcome(QubitSpan qubits, unsigned long long outcome);
 
 /// Divides the amplitudes that agree with `outcome` by the root of its `weight`, which is not 0,
 /// and sets all others to 0 divided by it.

@@ -1,0 +1,140 @@
+// The state vector over the ranks of an MPI communicator. Every member is collective: all ranks
+// call it, in the same order, with the same arguments, and get the same result or the same error.
+#pragma once
+
+#include <mpi.h>
+
+#include <complex>
+#include <cstdint>
+#include <memory>
+#include <pblinalg/circuit.hpp>
+#include <pblinalg/export.hpp>
+#include <pblinalg/gate_list.hpp>
+#include <pblinalg/observable.hpp>
+#include <span>
+#include <string>
+#include <vector>
+
+namespace pblinalg::mpi {
+
+/// Saves the state every so many gates of a run, so that a later one can go on from there.
+struct Checkpoint {
+    std::string path;
+    std::size_t every = 0;  ///< gates between two saves, 0 for none
+};
+
+/// An n-qubit register in precision `T` (float or double), 2^(n-p) amplitudes on each of 2^p ranks.
+///
+/// Qubit order is that of `cpu::PybindLinAlgStateVectorCPU`: arrays, indices and outcomes over all
+/// qubits are in caller order, qubit 0 the most significant bit; over listed qubits the first
+/// listed one is. Gates give the bits that one process gives, whatever the number of ranks.
+///
+/// Errors are raised on every rank alike. Where a rank runs out of memory it is std::bad_alloc, and
+/// the state is undefined when that happens inside `run`.
+template <class T>
+class PBLINALG_EXPORT StateVector {
+  public:
+    using Amplitude = std::complex<T>;
+    using Qubits = std::vector<unsigned int>;
+
+    /// |0...0>, with a generator seeded from the clock of rank 0.
+    /// Errors: std::invalid_argument unless there are 2^p ranks and at least p + 2 qubits, or where
+    /// ranks ask for different numbers; std::bad_alloc; std::logic_error without MPI_Init.
+    StateVector(MPI_Comm comm, unsigned int nqubits);
+    ~StateVector();
+    StateVector(StateVector&&) noexcept;
+    StateVector& operator=(StateVector&&) noexcept;
+
+    unsigned int nqubits() const;
+    unsigned int local_qubits() const;  ///< n - p
+    int rank() const;
+    int ranks() const;
+    /// Worker threads of this rank, 1 at first.
+    void set_num_threads(int num_threads);
+    /// Of the generator behind shots and measurements.
+    void seed(std::uint64_t value);
+
+    // ---- Preparing -----------------------------------------------------------------------------
+
+    void reset();
+    /// Loads 2^n amplitudes, given whole on every rank.
+    void set_amplitudes(std::span<const Amplitude> amplitudes);
+
+    // ---- Running -------------------------------------------------------------------------------
+
+    /// Applies the gates of a list, as `pblinalg::run` does.
+    ///
+    /// Cost: one exchange, in which each amplitude crosses the network at most once, for as many
+    /// gates as have their targets on n - p qubits; `dry_run` tells how many that are.
+    /// @param checkpoint  collective saves between gates; `resume` of the same list and values goes
+    ///                    on from the last one, to the same bits.
+    /// Errors: std::invalid_argument where ranks were given different lists or values, for qubits
+    /// that the state does not have, for missing values and for matrices on more than n - p qubits.
+    void run(const GateList& list, std::span<const double> values = {},
+             const Checkpoint& checkpoint = {});
+    /// Loads the checkpoint and applies the gates that it lacks.
+    /// Errors: those of `load`; std::invalid_argument where it belongs to another list or to other
+    /// values.
+    void resume(const GateList& list, std::span<const double> values, const Checkpoint& checkpoint);
+    /// Applies a circuit record.
+    /// Errors: std::invalid_argument for an unknown name; the gates before it stay applied.
+    void run(const PybindLinAlgWCircuit<T>& circuit);
+
+    // ---- Reading -------------------------------------------------------------------------------
+
+    /// The amplitudes at the given indices, in caller order.
+    std::vector<Amplitude> amplitudes(std::span<const std::uint64_t> indices);
+    /// All amplitudes in caller order, on rank `root` alone or, with -1, on all. The others get
+    /// none.
+    std::vector<Amplitude> gather(int root = -1);
+
+    /// The summed squared magnitudes; the root of it is the norm.
+    T total_probability();
+    /// The probability of `outcome` on the listed qubits.
+    T probability(std::uint64_t outcome, const Qubits& qubits);
+    /// The 2^L probabilities of the outcomes on L listed, distinct qubits.
+    std::vector<T> distribution(const Qubits& qubits);
+    /// constant + sum over terms of coefficient * <P>.
+    std::complex<T> expectation_value(const WObservable<T>& observable);
+
+    /// Outcomes over the listed qubits, or all for an empty list: the shots that one process draws
+    /// with the same seed. On rank `root` alone or, with -1, on all.
+    ///
+    /// Cost: running sums are sequential by definition, so the ranks add up their probabilities one
+    /// after the other, 2^n additions in all. `sample_by_pieces` does it at once.
+    std::vector<std::uint64_t> sample(std::uint64_t shots, const Qubits& qubits = {},
+                                      int root = -1);
+    /// As `sample`, from running sums that each rank takes on its own: shots near the bounds of an
+    /// amplitude's share may fall to its neighbour.
+    std::vector<std::uint64_t> sample_by_pieces(std::uint64_t shots, const Qubits& qubits = {},
+                                                int root = -1);
+    /// One outcome over the listed qubits; the state stays as it is.
+    std::uint64_t measure(const Qubits& qubits);
+    /// Keeps the amplitudes that agree with `outcome` and divides them by the root of their summed
+    /// squared magnitudes.
+    /// Errors: std::domain_error when that is 0; the state is then 0.
+    void project(const Qubits& qubits, std::uint64_t outcome);
+    /// `project`, then returns the listed qubits to 0.
+    void project_then_reset(const Qubits& qubits, std::uint64_t outcome);
+
+    // ---- Files ---------------------------------------------------------------------------------
+
+    /// Writes one .npy file: the 2^n amplitudes in caller order, as little-endian complex64 or
+    /// complex128.
+    /// Errors: std::runtime_error, also when the disk is full; an older file of that name is kept
+    /// until the new one is whole.
+    void save(const std::string& path);
+    /// Reads such a file, written by any number of ranks.
+    /// Errors: std::runtime_error for a file that cannot be read, is cut short, or holds another
+    /// precision or number of amplitudes; the state is kept unless reading itself fails.
+    void load(const std::string& path);
+
+  private:
+    struct State;
+    std::unique_ptr<State> state_;
+};
+
+extern template class PBLINALG_EXPORT StateVector<float>;
+extern template class PBLINALG_EXPORT StateVector<double>;
+
+}  // namespace pblinalg::mpi

@@ -1,0 +1,439 @@
+"""States that are spread over the ranks of an MPI communicator. Needs mpi4py, and a package that was
+built with PBLINALG_BUILD_MPI."""
+
+from __future__ import annotations
+
+import importlib
+import os
+from typing import Any, Literal, NoReturn, SupportsIndex
+
+import numpy as np
+from numpy.lib import format as npy
+from numpy.typing import ArrayLike, NDArray
+
+from ._core import GateList
+from .arguments import (
+    MAX_COUNT,
+    Precision,
+    Qubits,
+    complex_array,
+    count,
+    index,
+    integer,
+    outcome_number,
+    precision_name,
+    seed_number,
+)
+from .circuit import Circuit
+from .counts import Counts
+from .execution import run_steps
+from .gates import GateMethods, as_qubits
+from .parameters import Values, values_in_order
+from .program import Program
+from .readout import Readout
+
+try:
+    _mpi: Any = importlib.import_module("pblinalg._mpi")
+    MPI: Any = importlib.import_module("mpi4py.MPI")
+except ImportError as error:
+    raise ImportError(
+        f"pblinalg.mpi is not there ({error}): it needs mpi4py and a package built with "
+        "pip install . --config-settings=cmake.define.PBLINALG_BUILD_MPI=ON"
+    ) from None
+
+_STATES = {"float": _mpi.StateVectorFloat, "double": _mpi.StateVectorDouble}
+#: The root of a result that every rank gets.
+_ALL = -1
+
+
+class StateVector(Readout):
+    """The pure state of `num_qubits` qubits, in |0...0> at first, over 2^p ranks of `comm`, each of
+    which holds 2^(n-p) amplitudes.
+
+    All methods are collective: every rank calls them in the same order with the same arguments, and
+    gets the same result or the same error. Strings, outcomes and arrays have qubit 0 first, as those
+    of `pblinalg.StateVector`, whose amplitudes and shots for a seed these are. ValueError for a
+    number of ranks that is no power of two and for fewer than p + 2 qubits.
+
+    threads: worker threads of every rank, 1 by default.
+    seed: of the generator behind shots and measurements, by default one that rank 0 draws.
+
+    >>> StateVector(30, MPI.COMM_WORLD, seed=7).run(circuit).sample(100)
+    """
+
+    __slots__ = ("_comm", "_bits", "_precision", "_threads")
+
+    def __init__(
+        self,
+        num_qubits: SupportsIndex,
+        comm: Any = None,
+        precision: Precision = "double",
+        threads: SupportsIndex = 1,
+        seed: SupportsIndex | None = None,
+    ) -> None:
+        self._comm = MPI.COMM_WORLD if comm is None else comm
+        self._precision = precision_name(precision)
+        number = count(num_qubits, "num_qubits", 0, MAX_COUNT)
+        workers = count(threads, "threads", 1)
+        if seed is None:
+            seed = self._comm.bcast(int.from_bytes(os.urandom(8), "little"))
+        self._seed = seed_number(seed)
+        self._core = _STATES[self._precision](self._comm.py2f(), number)
+        self._core.seed(self._seed)
+        self._core.set_num_threads(workers)
+        self._threads = workers
+        self._bits: list[int] = []
+        GateMethods.__init__(self)
+
+    @property
+    def num_qubits(self) -> int:
+        """The number of qubits."""
+        return int(self._core.nqubits)
+
+    @property
+    def local_qubits(self) -> int:
+        """n - p: how many qubits a matrix can act on, and the amplitudes of a rank as a power of
+        two."""
+        return int(self._core.local_qubits)
+
+    @property
+    def comm(self) -> Any:
+        """The communicator."""
+        return self._comm
+
+    @property
+    def precision(self) -> Literal["float", "double"]:
+        """'float' (complex64 amplitudes) or 'double' (complex128)."""
+        return self._precision
+
+    @property
+    def threads(self) -> int:
+        """Worker threads of a rank. No result depends on it."""
+        return self._threads
+
+    @threads.setter
+    def threads(self, threads: SupportsIndex) -> None:
+        self._threads = count(threads, "threads", 1)
+        self._core.set_num_threads(self._threads)
+
+    @property
+    def seed(self) -> int:
+        """What the generator behind shots and measurements was last seeded with. Assigning seeds it
+        anew, on all ranks."""
+        return self._seed
+
+    @seed.setter
+    def seed(self, seed: SupportsIndex) -> None:
+        self._seed = seed_number(seed)
+        self._core.seed(self._seed)
+
+    @property
+    def classical_bits(self) -> tuple[int, ...]:
+        """What the measurements of the last `run` read."""
+        return tuple(self._bits)
+
+    # ---- Preparing -------------------------------------------------------------------------------
+
+    def reset(self, qubits: Qubits | None = None) -> StateVector:
+        """Returns all qubits to |0>, or measures the listed ones and returns them to |0>."""
+        if qubits is None:
+            self._core.reset()
+        else:
+            self._require_norm()
+            for qubit in self._listed(qubits):
+                self._core.project_then_reset([qubit], self._core.measure([qubit]))
+        return self
+
+    def set_amplitudes(self, amplitudes: ArrayLike, check: bool = True) -> StateVector:
+        """Loads 2^n amplitudes, given whole on every rank, qubit 0 being the most significant bit of
+        an index. ValueError when their norm is not 1, unless `check` is False."""
+        array = complex_array(amplitudes, "amplitudes").reshape(-1)
+        norm = float(np.linalg.norm(array))
+        if check and not abs(norm - 1) < 1e-5:
+            raise ValueError(f"amplitudes has norm {norm:.9g}; expected 1")
+        self._core.set_amplitudes(array.astype(self._dtype, copy=False))
+        return self
+
+    # ---- Running ---------------------------------------------------------------------------------
+
+    def run(
+        self,
+        circuit: Program,
+        values: Values | None = None,
+        checkpoint: str | os.PathLike[str] | None = None,
+        every: SupportsIndex = 0,
+    ) -> StateVector:
+        """Applies a circuit, measurements and all, to the state as it is. `values` are those of its
+        parameters.
+
+        checkpoint: a file that names the last saved state. A circuit of gates alone is saved every
+        `every` gates, and `resume` goes on from there.
+        """
+        steps, numbers = self._steps(circuit, values)
+        path, interval = self._checkpoint(circuit, checkpoint, every)
+        self._bits = [0] * circuit.num_clbits
+        run_steps(
+            self._core,
+            steps,
+            self._bits,
+            numbers,
+            run_gates=lambda gates: self._core.run(gates, numbers, path, interval),
+        )
+        return self
+
+    def resume(
+        self,
+        circuit: Program,
+        checkpoint: str | os.PathLike[str],
+        every: SupportsIndex = 0,
+        values: Values | None = None,
+    ) -> StateVector:
+        """Loads a checkpoint of a run of the same circuit and values and applies the gates that it
+        lacks: the bits are those of a run that was not interrupted, on any number of ranks.
+        ValueError for one of another circuit."""
+        steps, numbers = self._steps(circuit, values)
+        path, interval = self._checkpoint(circuit, checkpoint, every)
+        for gates in steps:
+            self._core.resume(gates, numbers, path, interval)
+        return self
+
+    def _steps(self, circuit: Program, values: Values | None) -> tuple[Any, NDArray[np.float64]]:
+        if not isinstance(circuit, Program):
+            raise TypeError(f"circuit must be a Circuit, got {circuit!r}")
+        if circuit.num_qubits != self.num_qubits:
+            raise ValueError(
+                f"circuit acts on {circuit.num_qubits} qubits; the state has {self.num_qubits}"
+            )
+        return circuit.steps, values_in_order(circuit, values)
+
+    @staticmethod
+    def _checkpoint(
+        circuit: Program, checkpoint: str | os.PathLike[str] | None, every: SupportsIndex
+    ) -> tuple[str, int]:
+        if checkpoint is None:
+            return "", 0
+        if len(circuit.steps) > 1 or not all(isinstance(step, GateList) for step in circuit.steps):
+            raise ValueError("checkpoint: the circuit measures; expected one of gates alone")
+        return os.fspath(checkpoint), count(every, "every")
+
+    # ---- Reading ---------------------------------------------------------------------------------
+
+    @property
+    def _dtype(self) -> Any:
+        return np.complex64 if self._precision == "float" else np.complex128
+
+    def to_array(self, root: int | None = None) -> NDArray[np.complexfloating[Any, Any]] | None:
+        """The 2^n amplitudes with qubit 0 the most significant bit of an index: on all ranks, or on
+        rank `root` alone and None on the others."""
+        values: NDArray[Any] = self._core.gather(_ALL if root is None else self._root(root))
+        return values if root in (None, self._comm.rank) else None
+
+    def __array__(self, dtype: Any = None, copy: bool | None = None) -> NDArray[Any]:
+        if copy is False:
+            raise ValueError("the amplitudes lie on several ranks; an array of them is a copy")
+        return np.asarray(self.to_array()).astype(dtype or self._dtype, copy=False)
+
+    def __len__(self) -> int:
+        """The number of amplitudes, 2^n."""
+        return 1 << self.num_qubits
+
+    def __getitem__(self, position: SupportsIndex | str) -> complex:
+        """One amplitude, by its index in `to_array` or by its basis state as a string."""
+        if isinstance(position, str):
+            number = outcome_number(position, self.num_qubits)
+        else:
+            number = integer(position, "position")
+            if not -len(self) <= number < len(self):
+                raise IndexError(f"position = {number}: expected a value below {len(self)}")
+            number %= len(self)
+        return complex(self._core.amplitudes([number])[0])
+
+    def amplitudes_at(self, indices: ArrayLike) -> NDArray[np.complexfloating[Any, Any]]:
+        """The amplitudes at the given indices of `to_array`. ValueError for one beyond them."""
+        numbers = [integer(number, "indices") for number in np.asarray(indices).reshape(-1)]
+        if any(number < 0 for number in numbers):
+            raise ValueError(f"indices must not be negative, got {indices!r}")
+        values: NDArray[Any] = self._core.amplitudes(numbers)
+        return values
+
+    def probabilities(
+        self, qubits: Qubits | None = None, out: NDArray[Any] | None = None
+    ) -> NDArray[np.floating[Any]]:
+        """The probabilities of all outcomes on `qubits` (all of them by default), the first listed
+        qubit being the most significant bit of an index; written into `out` when given."""
+        values: NDArray[Any] = self._core.get_distribution(self._listed(qubits))
+        if out is None:
+            return values
+        out[...] = values
+        return out
+
+    def norm(self) -> float:
+        """The square root of the summed squared magnitudes."""
+        return float(float(self._core.get_distribution([])[0]) ** 0.5)
+
+    def sample_outcomes(  # type: ignore[override]
+        self,
+        shots: SupportsIndex,
+        qubits: Qubits | None = None,
+        root: int | None = None,
+        by_pieces: bool = False,
+    ) -> NDArray[np.uint64] | None:
+        """The outcomes of `shots` measurements in order, the first listed qubit being the most
+        significant bit: on all ranks, or on rank `root` alone and None on the others.
+
+        They are those of one process with the same seed, for which the ranks add up their
+        probabilities one after the other. With `by_pieces` they do it at once, and shots on the
+        brink may fall to a neighbouring outcome.
+        """
+        number = count(shots, "shots")
+        listed = self._listed(qubits)
+        self._require_norm()
+        if not listed:
+            outcomes: NDArray[np.uint64] = np.zeros(number, dtype=np.uint64)
+        else:
+            place = _ALL if root is None else self._root(root)
+            outcomes = self._core.sample(number, listed, place, by_pieces)
+        return outcomes if root in (None, self._comm.rank) else None
+
+    def sample(  # type: ignore[override]
+        self,
+        shots: SupportsIndex,
+        qubits: Qubits | None = None,
+        root: int | None = None,
+        by_pieces: bool = False,
+    ) -> Counts | None:
+        """Counts of `shots` measurements of `qubits` (all of them by default); see
+        `sample_outcomes`."""
+        listed = self._listed(qubits)
+        outcomes = self.sample_outcomes(shots, listed, root, by_pieces)
+        return None if outcomes is None else Counts.from_outcomes(outcomes, len(listed))
+
+    def measure(self, qubits: Qubits | None = None) -> str:
+        """Measures qubits (all of them by default), collapses the state and returns what was read,
+        the first listed qubit leftmost."""
+        listed = self._listed(qubits)
+        self._require_norm()
+        if not listed:
+            return ""
+        outcome = self._core.measure(listed)
+        self._core.project(listed, outcome)
+        return format(outcome, f"0{len(listed)}b")
+
+    def project(self, outcome: str | SupportsIndex, qubits: Qubits | None = None) -> StateVector:
+        """Collapses qubits onto a chosen outcome. ValueError when its probability is 0."""
+        listed = self._listed(qubits)
+        self._core.project(listed, outcome_number(outcome, len(listed)))
+        return self
+
+    # ---- Files -----------------------------------------------------------------------------------
+
+    def save(self, path: str | os.PathLike[str]) -> None:
+        """Writes the amplitudes to one file in NumPy's .npy format, all ranks at once, in the order
+        of `to_array`. RuntimeError when that fails; an older file is kept until the new one is
+        whole."""
+        self._core.save(os.fspath(path))
+
+    @classmethod
+    def load(
+        cls,
+        path: str | os.PathLike[str],
+        comm: Any = None,
+        threads: SupportsIndex = 1,
+        seed: SupportsIndex | None = None,
+    ) -> StateVector:
+        """The state in a .npy file of 2^n complex numbers. RuntimeError for a file that cannot be
+        read, is cut short or holds something else."""
+        world = MPI.COMM_WORLD if comm is None else comm
+        name = os.fspath(path)
+        found: Any = None
+        if world.rank == 0:
+            try:
+                header = npy.read_magic, npy.read_array_header_1_0
+                with open(name, "rb") as file:
+                    header[0](file)
+                    shape, _, dtype = header[1](file)
+                size = int(np.prod(shape))
+                if dtype not in (np.complex64, np.complex128) or size & (size - 1) or size == 0:
+                    raise ValueError(f"holds {shape} of {dtype}; expected 2^n complex numbers")
+                found = size.bit_length() - 1, "float" if dtype == np.complex64 else "double"
+            except (OSError, ValueError) as error:
+                found = f"{name}: {error}"
+        found = world.bcast(found)
+        if isinstance(found, str):
+            raise RuntimeError(found)
+        state = cls(found[0], world, found[1], threads, seed)
+        state._core.load(name)
+        return state
+
+    # ---- What one process offers and ranks do not ------------------------------------------------
+
+    def _listed(self, qubits: Qubits | None) -> list[Any]:
+        listed = range(self.num_qubits) if qubits is None else as_qubits(qubits)
+        return [index(qubit, "qubits", self.num_qubits - 1) for qubit in listed]
+
+    def _root(self, root: int) -> int:
+        return index(root, "root", self._comm.size - 1)
+
+    def _require_amplitudes(self) -> None:
+        pass
+
+    def __getstate__(self) -> NoReturn:
+        raise TypeError("a state over ranks cannot be copied or pickled; save and load it")
+
+    def expectation_terms(self, observable: Any) -> NoReturn:
+        """TypeError: ask for the expectation value of each term."""
+        raise TypeError("expectation_terms is not there for a state over ranks")
+
+    def estimate(self, observable: Any, shots: SupportsIndex) -> NoReturn:
+        """TypeError: `expectation` is exact."""
+        raise TypeError("estimate is not there for a state over ranks; `expectation` is exact")
+
+    def __repr__(self) -> str:
+        return (
+            f"StateVector(num_qubits={self.num_qubits}, precision={self.precision!r}) over "
+            f"{self._comm.size} ranks"
+        )
+
+
+def _add_gate(name: str) -> None:
+    recorded = getattr(GateMethods, name)
+
+    def apply(self: StateVector, *arguments: Any, **options: Any) -> StateVector:
+        circuit = Circuit(self.num_qubits)
+        getattr(circuit, name)(*arguments, **options)
+        return self.run(circuit)
+
+    apply.__name__ = name
+    apply.__doc__ = recorded.__doc__
+    setattr(StateVector, name, apply)
+
+
+for _name in dir(GateMethods):
+    if not _name.startswith("_"):
+        _add_gate(_name)
+
+
+def dry_run(
+    circuit: Program,
+    num_ranks: SupportsIndex,
+    precision: Precision = "double",
+    memory_bandwidth: float = 40e9,
+    network_bandwidth: float = 10e9,
+    latency: float = 5e-6,
+) -> dict[str, float]:
+    """What a run of a circuit of gates alone over `num_ranks` would do, without its memory and on
+    one process: exchanges and the bytes that each rank sends in them, passes over its memory, and
+    the seconds that this takes with the given bandwidths of a rank in bytes per second and the
+    latency of a message in seconds. `gate_by_gate_...` is the same with one exchange of half of the
+    amplitudes for every gate that mixes or moves amplitudes between ranks."""
+    ranks = count(num_ranks, "num_ranks", 1)
+    if ranks & (ranks - 1):
+        raise ValueError(f"num_ranks = {ranks}: expected a power of two")
+    steps = circuit.steps
+    if len(steps) != 1 or not isinstance(steps[0], GateList):
+        raise ValueError("circuit measures or is empty; expected one of gates alone")
+    single = precision_name(precision) == "float"
+    result: dict[str, float] = _mpi.dry_run(
+        steps[0], ranks.bit_length() - 1, single, memory_bandwidth, network_bandwidth, latency
+    )
+    return result

@@ -1,0 +1,126 @@
+// The extension module of states over MPI ranks. Circuits and observables are those of `_core`,
+// which is imported first; arguments are checked by the classes above and by the library.
+#include <nanobind/nanobind.h>
+#include <nanobind/ndarray.h>
+#include <nanobind/stl/complex.h>
+#include <nanobind/stl/string.h>
+#include <nanobind/stl/vector.h>
+
+#include <algorithm>
+#include <pblinalg/mpi/dry_run.hpp>
+#include <pblinalg/mpi/state_vector.hpp>
+
+#include "gate_lists.hpp"
+#include "records.hpp"
+
+namespace pblinalg::python {
+namespace {
+
+using Values = nb::ndarray<const double, nb::ndim<1>, nb::c_contig, nb::device::cpu>;
+
+/// An array that owns what the library returned.
+template <class V>
+nb::ndarray<nb::numpy, V, nb::ndim<1>> owned(std::vector<V>&& values) {
+    auto* const kept = new std::vector<V>(std::move(values));
+    const nb::capsule owner(kept, [](void* p) noexcept { delete static_cast<std::vector<V>*>(p); });
+    return {kept->data(), {kept->size()}, owner};
+}
+
+std::span<const double> span_of(const Values& values) {
+    return {values.data(), values.size()};
+}
+
+template <class T>
+void bind_ranks(nb::module_& module, const char* name) {
+    using State = mpi::StateVector<T>;
+    using Qubits = std::vector<unsigned int>;
+    nb::class_<State>(module, name)
+        .def("__init__",
+             [](State* self, int comm, unsigned int nqubits) {
+                 new (self) State(MPI_Comm_f2c(comm), nqubits);
+             })
+        .def_prop_ro("nqubits", &State::nqubits)
+        .def_prop_ro("local_qubits", &State::local_qubits)
+        .def("set_num_threads", &State::set_num_threads)
+        .def("seed", &State::seed)
+        .def("reset", &State::reset)
+        .def("set_amplitudes",
+             [](State& self, const nb::ndarray<const std::complex<T>, nb::ndim<1>, nb::c_contig,
+                                               nb::device::cpu>& amplitudes) {
+                 self.set_amplitudes({amplitudes.data(), amplitudes.size()});
+             })
+        .def("run",
+             [](State& self, BoundGateList& list, const Values& values, const std::string& path,
+                std::size_t every) {
+                 const Reading reading(list);
+                 self.run(list.gates, span_of(values), {path, every});
+             })
+        .def("resume",
+             [](State& self, BoundGateList& list, const Values& values, const std::string& path,
+                std::size_t every) {
+                 const Reading reading(list);
+                 self.resume(list.gates, span_of(values), {path, every});
+             })
+        .def("amplitudes",
+             [](State& self, const std::vector<std::uint64_t>& indices) {
+                 return owned(self.amplitudes(indices));
+             })
+        .def("gather", [](State& self, int root) { return owned(self.gather(root)); })
+        .def(
+            "get_distribution",
+            [](State& self, const Qubits& qubits, nb::handle) {
+                return owned(self.distribution(qubits));
+            },
+            nb::arg("qubits"), nb::arg("out") = nb::none())
+        .def("probability",
+             [](State& self, std::uint64_t outcome, Qubits qubits) {
+                 // The lower level lists the least significant qubit first.
+                 std::ranges::reverse(qubits);
+                 return self.probability(outcome, qubits);
+             })
+        .def("sample",
+             [](State& self, std::uint64_t shots, const Qubits& qubits, int root, bool by_pieces) {
+                 return owned(by_pieces ? self.sample_by_pieces(shots, qubits, root)
+                                        : self.sample(shots, qubits, root));
+             })
+        .def("measure", &State::measure)
+        .def("project", &State::project)
+        .def("project_then_reset", &State::project_then_reset)
+        .def("expectation_value",
+             [](State& self, const BoundObservable<T>& observable) {
+                 return self.expectation_value(observable);
+             })
+        .def("save", &State::save)
+        .def("load", &State::load);
+}
+
+nb::dict as_dict(const mpi::DryRun& run) {
+    nb::dict result;
+    result["exchanges"] = run.traffic.exchanges;
+    result["bytes_sent"] = run.traffic.bytes;
+    result["rank_passes"] = run.rank_passes;
+    result["memory_passes"] = run.memory_passes;
+    result["seconds"] = run.seconds;
+    result["gate_by_gate_exchanges"] = run.gate_by_gate.exchanges;
+    result["gate_by_gate_bytes"] = run.gate_by_gate.bytes;
+    return result;
+}
+
+}  // namespace
+}  // namespace pblinalg::python
+
+NB_MODULE(_mpi, module) {
+    namespace python = pblinalg::python;
+    nanobind::module_::import_("pblinalg._core");
+    module.doc() = "States over MPI ranks, for pblinalg.mpi.";
+    python::bind_ranks<float>(module, "StateVectorFloat");
+    python::bind_ranks<double>(module, "StateVectorDouble");
+    module.def("dry_run", [](python::BoundGateList& list, unsigned int rank_bits, bool single,
+                             double memory, double network, double latency) {
+        const python::Reading reading(list);
+        const pblinalg::mpi::Machine machine{memory, network, latency};
+        return python::as_dict(
+            single ? pblinalg::mpi::dry_run<float>(list.gates, list.nqubits, rank_bits, machine)
+                   : pblinalg::mpi::dry_run<double>(list.gates, list.nqubits, rank_bits, machine));
+    });
+}

@@ -1,0 +1,44 @@
+#include "mpi/checks.hpp"
+
+#include <stdexcept>
+#include <string>
+
+namespace pblinalg::mpi {
+
+void require_qubits(unsigned int n_qubits, unsigned int rank_bits) {
+    if (n_qubits >= rank_bits + min_local_bits) return;
+    throw std::invalid_argument(std::to_string(n_qubits) + " qubits are too few for 2^" +
+                                std::to_string(rank_bits) + " ranks; expected at least " +
+                                std::to_string(rank_bits + min_local_bits));
+}
+
+void require_runnable(const GateList& list, unsigned int n_qubits, unsigned int rank_bits) {
+    if (list.n_qubits() > n_qubits) {
+        throw std::invalid_argument("the list acts on qubit " +
+                                    std::to_string(list.n_qubits() - 1) + "; the state has " +
+                                    std::to_string(n_qubits) + " qubits");
+    }
+    const unsigned int local_bits = n_qubits - rank_bits;
+    for (std::size_t i = 0; i < list.size(); ++i) {
+        const GateView gate = list[i];
+        if (gate.kind != GateKind::matrix || gate.targets.size() <= local_bits) continue;
+        throw std::invalid_argument("gate " + std::to_string(i) + " is a matrix on " +
+                                    std::to_string(gate.targets.size()) + " qubits; a rank has " +
+                                    std::to_string(local_bits));
+    }
+}
+
+void require_list(std::span<const unsigned int> qubits, unsigned int n_qubits) {
+    std::uint64_t seen = 0;
+    for (const unsigned int qubit : qubits) {
+        if (qubit >= n_qubits) {
+            throw std::invalid_argument("qubit " + std::to_string(qubit) + " of a state of " +
+                                        std::to_string(n_qubits) + " qubits");
+        }
+        if (seen >> qubit & 1)
+            throw std::invalid_argument("qubit " + std::to_string(qubit) + " is listed twice");
+        seen |= std::uint64_t{1} << qubit;
+    }
+}
+
+}  // namespace pblinalg::mpi

@@ -1,0 +1,45 @@
+// The plan of a program for a state that is spread over ranks, with no amplitude touched: stretches
+// of operations whose targets lie within ranks, and the exchanges between them. The third level of
+// circuits/planner.hpp: a rank is a part like a tile.
+#pragma once
+
+#include <cstdint>
+
+#include "circuits/lowering.hpp"
+#include "mpi/layout.hpp"
+
+namespace pblinalg::mpi {
+
+/// An exchange, then operations that every rank runs by itself.
+struct RankPass {
+    std::vector<BitSwap> swaps;  ///< distinct bits
+    std::vector<std::uint32_t> operations;
+};
+
+struct RankPlan {
+    std::vector<RankPass> passes;
+    Layout layout;  ///< what the passes leave
+};
+
+/// Puts `program` into the form that ranks run and plans it.
+///
+/// Bits that exchanges bring in are those that targets need soonest, as many as a pass can use;
+/// those that they send out are needed last.
+///
+/// @param program  loses its SWAPs, which become new names of qubits; takes fewer targets in every
+///                 operation than `layout` has bits within ranks.
+template <class T>
+RankPlan plan_ranks(cpu::Program<T>& program, const Layout& layout);
+
+/// Follows an operation that renumbers ranks.
+/// @return whether it is one: an X with its target on a bit of the numbers.
+bool renumber(const cpu::Operation& operation, Layout& layout);
+
+/// Appends what `operation` does within the rank with `number`, if anything: bits of the number are
+/// constants in controls, parities and tables.
+/// @param factors  coefficients of the run.
+template <class T>
+void localise(const cpu::Operation& operation, const cpu::Program<T>& program, const T* factors,
+              const Layout& layout, Index number, cpu::Program<T>& local);
+
+}  // namespace pblinalg::mpi

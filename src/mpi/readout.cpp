@@ -1,0 +1,220 @@
+// Probabilities and projections. Sums are those of one process as long as none of their pieces lies
+// on several ranks: these are small, and up to max_copied_qubits the whole state is copied for
+// them.
+#include <algorithm>
+#include <bit>
+#include <cmath>
+#include <stdexcept>
+
+#include "core/parallel.hpp"
+#include "core/team_scratch.hpp"
+#include "mpi/checks.hpp"
+#include "mpi/state.hpp"
+#include "readout/distribution.hpp"
+#include "readout/probabilities.hpp"
+#include "readout/projection.hpp"
+
+namespace pblinalg::mpi {
+
+using cpu::bit;
+using cpu::count_bits;
+
+namespace {
+
+/// Any request but 1: sums in pieces.
+constexpr int in_pieces = 2;
+
+/// The bits under `qubits` that hold `outcome`, the first listed one the most significant.
+Index pattern_of(std::span<const unsigned int> qubits, std::uint64_t outcome) {
+    Index pattern = 0;
+    for (std::size_t j = qubits.size(); j-- > 0; outcome >>= 1)
+        pattern |= (outcome & 1) << qubits[j];
+    return pattern;
+}
+
+Index mask_of(std::span<const unsigned int> qubits) {
+    Index mask = 0;
+    for (const unsigned int qubit : qubits)
+        mask |= bit(qubit);
+    return mask;
+}
+
+}  // namespace
+
+template <class T>
+T StateVector<T>::State::weight(Index mask, Index values) {
+    const unsigned int n = layout.n_qubits();
+    const Index all = cpu::low_mask(n), inside = cpu::low_mask(local_bits());
+    const cpu::IndexWalk walk{all & ~mask, values};
+    const Index pieces = cpu::piece_count(walk.count(), in_pieces);
+    const Index free_ranks = bit(count_bits(walk.free_mask & ~inside));
+    if (pieces < free_ranks && n <= max_copied_qubits) {
+        const auto copy = whole();
+        return cpu::sum_over_pieces<T>(
+            walk.count(), walk.count(), in_pieces, [&](Index begin, Index end) {
+                return cpu::sum_probabilities(cpu::amplitude_view(copy->state.get(), n), walk,
+                                              begin, end);
+            });
+    }
+    sort();
+    const Index own_pieces = std::max<Index>(pieces / free_ranks, 1);
+    const cpu::IndexWalk own{walk.free_mask & inside, values & inside};
+    const bool counts = (number() << local_bits() & mask) == (values & ~inside);
+    std::vector<T> sums, all_sums;
+    together(comm(), [&] {
+        sums.resize(own_pieces);
+        all_sums.resize(own_pieces * static_cast<Index>(communicator.size()));
+        if (!counts) return;
+        sums = cpu::results_of_pieces<T>(own.count(), own_pieces,
+                                         cpu::workers_for(own.count(), num_threads),
+                                         [&](Index begin, Index end) {
+                                             return cpu::sum_probabilities(view(), own, begin, end);
+                                         });
+    });
+    MPI_Allgather(sums.data(), static_cast<int>(own_pieces), mpi_type<T>(), all_sums.data(),
+                  static_cast<int>(own_pieces), mpi_type<T>(), comm());
+    T total = 0;
+    for (Index i = 0; i < static_cast<Index>(communicator.size()); ++i) {
+        if ((i << local_bits() & mask) != (values & ~inside)) continue;
+        const T* const from = all_sums.data() + layout.numbers.rank_of(i) * own_pieces;
+        for (Index p = 0; p < own_pieces; ++p)
+            total += from[p];
+    }
+    return total;
+}
+
+template <class T>
+T StateVector<T>::total_probability() {
+    return distribution({})[0];
+}
+
+template <class T>
+T StateVector<T>::probability(std::uint64_t outcome, const Qubits& qubits) {
+    together(state_->comm(), [&] { require_list(qubits, nqubits()); });
+    return state_->weight(mask_of(qubits), pattern_of(qubits, outcome));
+}
+
+template <class T>
+std::vector<T> StateVector<T>::distribution(const Qubits& qubits) {
+    const unsigned int n = nqubits(), l = local_qubits();
+    const Index inside = cpu::low_mask(l);
+    Qubits reversed;
+    std::vector<T> result;
+    together(state_->comm(), [&] {
+        require_list(qubits, n);
+        reversed.assign(qubits.rbegin(), qubits.rend());
+        result.resize(bit(static_cast<unsigned int>(qubits.size())));
+    });
+    const Index listed = mask_of(qubits);
+    const Index free = cpu::low_mask(n) & ~listed;
+    const cpu::SVSequence<std::complex<T>> everything{nullptr, n, bit(n)};
+    const Index pieces = cpu::outcome_pieces(everything, reversed, in_pieces);
+    const Index free_ranks = bit(count_bits(free & ~inside));
+    if (pieces < free_ranks && n <= max_copied_qubits) {
+        const auto copy = state_->whole();
+        copy->get_distribution(result.data(), T(0), qubits);
+        return result;
+    }
+    state_->sort();
+    // The pieces of this rank as further outcomes, told apart by the highest qubits that are not
+    // listed.
+    const Index own_pieces = std::max<Index>(pieces / free_ranks, 1);
+    Index piece_qubits = free & inside;
+    while (bit(count_bits(piece_qubits)) > own_pieces)
+        piece_qubits &= piece_qubits - 1;
+    Qubits own_list;
+    std::vector<T> sums;
+    Index own_outcomes = bit(count_bits(listed & inside));
+    together(state_->comm(), [&] {
+        for (const Index part : {listed & inside, piece_qubits}) {
+            for (Index rest = part; rest != 0; rest &= rest - 1)
+                own_list.push_back(static_cast<unsigned int>(std::countr_zero(rest)));
+        }
+        sums.resize(own_outcomes * own_pieces);
+        const cpu::TeamScratch scratch(1, cpu::outcome_scratch_bytes(state_->view(), own_list, 1));
+        cpu::outcome_probabilities(state_->view(), own_list, 1, sums.data(), scratch.of(0));
+    });
+    // A chain through the ranks that share the listed qubits' values adds piece after piece.
+    const Index number = state_->number();
+    const Index held = listed >> l;
+    const Index free_numbers = free >> l;
+    const Index place = cpu::extract_bits(number, free_numbers);
+    const auto neighbour = [&](Index other) {
+        return static_cast<int>(state_->layout.numbers.rank_of(
+            (number & held) | cpu::deposit_bits(other, free_numbers)));
+    };
+    const auto count = static_cast<int>(own_outcomes);
+    std::vector<T> totals;
+    together(state_->comm(), [&] { totals.resize(own_outcomes); });
+    if (place > 0) {
+        MPI_Recv(totals.data(), count, mpi_type<T>(), neighbour(place - 1), 0, state_->comm(),
+                 MPI_STATUS_IGNORE);
+    }
+    for (std::size_t i = 0; i < sums.size(); ++i)
+        totals[i % own_outcomes] += sums[i];
+    if (place + 1 < free_ranks) {
+        MPI_Send(totals.data(), count, mpi_type<T>(), neighbour(place + 1), 0, state_->comm());
+    } else {
+        for (Index s = 0; s < own_outcomes; ++s) {
+            const Index index = cpu::deposit_bits(s, listed & inside) | (number << l & listed);
+            Index outcome = 0;
+            for (const unsigned int qubit : qubits)
+                outcome = outcome << 1 | (index >> qubit & 1);
+            // As the exports do: an entry that is not above 0 is 0.
+            result[outcome] = totals[s] > 0 ? totals[s] : T(0);
+        }
+    }
+    MPI_Allreduce(MPI_IN_PLACE, result.data(), static_cast<int>(result.size() * sizeof(T)),
+                  MPI_BYTE, MPI_BOR, state_->comm());
+    return result;
+}
+
+template <class T>
+void StateVector<T>::project(const Qubits& qubits, std::uint64_t outcome) {
+    together(state_->comm(), [&] { require_list(qubits, nqubits()); });
+    const Index mask = mask_of(qubits), values = pattern_of(qubits, outcome);
+    const T weight = state_->weight(mask, values);
+    const Layout& layout = state_->layout;
+    const bool mine = (state_->number() & layout.rank_places(mask)) == layout.rank_places(values);
+    const cpu::Selection kept{layout.local_places(mask), layout.local_places(values)};
+    std::complex<T>* const amplitudes = state_->amplitudes.get();
+    const Index size = state_->local_size();
+    if (weight != 0) {
+        // Elsewhere nothing agrees with the outcome.
+        const cpu::Selection here = mine ? kept : cpu::Selection{0, 1};
+        const T root = std::sqrt(weight);
+        cpu::for_each_block(size, size, state_->num_threads, [&](Index begin, Index end) {
+            cpu::dispatch([&]<cpu::InstructionSet set>() {
+                cpu::divide_matching<set>(cpu::parts(amplitudes), size, here, begin, end, root);
+            });
+        });
+        return;
+    }
+    // Amplitudes so small that their squares vanish stay as they are.
+    for (Index i = 0; i < size; ++i) {
+        if (!mine || !kept.holds(i)) amplitudes[i] = 0;
+    }
+    throw std::domain_error(cpu::impossible_outcome(qubits, outcome));
+}
+
+template <class T>
+void StateVector<T>::project_then_reset(const Qubits& qubits, std::uint64_t outcome) {
+    project(qubits, outcome);
+    GateList list;
+    for (Index rest = pattern_of(qubits, outcome); rest != 0; rest &= rest - 1)
+        list.add(GateKind::X, static_cast<unsigned int>(std::countr_zero(rest)));
+    run(list);
+}
+
+#define PBLINALG_INSTANTIATE(T)                                           \
+    template T StateVector<T>::State::weight(Index, Index);               \
+    template T StateVector<T>::total_probability();                       \
+    template T StateVector<T>::probability(std::uint64_t, const Qubits&); \
+    template std::vector<T> StateVector<T>::distribution(const Qubits&);  \
+    template void StateVector<T>::project(const Qubits&, std::uint64_t);  \
+    template void StateVector<T>::project_then_reset(const Qubits&, std::uint64_t);
+PBLINALG_INSTANTIATE(float)
+PBLINALG_INSTANTIATE(double)
+#undef PBLINALG_INSTANTIATE
+
+}  // namespace pblinalg::mpi

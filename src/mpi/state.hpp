@@ -1,0 +1,81 @@
+// What a rank holds of a state, and how its qubits are arranged for readouts that want them in
+// order.
+#pragma once
+
+#include <pblinalg/mpi/state_vector.hpp>
+#include <pblinalg/state_vector_cpu.hpp>
+#include <random>
+
+#include "circuits/lowering.hpp"
+#include "core/aligned_array.hpp"
+#include "mpi/agreement.hpp"
+#include "mpi/files.hpp"
+#include "mpi/layout.hpp"
+#include "readout/views.hpp"
+
+namespace pblinalg::mpi {
+
+/// Sums whose pieces would lie on several ranks are taken from a copy of the whole state, up to
+/// this number of qubits; those of Pauli terms, which take longer, always, up to the second one.
+inline constexpr unsigned int max_copied_qubits = 20;
+inline constexpr unsigned int max_copied_for_terms = 16;
+
+template <class T>
+MPI_Datatype mpi_type() {
+    return sizeof(T) == sizeof(double) ? MPI_DOUBLE : MPI_FLOAT;
+}
+
+template <class T>
+struct StateVector<T>::State {
+    State(MPI_Comm comm, unsigned int nqubits);
+
+    MPI_Comm comm() const { return communicator.get(); }
+    auto rank() const { return static_cast<Index>(communicator.rank()); }
+    Index number() const { return layout.numbers.number_of(rank()); }
+    unsigned int local_bits() const { return layout.local_bits(); }
+    Index local_size() const { return cpu::bit(local_bits()); }
+
+    /// |0...0>, or zeros everywhere.
+    void clear(bool basis_state_0 = true);
+    /// Runs the operations of `program`, which is one of n qubits and loses its SWAPs.
+    void run(cpu::Program<T>& program, const T* factors);
+    /// Runs a program of the bits of this rank, on this rank alone.
+    void run_here(cpu::Program<T> program, const T* factors);
+    /// Applies gates [first, end) of a list.
+    void run(const GateList& list, std::span<const double> values, std::size_t first,
+             std::size_t end);
+    /// Applies the gates that `progress` lacks and saves in between.
+    void go_on(const GateList& list, std::span<const double> values, RunProgress progress,
+               const Checkpoint& checkpoint, StateVector& owner);
+    /// Brings `qubits`, n - p of them, within ranks.
+    void bring_in(Index qubits);
+    /// As `bring_in`, the lowest of them on bit 0 and so on, and likewise the others in the numbers
+    /// of ranks; or all in descending order.
+    void sort(Index qubits, bool descending = false);
+    /// Every amplitude at its index: the rank with number r holds the r-th block.
+    void sort() { sort(cpu::low_mask(local_bits())); }
+    /// This rank's part of a sorted state.
+    auto view() const { return cpu::amplitude_view(amplitudes.get(), local_bits()); }
+    /// Collects the ranks' blocks of a sorted state in index order, on `root` or, with -1, on all.
+    void collect(std::complex<T>* all, int root);
+    /// A copy of all amplitudes, each at its index, whose sums are taken in pieces.
+    std::unique_ptr<cpu::PybindLinAlgStateVectorCPU<T>> whole();
+    /// The sum of the squared magnitudes of the amplitudes with `values` under `mask`.
+    T weight(Index mask, Index values);
+
+    /// Writes <P> of the listed terms as far as this rank adds to it. All flip the same bits, some
+    /// of them in the ranks' numbers.
+    void add_crossing_terms(const WObservable<T>& observable, Index flip,
+                            const std::vector<std::size_t>& terms, std::span<T> values);
+    /// @param one_by_one  running sums are added up through all ranks, as one process does.
+    std::vector<std::uint64_t> sample(std::uint64_t shots, std::span<const unsigned int> qubits,
+                                      int root, bool one_by_one);
+
+    Communicator communicator;
+    Layout layout;
+    cpu::AlignedArray<std::complex<T>> amplitudes;
+    int num_threads = 1;
+    std::mt19937_64 rng;
+};
+
+}  // namespace pblinalg::mpi

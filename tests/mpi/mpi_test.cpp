@@ -1,0 +1,383 @@
+// The state vector over ranks against one process: every rank computes both. Started by mpirun with
+// any number of ranks.
+#include <mpi.h>
+#include <sys/resource.h>
+#include <unistd.h>
+
+#include <cstdlib>
+#include <filesystem>
+#include <functional>
+#include <pblinalg/mpi/dry_run.hpp>
+#include <pblinalg/mpi/state_vector.hpp>
+
+#include "support/random_lists.hpp"
+
+namespace pblinalg::test {
+namespace {
+
+template <class T>
+class OverRanks : public ::testing::Test {};
+TYPED_TEST_SUITE(OverRanks, Precisions);
+
+unsigned int rank_bits() {
+    int size = 0;
+    MPI_Comm_size(MPI_COMM_WORLD, &size);
+    return static_cast<unsigned int>(std::countr_zero(static_cast<unsigned int>(size)));
+}
+
+/// One state spread over ranks and one that is not, with equal amplitudes.
+template <class T>
+struct Both {
+    explicit Both(unsigned int n, Filling filling = Filling::ordinary, std::uint64_t seed = 1)
+        : spread(MPI_COMM_WORLD, n), whole(n) {
+        auto before = filled<T>(std::size_t{1} << n, filling, seed);
+        whole.set_num_threads(0);
+        whole.reset(reinterpret_cast<unsigned long long>(before.data()));
+        spread.set_amplitudes(before);
+    }
+    void run(const GateList& list) {
+        spread.run(list);
+        pblinalg::run(whole, list);
+    }
+    /// In caller order.
+    Amplitudes<T> expected() const {
+        Amplitudes<T> amplitudes(whole.size);
+        for (std::size_t i = 0; i < whole.size; ++i)
+            amplitudes[reversed(i, whole.nqubits)] = whole.state[i];
+        return amplitudes;
+    }
+    ::testing::AssertionResult same() { return same_bits(spread.gather().data(), expected()); }
+
+    mpi::StateVector<T> spread;
+    StateVector<T> whole;
+};
+
+/// A number from the environment: longer checks are asked for there.
+int setting(const char* name, int otherwise) {
+    const char* const text = std::getenv(name);
+    return text ? std::atoi(text) : otherwise;
+}
+
+TYPED_TEST(OverRanks, RunsOfRandomListsGiveTheBitsOfOneProcess) {
+    using T = TypeParam;
+    auto seed = static_cast<std::uint64_t>(setting("PBLINALG_SEED", 0));
+    const int most = setting("PBLINALG_MAX_QUBITS", 12);
+    // More ranks than processors take long to agree.
+    const unsigned int step = rank_bits() > 2 ? 3 : 1;
+    for (unsigned int n = std::max(4u, rank_bits() + 2); n <= static_cast<unsigned int>(most);
+         n += step) {
+        for (const Filling filling : all_fillings) {
+            for (const int n_gates : {5, 80}) {
+                Both<T> both(n, filling, seed);
+                // The second list finds the bits where the first one left them.
+                for (int part = 0; part < 2; ++part) {
+                    both.run(Dice(2 * seed + part).list(n, n_gates));
+                    ASSERT_TRUE(both.same()) << n << " qubits, seed " << seed << ", part " << part;
+                }
+                ++seed;
+            }
+        }
+    }
+}
+
+TYPED_TEST(OverRanks, ParametersRecordsAndWideMatricesRunAsInOneProcess) {
+    using T = TypeParam;
+    const unsigned int n = rank_bits() + 5;
+    Both<T> both(n);
+    GateList list;
+    for (unsigned int q = 0; q < n; ++q)
+        list.add(GateKind::RX, q, Angle::of_parameter(q % 2, 2, 0.1));
+    list.add(GateKind::RZZ, {0, n - 1}, Angle::of_parameter(1));
+    const double values[] = {0.3, -0.8};
+    both.spread.run(list, values);
+    pblinalg::run(both.whole, list, values);
+    EXPECT_TRUE(both.same());
+
+    PybindLinAlgWCircuit<T> record(n);
+    for (unsigned int q = 0; q + 1 < n; ++q) {
+        record.add_gate("RY", {T(0.2) * static_cast<T>(q)}, {q});
+        record.add_gate("CNOT", {}, {n - 1, q});
+        record.add_gate("SWAP", {}, {q, q + 1});
+    }
+    record.add_gate("FLIP", {}, {0});
+    EXPECT_THROW(both.spread.run(record), std::invalid_argument);
+    EXPECT_THROW(both.whole.simulate_circuit(record), std::invalid_argument);
+    EXPECT_TRUE(both.same());
+
+    // Their products are not defined to the last bit.
+    GateList wide;
+    const auto entries = filled<double>(64, Filling::ordinary, 3);
+    wide.add_matrix({n - 1, 0, n - 2}, entries, Controls({1}));
+    both.run(wide);
+    const auto expected = both.expected();
+    const auto got = both.spread.gather();
+    for (std::size_t i = 0; i < got.size(); ++i)
+        ASSERT_LT(std::abs(got[i] - expected[i]), 100 * std::numeric_limits<T>::epsilon());
+}
+
+/// Small states are copied, from 17 qubits on sums are taken where the amplitudes are.
+constexpr unsigned int readout_sizes[] = {8, 17};
+
+TYPED_TEST(OverRanks, ProbabilitiesAndProjectionsHaveTheBitsOfOneProcess) {
+    using T = TypeParam;
+    for (const unsigned int n : readout_sizes) {
+        Both<T> both(n);
+        GateList scale;
+        scale.add_diagonal({0, 1},
+                           std::vector<std::complex<double>>(4, std::ldexp(1, -int(n) / 2)));
+        both.run(scale.add(GateKind::H, n - 1).add(GateKind::SWAP, {0, n - 1}));
+        const Qubits lists[] = {{}, {n - 1}, {0}, {2, n - 1, 5}, {n - 2, n - 1, 1, 0}};
+        for (const Qubits& list : lists) {
+            std::vector<T> expected(std::size_t{1} << list.size());
+            both.whole.get_distribution(expected.data(), T(0), list);
+            EXPECT_TRUE(same_bits(both.spread.distribution(list).data(), expected)) << n;
+            const Qubits backwards(list.rbegin(), list.rend());
+            for (const std::uint64_t outcome : {0, 1}) {
+                EXPECT_TRUE(same_bits(both.spread.probability(outcome, list),
+                                      both.whole.probability(outcome, backwards)))
+                    << n << " qubits, " << list.size() << " listed, outcome " << outcome;
+            }
+        }
+        both.spread.project({n - 1, 3}, 2);
+        both.whole.project({n - 1, 3}, 2);
+        EXPECT_TRUE(both.same());
+        both.spread.project_then_reset({0, n - 2}, 3);
+        both.whole.project_then_reset({0, n - 2}, 3);
+        EXPECT_TRUE(both.same());
+        EXPECT_THROW(both.spread.project({n - 2}, 1), std::domain_error);
+        EXPECT_THROW(both.whole.project({n - 2}, 1), std::domain_error);
+        EXPECT_TRUE(both.same());
+    }
+}
+
+TYPED_TEST(OverRanks, ShotsAreThoseOfOneProcess) {
+    using T = TypeParam;
+    for (const unsigned int n : readout_sizes) {
+        Both<T> both(n);
+        GateList list;
+        list.add_diagonal({0}, std::vector<std::complex<double>>(2, std::ldexp(1.3, -int(n) / 2)));
+        both.run(list.add(GateKind::H, n - 1).add(GateKind::H, 0));
+        both.spread.seed(5);
+        both.whole.rng.seed(5);
+        for (const Qubits& qubits : {Qubits(), Qubits{n - 1, 2, 0}}) {
+            for (const std::size_t shots : {std::size_t{1}, std::size_t{3000}}) {
+                std::vector<unsigned long long> expected(shots);
+                both.whole.sample_subset(expected.data(), qubits, shots);
+                const auto got = both.spread.sample(shots, qubits);
+                EXPECT_TRUE(std::ranges::equal(got, expected)) << n << " qubits";
+            }
+        }
+        EXPECT_EQ(both.spread.measure({1, n - 1}), both.whole.measure({1, n - 1}));
+        const int root = both.spread.ranks() - 1;
+        EXPECT_EQ(both.spread.sample(3, {}, root).size(), both.spread.rank() == root ? 3u : 0u);
+        both.whole.rng.discard(3);
+        std::vector<unsigned long long> expected(3000);
+        both.whole.sample(expected.data(), expected.size());
+        const auto pieces = both.spread.sample_by_pieces(expected.size());
+        // Sums in other pieces move the bounds between neighbours by as much as they round.
+        for (std::size_t i = 0; i < pieces.size(); ++i) {
+            const auto got = static_cast<std::int64_t>(reversed(pieces[i], n));
+            ASSERT_LE(std::abs(got - static_cast<std::int64_t>(reversed(expected[i], n))),
+                      sizeof(T) == 8 ? 1 : 64);
+        }
+    }
+}
+
+TYPED_TEST(OverRanks, ExpectationValuesAreThoseOfOneProcess) {
+    using T = TypeParam;
+    for (const unsigned int n : {9u, 17u}) {
+        Both<T> both(n);
+        GateList list;
+        list.add_diagonal({0}, std::vector<std::complex<double>>(2, std::ldexp(1, -int(n) / 2)));
+        both.run(list);
+        std::mt19937_64 random(n);
+        WObservable<T> observable{{}, {}, {}, {}, T(0.25), 0};
+        for (int t = 0; t < 12; ++t) {
+            const std::uint64_t mask = (std::uint64_t{1} << n) - 1;
+            // Half of the terms flip high qubits, some by pairs of X and Y.
+            const std::uint64_t flips = random() & random() & mask >> (t % 2 ? 0 : rank_bits());
+            const std::uint64_t signs = random() & random() & mask;
+            observable.coefficients.push_back(T(t + 1));
+            observable.flip_masks.push_back(flips);
+            observable.sign_masks.push_back(signs);
+            observable.phase_powers.push_back(
+                static_cast<unsigned int>(std::popcount(flips & signs)));
+        }
+        const auto got = both.spread.expectation_value(observable);
+        const auto expected = both.whole.expectation_value(observable);
+        if (n <= 16) {
+            EXPECT_TRUE(same_bits(got, expected));
+        } else {
+            EXPECT_LT(std::abs(got - expected), 2000 * std::numeric_limits<T>::epsilon())
+                << got << " and " << expected;
+        }
+    }
+}
+
+/// A file name that all ranks agree on, removed at the end.
+struct SharedFile {
+    SharedFile() {
+        long id = getpid();
+        MPI_Bcast(&id, 1, MPI_LONG, 0, MPI_COMM_WORLD);
+        path = (std::filesystem::temp_directory_path() / ("pblinalg_ranks_" + std::to_string(id)))
+                   .string();
+    }
+    ~SharedFile() {
+        MPI_Barrier(MPI_COMM_WORLD);
+        std::filesystem::remove(path);
+    }
+    std::string path;
+};
+
+/// The first `size` ranks of the world; no communicator on the others.
+struct FirstRanks {
+    explicit FirstRanks(int size) {
+        int rank = 0;
+        MPI_Comm_rank(MPI_COMM_WORLD, &rank);
+        MPI_Comm_split(MPI_COMM_WORLD, rank < size ? 0 : MPI_UNDEFINED, rank, &comm);
+    }
+    ~FirstRanks() {
+        if (comm != MPI_COMM_NULL) MPI_Comm_free(&comm);
+    }
+    MPI_Comm comm = MPI_COMM_NULL;
+};
+
+TYPED_TEST(OverRanks, FilesPassBetweenNumbersOfRanks) {
+    using T = TypeParam;
+    const unsigned int n = rank_bits() + 4;
+    Both<T> both(n, Filling::signed_zeros);
+    both.run(Dice(3).list(n, 40));
+    const SharedFile file;
+    both.spread.save(file.path);
+    EXPECT_TRUE(both.same());
+    const FirstRanks few(std::max(1, both.spread.ranks() / 4));
+    if (few.comm != MPI_COMM_NULL) {
+        mpi::StateVector<T> other(few.comm, n);
+        other.load(file.path);
+        EXPECT_TRUE(same_bits(other.gather().data(), both.expected()));
+    }
+    mpi::StateVector<T> larger(MPI_COMM_WORLD, n + 1);
+    EXPECT_THROW(larger.load(file.path), std::runtime_error);
+    EXPECT_THROW(both.spread.load(file.path + "_of_nobody"), std::runtime_error);
+    MPI_Barrier(MPI_COMM_WORLD);
+    if (both.spread.rank() == 0)
+        std::filesystem::resize_file(file.path, std::filesystem::file_size(file.path) - 1);
+    MPI_Barrier(MPI_COMM_WORLD);
+    EXPECT_THROW(both.spread.load(file.path), std::runtime_error);
+    EXPECT_TRUE(both.same());
+    EXPECT_THROW(both.spread.save("/nowhere/state.npy"), std::runtime_error);
+}
+
+TYPED_TEST(OverRanks, AmplitudesAreFoundWhereverTheyLie) {
+    using T = TypeParam;
+    const unsigned int n = rank_bits() + 4;
+    Both<T> both(n, Filling::signed_zeros);
+    both.run(Dice(8).list(n, 30));
+    std::vector<std::uint64_t> indices;
+    for (std::uint64_t i = 0; i < both.whole.size; ++i)
+        indices.push_back(i * 5 % both.whole.size);
+    const auto expected = both.expected();
+    Amplitudes<T> chosen;
+    for (const std::uint64_t i : indices)
+        chosen.push_back(expected[i]);
+    EXPECT_TRUE(same_bits(both.spread.amplitudes(indices).data(), chosen));
+    EXPECT_THROW(both.spread.amplitudes(std::vector<std::uint64_t>{both.whole.size}),
+                 std::invalid_argument);
+    EXPECT_EQ(both.spread.gather(0).size(), both.spread.rank() == 0 ? both.whole.size : 0);
+}
+
+TEST(Faults, ReachEveryRankAsTheSameError) {
+    using State = mpi::StateVector<double>;
+    const auto text_of = [](const auto& work) -> std::string {
+        try {
+            work();
+        } catch (const std::invalid_argument& error) {
+            return std::string("argument: ") + error.what();
+        } catch (const std::bad_alloc& error) {
+            return std::string("memory: ") + error.what();
+        }
+        return "nothing";
+    };
+    const unsigned int p = rank_bits();
+    State state(MPI_COMM_WORLD, p + 3);
+    const int last = state.ranks() - 1;
+    const bool here = state.rank() == last;
+    GateList list;
+    list.add(GateKind::RX, 0, here ? 0.5 : 0.25);
+    GateList beyond, wide;
+    beyond.add(GateKind::H, p + 3);
+    wide.add_matrix({0, 1, 2, p + 2}, std::vector<std::complex<double>>(256, 1.0));
+    const double value[] = {here ? 0.0 : 1.0};
+    GateList parametrised;
+    parametrised.add(GateKind::RX, 0, Angle::of_parameter(0));
+    struct {
+        std::string text;
+        std::function<void()> work;
+        int least_ranks = 1;
+    } const cases[] = {
+        {"argument: the gate list or its values differs between ranks", [&] { state.run(list); },
+         2},
+        {"argument: the gate list or its values differs between ranks",
+         [&] { state.run(parametrised, value); }, 2},
+        {"argument: 0 values for 1 parameters", [&] { state.run(parametrised); }},
+        {"argument: the list acts on qubit " + std::to_string(p + 3) + "; the state has " +
+             std::to_string(p + 3) + " qubits",
+         [&] { state.run(beyond); }},
+        {"argument: gate 0 is a matrix on 4 qubits; a rank has 3", [&] { state.run(wide); },
+         p > 0 ? 1 : 99},
+        {"argument: " + std::to_string(p + 1) + " qubits are too few for 2^" + std::to_string(p) +
+             " ranks; expected at least " + std::to_string(p + 2),
+         [&] { State(MPI_COMM_WORLD, p + 1); }},
+        {"argument: the number of qubits differs between ranks",
+         [&] { State(MPI_COMM_WORLD, p + 4 + here); }, 2},
+        {"argument: qubit 1 is listed twice",
+         [&] {
+             state.distribution({1, 0, 1});
+         }},
+        {"argument: qubit 63 of a state of " + std::to_string(p + 3) + " qubits",
+         [&] { state.project({63}, 0); }},
+        {"memory: rank 0 has not enough memory", [&] { State(MPI_COMM_WORLD, 60); }},
+    };
+    for (const auto& [text, work, least_ranks] : cases) {
+        if (state.ranks() < least_ranks) continue;
+        EXPECT_EQ(text_of(work), text);
+    }
+    if (last >= 2) {
+        const FirstRanks three(3);
+        if (three.comm != MPI_COMM_NULL) {
+            EXPECT_EQ(text_of([&] { State(three.comm, 20); }),
+                      "argument: the number of ranks is 3; expected a power of two");
+        }
+    }
+#if !defined(__SANITIZE_ADDRESS__)
+    rlimit before;
+    getrlimit(RLIMIT_AS, &before);
+    if (here) {
+        const rlimit low{std::size_t{1} << 28, before.rlim_max};
+        setrlimit(RLIMIT_AS, &low);
+    }
+    EXPECT_EQ(text_of([&] { State(MPI_COMM_WORLD, p + 25); }),
+              "memory: rank " + std::to_string(last) + " has not enough memory");
+    setrlimit(RLIMIT_AS, &before);
+#endif
+    // Nothing was applied meanwhile, and nobody is out of step.
+    EXPECT_EQ(state.gather()[0], 1.0);
+}
+
+}  // namespace
+}  // namespace pblinalg::test
+
+int main(int argc, char** argv) {
+    MPI_Init(&argc, &argv);
+    ::testing::InitGoogleTest(&argc, argv);
+    int rank = 0;
+    MPI_Comm_rank(MPI_COMM_WORLD, &rank);
+    if (rank != 0) {
+        auto& listeners = ::testing::UnitTest::GetInstance()->listeners();
+        delete listeners.Release(listeners.default_result_printer());
+    }
+    int failed = RUN_ALL_TESTS();
+    MPI_Allreduce(MPI_IN_PLACE, &failed, 1, MPI_INT, MPI_MAX, MPI_COMM_WORLD);
+    MPI_Finalize();
+    return failed;
+}

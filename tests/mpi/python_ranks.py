@@ -1,0 +1,124 @@
+"""States over ranks against one process, from Python; started by mpirun with any number of ranks."""
+
+import tempfile
+from pathlib import Path
+
+import numpy as np
+import pblinalg as pb
+from mpi4py import MPI
+
+comm = MPI.COMM_WORLD
+NUM_QUBITS = 10
+
+
+def a_circuit() -> pb.Circuit:
+    circuit = pb.Circuit(NUM_QUBITS)
+    for qubit in range(NUM_QUBITS):
+        circuit.h(qubit).rx(0.3 * qubit, qubit).cx(qubit, (qubit + 3) % NUM_QUBITS)
+    return circuit.swap(0, NUM_QUBITS - 1).rzz(pb.Parameter("a"), 0, 5).h(0)
+
+
+def both(precision: str = "double") -> tuple[pb.mpi.StateVector, pb.StateVector]:
+    spread = pb.mpi.StateVector(NUM_QUBITS, comm, precision, seed=3)
+    whole = pb.StateVector(NUM_QUBITS, precision, threads=2, seed=3)
+    circuit = a_circuit()
+    return spread.run(circuit, {"a": 0.4}), whole.run(circuit, values={"a": 0.4})
+
+
+def raises(kind: type, part: str, work) -> None:
+    try:
+        work()
+    except kind as error:
+        assert part in str(error), error
+        return
+    raise AssertionError(f"no {kind.__name__} with {part!r}")
+
+
+def test_results_are_those_of_one_process() -> None:
+    for precision in ("float", "double"):
+        spread, whole = both(precision)
+        array = spread.to_array()
+        assert array.dtype == whole.to_array().dtype and array.tobytes() == whole.to_array().tobytes()
+        assert spread.to_array(root=0) is None or comm.rank == 0
+        assert spread["0110000001"] == whole["0110000001"] and spread[-1] == whole[-1]
+        assert (spread.probabilities([9, 0, 4]) == whole.probabilities([9, 0, 4])).all()
+        assert spread.probability("01", [8, 1]) == whole.probability("01", [8, 1])
+        assert spread.norm() == whole.norm()
+        assert spread.sample(500) == whole.sample(500)
+        assert spread.sample(100, [3, 9]) == whole.sample(100, [3, 9])
+        assert (spread.sample(5, root=0) is None) == (comm.rank != 0)
+        whole.sample(5)
+        observable = {"XIIIIIIIIX": 0.5, "ZIIIIYIIIZ": -1.5}
+        assert spread.expectation(observable) == whole.expectation(observable)
+        assert spread.measure([0, 9]) == whole.measure([0, 9])
+        assert spread.cx(9, 0).to_array().tobytes() == whole.cx(9, 0).to_array().tobytes()
+        assert sum(spread.sample(50, by_pieces=True).values()) == 50
+
+
+def test_measured_circuits_agree() -> None:
+    circuit = pb.Circuit(NUM_QUBITS, 2).h(9).measure(9, 0).cx(9, 0).measure(0, 1)
+    spread = pb.mpi.StateVector(NUM_QUBITS, seed=5).run(circuit)
+    whole = pb.StateVector(NUM_QUBITS, seed=5).run(circuit)
+    assert spread.classical_bits == whole.classical_bits
+    assert (spread.to_array() == whole.to_array()).all()
+
+
+def test_files_pass_between_numbers_of_ranks(directory: Path) -> None:
+    spread, whole = both()
+    spread.save(directory / "state.npy")
+    assert (np.load(directory / "state.npy") == whole.to_array()).all()
+    again = pb.mpi.StateVector.load(directory / "state.npy")
+    assert again.precision == "double" and (again.to_array() == whole.to_array()).all()
+    if comm.rank == 0:
+        np.save(directory / "other.npy", whole.to_array().astype(np.complex64))
+    comm.Barrier()
+    other = pb.mpi.StateVector.load(directory / "other.npy")
+    assert other.precision == "float"
+    assert (other.to_array() == whole.to_array().astype(np.complex64)).all()
+    raises(RuntimeError, "nobody.npy", lambda: pb.mpi.StateVector.load(directory / "nobody.npy"))
+
+
+def test_runs_resume_from_checkpoints(directory: Path) -> None:
+    state = pb.mpi.StateVector(NUM_QUBITS)
+    state.run(a_circuit(), [0.4], checkpoint=directory / "run", every=7)
+    again = pb.mpi.StateVector(NUM_QUBITS)
+    again.resume(a_circuit(), directory / "run", 7, [0.4])
+    assert (again.to_array() == state.to_array()).all()
+    raises(
+        ValueError,
+        "another list",
+        lambda: again.resume(a_circuit(), directory / "run", 7, [0.5]),
+    )
+
+
+def test_bad_arguments_name_themselves() -> None:
+    state = pb.mpi.StateVector(NUM_QUBITS)
+    raises(ValueError, "too few", lambda: pb.mpi.StateVector(1))
+    raises(ValueError, "circuit acts on 3", lambda: state.run(pb.Circuit(3)))
+    raises(IndexError, "root", lambda: state.to_array(root=comm.size))
+    raises(IndexError, "qubits", lambda: state.probabilities([NUM_QUBITS]))
+    raises(ValueError, "norm", lambda: state.set_amplitudes(np.ones(1024)))
+    raises(TypeError, "save", state.copy)
+    if comm.size > 1:
+        raises(ValueError, "differs", lambda: state.rx(0.1 * comm.rank, 0))
+    assert state["0" * NUM_QUBITS] == 1
+
+
+def test_dry_runs_need_no_ranks() -> None:
+    circuit = pb.Circuit(40)
+    for qubit in range(40):
+        circuit.h(qubit)
+    run = pb.mpi.dry_run(circuit, 1024)
+    assert run["exchanges"] == 1 and 0.99 < run["bytes_sent"] / 2**34 < 1
+    assert run["gate_by_gate_exchanges"] == 10
+
+
+if __name__ == "__main__":
+    with tempfile.TemporaryDirectory() as own:
+        shared = Path(comm.bcast(own))
+        for name, test in list(globals().items()):
+            if name.startswith("test_"):
+                test(shared) if "directory" in test.__annotations__ else test()
+        comm.Barrier()
+    if comm.rank == 0:
+        print("all passed on", comm.size, "ranks")
