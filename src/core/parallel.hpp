@@ -41,15 +41,15 @@ struct Block {
 /// requests.
 class RegionsOnOneWorker {
   public:
-    RegionsOnOneWorker() : before_(here_) { here_ = true; }
+    RegionsOnOneWorker() : before_(on_one_worker) { on_one_worker = true; }
     RegionsOnOneWorker(const RegionsOnOneWorker&) = delete;
     RegionsOnOneWorker& operator=(const RegionsOnOneWorker&) = delete;
-    ~RegionsOnOneWorker() { here_ = before_; }
+    ~RegionsOnOneWorker() { on_one_worker = before_; }
 
-    static bool here() { return here_; }
+    static bool here() { return on_one_worker; }
 
   private:
-    static inline constinit thread_local bool here_ = false;
+    static inline constinit thread_local bool on_one_worker = false;
     bool before_;
 };
 
