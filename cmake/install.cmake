@@ -6,7 +6,7 @@ install(TARGETS pblinalg EXPORT pblinalg
     LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR})
 install(DIRECTORY ${PROJECT_SOURCE_DIR}/include/pblinalg ${PROJECT_BINARY_DIR}/include/pblinalg
     DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}
-    FILES_MATCHING PATTERN "*.hpp")
+    FILES_MATCHING PATTERN "*.hpp" PATTERN "mpi" EXCLUDE)
 
 # Before 1.0 a new minor version may change the interface, so only the same one is compatible.
 set(package_dir ${CMAKE_INSTALL_LIBDIR}/cmake/pblinalg)
@@ -15,6 +15,15 @@ install(EXPORT pblinalg
 write_basic_package_version_file(
     ${PROJECT_BINARY_DIR}/pblinalgConfigVersion.cmake COMPATIBILITY SameMinorVersion)
 install(FILES ${PROJECT_BINARY_DIR}/pblinalgConfigVersion.cmake DESTINATION ${package_dir})
+
+# A package of its own, so that users of the core need no MPI.
+if(PBLINALG_BUILD_MPI)
+    install(TARGETS pblinalg_mpi EXPORT pblinalg_mpi LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR})
+    install(DIRECTORY ${PROJECT_SOURCE_DIR}/include/pblinalg/mpi
+        DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/pblinalg)
+    install(EXPORT pblinalg_mpi
+        NAMESPACE pblinalg:: FILE pblinalg_mpiConfig.cmake DESTINATION ${package_dir}_mpi)
+endif()
 
 # Relative to the pkg-config file where the destinations are relative, as given where they are not.
 function(pblinalg_pc_path result destination)
