@@ -90,7 +90,10 @@ def test_everything_public_says_what_it_is():
         for name in dir(module):
             if name.startswith("_"):
                 continue
-            thing = getattr(module, name)
+            try:
+                thing = getattr(module, name)
+            except ImportError:  # a module whose framework or library is not there
+                continue
             if thing is pblinalg.Precision:  # a type alias, which holds no text
                 continue
             assert thing.__doc__, name
