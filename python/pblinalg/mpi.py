@@ -380,10 +380,6 @@ class StateVector(Readout):
     def __getstate__(self) -> NoReturn:
         raise TypeError("a state over ranks cannot be copied or pickled; save and load it")
 
-    def expectation_terms(self, observable: Any) -> NoReturn:
-        """TypeError: ask for the expectation value of each term."""
-        raise TypeError("expectation_terms is not there for a state over ranks")
-
     def estimate(self, observable: Any, shots: SupportsIndex) -> NoReturn:
         """TypeError: `expectation` is exact."""
         raise TypeError("estimate is not there for a state over ranks; `expectation` is exact")

@@ -90,6 +90,10 @@ void bind_ranks(nb::module_& module, const char* name) {
              [](State& self, const BoundObservable<T>& observable) {
                  return self.expectation_value(observable);
              })
+        .def("terms_expectations_values",
+             [](State& self, const BoundObservable<T>& observable) {
+                 return self.terms_expectations_values(observable);
+             })
         .def("save", &State::save)
         .def("load", &State::load);
 }

@@ -16,9 +16,8 @@
 namespace pblinalg::mpi {
 
 /// Sums whose pieces would lie on several ranks are taken from a copy of the whole state, up to
-/// this number of qubits; those of Pauli terms, which take longer, always, up to the second one.
+/// this number of qubits.
 inline constexpr unsigned int max_copied_qubits = 20;
-inline constexpr unsigned int max_copied_for_terms = 16;
 
 template <class T>
 MPI_Datatype mpi_type() {
@@ -63,10 +62,10 @@ struct StateVector<T>::State {
     /// The sum of the squared magnitudes of the amplitudes with `values` under `mask`.
     T weight(Index mask, Index values);
 
-    /// Writes <P> of the listed terms as far as this rank adds to it. All flip the same bits, some
-    /// of them in the ranks' numbers.
-    void add_crossing_terms(const WObservable<T>& observable, Index flip,
-                            const std::vector<std::size_t>& terms, std::span<T> values);
+    /// <P> of every term.
+    std::vector<T> term_values(const WObservable<T>& observable);
+    T defined_term_value(const WObservable<T>& observable, std::size_t term);
+    class BatchSums;
     /// @param one_by_one  running sums are added up through all ranks, as one process does.
     std::vector<std::uint64_t> sample(std::uint64_t shots, std::span<const unsigned int> qubits,
                                       int root, bool one_by_one);

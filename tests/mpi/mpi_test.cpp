@@ -185,32 +185,53 @@ TYPED_TEST(OverRanks, ShotsAreThoseOfOneProcess) {
 
 TYPED_TEST(OverRanks, ExpectationValuesAreThoseOfOneProcess) {
     using T = TypeParam;
-    for (const unsigned int n : {9u, 17u}) {
-        Both<T> both(n);
+    const unsigned int p = rank_bits();
+    struct Case {
+        unsigned int n_qubits;
+        unsigned int n_masks;  ///< that terms flip
+        int n_terms;
+        double one_amplitude = 1;  ///< is multiplied by this
+    };
+    // One process sums in as many pieces as groups of terms and the size say: some are fewer than
+    // the ranks, some do not begin and end with them.
+    for (const auto [n, n_masks, n_terms, factor] :
+         {Case{9, 12, 12}, Case{17, 1, 1}, Case{17, 30, 70}, Case{18, 3, 9}, Case{18, 25, 60},
+          Case{18, 20, 40, std::numeric_limits<double>::infinity()}}) {
+        Both<T> both(n, Filling::ordinary, static_cast<std::uint64_t>(n_terms));
         GateList list;
         list.add_diagonal({0}, std::vector<std::complex<double>>(2, std::ldexp(1, -int(n) / 2)));
-        both.run(list);
-        std::mt19937_64 random(n);
+        // Qubits of the ranks' numbers change places among themselves and with others.
+        for (unsigned int q = 0; q < p; ++q)
+            list.add(GateKind::H, q).add(GateKind::X, n - 1 - q, Controls({n - 2 - q}));
+        Qubits others;
+        for (unsigned int q = 1; q < n; ++q)
+            others.push_back(q);
+        list.add_diagonal({0}, std::vector<std::complex<double>>{1, factor}, Controls(others));
+        both.run(list.add(GateKind::X, n - 1).add(GateKind::SWAP, {0, n - 1}));
+        std::mt19937_64 random(n + n_masks + 100 * setting("PBLINALG_SEED", 0));
+        const std::uint64_t all = (std::uint64_t{1} << n) - 1;
+        std::vector<std::uint64_t> masks = {random() & all};
+        // Every second one lies within ranks; most of them are sums of a few.
+        while (masks.size() < n_masks) {
+            masks.push_back(masks.size() < 6
+                                ? random() & random() & all >> (masks.size() % 2 ? p : 0)
+                                : masks[random() % 6] ^ masks[random() % 6]);
+        }
         WObservable<T> observable{{}, {}, {}, {}, T(0.25), 0};
-        for (int t = 0; t < 12; ++t) {
-            const std::uint64_t mask = (std::uint64_t{1} << n) - 1;
-            // Half of the terms flip high qubits, some by pairs of X and Y.
-            const std::uint64_t flips = random() & random() & mask >> (t % 2 ? 0 : rank_bits());
-            const std::uint64_t signs = random() & random() & mask;
-            observable.coefficients.push_back(T(t + 1));
+        for (int t = 0; t < n_terms; ++t) {
+            const std::uint64_t flips = masks[t % masks.size()], signs = random() & random() & all;
+            observable.coefficients.push_back({T(t + 1), T(0.5)});
             observable.flip_masks.push_back(flips);
             observable.sign_masks.push_back(signs);
             observable.phase_powers.push_back(
                 static_cast<unsigned int>(std::popcount(flips & signs)));
         }
-        const auto got = both.spread.expectation_value(observable);
-        const auto expected = both.whole.expectation_value(observable);
-        if (n <= 16) {
-            EXPECT_TRUE(same_bits(got, expected));
-        } else {
-            EXPECT_LT(std::abs(got - expected), 2000 * std::numeric_limits<T>::epsilon())
-                << got << " and " << expected;
-        }
+        EXPECT_TRUE(same_bits(both.spread.expectation_value(observable),
+                              both.whole.expectation_value(observable)))
+            << n << " qubits, " << n_terms << " terms";
+        EXPECT_TRUE(same_bits(both.spread.terms_expectations_values(observable).data(),
+                              both.whole.terms_expectations_values(observable)))
+            << n << " qubits, " << n_terms << " terms";
     }
 }
 

@@ -50,6 +50,7 @@ def test_results_are_those_of_one_process() -> None:
         whole.sample(5)
         observable = {"XIIIIIIIIX": 0.5, "ZIIIIYIIIZ": -1.5}
         assert spread.expectation(observable) == whole.expectation(observable)
+        assert spread.expectation_terms(observable) == whole.expectation_terms(observable)
         assert spread.measure([0, 9]) == whole.measure([0, 9])
         assert spread.cx(9, 0).to_array().tobytes() == whole.cx(9, 0).to_array().tobytes()
         assert sum(spread.sample(50, by_pieces=True).values()) == 50

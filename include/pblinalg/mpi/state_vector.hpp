@@ -95,7 +95,12 @@ class PBLINALG_EXPORT StateVector {
     /// The 2^L probabilities of the outcomes on L listed, distinct qubits.
     std::vector<T> distribution(const Qubits& qubits);
     /// constant + sum over terms of coefficient * <P>.
+    ///
+    /// Cost: for terms that flip qubits of the ranks' numbers, blocks of up to 64 such masks at a
+    /// time cross the network once; each rank gets and sends all but a part of its amplitudes.
     std::complex<T> expectation_value(const WObservable<T>& observable);
+    /// coefficient * <P> of every term.
+    std::vector<Amplitude> terms_expectations_values(const WObservable<T>& observable);
 
     /// Outcomes over the listed qubits, or all for an empty list: the shots that one process draws
     /// with the same seed. On rank `root` alone or, with -1, on all.
