@@ -12,6 +12,7 @@
 
 #include "gate_lists.hpp"
 #include "records.hpp"
+#include "watch.hpp"
 
 namespace pblinalg::python {
 namespace {
@@ -28,6 +29,21 @@ nb::ndarray<nb::numpy, V, nb::ndim<1>> owned(std::vector<V>&& values) {
 
 std::span<const double> span_of(const Values& values) {
     return {values.data(), values.size()};
+}
+
+/// Runs gates; this rank's signals and what its `progress` raises stop them on all.
+/// @return the error of this rank, or None: the ranks have to tell each other.
+template <class Run>
+nb::object watched(BoundGateList& list, nb::handle progress, const Run& run) {
+    const Reading reading(list);
+    Watch watch(progress);
+    const RunReport report = run([&](std::size_t done) { return watch.goes_on(done); });
+    try {
+        watch.finish(report.gates_done);
+    } catch (nb::python_error& error) {
+        return nb::borrow(error.value());
+    }
+    return nb::none();
 }
 
 template <class T>
@@ -51,15 +67,17 @@ void bind_ranks(nb::module_& module, const char* name) {
              })
         .def("run",
              [](State& self, BoundGateList& list, const Values& values, const std::string& path,
-                std::size_t every) {
-                 const Reading reading(list);
-                 self.run(list.gates, span_of(values), {path, every});
+                std::size_t every, nb::handle progress) {
+                 return watched(list, progress, [&](const auto& between) {
+                     return self.run(list.gates, span_of(values), {path, every}, between);
+                 });
              })
         .def("resume",
              [](State& self, BoundGateList& list, const Values& values, const std::string& path,
-                std::size_t every) {
-                 const Reading reading(list);
-                 self.resume(list.gates, span_of(values), {path, every});
+                std::size_t every, nb::handle progress) {
+                 return watched(list, progress, [&](const auto& between) {
+                     return self.resume(list.gates, span_of(values), {path, every}, between);
+                 });
              })
         .def("amplitudes",
              [](State& self, const std::vector<std::uint64_t>& indices) {

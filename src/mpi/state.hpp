@@ -11,6 +11,7 @@
 #include "mpi/agreement.hpp"
 #include "mpi/files.hpp"
 #include "mpi/layout.hpp"
+#include "mpi/rank_plan.hpp"
 #include "readout/views.hpp"
 
 namespace pblinalg::mpi {
@@ -40,12 +41,19 @@ struct StateVector<T>::State {
     void run(cpu::Program<T>& program, const T* factors);
     /// Runs a program of the bits of this rank, on this rank alone.
     void run_here(cpu::Program<T> program, const T* factors);
+    /// @param between  asked after every pass but the last.
+    /// @return the pass after which somebody wants to stop, if any; `layout` is then what it is
+    ///         there.
+    const RankPass* run_passes(const RankPlan& plan, const cpu::Program<T>& program,
+                               const T* factors, const Callback& between);
     /// Applies gates [first, end) of a list.
-    void run(const GateList& list, std::span<const double> values, std::size_t first,
-             std::size_t end);
+    /// @return where it ended: earlier when stopped.
+    std::size_t run(const GateList& list, std::span<const double> values, std::size_t first,
+                    std::size_t end, const Callback& between);
     /// Applies the gates that `progress` lacks and saves in between.
-    void go_on(const GateList& list, std::span<const double> values, RunProgress progress,
-               const Checkpoint& checkpoint, StateVector& owner);
+    RunReport go_on(const GateList& list, std::span<const double> values, RunProgress progress,
+                    const Checkpoint& checkpoint, const Callback& between_passes,
+                    StateVector& owner);
     /// Brings `qubits`, n - p of them, within ranks.
     void bring_in(Index qubits);
     /// As `bring_in`, the lowest of them on bit 0 and so on, and likewise the others in the numbers

@@ -131,6 +131,49 @@ TYPED_TEST(OverRanks, ParametersRecordsAndWideMatricesRunAsInOneProcess) {
         ASSERT_LT(std::abs(got[i] - expected[i]), 100 * std::numeric_limits<T>::epsilon());
 }
 
+TYPED_TEST(OverRanks, StopsLeaveTheFirstGatesDone) {
+    using T = TypeParam;
+    const unsigned int n = rank_bits() + 4;
+    std::size_t stops = 0;
+    for (std::uint64_t seed = 0; seed < 6; ++seed) {
+        const GateList list = Dice(seed).list(n, 60);
+        RunReport report{0, true};
+        for (std::size_t calls = 1; report.stopped; ++calls) {
+            Both<T> both(n, Filling::ordinary, seed);
+            std::size_t called = 0, told = 0;
+            // One rank alone wants to stop.
+            const bool asks = both.spread.rank() == both.spread.ranks() - 1;
+            report = both.spread.run(list, {}, {}, [&](std::size_t done) {
+                EXPECT_GE(done, told);
+                told = done;
+                return ++called < calls || !asks;
+            });
+            ASSERT_LE(told, report.gates_done);
+            ASSERT_EQ(report.stopped, report.gates_done < list.size());
+            stops += report.stopped;
+            GateList first, rest;
+            for (std::size_t i = 0; i < list.size(); ++i)
+                (i < report.gates_done ? first : rest).append(list[i]);
+            pblinalg::run(both.whole, first);
+            ASSERT_TRUE(both.same()) << report.gates_done << " gates, seed " << seed;
+            both.run(rest);
+            ASSERT_TRUE(both.same()) << "after " << report.gates_done << " gates, seed " << seed;
+        }
+    }
+    if (rank_bits() == 0) return;
+    EXPECT_GT(stops, 10u);
+    // What one rank throws is raised on all, and none is out of step.
+    Both<T> both(n);
+    const int rank = both.spread.rank();
+    EXPECT_THROW(both.spread.run(Dice(1).list(n, 60), {}, {},
+                                 [=](std::size_t) -> bool {
+                                     if (rank == 1) throw std::domain_error("no more");
+                                     return true;
+                                 }),
+                 std::domain_error);
+    both.spread.amplitudes(std::vector<std::uint64_t>{0});
+}
+
 /// Small states are copied, from 17 qubits on sums are taken where the amplitudes are.
 constexpr unsigned int readout_sizes[] = {8, 17};
 
@@ -373,7 +416,7 @@ TEST(Faults, ReachEveryRankAsTheSameError) {
          }},
         {"argument: qubit 63 of a state of " + std::to_string(p + 3) + " qubits",
          [&] { state.project({63}, 0); }},
-        {"memory: rank 0 has not enough memory", [&] { State(MPI_COMM_WORLD, 60); }},
+        {"memory: rank 0 has not enough memory", [&] { State(MPI_COMM_WORLD, 63); }},
     };
     for (const auto& [text, work, least_ranks] : cases) {
         if (state.ranks() < least_ranks) continue;

@@ -6,11 +6,13 @@
 
 #include <complex>
 #include <cstdint>
+#include <functional>
 #include <memory>
 #include <pblinalg/circuit.hpp>
 #include <pblinalg/export.hpp>
 #include <pblinalg/gate_list.hpp>
 #include <pblinalg/observable.hpp>
+#include <pblinalg/run.hpp>
 #include <span>
 #include <string>
 #include <vector>
@@ -36,6 +38,7 @@ class PBLINALG_EXPORT StateVector {
   public:
     using Amplitude = std::complex<T>;
     using Qubits = std::vector<unsigned int>;
+    using Callback = std::function<bool(std::size_t)>;
 
     /// |0...0>, with a generator seeded from the clock of rank 0.
     /// Errors: std::invalid_argument unless there are 2^p ranks and at least p + 2 qubits, or where
@@ -68,14 +71,19 @@ class PBLINALG_EXPORT StateVector {
     /// gates as have their targets on n - p qubits; `dry_run` tells how many that are.
     /// @param checkpoint  collective saves between gates; `resume` of the same list and values goes
     ///                    on from the last one, to the same bits.
+    /// @param between_passes  called by each rank that gave one, between exchanges, with the number
+    ///                    of gates done so far: where one returns false, all ranks stop once gates
+    ///                    that later ones have overtaken are done, too. What it throws is raised on
+    ///                    every rank after the same steps.
     /// Errors: std::invalid_argument where ranks were given different lists or values, for qubits
     /// that the state does not have, for missing values and for matrices on more than n - p qubits.
-    void run(const GateList& list, std::span<const double> values = {},
-             const Checkpoint& checkpoint = {});
+    RunReport run(const GateList& list, std::span<const double> values = {},
+                  const Checkpoint& checkpoint = {}, const Callback& between_passes = {});
     /// Loads the checkpoint and applies the gates that it lacks.
     /// Errors: those of `load`; std::invalid_argument where it belongs to another list or to other
     /// values.
-    void resume(const GateList& list, std::span<const double> values, const Checkpoint& checkpoint);
+    RunReport resume(const GateList& list, std::span<const double> values,
+                     const Checkpoint& checkpoint, const Callback& between_passes = {});
     /// Applies a circuit record.
     /// Errors: std::invalid_argument for an unknown name; the gates before it stay applied.
     void run(const PybindLinAlgWCircuit<T>& circuit);
