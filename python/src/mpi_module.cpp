@@ -41,7 +41,13 @@ nb::object watched(BoundGateList& list, nb::handle progress, const Run& run) {
     try {
         watch.finish(report.gates_done);
     } catch (nb::python_error& error) {
-        return nb::borrow(error.value());
+        error.restore();
+        PyObject *type, *value, *traceback;
+        PyErr_Fetch(&type, &value, &traceback);
+        PyErr_NormalizeException(&type, &value, &traceback);
+        const auto owned_type = nb::steal(type), owned_traceback = nb::steal(traceback);
+        if (traceback) PyException_SetTraceback(value, traceback);
+        return nb::steal(value);
     }
     return nb::none();
 }
@@ -65,20 +71,26 @@ void bind_ranks(nb::module_& module, const char* name) {
                                                nb::device::cpu>& amplitudes) {
                  self.set_amplitudes({amplitudes.data(), amplitudes.size()});
              })
-        .def("run",
-             [](State& self, BoundGateList& list, const Values& values, const std::string& path,
-                std::size_t every, nb::handle progress) {
-                 return watched(list, progress, [&](const auto& between) {
-                     return self.run(list.gates, span_of(values), {path, every}, between);
-                 });
-             })
-        .def("resume",
-             [](State& self, BoundGateList& list, const Values& values, const std::string& path,
-                std::size_t every, nb::handle progress) {
-                 return watched(list, progress, [&](const auto& between) {
-                     return self.resume(list.gates, span_of(values), {path, every}, between);
-                 });
-             })
+        .def(
+            "run",
+            [](State& self, BoundGateList& list, const Values& values, const std::string& path,
+               std::size_t every, nb::handle progress) {
+                return watched(list, progress, [&](const auto& between) {
+                    return self.run(list.gates, span_of(values), {path, every}, between);
+                });
+            },
+            nb::arg("list"), nb::arg("values"), nb::arg("path"), nb::arg("every"),
+            nb::arg("progress").none())
+        .def(
+            "resume",
+            [](State& self, BoundGateList& list, const Values& values, const std::string& path,
+               std::size_t every, nb::handle progress) {
+                return watched(list, progress, [&](const auto& between) {
+                    return self.resume(list.gates, span_of(values), {path, every}, between);
+                });
+            },
+            nb::arg("list"), nb::arg("values"), nb::arg("path"), nb::arg("every"),
+            nb::arg("progress").none())
         .def("amplitudes",
              [](State& self, const std::vector<std::uint64_t>& indices) {
                  return owned(self.amplitudes(indices));

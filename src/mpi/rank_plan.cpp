@@ -180,8 +180,8 @@ RankPlan plan_ranks(cpu::Program<T>& program, const Layout& layout) {
                                       .look_ahead = look_ahead,
                                       .max_length = std::numeric_limits<std::size_t>::max(),
                                       .keeps_order = true,
-                                      .reach = 0,
-                                      .max_starts = 0,
+                                      .reach = 160,
+                                      .max_starts = 4,
                                       .whole_parts = true});
     for (Pass pass; planner.next(pass);) {
         RankPass& own = plan.passes.emplace_back();
