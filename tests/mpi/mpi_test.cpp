@@ -4,6 +4,7 @@
 #include <sys/resource.h>
 #include <unistd.h>
 
+#include <array>
 #include <cstdlib>
 #include <filesystem>
 #include <functional>
@@ -364,6 +365,29 @@ TYPED_TEST(OverRanks, AmplitudesAreFoundWhereverTheyLie) {
     EXPECT_THROW(both.spread.amplitudes(std::vector<std::uint64_t>{both.whole.size}),
                  std::invalid_argument);
     EXPECT_EQ(both.spread.gather(0).size(), both.spread.rank() == 0 ? both.whole.size : 0);
+}
+
+TEST(DryRuns, CountExchangesOfKnownCircuits) {
+    const unsigned int n = 40;
+    GateList brickwork, mixing;
+    for (unsigned int layer = 0; layer < 20; ++layer) {
+        for (unsigned int q = 0; q < n; ++q) {
+            brickwork.add(std::array{GateKind::RX, GateKind::RY, GateKind::RZ}[(layer + q) % 3], q,
+                          0.3);
+            mixing.add(GateKind::RY, q, 0.3);
+        }
+        for (unsigned int q = layer % 2; q + 1 < n; q += 2)
+            brickwork.add(GateKind::X, q + 1, Controls({q}));
+    }
+    const double gib = std::ldexp(1, 30);
+    const mpi::Traffic moved = mpi::dry_run<double>(brickwork, n, 10).traffic;
+    EXPECT_LE(moved.exchanges, 16u);
+    EXPECT_LT(moved.bytes, 256 * gib);
+    // Each pass takes 30 of the 800 gates.
+    const mpi::DryRun mixed = mpi::dry_run<float>(mixing, n, 10);
+    EXPECT_EQ(mixed.traffic.exchanges, 26u);
+    EXPECT_EQ(mixed.gate_by_gate.exchanges, 200u);
+    EXPECT_EQ(mixed.gate_by_gate.bytes, 200 * 4 * gib);
 }
 
 TEST(Faults, ReachEveryRankAsTheSameError) {
