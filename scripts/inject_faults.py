@@ -1,7 +1,7 @@
 #!/usr/bin/env python3
 """Breaks the library in many small ways, one at a time, and counts how many of them the C++ tests
-catch. Works on a copy of the sources under build/faults; a run that was stopped goes on where it was,
-unless sources or tests changed. What cannot change a result is listed in harmless_faults.txt.
+catch. Works on a copy of the sources under build/faults; a run that was stopped goes on where it
+was, unless sources or tests changed. What cannot change a result is listed in harmless_faults.txt.
 
     nice -n 19 scripts/inject_faults.py --count 100
 """
