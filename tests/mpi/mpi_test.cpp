@@ -379,15 +379,24 @@ TEST(DryRuns, CountExchangesOfKnownCircuits) {
         for (unsigned int q = layer % 2; q + 1 < n; q += 2)
             brickwork.add(GateKind::X, q + 1, Controls({q}));
     }
-    const double gib = std::ldexp(1, 30);
     const mpi::Traffic moved = mpi::dry_run<double>(brickwork, n, 10).traffic;
     EXPECT_LE(moved.exchanges, 16u);
-    EXPECT_LT(moved.bytes, 256 * gib);
+    EXPECT_LT(moved.bytes, std::ldexp(1, 38));
     // Each pass takes 30 of the 800 gates.
-    const mpi::DryRun mixed = mpi::dry_run<float>(mixing, n, 10);
-    EXPECT_EQ(mixed.traffic.exchanges, 26u);
-    EXPECT_EQ(mixed.gate_by_gate.exchanges, 200u);
-    EXPECT_EQ(mixed.gate_by_gate.bytes, 200 * 4 * gib);
+    EXPECT_EQ(mpi::dry_run<float>(mixing, n, 10).traffic.exchanges, 26u);
+}
+
+TEST(DryRuns, SayWhatIsSentAndHowLongItTakes) {
+    GateList list;
+    list.add(GateKind::H, 19).add(GateKind::H, 18).add(GateKind::Z, 17).add(GateKind::H, 0);
+    const double local = 16 << 16;
+    const mpi::DryRun run = mpi::dry_run<double>(list, 20, 4, {1e9, 1e6, 0.5});
+    EXPECT_EQ(run.traffic.exchanges, 1u);
+    EXPECT_EQ(run.traffic.bytes, local * 3 / 4);
+    EXPECT_EQ(run.gate_by_gate.exchanges, 2u);
+    EXPECT_EQ(run.gate_by_gate.bytes, local);
+    EXPECT_EQ(run.memory_passes, 1u);
+    EXPECT_DOUBLE_EQ(run.seconds, local * 3 / 4 / 1e6 + 3 * 0.5 + 2 * local / 1e9);
 }
 
 TEST(Faults, ReachEveryRankAsTheSameError) {
