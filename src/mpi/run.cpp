@@ -86,9 +86,8 @@ void StateVector<T>::State::run(cpu::Program<T>& program, const T* factors) {
 }
 
 template <class T>
-std::size_t StateVector<T>::State::run(const GateList& list, std::span<const double> values,
-                                       std::size_t first, std::size_t end,
-                                       const Callback& between) {
+RunReport StateVector<T>::State::run(const GateList& list, std::span<const double> values,
+                                     std::size_t first, std::size_t end, const Callback& between) {
     // Gates keep their numbers in the list, by which `bind` finds their angles.
     const auto lowered = [&](std::size_t last) {
         cpu::Program<T> program;
@@ -106,7 +105,7 @@ std::size_t StateVector<T>::State::run(const GateList& list, std::span<const dou
         plan = plan_ranks(program, layout);
     });
     const RankPass* const last = run_passes(*plan, program, program.factors.data(), between);
-    if (!last) return end;
+    if (!last) return {end, false};
     const std::size_t gates = last->reached.gates_begun(program.operations, program.n_gates);
     std::vector<unsigned int> names;
     together(comm(), [&] {
@@ -116,7 +115,7 @@ std::size_t StateVector<T>::State::run(const GateList& list, std::span<const dou
     });
     run(program, program.factors.data());
     layout.relabel(names);
-    return gates;
+    return {gates, true};
 }
 
 template <class T>
@@ -139,15 +138,16 @@ RunReport StateVector<T>::State::go_on(const GateList& list, std::span<const dou
             checkpoint.every == 0
                 ? list.size()
                 : std::min<std::size_t>(list.size(), progress.gates + checkpoint.every);
-        progress.gates = run(list, values, progress.gates, end, between);
-        goes_on = progress.gates == end;
-        if (!goes_on || checkpoint.every == 0) continue;
+        const RunReport report = run(list, values, progress.gates, end, between);
+        progress.gates = report.gates_done;
+        goes_on = !report.stopped;
+        if (progress.gates < end || checkpoint.every == 0) continue;
         const std::string older = progress.state;
         progress.state = checkpoint.path + "." + std::to_string(end) + ".npy";
         owner.save(progress.state);
         write_progress(communicator, checkpoint.path, progress);
         if (rank() == 0 && !older.empty()) std::remove(older.c_str());
-        if (end < list.size()) goes_on = all_go_on(comm(), [&] { return between(end); });
+        if (goes_on && end < list.size()) goes_on = all_go_on(comm(), [&] { return between(end); });
     }
     raise_together(comm(), failure);
     return {progress.gates, progress.gates < list.size()};

@@ -47,9 +47,9 @@ struct StateVector<T>::State {
     const RankPass* run_passes(const RankPlan& plan, const cpu::Program<T>& program,
                                const T* factors, const Callback& between);
     /// Applies gates [first, end) of a list.
-    /// @return where it ended: earlier when stopped.
-    std::size_t run(const GateList& list, std::span<const double> values, std::size_t first,
-                    std::size_t end, const Callback& between);
+    /// @return the gates done, those before `first` among them: `end` or, when stopped, maybe less.
+    RunReport run(const GateList& list, std::span<const double> values, std::size_t first,
+                  std::size_t end, const Callback& between);
     /// Applies the gates that `progress` lacks and saves in between.
     RunReport go_on(const GateList& list, std::span<const double> values, RunProgress progress,
                     const Checkpoint& checkpoint, const Callback& between_passes,

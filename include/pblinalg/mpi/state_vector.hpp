@@ -102,10 +102,11 @@ class PBLINALG_EXPORT StateVector {
     T probability(std::uint64_t outcome, const Qubits& qubits);
     /// The 2^L probabilities of the outcomes on L listed, distinct qubits.
     std::vector<T> distribution(const Qubits& qubits);
-    /// constant + sum over terms of coefficient * <P>.
+    /// constant + sum over terms of coefficient * <P>: the bits of one process with any request for
+    /// workers but 1 up to 20 qubits, and beyond on at most 1,024 ranks of 2^17 amplitudes or more.
     ///
-    /// Cost: for terms that flip qubits of the ranks' numbers, blocks of up to 64 such masks at a
-    /// time cross the network once; each rank gets and sends all but a part of its amplitudes.
+    /// Cost: terms that flip qubits of the ranks' numbers need amplitudes of other ranks. For each
+    /// pass that one process would make over its memory, a rank sends less than it holds.
     std::complex<T> expectation_value(const WObservable<T>& observable);
     /// coefficient * <P> of every term.
     std::vector<Amplitude> terms_expectations_values(const WObservable<T>& observable);
