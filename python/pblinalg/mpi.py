@@ -168,8 +168,8 @@ class StateVector(Readout):
         """Applies a circuit, measurements and all, to the state as it is. `values` are those of its
         parameters.
 
-        A signal that one rank gets, such as SIGINT, and an exception from its `progress` stop all of
-        them between exchanges: the state then holds the effect of exactly the gates and
+        A signal that one rank gets, such as SIGINT, and an exception from its `progress` stop all
+        of them between exchanges: the state then holds the effect of exactly the gates and
         measurements up to there. That rank raises what it got; the others raise KeyboardInterrupt
         or RuntimeError, which names the rank.
 
