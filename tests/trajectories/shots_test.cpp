@@ -107,6 +107,21 @@ TYPED_TEST(Shots, BeyondABatchAreNumberedOn) {
         EXPECT_NEAR(static_cast<double>(times), 0x1p18, 5 * 0x1p9) << text;
 }
 
+TYPED_TEST(Shots, ReadWronglyAsOftenAsTheErrorsSay) {
+    ShotProgram program(2, 2);
+    program.add_gates(GateList().add(GateKind::X, 0));
+    program.add_measurement(0, 0, {0.7, 0.3}).add_measurement(1, 1, {0.1, 0.6});
+    ShotOptions options;
+    options.shots = 100000;
+    const Counts counts = count_shots<TypeParam>(program, {}, options);
+    for (const auto& [text, share] : {std::pair("00", 0.27), std::pair("01", 0.03),
+                                      std::pair("10", 0.63), std::pair("11", 0.07)}) {
+        const double expected = 100000 * share;
+        EXPECT_NEAR(static_cast<double>(counts.at(text)), expected,
+                    5 * std::sqrt(expected * (1 - share)));
+    }
+}
+
 TYPED_TEST(Shots, StopWhenAskedTo) {
     using T = TypeParam;
     const ShotProgram program = program_of_all_steps(4);
