@@ -210,6 +210,7 @@ PassSteps Plan<T>::compile(std::span<const Operation> local, Index active) const
                 writer.append(*operation);
             }
         }
+        writer.end();
         const unsigned int last = size(compiled.steps);
         if (last > first) compiled.windows.push_back({window.active, first, last, placement});
     }
@@ -301,6 +302,7 @@ TilePass<T> Plan<T>::tile_pass(const Stage& stage, const T* factors) const {
         .conditions = steps.conditions.data(),
         .n_steps = steps.steps.size(),
         .lookups = steps.lookups.data(),
+        .signs = steps.signs.data(),
         .placements = steps.placements.data(),
         .n_placements = steps.placements.size(),
         .factors = factors,
