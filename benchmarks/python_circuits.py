@@ -1,7 +1,7 @@
 """What circuits of the Python package cost beside their gates: `python_circuits.py [GATES]`.
 
-Times in milliseconds, the shortest of several: making a circuit of layers on 10 qubits gate by gate,
-its first run, which plans it, a later one, and runs of one whose angles are parameters.
+Times in milliseconds, the shortest of several: making a circuit of layers on 10 qubits gate by
+gate, its first run, which plans it, a later one, and runs of one whose angles are parameters.
 """
 
 import sys

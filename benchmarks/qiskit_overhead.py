@@ -1,7 +1,7 @@
 """What a Qiskit circuit costs outside the library, its translation included: medians of whole jobs
 of the backend and of the estimator, and what is left of them without the calls that run, sample and
-evaluate states. `qiskit_overhead.py [REPETITIONS]`; the circuit has 2000 gates on 20 qubits, half of
-them with angles.
+evaluate states. `qiskit_overhead.py [REPETITIONS]`; the circuit has 2000 gates on 20 qubits, half
+of them with angles.
 """
 
 import statistics

@@ -1,7 +1,7 @@
 #!/usr/bin/env python3
-"""Measures which lines and branches of the library the C++ tests reach, with clang: counters stand in
-the ordinary objects and in the baseline kernels, which are the same source as the others. Prints, by
-file, what was reached, and which lines were not. Needs clang, libomp-dev and llvm."""
+"""Measures which lines and branches of the library the C++ tests reach, with clang: counters stand
+in the ordinary objects and in the baseline kernels, which are the same source as the others.
+Prints, by file, what was reached, and which lines were not. Needs clang, libomp-dev and llvm."""
 
 import collections
 import json

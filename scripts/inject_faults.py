@@ -1,7 +1,7 @@
 #!/usr/bin/env python3
 """Breaks the library in many small ways, one at a time, and counts how many of them the C++ tests
-catch. Works on a copy of the sources under build/faults; a run that was stopped goes on where it was,
-unless sources or tests changed. What cannot change a result is listed in harmless_faults.txt.
+catch. Works on a copy of the sources under build/faults; a run that was stopped goes on where it
+was, unless sources or tests changed. What cannot change a result is listed in harmless_faults.txt.
 
     nice -n 19 scripts/inject_faults.py --count 100
 """
@@ -27,6 +27,10 @@ HARMLESS = Path(__file__).with_name("harmless_faults.txt")
 # one too far does no harm that can be seen.
 PLAIN = ""
 SANITIZED = "-fsanitize=address,undefined -fno-sanitize-recover=all"
+# The library over MPI is broken too where there is one; its tests then run on this many ranks.
+WITH_MPI = bool(shutil.which("mpirun") and shutil.which("mpicxx"))
+MPI_TEST = "mpi_test"
+RANKS = "4"
 COPIED = ["CMakeLists.txt", "README.md", "cmake", "include", "src", "tests"]
 
 # Binary operators stand between spaces, since all sources are formatted; the angle brackets,
@@ -58,6 +62,10 @@ class Fault:
     line: int
     before: str
     after: str
+
+    @property
+    def over_mpi(self):
+        return self.file.startswith("src/mpi/")
 
     @property
     def key(self):
@@ -111,7 +119,10 @@ def chosen_faults(options):
     harmless = {
         line.strip() for line in HARMLESS.read_text().split("\n") if not line.startswith((" ", "#"))
     }
-    faults = [fault for fault in all_faults(ROOT) if options.only in fault.file]
+    faults = [
+        fault for fault in all_faults(ROOT)
+        if options.only in fault.file and (WITH_MPI or not fault.over_mpi)
+    ]  # fmt: skip
     random.Random(options.seed).shuffle(faults)
     return [fault for fault in faults if fault.without_line not in harmless]
 
@@ -150,13 +161,17 @@ class Tree:
              "-DCMAKE_BUILD_TYPE=Debug", "-DCMAKE_CXX_FLAGS_DEBUG=-O1",
              f"-DCMAKE_CXX_FLAGS={self.flags}",
              "-DPBLINALG_BUILD_BENCHMARKS=OFF", "-DPBLINALG_BUILD_EXAMPLES=OFF",
+             f"-DPBLINALG_BUILD_MPI={'ON' if WITH_MPI else 'OFF'}",
              "-DCMAKE_GTEST_DISCOVER_TESTS_DISCOVERY_MODE=PRE_TEST", *launcher],
             check=True, stdout=subprocess.DEVNULL,
         )  # fmt: skip
 
-    def make(self, target, limit):
-        """True when the target was built, within `limit` seconds."""
-        command = ["cmake", "--build", self.build, "-j", str(self.jobs), "--target", target]
+    def make_libraries(self, limit):
+        return self.make("pblinalg_internals", *["pblinalg_mpi"] * WITH_MPI, limit=limit)
+
+    def make(self, *targets, limit):
+        """True when the targets were built, within `limit` seconds."""
+        command = ["cmake", "--build", self.build, "-j", str(self.jobs), "--target", *targets]
         return run_limited(command, limit) == 0
 
     def object_digests(self):
@@ -168,17 +183,20 @@ class Tree:
     def prepare(self):
         """Builds the unbroken code, and measures its tests, which must pass."""
         self.configure()
-        if not self.make("pblinalg_internals", 7200):
+        if not self.make_libraries(limit=7200):
             sys.exit(f"the library does not build without a fault in {self.build}")
         seconds = {}
-        for test in sorted(path.stem for path in (ROOT / "tests").rglob("*_test.cpp")):
-            if not self.make(test, 7200):
+        for path in sorted((ROOT / "tests").rglob("*_test.cpp")):
+            test = path.stem
+            if test == MPI_TEST and not WITH_MPI:
+                continue
+            if not self.make(test, limit=7200):
                 sys.exit(f"{test} does not build without a fault")
             start = processor_seconds()
             if run_test(self, test, 3600) != 0:
                 sys.exit(f"{test} fails without a fault")
             seconds[test] = processor_seconds() - start
-            print(f"{test:24} {seconds[test]:6.1f} s", flush=True)
+            print(f"{test:28} {seconds[test]:6.1f} s", flush=True)
         self.seconds = seconds
         self.clean = self.object_digests()
 
@@ -214,15 +232,21 @@ def ordered_tests(seconds, fault):
         same = any((ROOT / "tests" / folder).glob(f"{test}.cpp"))
         return (not near, not same, seconds[test])
 
-    return sorted(seconds, key=rank)
+    # The core's own tests are what must catch its faults.
+    return sorted((test for test in seconds if (test == MPI_TEST) == fault.over_mpi), key=rank)
 
 
 def run_test(tree, test, limit):
     """The exit code; not 0 after `limit` seconds of processor time, which other load does not
     shorten, or many times as long without using them."""
     environment = os.environ | {"GTEST_FAIL_FAST": "1", "OMP_WAIT_POLICY": "passive"}
+    command = [tree.build / "tests" / test, "--gtest_brief=1"]
+    if test == MPI_TEST:
+        # MPI itself keeps memory until the end.
+        environment |= {"OMP_NUM_THREADS": "1", "ASAN_OPTIONS": "detect_leaks=0"}
+        command = [ROOT / "scripts" / "ranks.sh", RANKS, *command]
     return run_limited(
-        [tree.build / "tests" / test, "--gtest_brief=1"], 20 * limit, env=environment,
+        command, 20 * limit, env=environment,
         cwd=tree.build,
         preexec_fn=lambda: resource.setrlimit(resource.RLIMIT_CPU, (int(limit), int(limit))),
     )  # fmt: skip
@@ -230,12 +254,12 @@ def run_test(tree, test, limit):
 
 def try_build(tree, fault, build_limit):
     """What became of a fault that is in the sources, in one build: the outcome and its test."""
-    if not tree.make("pblinalg_internals", build_limit):
+    if not tree.make_libraries(build_limit):
         return "does not build", None
     if tree.object_digests() == tree.clean:
         return "same code", None
     for test in ordered_tests(tree.seconds, fault):
-        if not tree.make(test, build_limit):
+        if not tree.make(test, limit=build_limit):
             return "does not build", None
         # A fault may also make a loop endless.
         code = run_test(tree, test, 10 + 5 * tree.seconds[test])

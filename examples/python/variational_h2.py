@@ -33,7 +33,8 @@ theta = np.arctan2((plus - minus) / 2, middle - (plus + minus) / 2) + np.pi
 lowest = energy(theta)
 exact = np.linalg.eigvalsh(hamiltonian.matrix())[0]
 print(
-    f"theta {theta:.6f}, energy {lowest + nuclear_repulsion:.9f}, exact {exact + nuclear_repulsion:.9f}"
+    f"theta {theta:.6f}, energy {lowest + nuclear_repulsion:.9f}, "
+    f"exact {exact + nuclear_repulsion:.9f}"
 )
 assert abs(lowest - exact) < 1e-9
 

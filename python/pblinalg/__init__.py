@@ -12,7 +12,7 @@ import os
 from typing import TYPE_CHECKING, Any
 
 # Workers that wait for the next region in a busy loop keep the processor from whoever has work. The
-# OpenMP runtime reads this when it is loaded, with the extension, unless something loaded it before.
+# OpenMP runtime reads this when loaded: with the extension, unless something loaded it before.
 _spin = {"GOMP_SPINCOUNT": "100"}
 if "GOMP_SPINCOUNT" in os.environ or "OMP_WAIT_POLICY" in os.environ:
     _spin = {}

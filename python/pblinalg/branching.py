@@ -13,7 +13,15 @@ from numpy.typing import NDArray
 
 from . import _core
 from ._core import GateList
-from .arguments import Accuracy, Precision, accuracy_name, count, precision_name, require_memory, seed_number
+from .arguments import (
+    Accuracy,
+    Precision,
+    accuracy_name,
+    count,
+    precision_name,
+    require_memory,
+    seed_number,
+)
 from .channels import shot_channel
 from .noise import NoiseModel, channel_sites, check_noise
 from .observable import ObservableLike, observable_on

@@ -1,4 +1,4 @@
-"""Channels: what noise does to a few qubits, each stated once for density matrices and trajectories."""
+"""Channels: noise on a few qubits, each stated once for density matrices and trajectories."""
 
 from __future__ import annotations
 
@@ -29,8 +29,9 @@ _PAULIS: dict[str, Matrix] = {
 class Channel:
     """Noise on one or several qubits: one of several operators acts, which one is left to chance.
 
-    operators: Kraus operators, matrices of 2^k rows whose indices have the first qubit as their most
-    significant bit. ValueError unless the sum of K^dagger K over them is the identity within 1e-6.
+    operators: Kraus operators, matrices of 2^k rows whose indices have the first qubit as their
+    most significant bit. ValueError unless the sum of K^dagger K over them is the identity within
+    1e-6.
 
     The class methods make the common channels. Those that apply unitary gates with fixed
     probabilities are `mixture`s, which trajectories draw without a look at the state.

@@ -27,9 +27,10 @@ class Circuit(Program):
     >>> bell = Circuit(2).h(0).cx(0, 1)
 
     The gates are kept as a list of the library, with the plan of their run. Angles may be a
-    `Parameter`: one circuit then runs with ever new `values`. A circuit runs in either precision and any number of times, in several threads at once,
-    too; it can be copied and pickled. `len` and iteration are about its gates alone, those of
-    conditions included; a circuit is true when it has any step.
+    `Parameter`: one circuit then runs with ever new `values`. A circuit runs in either precision
+    and any number of times, in several threads at once, too; it can be copied and pickled. `len`
+    and iteration are about its gates alone, those of conditions included; a circuit is true when it
+    has any step.
     """
 
     __slots__ = ()
@@ -81,8 +82,8 @@ class Circuit(Program):
         Matrices are taken apart into rotations, the number of which grows as 4^k on k qubits.
         OpenQASM 2 has no phase of the whole state: there two rotations of qubit 0 bring it about,
         and gates with many controls come with their definitions. ValueError for matrices that are
-        not unitary, and in version 2 for parameters and for conditions on anything but one whole register, its last
-        bit listed first.
+        not unitary, and in version 2 for parameters and for conditions on anything but one whole
+        register, its last bit listed first.
         """
         return qasm_writer.write(self, version)
 

@@ -1,4 +1,4 @@
-"""The steps of a program on one state of the lower level: what was recorded in `program` happens."""
+"""The steps of a program on one state of the lower level: what `program` recorded happens."""
 
 from __future__ import annotations
 

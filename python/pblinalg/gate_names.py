@@ -35,7 +35,9 @@ def full_name(gate: Gate) -> str:
 
 def is_gate_name(name: str) -> bool:
     """True for what `full_name` gives of some gate."""
-    plain = re.fullmatch(r"(?:cc?|c(?:[3-9]|[1-9]\d+))?(\w+)", name) if isinstance(name, str) else None
+    if not isinstance(name, str):
+        return False
+    plain = re.fullmatch(r"(?:cc?|c(?:[3-9]|[1-9]\d+))?(\w+)", name)
     return name in _NAMES.values() or (plain is not None and plain[1] in _NAMES.values())
 
 

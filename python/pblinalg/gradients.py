@@ -58,8 +58,8 @@ def value_and_gradient(
     name, in radians where they are angles.
 
     A sequence of m observables gives arrays of shapes (m,) and (m, parameters); the circuit then
-    runs forward once for all of them. A `StateVector` in place of an observable asks for the squared
-    magnitude of the overlap with it, the fidelity.
+    runs forward once for all of them. A `StateVector` in place of an observable asks for the
+    squared magnitude of the overlap with it, the fidelity.
 
     The cost is that of three to five runs of the circuit, whatever the number of parameters, and
     the memory that of two states, three for several observables. Results are the same for every
@@ -70,8 +70,9 @@ def value_and_gradient(
 
     ValueError for values that are missing, too many or not finite, for a circuit with measurements,
     resets, conditions or matrices that are not unitary, and for an observable with coefficients
-    that are not real or on other qubits than the circuit's. Ctrl-C, and an exception from `progress`,
-    which is told the gates done forward and backward, stop between passes over the state.
+    that are not real or on other qubits than the circuit's. Ctrl-C, and an exception from
+    `progress`, which is told the gates done forward and backward, stop between passes over the
+    state.
     """
     if not isinstance(circuit, Program):
         raise TypeError(f"circuit must be a Circuit, got {circuit!r}")

@@ -3,8 +3,8 @@
 `PybindLinAlgStateVectorCPUFloat` and `...Double`, `PybindLinAlgWCircuitFloat` and `...Double`,
 `WObservableFloat` and `...Double`, `SimpleTermFloat` and `...Double` mirror the C++ templates. An
 argument that C++ takes as a pointer is an array here; members that fill a caller's buffer take it
-as `out`, or make one when it is left out. `GateList` records gates for either precision; `gate_table` and `gate_matrix`
-say what gates there are.
+as `out`, or make one when it is left out. `GateList` records gates for either precision;
+`gate_table` and `gate_matrix` say what gates there are.
 """
 
 from ._core import (

@@ -1,5 +1,5 @@
-"""States that are spread over the ranks of an MPI communicator. Needs mpi4py, and a package that was
-built with PBLINALG_BUILD_MPI."""
+"""States that are spread over the ranks of an MPI communicator. Needs mpi4py, and a package that
+was built with PBLINALG_BUILD_MPI."""
 
 from __future__ import annotations
 
@@ -51,9 +51,9 @@ class StateVector(Readout):
     which holds 2^(n-p) amplitudes.
 
     All methods are collective: every rank calls them in the same order with the same arguments, and
-    gets the same result or the same error. Strings, outcomes and arrays have qubit 0 first, as those
-    of `pblinalg.StateVector`, whose amplitudes and shots for a seed these are. ValueError for a
-    number of ranks that is no power of two and for fewer than p + 2 qubits.
+    gets the same result or the same error. Strings, outcomes and arrays have qubit 0 first, as
+    those of `pblinalg.StateVector`, whose amplitudes and shots for a seed these are. ValueError for
+    a number of ranks that is no power of two and for fewer than p + 2 qubits.
 
     threads: worker threads of every rank, 1 by default.
     seed: of the generator behind shots and measurements, by default one that rank 0 draws.
@@ -145,8 +145,8 @@ class StateVector(Readout):
         return self
 
     def set_amplitudes(self, amplitudes: ArrayLike, check: bool = True) -> StateVector:
-        """Loads 2^n amplitudes, given whole on every rank, qubit 0 being the most significant bit of
-        an index. ValueError when their norm is not 1, unless `check` is False."""
+        """Loads 2^n amplitudes, given whole on every rank, qubit 0 being the most significant bit
+        of an index. ValueError when their norm is not 1, unless `check` is False."""
         array = complex_array(amplitudes, "amplitudes").reshape(-1)
         norm = float(np.linalg.norm(array))
         if check and not abs(norm - 1) < 1e-5:

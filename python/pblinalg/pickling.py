@@ -1,5 +1,5 @@
-"""How objects of the lower level are copied and pickled. Those of the upper level say so themselves;
-a state's generator is part of its state and is not copied alone."""
+"""How objects of the lower level are copied and pickled. Those of the upper level say so
+themselves; a state's generator is part of its state and is not copied alone."""
 
 from __future__ import annotations
 

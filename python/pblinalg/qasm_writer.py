@@ -37,8 +37,8 @@ def write(circuit: Program, version: int = 3) -> str:
         raise ValueError(f"version = {version!r}: expected 2 or 3")
     if version == 2 and circuit.parameters:
         raise ValueError(
-            f"OpenQASM 2 has no parameters, the circuit has {circuit.parameters[0].name!r}: give it "
-            "numbers with `bind`, or write version=3"
+            f"OpenQASM 2 has no parameters, the circuit has {circuit.parameters[0].name!r}: give "
+            "it numbers with `bind`, or write version=3"
         )
     for parameter in circuit.parameters:
         if not re.fullmatch(r"[^\W\d]\w*", parameter.name) or _TAKEN.fullmatch(parameter.name):

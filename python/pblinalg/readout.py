@@ -12,7 +12,6 @@ from numpy.typing import ArrayLike, NDArray
 
 from . import _core
 from .arguments import (
-    Precision,
     Qubits,
     complex_array,
     count,
@@ -115,8 +114,8 @@ class Readout(GateMethods):
         total = float(self._core.get_distribution([])[0])
         if not abs(total - 1) <= NORM_TOLERANCE:
             raise ValueError(
-                f"the probabilities of the state add up to {total:.6g}; expected 1: load amplitudes "
-                "of norm 1, or divide them by their norm"
+                f"the probabilities of the state add up to {total:.6g}; expected 1: load "
+                "amplitudes of norm 1, or divide them by their norm"
             )
 
     @property

@@ -1,5 +1,5 @@
-"""Running circuits for counts. Where nothing is left to chance before the end, a circuit is simulated
-once and sampled; the others are run in `branching`."""
+"""Running circuits for counts. Where nothing is left to chance before the end, a circuit is
+simulated once and sampled; the others are run in `branching`."""
 
 from __future__ import annotations
 
@@ -42,11 +42,11 @@ def run(
 
     A circuit without measurements is read out over all qubits at its end. Where nothing acts on a
     qubit after it was measured, and nothing else is left to chance, the circuit is simulated once
-    and sampled. Otherwise shots that read and draw the same so far are simulated together, and go on
-    from copies of their state where they part: at most log2(shots) copies at once, and fewer where
-    memory is short. `threads` are then, below 18 qubits, those that share the shots, by default one
-    per processor. An outcome is certain when the other one has a probability of at most 2^-64 (in
-    float 2^-32).
+    and sampled. Otherwise shots that read and draw the same so far are simulated together, and go
+    on from copies of their state where they part: at most log2(shots) copies at once, and fewer
+    where memory is short. `threads` are then, below 18 qubits, those that share the shots, by
+    default one per processor. An outcome is certain when the other one has a probability of at most
+    2^-64 (in float 2^-32).
 
     The same seed gives the same counts for every number of threads; but where a state of 2^16
     amplitudes or more collapses, 1 thread may round differently from more, and a shot on the brink

@@ -213,7 +213,8 @@ class StateVector(Readout):
         Ctrl-C, and an exception from `progress`, stop between passes over the state: it then holds
         the effect of exactly the gates and measurements up to there, and `core.gates_applied` has
         grown by the number of those gates. With `accuracy="rounding"` a stop first runs up to a
-        thousand more gates, which others have overtaken. While gates run, the state is not to be used.
+        thousand more gates, which others have overtaken. While gates run, the state is not to be
+        used.
         """
         if not isinstance(circuit, Program):
             raise TypeError(f"circuit must be a Circuit, got {circuit!r}")

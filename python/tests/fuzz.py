@@ -1,5 +1,5 @@
-"""Calls everything with anything: `fuzz.py SEED CALLS`. A crash ends the process, an unexpected kind
-of error shows a traceback; both fail the test that runs this."""
+"""Calls everything with anything: `fuzz.py SEED CALLS`. A crash ends the process, an unexpected
+kind of error shows a traceback; both fail the test that runs this."""
 
 import faulthandler
 import inspect
@@ -9,6 +9,7 @@ import sys
 
 faulthandler.enable()
 import numpy as np
+
 import pblinalg as pb
 import pblinalg.lowlevel as low
 

@@ -12,7 +12,6 @@ import pblinalg as pb
 import pblinalg.lowlevel as low
 from interpreter import run_python
 
-
 KINDS = [getattr(low, name) for name in low.__all__ if isinstance(getattr(low, name), type)]
 STATES, RECORDS, OBSERVABLES, TERMS = (
     [kind for kind in KINDS if kind.__name__.startswith(name)]

@@ -4,10 +4,10 @@ from functools import partial
 
 import numpy as np
 import pytest
+from pblinalg._core import take_gates
 
 import dense
 import pblinalg as pb
-from pblinalg._core import take_gates
 from pblinalg.lowlevel import GateList, gate_matrix, gate_table
 
 T = 0.7312
@@ -65,7 +65,7 @@ def held(matrix, controls, state):
 
 
 def every_use(rng):
-    """(description, function that applies, qubits, matrix) for each gate, with and without controls."""
+    """(description, function that applies, qubits, matrix) of gates with and without controls."""
 
     def use(qubits, matrix, name, *arguments, **options):
         text = f"{name} {arguments} {options}"

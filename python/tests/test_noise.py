@@ -32,7 +32,8 @@ CHANNELS = {
         ]
     ),
     "isometry": C([k.reshape(4, 4) for k in np.linalg.qr(
-        np.random.default_rng(5).normal(size=(12, 4)) + 1j * np.random.default_rng(6).normal(size=(12, 4))
+        np.random.default_rng(5).normal(size=(12, 4))
+        + 1j * np.random.default_rng(6).normal(size=(12, 4))
     )[0].reshape(3, 4, 4)]),
 }  # fmt: skip
 
@@ -64,7 +65,8 @@ def chi_square_score(counts, probabilities):
 @pytest.mark.parametrize("name", CHANNELS)
 def test_trajectories_agree_with_the_exact_channel(name, precision):
     channel = CHANNELS[name]
-    noise = pb.NoiseModel().add(channel).add(channel, gates=["ry", "cx", "cz"][channel.num_qubits - 1 :])
+    gates = ["ry", "cx", "cz"][channel.num_qubits - 1 :]
+    noise = pb.NoiseModel().add(channel).add(channel, gates=gates)
     exact = pb.DensityMatrix(3).run(prepared(), noise=noise)
     ideal = pb.StateVector(3).run(prepared())
     options = {"precision": precision.name, "seed": 17, "noise": noise}
@@ -107,6 +109,7 @@ def test_channels_are_what_they_are_called():
         return np.array([[1 - one, coherence], [np.conj(coherence), one]])
 
     t1, t2, time = 3.0, 4.0, 1.5
+    kept = np.exp(-time / t1)
     for channel, expected in (
         (C.depolarizing(0.2), 0.8 * rho + 0.1 * np.eye(2)),
         (C.bit_flip(0.2), 0.8 * rho + 0.2 * dense.X @ rho @ dense.X),
@@ -114,8 +117,8 @@ def test_channels_are_what_they_are_called():
         (C.pauli({"Y": 0.2}), 0.8 * rho + 0.2 * dense.Y @ rho @ dense.Y),
         (C.amplitude_damping(0.2), matrix(0.56, 0.8**0.5 * off)),
         (C.phase_damping(0.2), matrix(0.7, 0.8**0.5 * off)),
-        (C.thermal_relaxation(t1, t2, time), matrix(0.7 * np.exp(-time / t1), np.exp(-time / t2) * off)),
-        (C.thermal_relaxation(t1, 2 * t1, time), after(C.amplitude_damping(1 - np.exp(-time / t1)))),
+        (C.thermal_relaxation(t1, t2, time), matrix(0.7 * kept, np.exp(-time / t2) * off)),
+        (C.thermal_relaxation(t1, 2 * t1, time), after(C.amplitude_damping(1 - kept))),
     ):
         np.testing.assert_allclose(after(channel), expected, atol=1e-15, err_msg=repr(channel))
     assert C.bit_flip(0.1) != C.bit_flip(0.2) and C.bit_flip(0.1).probabilities == (0.9, 0.1)
@@ -135,7 +138,8 @@ def test_channels_follow_the_gates_that_rules_name():
     ):
         assert ccx.run(20, seed=1, noise=noise) == {expected: 20}
     swapped = pb.Circuit(2).cx(1, 0)
-    for places, expected in (((0, 1), "10"), ([(1, 0)], "01"), ([(0, 1), (1, 0)], "11"), (None, "01")):
+    both = [(0, 1), (1, 0)]
+    for places, expected in (((0, 1), "10"), ([(1, 0)], "01"), (both, "11"), (None, "01")):
         assert swapped.run(9, noise=pb.NoiseModel().add(pair, "cx", places)) == {expected: 9}
     # In conditions, after the bits were read wrongly, and in the order of the rules.
     circuit = pb.Circuit(2).x(0).measure(0)
@@ -167,13 +171,15 @@ def test_readout_errors_confuse_what_is_read(precision):
 def test_one_run_serves_all_trajectories_that_drew_no_error():
     noise = pb.NoiseModel().add(C.depolarizing(1e-9))
     value, error = pb.estimate(prepared(), "ZZI", 100000, noise=noise, seed=1)
-    assert error == 0 and value == pytest.approx(pb.StateVector(3).run(prepared()).expectation("ZZI"))
+    exact = pb.StateVector(3).run(prepared()).expectation("ZZI")
+    assert error == 0 and value == pytest.approx(exact)
     a = pb.Parameter("a")
     circuit = pb.Circuit(1).ry(a, 0).measure(0)
     mean, error = pb.estimate(circuit, "X", 2000, values=[1.2], seed=1)
     # What was measured has no coherence left.
     assert abs(mean) <= 5 * error
-    assert pb.estimate(pb.Circuit(1).ry(a, 0), "X", 2, values=[1.2]) == (pytest.approx(np.sin(1.2)), 0)
+    turned = pb.Circuit(1).ry(a, 0)
+    assert pb.estimate(turned, "X", 2, values=[1.2]) == (pytest.approx(np.sin(1.2)), 0)
 
 
 def test_norms_survive_many_weak_operators(precision):

@@ -18,7 +18,6 @@ from qiskit.circuit import (
     PowerModifier,
     library,
 )
-from qiskit.circuit.classical import expr
 from qiskit.circuit.library.standard_gates import get_standard_gate_name_mapping
 from qiskit.primitives import StatevectorEstimator, StatevectorSampler
 from qiskit.providers import JobStatus
@@ -64,7 +63,7 @@ def random_gate(rng, parameters):
 @pytest.mark.parametrize("seed", range(20))
 def test_random_circuits_give_the_amplitudes_of_qiskit(seed):
     rng = np.random.default_rng(seed)
-    for case in range(10):
+    for _ in range(10):
         parameters = ParameterVector("p", 3)
         circuit = prepared(rng, 5)
         for _ in range(12):
@@ -332,7 +331,7 @@ def test_errors_are_qiskits_and_say_what_is_wrong():
 
 def test_long_jobs_can_be_cancelled():
     circuit = QuantumCircuit(20, 1)
-    for layer in range(2000):
+    for _ in range(2000):
         circuit.rx(0.1, range(20))
     job = Backend().run(circuit)
     assert job.cancel()

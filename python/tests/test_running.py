@@ -78,8 +78,9 @@ def test_runs_by_rounding_agree_with_exact_ones(precision):
             for accuracy in ("exact", "rounding")
         )
         assert 0 < np.abs(exact.amplitudes - rounded.amplitudes).max() < 10 * precision.tolerance
+    pair = pb.Circuit(6).h(0).sx(0).cx(0, 4)
     exact, rounded = (
-        pb.DensityMatrix(6, precision.name).run(pb.Circuit(6).h(0).sx(0).cx(0, 4), accuracy=accuracy)
+        pb.DensityMatrix(6, precision.name).run(pair, accuracy=accuracy)
         for accuracy in ("exact", "rounding")
     )
     assert np.allclose(exact.to_array(), rounded.to_array())

@@ -1,11 +1,12 @@
-"""States over ranks against one process, from Python; started by mpirun with any number of ranks."""
+"""States over ranks against one process, from Python; started by mpirun with any ranks."""
 
 import tempfile
 from pathlib import Path
 
 import numpy as np
-import pblinalg as pb
 from mpi4py import MPI
+
+import pblinalg as pb
 
 comm = MPI.COMM_WORLD
 NUM_QUBITS = 10
@@ -37,8 +38,8 @@ def raises(kind: type, part: str, work) -> None:
 def test_results_are_those_of_one_process() -> None:
     for precision in ("float", "double"):
         spread, whole = both(precision)
-        array = spread.to_array()
-        assert array.dtype == whole.to_array().dtype and array.tobytes() == whole.to_array().tobytes()
+        array, expected = spread.to_array(), whole.to_array()
+        assert array.dtype == expected.dtype and array.tobytes() == expected.tobytes()
         assert spread.to_array(root=0) is None or comm.rank == 0
         assert spread["0110000001"] == whole["0110000001"] and spread[-1] == whole[-1]
         assert (spread.probabilities([9, 0, 4]) == whole.probabilities([9, 0, 4])).all()
