@@ -1,6 +1,6 @@
-// Gate lists of all kinds of gates, from basis state 0. Beside each run four RX on qubit 3 are
-// timed; the counter `passes` is the run's time in those, one read and write of the state each.
-// Planning alone.
+// Gate lists of all kinds of gates, from basis state 0 or a random state. Beside each run four RX
+// on qubit 3 are timed; the counter `passes` is the run's time in those, one read and write of the
+// state each. Planning alone.
 #include <benchmark/benchmark.h>
 
 #include <chrono>
@@ -37,17 +37,30 @@ GateList list_of(const benchmark::State& run, AddLayers add_layers) {
     return list;
 }
 
+enum class Start { basis_state, random_state };
+
+template <class T>
+void fill_at_random(State<T>& state) {
+    std::mt19937_64 generator(1);
+    std::uniform_real_distribution<T> part(-1, 1);
+    const T scale = std::sqrt(T(1.5) / static_cast<T>(state.size));
+    for (unsigned long long i = 0; i < state.size; ++i)
+        state.state[i] = {scale * part(generator), scale * part(generator)};
+}
+
 /// Arguments: qubits, layers, threads.
-template <class T, Accuracy accuracy>
+template <class T, Accuracy accuracy, Start start = Start::basis_state>
 void BM_List(benchmark::State& run, AddLayers add_layers) {
     State<T>& state = shared_state<T>(run.range(0), run.range(2));
     const GateList list = list_of(run, add_layers);
     const RunOptions options{.accuracy = accuracy};
     double pass = 0, whole = 0;
+    // Each run goes on from what the one before has left.
+    if (start == Start::random_state) fill_at_random(state);
     for (auto _ : run) {
         run.PauseTiming();
         pass += fastest_pass(state);
-        state.reset();
+        if (start == Start::basis_state) state.reset();
         run.ResumeTiming();
         const auto begin = std::chrono::steady_clock::now();
         pblinalg::run(state, list, {}, options);
@@ -107,6 +120,7 @@ bool register_lists() {
         const std::pair<const char*, void (*)(benchmark::State&, AddLayers)> ways[] = {
             {"BM_List", BM_List<T, Accuracy::exact>},
             {"BM_ListByRounding", BM_List<T, Accuracy::rounding>},
+            {"BM_ListByRoundingFromRandom", BM_List<T, Accuracy::rounding, Start::random_state>},
             {"BM_Planning", BM_Planning<T, Accuracy::exact>},
             {"BM_PlanningByRounding", BM_Planning<T, Accuracy::rounding>},
             {"BM_GateByGate", BM_GateByGate<T>}};
