@@ -24,12 +24,13 @@ constexpr std::size_t max_marked_steps = 64;
 template <class T>
 class Lowering {
   public:
-    /// @param controls  must outlive the object: a copy would wait for two narrow stores, as one of
-    ///                  an operation would.
+    // Copies of controls and operations would wait for the narrow stores that have just written
+    // them, so controls go by reference and operations are filled in place.
+
+    /// @param controls  must outlive the object.
     Lowering(Program<T>& program, const Controls& controls)
         : program_(program), controls_(controls) {}
 
-    /// Operations are filled in place.
     Operation& push(Action action) {
         Operation& operation = program_.operations.emplace_back();
         operation.action = action;

@@ -107,13 +107,13 @@ void run_alone(std::complex<T>* amplitudes, unsigned int nqubits, const Program<
         walk.groups.take_out(walk.targets[0]);
         return run(Action::both, own);
     }
-    // One row of a diagonal: a product with one factor.
-    const Action by_row = action == Action::both ? Action::phase : action;
     if (on_one_bit && action != Action::both) {
         if (selects == 0 && !operation.inverted) return;
         hold(walk.groups, selects, operation.inverted ? 0 : selects);
-        return run(by_row, own + operation.is_diagonal());
+        return run(action, own + operation.is_diagonal());
     }
+    // One row of a diagonal: a product with one factor.
+    const Action by_row = action == Action::both ? Action::phase : action;
     // Each pattern of the selecting bits is a walk of its own.
     for (Index pattern = 0; pattern < bit(count_bits(selects)); ++pattern) {
         const bool odd = has_odd_parity(pattern) != operation.inverted;
