@@ -313,6 +313,9 @@ def main():
     parser.add_argument("--only", default="", help="part of the path of the files to break")
     parser.add_argument("--build-limit", type=float, default=1800, metavar="SECONDS",
                         help="for the build of one fault (default 1800)")  # fmt: skip
+    parser.add_argument("--quick", action="store_true",
+                        help="without the sanitizer; what survives is not recorded, and meets it "
+                        "in a later run")  # fmt: skip
     parser.add_argument("--list", action="store_true", help="print the chosen faults and stop")
     parser.add_argument("--report", action="store_true", help="print what is known and stop")
     parser.add_argument("--restart", action="store_true", help="forget earlier results")
@@ -339,6 +342,8 @@ def main():
         Tree(folder, "sanitized", SANITIZED, options.jobs),
     ]
     trees[0].copy_sources()
+    if options.quick:
+        trees.pop()
 
     known = {record["key"]: record for record in records}
     tried = []
@@ -354,8 +359,9 @@ def main():
                 "before": fault.before, "after": fault.after, "outcome": outcome, "test": test,
                 "seconds": round(time.monotonic() - start),
             }  # fmt: skip
-            with results.open("a") as out:
-                out.write(json.dumps(record) + "\n")
+            if not (options.quick and outcome == "survived"):
+                with results.open("a") as out:
+                    out.write(json.dumps(record) + "\n")
             print(f"{outcome:14} {record['seconds']:5} s  {fault.key}  [{test}]", flush=True)
         tried.append(record)
     report(tried)

@@ -286,6 +286,19 @@ TYPED_TEST(OverRanks, AmplitudesAreFoundWhereverTheyLie) {
     EXPECT_EQ(both.spread.gather(0).size(), both.spread.rank() == 0 ? both.whole.size : 0);
 }
 
+TEST(DryRuns, SayWhatIsSentAndHowLongItTakes) {
+    GateList list;
+    list.add(GateKind::H, 19).add(GateKind::H, 18).add(GateKind::Z, 17).add(GateKind::H, 0);
+    const double local = 16 << 16;
+    const mpi::DryRun run = mpi::dry_run<double>(list, 20, 4, {1e9, 1e6, 0.5});
+    EXPECT_EQ(run.traffic.exchanges, 1u);
+    EXPECT_EQ(run.traffic.bytes, local * 3 / 4);
+    EXPECT_EQ(run.gate_by_gate.exchanges, 2u);
+    EXPECT_EQ(run.gate_by_gate.bytes, local);
+    EXPECT_EQ(run.memory_passes, 1u);
+    EXPECT_DOUBLE_EQ(run.seconds, local * 3 / 4 / 1e6 + 3 * 0.5 + 2 * local / 1e9);
+}
+
 TEST(Faults, ReachEveryRankAsTheSameError) {
     using State = mpi::StateVector<double>;
     const auto text_of = [](const auto& work) -> std::string {

@@ -70,7 +70,9 @@ TYPED_TEST(Distribution, OfManyTilesMatchesForEveryWorkerCount) {
         for (const Qubits& list :
              {Qubits{}, Qubits{0}, Qubits{15}, Qubits{13, 15}, Qubits{15, 3, 14, 12},
               Qubits{6, 7, 8, 9, 10, 11, 12, 13}, Qubits{12, 11, 15, 14, 13},
-              Qubits{8, 9, 10, 11, 12, 13, 14, 15, 16, 17, 18}, all}) {
+              Qubits{8, 9, 10, 11, 12, 13, 14, 15, 16, 17, 18},
+              // A worker stores sums of several tiles.
+              Qubits{14, 0, 1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 12}, all}) {
             const std::vector<T> expected = marginals(elements, list);
             state->set_num_threads(1);
             EXPECT_EQ(read_distribution(*state, list), expected);

@@ -127,15 +127,17 @@ TYPED_TEST(Shots, StopWhenAskedTo) {
 
 TYPED_TEST(Shots, FindStatesThatAreNone) {
     using T = TypeParam;
-    for (const bool resets : {false, true}) {
-        ShotProgram program(2, 1);
-        program.add_gates(GateList().add_matrix(1, Matrix{2, 0, 0, 2}));
-        if (resets) {
-            program.add_reset(0);
-        } else {
-            program.add_measurement(1, 0).add_gates(GateList().add(GateKind::H, 1));
+    for (const double factor : {0.9, 1.1}) {
+        for (const bool resets : {false, true}) {
+            ShotProgram program(2, 1);
+            program.add_gates(GateList().add_matrix(1, Matrix{factor, 0, 0, factor}));
+            if (resets) {
+                program.add_reset(0);
+            } else {
+                program.add_measurement(1, 0).add_gates(GateList().add(GateKind::H, 1));
+            }
+            EXPECT_THROW(count_shots<T>(program), std::domain_error);
         }
-        EXPECT_THROW(count_shots<T>(program), std::domain_error);
     }
 }
 
