@@ -1,7 +1,9 @@
 // Whole circuits through simulate_circuit, from basis state 0. Resetting the state is not timed.
+// Gates on small registers, through members, records and lists.
 #include <benchmark/benchmark.h>
 
 #include <numbers>
+#include <pblinalg/run.hpp>
 
 #include "shared_state.hpp"
 
@@ -82,6 +84,71 @@ void BM_Circuit(benchmark::State& run, void (*add_gates)(Circuit<T>&, unsigned i
     run.counters["gates"] = static_cast<double>(circuit.gate_names.size());
 }
 
+/// H, RX, RZ and CNOT in turn, each on all qubits.
+constexpr unsigned int n_small_gates = 1000;
+template <class AddGate>
+void for_each_small_gate(unsigned int n, const AddGate& add_gate) {
+    for (unsigned int i = 0; i < n_small_gates; ++i)
+        add_gate(i / n % 4, i % n, (i + 1) % n, 0.1 + 0.001 * i);
+}
+
+/// Times `run_all`, which applies all gates once. Argument: qubits.
+template <class T, class RunAll>
+void time_small_gates(benchmark::State& run, const RunAll& run_all) {
+    State<T>& state = shared_state<T>(run.range(0), 1);
+    for (auto _ : run)
+        run_all(state);
+    run.SetItemsProcessed(run.iterations() * n_small_gates);
+}
+
+template <class T>
+void BM_SmallMembers(benchmark::State& run) {
+    const auto n = static_cast<unsigned int>(run.range(0));
+    time_small_gates<T>(run, [&](State<T>& state) {
+        for_each_small_gate(n, [&](unsigned int kind, unsigned int q, unsigned int r, double t) {
+            switch (kind) {
+                case 0:
+                    return state.apply_H(q);
+                case 1:
+                    return state.apply_RX(q, static_cast<T>(t));
+                case 2:
+                    return state.apply_RZ(q, static_cast<T>(t));
+                default:
+                    return state.apply_CNOT(q, r);
+            }
+        });
+    });
+}
+
+template <class T>
+void BM_SmallRecord(benchmark::State& run) {
+    static const char* const names[] = {"H", "RX", "RZ", "CNOT"};
+    const auto n = static_cast<unsigned int>(run.range(0));
+    Circuit<T> circuit(n);
+    for_each_small_gate(n, [&](unsigned int kind, unsigned int q, unsigned int r, double t) {
+        const bool turns = kind == 1 || kind == 2, pair = kind == 3;
+        circuit.add_gate(names[kind], turns ? std::vector{static_cast<T>(t)} : std::vector<T>(),
+                         pair ? std::vector{q, r} : std::vector{q});
+    });
+    time_small_gates<T>(run, [&](State<T>& state) { state.simulate_circuit(circuit); });
+}
+
+template <class T>
+void BM_SmallList(benchmark::State& run) {
+    GateList list;
+    for_each_small_gate(static_cast<unsigned int>(run.range(0)),
+                        [&](unsigned int kind, unsigned int q, unsigned int r, double t) {
+                            if (kind == 3) {
+                                list.add(GateKind::X, r, Controls({q}));
+                            } else if (kind == 0) {
+                                list.add(GateKind::H, q);
+                            } else {
+                                list.add(kind == 1 ? GateKind::RX : GateKind::RZ, q, t);
+                            }
+                        });
+    time_small_gates<T>(run, [&](State<T>& state) { pblinalg::run(state, list); });
+}
+
 template <class T>
 bool register_circuits() {
     const auto add = [](const std::string& name, void (*add_gates)(Circuit<T>&, unsigned int),
@@ -94,6 +161,17 @@ bool register_circuits() {
     add("qft", add_fourier_transform<T>, {{24, 1}, {26, 1}});
     add("ising", add_ising<T>, {{24, 10}, {26, 10}});
     add("ghz", add_ghz<T>, {{24, 1}, {26, 1}});
+    const std::pair<const char*, void (*)(benchmark::State&)> ways[] = {
+        {"BM_SmallMembers", BM_SmallMembers<T>},
+        {"BM_SmallRecord", BM_SmallRecord<T>},
+        {"BM_SmallList", BM_SmallList<T>}};
+    for (const auto& [family, function] : ways) {
+        benchmark::RegisterBenchmark(benchmark_name<T>(family).c_str(), function)
+            ->ArgName("qubits")
+            ->Unit(benchmark::kMicrosecond)
+            ->Arg(2)
+            ->DenseRange(4, 10);
+    }
     return true;
 }
 

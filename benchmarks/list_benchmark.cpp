@@ -1,5 +1,6 @@
-// Gate lists of all kinds of gates, from basis state 0. Beside each run four RX on qubit 3 are
-// timed; the counter `passes` is the run's time in those, one read and write of the state each.
+// Gate lists of all kinds of gates, from basis state 0 or a random state. Beside each run four RX
+// on qubit 3 are timed; the counter `passes` is the run's time in those, one read and write of the
+// state each. Planning alone.
 #include <benchmark/benchmark.h>
 
 #include <chrono>
@@ -8,6 +9,8 @@
 #include <pblinalg/run.hpp>
 #include <random>
 
+#include "circuits/plan.hpp"
+#include "circuits/simplify.hpp"
 #include "gate_lists.hpp"
 #include "shared_state.hpp"
 
@@ -34,17 +37,30 @@ GateList list_of(const benchmark::State& run, AddLayers add_layers) {
     return list;
 }
 
+enum class Start { basis_state, random_state };
+
+template <class T>
+void fill_at_random(State<T>& state) {
+    std::mt19937_64 generator(1);
+    std::uniform_real_distribution<T> part(-1, 1);
+    const T scale = std::sqrt(T(1.5) / static_cast<T>(state.size));
+    for (unsigned long long i = 0; i < state.size; ++i)
+        state.state[i] = {scale * part(generator), scale * part(generator)};
+}
+
 /// Arguments: qubits, layers, threads.
-template <class T, Accuracy accuracy>
+template <class T, Accuracy accuracy, Start start = Start::basis_state>
 void BM_List(benchmark::State& run, AddLayers add_layers) {
     State<T>& state = shared_state<T>(run.range(0), run.range(2));
     const GateList list = list_of(run, add_layers);
     const RunOptions options{.accuracy = accuracy};
     double pass = 0, whole = 0;
+    // Each run goes on from what the one before has left.
+    if (start == Start::random_state) fill_at_random(state);
     for (auto _ : run) {
         run.PauseTiming();
         pass += fastest_pass(state);
-        state.reset();
+        if (start == Start::basis_state) state.reset();
         run.ResumeTiming();
         const auto begin = std::chrono::steady_clock::now();
         pblinalg::run(state, list, {}, options);
@@ -53,6 +69,21 @@ void BM_List(benchmark::State& run, AddLayers add_layers) {
     run.counters["gates"] = static_cast<double>(list.size());
     run.counters["passes"] = whole / pass;
     run.counters["pass_ms"] = 1e3 * pass / static_cast<double>(run.iterations());
+}
+
+/// What a run does once per list, size of state and accuracy. On one worker, whatever `threads`.
+template <class T, Accuracy accuracy>
+void BM_Planning(benchmark::State& run, AddLayers add_layers) {
+    const auto n = static_cast<unsigned int>(run.range(0));
+    const GateList list = list_of(run, add_layers);
+    const cpu::PlanShape shape = cpu::plan_shape<T>(n, static_cast<int>(run.range(2)), accuracy);
+    for (auto _ : run) {
+        cpu::Program<T> program = cpu::lowered<T>(list, n);
+        if (accuracy == Accuracy::rounding) cpu::simplify(program);
+        const cpu::Plan<T> plan(std::move(program), shape);
+        benchmark::DoNotOptimize(plan.program().operations.data());
+    }
+    run.SetItemsProcessed(run.iterations() * static_cast<std::int64_t>(list.size()));
 }
 
 /// The same gates, each in a list of its own: what they cost without planning together.
@@ -89,6 +120,9 @@ bool register_lists() {
         const std::pair<const char*, void (*)(benchmark::State&, AddLayers)> ways[] = {
             {"BM_List", BM_List<T, Accuracy::exact>},
             {"BM_ListByRounding", BM_List<T, Accuracy::rounding>},
+            {"BM_ListByRoundingFromRandom", BM_List<T, Accuracy::rounding, Start::random_state>},
+            {"BM_Planning", BM_Planning<T, Accuracy::exact>},
+            {"BM_PlanningByRounding", BM_Planning<T, Accuracy::rounding>},
             {"BM_GateByGate", BM_GateByGate<T>}};
         for (const auto& [family, function] : ways) {
             set_sizes(benchmark::RegisterBenchmark(benchmark_name<T>(family, name).c_str(),
@@ -96,12 +130,12 @@ bool register_lists() {
                       sizes);
         }
     };
-    add("u3_cx", add_u3_cx, {{24, 20}});
+    add("u3_cx", add_u3_cx, {{20, 20}, {24, 20}});
     add("pair_rotations", add_pair_rotations, {{20, 10}});
-    add("qft_cp", add_qft, {{24, 1}});
+    add("qft_cp", add_qft, {{20, 1}, {24, 1}});
     add("ansatz", add_ansatz, {{20, 10}});
     add("quantum_volume", add_quantum_volume, {{24, 10}});
-    add("brickwork", add_brickwork, {{10, 1000}, {24, 20}, {26, 20}});
+    add("brickwork", add_brickwork, {{10, 1000}, {20, 20}, {24, 20}, {26, 20}});
     add("ising", add_ising, {{24, 10}});
     add("toffoli_h", add_toffoli_h, {{20, 10}});
     return true;

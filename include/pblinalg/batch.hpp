@@ -5,6 +5,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <functional>
+#include <pblinalg/accuracy.hpp>
 #include <pblinalg/export.hpp>
 #include <pblinalg/state_vector_cpu.hpp>
 
@@ -20,6 +21,8 @@ struct BatchJob {
     /// For the runs of a job (`RunOptions`), so that a stop reaches into long ones. When it has
     /// stopped a run, the job returns without a result.
     const std::function<bool(std::size_t)>& between_passes;
+    /// That of the batch, for the runs of a job.
+    Accuracy accuracy = Accuracy::exact;
 };
 
 struct BatchOptions {
@@ -29,6 +32,8 @@ struct BatchOptions {
     /// Called on the calling thread with the number of jobs done so far, between jobs and, where a
     /// job has all workers, between the passes of its runs: return false to stop.
     std::function<bool(std::size_t)> between_jobs = {};
+    /// How the runs of a sweep round, and what the jobs of a batch are told.
+    Accuracy accuracy = Accuracy::exact;
 };
 
 /// What became of a batch.

@@ -41,9 +41,9 @@ struct SweepOutput {
 };
 
 /// Runs the list on a state of `nqubits` for each row, as a batch does its jobs: row r of a sweep
-/// gets the bits of a run and readouts on a state of its own with the same `num_threads`, whose
-/// generator was seeded with `seed_of_job(options.seed, r)`. How the list goes through memory is
-/// planned once.
+/// gets the bits of a run and readouts on a state of its own with the same `num_threads` and
+/// `accuracy`, whose generator was seeded with `seed_of_job(options.seed, r)`. How the list goes
+/// through memory is planned once.
 ///
 /// After a stop the rows below `jobs_done` are written, those behind them partly or not at all.
 /// Errors: std::bad_alloc; what is written by then is not defined.

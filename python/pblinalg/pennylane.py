@@ -102,7 +102,7 @@ class PblinalgQubit(Device):
     shots: the default of circuits that do not say (PennyLane would rather be told by `set_shots`).
     precision: "double" or "float" amplitudes.
     threads: worker threads, by default one per processor from 18 qubits on and one below.
-    accuracy: "exact" or "rounding", as in `pblinalg.run`; derivatives are always exact.
+    accuracy: "exact" or "rounding", as in `pblinalg.run`; derivatives run by rounding either way.
     seed: of everything that is drawn: an integer, what `numpy.random.default_rng` takes, None for
     the system's randomness, or "global" for a number from NumPy's global generator.
 
@@ -316,7 +316,14 @@ class PblinalgQubit(Device):
         values = np.ascontiguousarray(np.array(columns, dtype=np.float64)[order].T)
         if self._is_sweep(tape, start):
             sums = [pauli_sum(each.obs.pauli_rep, qubits) for each in tape.measurements]
-            found = sweep(circuit, values, sums, precision=self._precision, threads=self._threads)
+            found = sweep(
+                circuit,
+                values,
+                sums,
+                precision=self._precision,
+                threads=self._threads,
+                accuracy=self._accuracy,
+            )
             return tuple(found.T) if len(sums) > 1 else found[:, 0]
         state = self._state(len(qubits))
         rows = []
@@ -334,7 +341,6 @@ class PblinalgQubit(Device):
         return (
             start is None
             and not tape.shots
-            and self._accuracy == "exact"
             and all(
                 _is_expectation(each) and each.obs is not None and each.obs.pauli_rep is not None
                 for each in tape.measurements

@@ -10,7 +10,16 @@ import numpy as np
 from numpy.typing import NDArray
 
 from . import _core
-from .arguments import Precision, Qubits, count, distinct_qubits, precision_name, seed_number
+from .arguments import (
+    Accuracy,
+    Precision,
+    Qubits,
+    accuracy_name,
+    count,
+    distinct_qubits,
+    precision_name,
+    seed_number,
+)
 from .counts import Counts
 from .gates import as_qubits
 from .observable import Observable, ObservableLike, observable_on
@@ -36,6 +45,7 @@ def sweep(
     precision: Precision = ...,
     threads: SupportsIndex | None = ...,
     progress: Progress = ...,
+    accuracy: Accuracy = ...,
 ) -> NDArray[np.float64]: ...
 @overload
 def sweep(
@@ -47,6 +57,7 @@ def sweep(
     precision: Precision = ...,
     threads: SupportsIndex | None = ...,
     progress: Progress = ...,
+    accuracy: Accuracy = ...,
 ) -> NDArray[np.floating[Any]]: ...
 @overload
 def sweep(
@@ -59,6 +70,7 @@ def sweep(
     threads: SupportsIndex | None = ...,
     seed: SupportsIndex | None = ...,
     progress: Progress = ...,
+    accuracy: Accuracy = ...,
 ) -> list[Counts]: ...
 @overload
 def sweep(
@@ -69,6 +81,7 @@ def sweep(
     precision: Precision = ...,
     threads: SupportsIndex | None = ...,
     progress: Progress = ...,
+    accuracy: Accuracy = ...,
 ) -> NDArray[np.complexfloating[Any, Any]]: ...
 def sweep(
     circuit: Program,
@@ -83,6 +96,7 @@ def sweep(
     threads: SupportsIndex | None = None,
     seed: SupportsIndex | None = None,
     progress: Progress = None,
+    accuracy: Accuracy = "exact",
 ) -> Rows:
     """Runs a circuit of gates from |0...0> once for each set of parameter values and returns what
     is read from each state, one row for each set, in their order.
@@ -102,7 +116,8 @@ def sweep(
 
     threads: by default one per processor. Registers of fewer than 18 qubits run one set per thread,
     with a state for each; larger ones one set after another on all threads. Either way a row has
-    the bits of `StateVector(n, precision, threads)` that ran the circuit with these values.
+    the bits of `StateVector(n, precision, threads)` that ran the circuit with these values and
+    `accuracy`, which is that of `pblinalg.run`.
 
     seed: shots of row r come from a generator whose seed follows from `seed` and r alone, whatever
     the threads; `seed` of its counts tells it, and `circuit.run(shots, seed=counts.seed, ...)` with
@@ -131,6 +146,7 @@ def sweep(
     if seed is not None and shots is None:
         raise ValueError(f"seed = {seed!r}: only shots take one")
     kind = precision_name(precision)
+    accuracy_name(accuracy)
     processors = _core.hardware_threads()
     workers = processors if threads is None else count(threads, "threads", 1)
     first_seed = secrets.randbits(64) if seed is None else seed_number(seed)
@@ -177,6 +193,7 @@ def sweep(
             [observable.record(kind) for observable in many],
             listed,
             out["shots"].shape[1] if listed and "shots" in out else 0,
+            accuracy,
             **{name: each for name, each in out.items() if listed or name != "shots"},
         )
     if shots is not None:

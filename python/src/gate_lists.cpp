@@ -112,15 +112,6 @@ void add_gate(BoundGateList& self, nb::handle name, nb::handle targets, nb::hand
     }
 }
 
-Accuracy accuracy_argument(nb::handle accuracy) {
-    std::string word;
-    if (nb::try_cast(accuracy, word)) {
-        if (word == "exact") return Accuracy::exact;
-        if (word == "rounding") return Accuracy::rounding;
-    }
-    raise(PyExc_ValueError, "accuracy = %.200R: expected 'exact' or 'rounding'", accuracy.ptr());
-}
-
 template <class T>
 void run_list(BoundGateList& self, BoundState<T>& state, nb::handle values, nb::handle progress,
               bool both_sides, nb::handle accuracy) {
@@ -278,6 +269,15 @@ void bind_parameter(nb::module_& module) {
 }
 
 }  // namespace
+
+Accuracy accuracy_argument(nb::handle accuracy) {
+    std::string word;
+    if (nb::try_cast(accuracy, word)) {
+        if (word == "exact") return Accuracy::exact;
+        if (word == "rounding") return Accuracy::rounding;
+    }
+    raise(PyExc_ValueError, "accuracy = %.200R: expected 'exact' or 'rounding'", accuracy.ptr());
+}
 
 std::vector<double> values_argument(const BoundGateList& self, nb::handle values) {
     const std::vector<std::string>& names = self.names->list();

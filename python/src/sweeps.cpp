@@ -42,8 +42,8 @@ std::vector<WObservable<T>> observables_argument(nb::handle observables, unsigne
 template <class T>
 void sweep(BoundGateList& gates, nb::handle values, nb::handle num_threads, nb::handle seed,
            nb::handle progress, nb::handle observables, nb::handle qubits, nb::handle n_shots,
-           nb::handle expectations, nb::handle probabilities, nb::handle totals, nb::handle shots,
-           nb::handle states) {
+           nb::handle accuracy, nb::handle expectations, nb::handle probabilities,
+           nb::handle totals, nb::handle shots, nb::handle states) {
     const Reading reading(gates);
     Watch watch(progress);
     const std::size_t width = gates.names->list().size();
@@ -61,6 +61,7 @@ void sweep(BoundGateList& gates, nb::handle values, nb::handle num_threads, nb::
     BatchOptions options;
     options.num_threads = int_argument(num_threads, "num_threads");
     options.seed = unsigned_argument(seed, "seed");
+    options.accuracy = accuracy_argument(accuracy);
 
     const std::vector<WObservable<T>> records = observables_argument<T>(observables, gates.nqubits);
     SweepOutput<T> output;
@@ -123,6 +124,7 @@ void bind_sweeps(nb::module_& module) {
         "seed: int, progress: collections.abc.Callable[[int], object] | None, "
         "observables: collections.abc.Sequence[typing.Any], "
         "qubits: collections.abc.Sequence[int], n_shots: int, "
+        "accuracy: typing.Literal['exact', 'rounding'] = 'exact', "
         "expectations: numpy.typing.NDArray[typing.Any] | None = None, "
         "probabilities: numpy.typing.NDArray[typing.Any] | None = None, "
         "totals: numpy.typing.NDArray[typing.Any] | None = None, "
@@ -131,7 +133,7 @@ void bind_sweeps(nb::module_& module) {
     module.def(
         name.c_str(), sweep<T>, nb::arg("gates"), nb::arg("values"), nb::arg("num_threads"),
         nb::arg("seed"), nb::arg("progress").none(), nb::arg("observables"), nb::arg("qubits"),
-        nb::arg("n_shots"), nb::arg("expectations") = nb::none(),
+        nb::arg("n_shots"), nb::arg("accuracy") = "exact", nb::arg("expectations") = nb::none(),
         nb::arg("probabilities") = nb::none(), nb::arg("totals") = nb::none(),
         nb::arg("shots") = nb::none(), nb::arg("states") = nb::none(), nb::sig(signature.c_str()),
         "Runs the gates for each row of values and fills the arrays that are given, one row each.");

@@ -230,7 +230,7 @@ UPPER = [
     ("c.run(10, precision='single ')", ValueError, "precision = 'single '"),
     *each(
         ("c.run(10, accuracy='fast')", "v.run(pb.Circuit(4), accuracy='fast')",
-         "d.run(pb.Circuit(2), accuracy='fast')",
+         "d.run(pb.Circuit(2), accuracy='fast')", "pb.sweep(c, [[]], 'ZZ', accuracy='fast')",
          "pb.lowlevel.GateList(4).run(v.core, accuracy='fast')"),
         ValueError, "accuracy = 'fast': expected 'exact' or 'rounding'",
     ),

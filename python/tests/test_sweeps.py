@@ -17,9 +17,13 @@ ISING = pb.Observable("ZZII + 0.5*X3 - 2", 4)
 
 
 def test_rows_are_runs_of_their_own(precision):
-    circuit = ansatz()
-    for threads in (1, 2, None):
+    # By rounding the gates on qubit 1 are one.
+    circuit = ansatz().rx(A, 1).rz(B, 1).rx(A, 1)
+    seen = []
+    for threads, accuracy in ((1, "exact"), (2, "exact"), (None, "exact"), (2, "rounding")):
         options = dict(precision=precision.name, threads=threads)
+        own = pb.StateVector(4, **options)
+        options["accuracy"] = accuracy
         energies = pb.sweep(circuit, VALUES, [ISING, "X0"], **options)
         single = pb.sweep(circuit, VALUES, {"XIII": 1}, **options)
         states = pb.sweep(circuit, {"b": VALUES[:, 1], A: VALUES[:, 0]}, states=True, **options)
@@ -29,11 +33,14 @@ def test_rows_are_runs_of_their_own(precision):
         assert np.array_equal(single, energies[:, 1])
         assert states.dtype == precision.complex and all_outcomes.dtype == precision.real
         for row, values in enumerate(VALUES):
-            state = pb.StateVector(4, **options).run(circuit, values=values)
+            own.reset()
+            state = own.run(circuit, values=values, accuracy=accuracy)
             assert list(energies[row]) == [state.expectation(ISING), state.expectation("X0")]
             assert np.array_equal(states[row], state.to_array())
             assert np.array_equal(all_outcomes[row], state.probabilities())
             assert np.array_equal(some[row], state.probabilities([2, 0]))
+        seen.append(states.tobytes())
+    assert seen[0] == seen[1] == seen[2] != seen[3]
 
 
 def test_shots_of_a_row_depend_on_its_seed_alone():

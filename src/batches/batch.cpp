@@ -87,7 +87,7 @@ class Batch {
         state.density_matrix = false;
         state.reset();
         state.rng.seed(seed_of_job(options_.seed, number));
-        job_({number, state, between_passes});
+        job_({number, state, between_passes, options_.accuracy});
     }
 
     bool goes_on() {

@@ -34,8 +34,7 @@ BatchReport run_sweep(unsigned int nqubits, const GateList& list, const SweepVal
     return run_batch<T>(
         nqubits, values.n_rows,
         [&](const BatchJob<T>& job) {
-            RunOptions run_options;
-            run_options.between_passes = job.between_passes;
+            const RunOptions run_options{job.between_passes, job.accuracy};
             if (run(job.state, list, values.row(job.number), run_options).finished())
                 read_row(job.state, job.number, output);
         },

@@ -25,11 +25,16 @@ struct PartShape {
 
     /// A permutation of whole vectors, or of whole parts, may do without active targets.
     bool can_renumber(const Operation& operation, Index active) const {
-        const Index fixed = ~renumbered | (whole_parts ? active : 0);
+        return can_renumber(operation) &&
+               renumbers_with((operation.target_bits | operation.selects), active);
+    }
+    /// The two halves of that: what does not depend on the active bits, and what does.
+    bool can_renumber(const Operation& operation) const {
         return operation.is_permutation() && operation.controls == 0 &&
                operation.state.controls == 0 &&
-               !((operation.target_bits | operation.selects) & fixed);
+               !((operation.target_bits | operation.selects) & ~renumbered);
     }
+    bool renumbers_with(Index bits, Index active) const { return !whole_parts || !(bits & active); }
 };
 
 /// Chooses active bits by growing sets: what each bit would add is counted in one look at all
@@ -43,13 +48,28 @@ class ActiveSetChooser {
     Index choose(std::span<const Operation* const> upcoming);
 
   private:
+    /// What of an operation decides here.
+    struct Ahead {
+        Index targets;
+        Index depends;
+        bool arithmetic;
+        bool alone;
+        bool can_renumber;
+    };
+
     /// Counts what the active bits take, and in `gain_` what one bit more would.
-    unsigned int look(std::span<const Operation* const> upcoming, Index active);
-    Index grow(std::span<const Operation* const> upcoming, Index active);
-    Index first_come(std::span<const Operation* const> upcoming) const;
+    unsigned int look(Index active);
+    Index grow(Index active);
+    Index first_come() const;
     Index best_gain(Index active) const;
+    bool renumbers(const Ahead& operation, Index active) const {
+        return operation.can_renumber &&
+               shape_.renumbers_with(operation.targets | operation.depends, active);
+    }
 
     PartShape shape_;
+    std::vector<Ahead> ahead_;
+    std::vector<Index> seen_;  ///< sets that have been grown from already
     unsigned int gain_[64] = {};
 };
 

@@ -24,9 +24,13 @@ constexpr std::size_t max_marked_steps = 64;
 template <class T>
 class Lowering {
   public:
-    Lowering(Program<T>& program, Controls controls) : program_(program), controls_(controls) {}
+    // Copies of controls and operations would wait for the narrow stores that have just written
+    // them, so controls go by reference and operations are filled in place.
 
-    /// Operations are filled in place: a copy would wait for all the narrow stores.
+    /// @param controls  must outlive the object.
+    Lowering(Program<T>& program, const Controls& controls)
+        : program_(program), controls_(controls) {}
+
     Operation& push(Action action) {
         Operation& operation = program_.operations.emplace_back();
         operation.action = action;
@@ -35,7 +39,8 @@ class Lowering {
         return operation;
     }
 
-    void mix(Action action, unsigned int target, Controls controls, std::uint32_t factors = 0) {
+    void mix(Action action, unsigned int target, const Controls& controls,
+             std::uint32_t factors = 0) {
         Operation& operation = push(action);
         operation.inverted = true;
         operation.targets[0] = static_cast<unsigned char>(target);
@@ -48,7 +53,7 @@ class Lowering {
     }
 
     /// X where the controls say so: one of them as the selecting bit of a CNOT.
-    void flip(unsigned int target, Controls controls) {
+    void flip(unsigned int target, const Controls& controls) {
         Operation& operation = push(Action::X);
         operation.inverted = true;
         operation.targets[0] = static_cast<unsigned char>(target);
@@ -130,11 +135,11 @@ class Lowering {
     }
 
   private:
-    static void control(Operation& operation, Controls controls) {
+    static void control(Operation& operation, const Controls& controls) {
         operation.controls = controls.mask;
         operation.control_values = controls.values;
     }
-    static void select_by_control(Operation& operation, Controls controls) {
+    static void select_by_control(Operation& operation, const Controls& controls) {
         if (controls.mask == 0) return;
         operation.selects = lowest_bit(controls.mask);
         operation.inverted = !(controls.values & operation.selects);
@@ -143,7 +148,7 @@ class Lowering {
     }
 
     Program<T>& program_;
-    Controls controls_;
+    const Controls& controls_;
     bool first_ = true;
 };
 
@@ -289,8 +294,8 @@ void lower_oracle(const GateView& gate, Program<T>& program) {
 
 /// A gate of the table whose coefficients, if it has angles, are at `factors`.
 template <class T>
-void lower_named(GateKind kind, const unsigned int* q, Controls controls, std::uint32_t factors,
-                 Program<T>& program) {
+void lower_named(GateKind kind, const unsigned int* q, const Controls& controls,
+                 std::uint32_t factors, Program<T>& program) {
     using C = std::complex<T>;
     const T half(0.5), diagonal = inv_sqrt2<T>;
     Lowering<T> to(program, controls);

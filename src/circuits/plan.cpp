@@ -48,6 +48,9 @@ constexpr Search search_for_window(const PlanShape& shape) {
     return {12, 48, shape.nqubits < min_compared_qubits ? 0u : 4u};
 }
 
+/// On smaller states a gate takes less time than its share of planning, with any instructions.
+constexpr std::size_t min_planned_bytes = std::size_t{8} << 10;
+
 /// What a pass by tiles costs at the least, in passes that read and write the whole state.
 constexpr double cost_of_tiles = 2.5;
 
@@ -88,6 +91,11 @@ PlanShape plan_shape(unsigned int nqubits, int workers, Accuracy accuracy) {
     while (bits > min_shared_tile_bits && (std::size_t{1} << (nqubits - bits)) < team)
         --bits;
     return {nqubits, bits, active_instruction_set(), accuracy};
+}
+
+template <class T>
+bool pays_to_plan(unsigned int nqubits) {
+    return (sizeof(std::complex<T>) << nqubits) >= min_planned_bytes;
 }
 
 template <class T>
@@ -202,6 +210,7 @@ PassSteps Plan<T>::compile(std::span<const Operation> local, Index active) const
                 writer.append(*operation);
             }
         }
+        writer.end();
         const unsigned int last = size(compiled.steps);
         if (last > first) compiled.windows.push_back({window.active, first, last, placement});
     }
@@ -291,6 +300,7 @@ TilePass<T> Plan<T>::tile_pass(const Stage& stage, const T* factors) const {
         .conditions = steps.conditions.data(),
         .n_steps = steps.steps.size(),
         .lookups = steps.lookups.data(),
+        .signs = steps.signs.data(),
         .placements = steps.placements.data(),
         .n_placements = steps.placements.size(),
         .factors = factors,
@@ -429,6 +439,7 @@ std::size_t Plan<T>::finish_overtaken(const Stage& stage, std::complex<T>* ampli
 #define PBLINALG_INSTANTIATE(T)                                    \
     template int plan_workers<T>(unsigned int, int);               \
     template PlanShape plan_shape<T>(unsigned int, int, Accuracy); \
+    template bool pays_to_plan<T>(unsigned int);                   \
     template class Plan<T>;
 PBLINALG_INSTANTIATE(float)
 PBLINALG_INSTANTIATE(double)

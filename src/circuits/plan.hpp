@@ -31,6 +31,11 @@ PlanShape plan_shape(unsigned int nqubits, int workers, Accuracy accuracy = Accu
 template <class T>
 int plan_workers(unsigned int nqubits, int requested);
 
+/// Whether a plan that runs once on 2^nqubits amplitudes takes less time, its making included, than
+/// its operations alone.
+template <class T>
+bool pays_to_plan(unsigned int nqubits);
+
 template <class T>
 class Plan {
   public:

@@ -2,6 +2,7 @@
 #include <cassert>
 #include <pblinalg/run.hpp>
 #include <stdexcept>
+#include <utility>
 
 #include "circuits/gate_matrix.hpp"
 #include "circuits/plan.hpp"
@@ -14,6 +15,8 @@ namespace {
 
 /// Gates of a record read before they are run; long records go in pieces of this length.
 constexpr std::size_t piece_length = 1024;
+/// The same where they are run one by one: few enough to stay in the first-level cache.
+constexpr std::size_t unplanned_length = 64;
 
 }  // namespace
 
@@ -66,14 +69,23 @@ void PybindLinAlgStateVectorCPU<T>::simulate_circuit(PybindLinAlgWCircuit<T>& ci
     const std::size_t n_gates = circuit.gate_names.size();
     const int workers = plan_workers<T>(nqubits, num_threads);
     const PlanShape shape = plan_shape<T>(nqubits, workers);
+    const bool plans = pays_to_plan<T>(nqubits);
+    const std::size_t length = plans ? piece_length : unplanned_length;
+    Program<T> program;
     for (std::size_t i = 0; i < n_gates;) {
-        Program<T> program;
+        program.clear();
         program.nqubits = nqubits;
         bool known = true;
-        for (; i < n_gates && program.n_gates < piece_length && known; i += known)
+        for (; i < n_gates && program.n_gates < length && known; i += known)
             known = lower(circuit, i, program);
-        const Plan<T> plan(std::move(program), shape);
-        plan.run(state.get(), workers, plan.program().factors.data(), {});
+        if (plans) {
+            const Plan<T> plan(std::exchange(program, {}), shape);
+            plan.run(state.get(), workers, plan.program().factors.data(), {});
+        } else {
+            for (const Operation& operation : program.operations)
+                run_alone(state.get(), nqubits, program, operation, program.factors.data(),
+                          workers);
+        }
         if (!known) {
             throw std::invalid_argument("Gate " + circuit.gate_names[i] +
                                         " is not supported by the pybinded circuit");

@@ -53,14 +53,16 @@ void visit_formula(Action action, const Body& body) {
 void hold(GroupMasks& groups, Index bits, Index values) {
     groups.free_mask &= ~bits;
     groups.fixed_bits |= values;
-    groups.count >>= count_bits(bits);
+    // They are few.
+    for (; bits != 0; bits &= bits - 1)
+        groups.count /= 2;
 }
 
-}  // namespace
-
+/// An operation that no formula has: one that looks up what it multiplies by.
 template <class T>
-void run_alone(std::complex<T>* amplitudes, unsigned int nqubits, const Program<T>& program,
-               const Operation& operation, const T* factors, int num_threads) {
+[[gnu::noinline]] void run_by_entries(std::complex<T>* amplitudes, unsigned int nqubits,
+                                      const Program<T>& program, const Operation& operation,
+                                      int num_threads) {
     if (operation.action == Action::oracle) {
         const PhaseOracle& oracle = program.oracles[operation.data];
         std::vector<unsigned int> numbers(oracle.qubits);
@@ -75,41 +77,50 @@ void run_alone(std::complex<T>* amplitudes, unsigned int nqubits, const Program<
         hold(groups, operation.controls, operation.control_values);
         return _apply_nqbit_gate<T>(amplitudes, groups, dense.qubits, dense.entries, num_threads);
     }
-    unsigned int targets[2] = {operation.targets[0], operation.targets[1]};
-    const unsigned int n_targets = count_bits(operation.target_bits);
-    GroupMasks all(QubitSpan(targets, n_targets), {}, nqubits);
-    hold(all, operation.controls, operation.control_values);
-    if (operation.action == Action::table) {
-        const DiagonalTable<T>& table = program.tables[operation.data];
-        return multiply_sorted_diag(amplitudes, all, num_threads, table.diag.data(), table.bits);
-    }
+    GroupMasks groups({}, {}, nqubits);
+    hold(groups, operation.controls, operation.control_values);
+    const DiagonalTable<T>& table = program.tables[operation.data];
+    multiply_sorted_diag(amplitudes, groups, num_threads, table.diag.data(), table.bits);
+}
+
+}  // namespace
+
+template <class T>
+void run_alone(std::complex<T>* amplitudes, unsigned int nqubits, const Program<T>& program,
+               const Operation& operation, const T* factors, int num_threads) {
+    const Action action = operation.action;
+    if (action == Action::table || action == Action::dense || action == Action::oracle)
+        return run_by_entries(amplitudes, nqubits, program, operation, num_threads);
+    GroupMasks all({}, {}, nqubits);
+    hold(all, operation.target_bits | operation.controls, operation.control_values);
     const auto* const own = reinterpret_cast<const std::complex<T>*>(factors + operation.factors);
-    const auto run = [&](Action action, const GroupMasks& groups, const std::complex<T>* f) {
-        const GateWalk walk{groups, {targets[0], targets[1]}};
-        visit_formula<T>(action, [&]<class Gate>() {
+    GateWalk walk{all, {operation.targets[0], operation.targets[1]}};
+    const auto run = [&](Action formula, const std::complex<T>* f) {
+        visit_formula<T>(formula, [&]<class Gate>() {
             update_all_groups<Gate, T>(amplitudes, walk, num_threads, {f, Gate::n_factors});
         });
     };
     const Index selects = operation.selects;
-    if (operation.action == Action::both && count_bits(selects) == 1 && !operation.inverted) {
-        targets[0] = static_cast<unsigned int>(std::countr_zero(selects));
-        all.take_out(targets[0]);
-        return run(Action::both, all, own);
+    const bool on_one_bit = (selects & (selects - 1)) == 0;
+    if (action == Action::both && selects != 0 && on_one_bit && !operation.inverted) {
+        walk.targets[0] = static_cast<unsigned int>(std::countr_zero(selects));
+        walk.groups.take_out(walk.targets[0]);
+        return run(Action::both, own);
     }
+    if (on_one_bit && action != Action::both) {
+        if (selects == 0 && !operation.inverted) return;
+        hold(walk.groups, selects, operation.inverted ? 0 : selects);
+        return run(action, own + operation.is_diagonal());
+    }
+    // One row of a diagonal: a product with one factor.
+    const Action by_row = action == Action::both ? Action::phase : action;
     // Each pattern of the selecting bits is a walk of its own.
     for (Index pattern = 0; pattern < bit(count_bits(selects)); ++pattern) {
         const bool odd = has_odd_parity(pattern) != operation.inverted;
         if (!odd && !operation.multiplies_all()) continue;
-        GroupMasks groups = all;
-        hold(groups, selects, deposit_bits(pattern, selects));
-        if (operation.is_diagonal()) {
-            // One row of a diagonal: a product with one factor.
-            const Action action =
-                operation.action == Action::both ? Action::phase : operation.action;
-            run(action, groups, own + odd);
-        } else {
-            run(operation.action, groups, own);
-        }
+        walk.groups = all;
+        hold(walk.groups, selects, deposit_bits(pattern, selects));
+        run(by_row, own + (operation.is_diagonal() && odd));
     }
 }
 

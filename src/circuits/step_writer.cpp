@@ -26,6 +26,30 @@ RowsDiffer rows_differ(const CircuitStep& step) {
     return step.row_pattern == 0 || step.row_pattern == 0xFF ? nowhere : otherwise;
 }
 
+/// Z from which on one step for all pays.
+constexpr std::size_t min_joined_signs = 4;
+
+/// A polynomial of degree 2 in the bits of a tile's index, modulo 2.
+struct Quadratic {
+    Index partners[max_tile_bits] = {};  ///< of each bit, in products of two
+    Index linear = 0;
+    bool constant = false;
+
+    /// Adds what a Z with one control at most negates.
+    void add(const Operation& z) {
+        // (inverted + selects) * (1 + control + value), without the latter where there is none.
+        const bool controlled = z.controls != 0;
+        const bool without_control = !controlled || z.control_values == 0;
+        if (without_control) linear ^= z.selects;
+        constant ^= z.inverted && without_control;
+        if (!controlled) return;
+        if (z.inverted) linear ^= z.controls;
+        const int control = std::countr_zero(z.controls);
+        partners[control] ^= z.selects;
+        for_each_bit(z.selects, [&](unsigned int b) { partners[b] ^= z.controls; });
+    }
+};
+
 }  // namespace
 
 StepWriter::Parity& StepWriter::Parity::operator^=(const Parity& other) {
@@ -60,6 +84,7 @@ StepWriter::Parity StepWriter::selection(const Operation& operation) const {
 }
 
 void StepWriter::renumber(const Operation& operation) {
+    write_signs();
     if (operation.action == Action::SWAP)
         return as_cnots(operation, [&](const Operation& part) { renumber(part); });
     if (!renumbered_) {
@@ -81,6 +106,12 @@ void StepWriter::renumber(const Operation& operation) {
 }
 
 void StepWriter::append(const Operation& operation) {
+    if (joins_signs(operation)) {
+        signs_.push_back(operation);
+        return;
+    }
+    // Z change places with one another to the last bit.
+    if (operation.action != Action::Z) write_signs();
     if (operation.action == Action::SWAP)
         return as_cnots(operation, [&](const Operation& part) { append(part); });
     if (operation.action == Action::matrix2 && operation.controls == 0) {
@@ -100,6 +131,57 @@ void StepWriter::append(const Operation& operation) {
     }
     push(operation);
     undo_exchanges();
+}
+
+bool StepWriter::joins_signs(const Operation& operation) const {
+    return operation.action == Action::Z && !renumbered_ && operation.state.selects == 0 &&
+           operation.state.controls == 0 && (operation.controls & (operation.controls - 1)) == 0;
+}
+
+/// Writes the Z that wait: one step for many, or one for each.
+void StepWriter::write_signs() {
+    if (signs_.empty()) return;
+    if (signs_.size() < min_joined_signs) {
+        for (const Operation& operation : signs_)
+            push(operation);
+        signs_.clear();
+        return;
+    }
+    Quadratic form;
+    for (const Operation& operation : signs_)
+        form.add(operation);
+    signs_.clear();
+    const Index window = rows_ | lanes_;
+    SignLookup signs;
+    // Of two bits the lower one counts the higher one.
+    for (unsigned int b = 0; b < max_tile_bits; ++b) {
+        if (window & bit(b)) continue;
+        const Index places = places_of(form.partners[b]);
+        const auto added =
+            static_cast<std::uint32_t>((form.partners[b] & ~low_mask(b)) | (form.linear & bit(b)) |
+                                       (places >> lane_bits_) << 16 | (places & lanes_) << 24);
+        for (unsigned int v = 0; v < 16; ++v) {
+            if (v >> b % 4 & 1) signs.of_tile_bits[b / 4][v] ^= added;
+        }
+    }
+    const unsigned int n_places = count_bits(window);
+    Index counted[max_lane_bits + 3] = {};
+    for (unsigned int p = 0; p < n_places; ++p) {
+        const unsigned int b = bit_at_[p];
+        counted[p] = (places_of(form.partners[b]) & ~low_mask(p)) | (form.linear >> b & 1) << p;
+    }
+    for (Index place = 0; place < bit(n_places); ++place) {
+        Index added = 0;
+        for_each_bit(place, [&](unsigned int p) { added ^= counted[p]; });
+        const unsigned int odd = form.constant != has_odd_parity(added & place);
+        signs.lanes_of_row[place >> lane_bits_] |=
+            static_cast<std::uint16_t>(odd << (place & lanes_));
+    }
+    pass_.conditions.push_back({0, 0, 0});
+    CircuitStep& step = pass_.steps.emplace_back();
+    step.action = static_cast<std::uint16_t>(step_action(Action::signs, 0));
+    step.lookup = static_cast<std::uint32_t>(pass_.signs.size());
+    pass_.signs.push_back(signs);
 }
 
 /// The place of a bit of the window: lanes first, then rows.

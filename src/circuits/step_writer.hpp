@@ -15,6 +15,7 @@ struct PassSteps {
     std::vector<CircuitStep> steps;
     std::vector<TileCondition> conditions;
     std::vector<TableLookup> lookups;
+    std::vector<SignLookup> signs;
     std::vector<Placement> placements = {Placement::in_order()};
     std::vector<std::uint32_t> inner_products;  ///< numbers in the program, in order
 };
@@ -41,6 +42,9 @@ class StepWriter {
     /// that one renumbered in this window moves or is selected by.
     void append(const Operation& operation);
 
+    /// Ends the window.
+    void end() { write_signs(); }
+
     /// Takes in a permutation of whole vectors, none of whose bits are in lanes: they stay, and
     /// their numbers change.
     void renumber(const Operation& operation);
@@ -59,6 +63,8 @@ class StepWriter {
 
     Parity selection(const Operation& operation) const;
     void push(const Operation& operation);
+    bool joins_signs(const Operation& operation) const;
+    void write_signs();
     unsigned int place_of(unsigned int tile_bit) const;
     Index places_of(Index tile_bits) const;
     std::uint32_t lookup(const Operation& operation);
@@ -75,6 +81,7 @@ class StepWriter {
     Index rows_ = 0;
     std::size_t first_ = 0;  ///< step of the window
     bool renumbered_ = false;
+    std::vector<Operation> signs_;   ///< Z that wait for others
     Parity numbers_[max_tile_bits];  ///< once renumbered
     /// The tile bit at each place: lanes, then rows. Exchanges change it for the time of an
     /// operation.

@@ -334,6 +334,22 @@ PBLINALG_ALWAYS_INLINE void multiply_by_table(V* a, const CircuitStep& step, con
     });
 }
 
+/// Several Z.
+/// @param index  of the group in the tile.
+template <class V>
+PBLINALG_ALWAYS_INLINE void flip_signs(V* a, const SignLookup& signs, Index index) {
+    std::uint32_t added = 0;
+    for (unsigned int q = 0; q < max_tile_bits / 4; ++q)
+        added ^= signs.of_tile_bits[q][index >> 4 * q & 15];
+    const unsigned int odd = 0u - has_odd_parity(added & index & 0xFFFF);
+    const unsigned int odd_rows = odd ^ parity_pattern(added >> 16);
+    const unsigned int odd_lanes = parity_pattern(added >> 24);
+    for_each_row([&]<unsigned int r>() __attribute__((always_inline)) {
+        const unsigned int lanes = signs.lanes_of_row[r] ^ odd_lanes ^ (0u - (odd_rows >> r & 1));
+        a[r] = V::select(V::lanes_in(lanes), -a[r], a[r]);
+    });
+}
+
 /// Bits of a tile's index as bits of the state's.
 PBLINALG_ALWAYS_INLINE Index spread_bits(Index bits, const Index* of_bit) {
     Index spread = 0;
@@ -425,6 +441,7 @@ PBLINALG_ALWAYS_INLINE void run_step(V* a, const LiveStep& live, const TilePass<
         case action(Action::exchange_rows, 0): return exchange_rows<0, 1>(a);
         case action(Action::exchange_rows, 1): return exchange_rows<0, 2>(a);
         case action(Action::exchange_rows, 2): return exchange_rows<1, 2>(a);
+        case action(Action::signs, 0): return flip_signs(a, pass.signs[step.lookup], index);
         PBLINALG_DIAGONAL(in_bit_0)
         PBLINALG_DIAGONAL(in_bit_1)
         PBLINALG_DIAGONAL(in_bit_2)

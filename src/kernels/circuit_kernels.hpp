@@ -34,9 +34,10 @@ enum class Action : unsigned char {
     phase,
     both,
     table,
-    // Steps alone: exchange a lane bit with row bit 0, or two row bits.
+    // Steps alone: exchange a lane bit with row bit 0, or two row bits; several Z in one.
     exchange_lane,
     exchange_rows,
+    signs,
     // Operations alone, which run on the whole state: a dense matrix, a phase oracle.
     dense,
     oracle,
@@ -100,10 +101,10 @@ constexpr unsigned int match_pattern(Index mask, Index values) {
 /// parity, `both` on the others, too. All these bits lie in lanes, in rows, or outside the group,
 /// where they are one truth for all its amplitudes.
 struct CircuitStep {
-    std::uint32_t factors = 0;  ///< place of its coefficients among those of the run
-    std::uint32_t lookup = 0;   ///< table: number of the `TableLookup`; or of the inner product
-    std::uint16_t action = 0;   ///< `step_action`
-    std::uint16_t tile_selects = 0;    ///< selecting bits of the tile's index
+    std::uint32_t factors = 0;       ///< place of its coefficients among those of the run
+    std::uint32_t lookup = 0;        ///< number of the `TableLookup`, `SignLookup` or inner product
+    std::uint16_t action = 0;        ///< `step_action`
+    std::uint16_t tile_selects = 0;  ///< selecting bits of the tile's index
     std::uint16_t tile_controls = 0;   ///< control bits of the tile's index ...
     std::uint16_t control_values = 0;  ///< ... and what they must be
     std::uint16_t lane_pattern = 0;    ///< parity of the selecting lane bits, by lane
@@ -152,6 +153,15 @@ struct TableLookup {
     Index tile_bits = 0;  ///< those whose column is not 0
 };
 
+/// Which amplitudes several Z, each with one control at most, negate together: those where a
+/// polynomial of degree 2 in the bits of the tile's index is odd.
+struct SignLookup {
+    /// What bits of the index outside the window add, four at a time: which of them to count in, as
+    /// a mask, and from bits 16 and 24 on the row bits and the lane bits to count in.
+    std::uint32_t of_tile_bits[max_tile_bits / 4][16] = {};
+    std::uint16_t lanes_of_row[8] = {};  ///< odd lanes of each row where these bits are 0
+};
+
 /// Gates that run together in registers, on groups of amplitudes that differ in `active` bits of
 /// the tile's index: all lane bits, and `WindowShape::row_bits` others. Row bit b is the b-th
 /// lowest of these.
@@ -173,6 +183,7 @@ struct TilePass {
     const TileCondition* conditions;  ///< one per step
     std::size_t n_steps;
     const TableLookup* lookups;
+    const SignLookup* signs;
     const Placement* placements;  ///< the last one is what the windows leave
     std::size_t n_placements;
     const T* factors;  ///< coefficients as interleaved parts

@@ -30,7 +30,8 @@ TYPED_TEST(Sweeps, GiveInRowsWhatRunsOfTheirOwnGive) {
     for (const unsigned int n : {3u, min_shared_batch_qubits}) {
         const GateList list = ansatz(n);
         const std::size_t size = std::size_t{1} << n;
-        for (const int threads : {1, 3}) {
+        for (const auto& [threads, accuracy] :
+             {std::pair{1, Accuracy::exact}, {3, Accuracy::exact}, {3, Accuracy::rounding}}) {
             std::vector<double> expectations(2 * n_rows);
             std::vector<T> probabilities(4 * n_rows), totals(n_rows);
             std::vector<unsigned long long> shots(n_shots * n_rows);
@@ -43,14 +44,15 @@ TYPED_TEST(Sweeps, GiveInRowsWhatRunsOfTheirOwnGive) {
                                         .shots = shots.data(),
                                         .totals = totals.data(),
                                         .states = states.data()};
-            const auto report = run_sweep<T>(n, list, {values, n_rows}, output, {threads, 5, {}});
+            const auto report =
+                run_sweep<T>(n, list, {values, n_rows}, output, {threads, 5, {}, accuracy});
             EXPECT_EQ(report.jobs_done, n_rows);
             for (std::size_t row = 0; row < n_rows; ++row) {
                 SCOPED_TRACE(::testing::Message() << n << " qubits, row " << row);
                 StateVector<T> state(n);
                 state.set_num_threads(threads);
                 state.reset();
-                run(state, list, std::span(values).subspan(4 * row, 4));
+                run(state, list, std::span(values).subspan(4 * row, 4), {{}, accuracy});
                 for (std::size_t o = 0; o < 2; ++o) {
                     EXPECT_EQ(expectations[2 * row + o],
                               state.expectation_value(observables[o]).real());

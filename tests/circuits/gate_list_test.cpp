@@ -228,6 +228,30 @@ TYPED_TEST(GateLists, RunAsTheirGatesInOrderAroundTheSizesOfCaches) {
     });
 }
 
+TYPED_TEST(GateLists, NegateWhatManyZNegateTogether) {
+    using T = TypeParam;
+    for (const unsigned int n : {6u, 7u, 11u, 17u}) {
+        Dice dice(n);
+        GateList list;
+        for (int g = 0; g < 60; ++g) {
+            // Runs of Z between other gates, some of them on a parity.
+            const unsigned int which = dice.below(16);
+            const Qubits chosen = dice.qubits(n, 3);
+            if (which < 2) {
+                dice.add(list, which ? GateKind::X : GateKind::RX, n);
+            } else if (which < 4) {
+                const Controls opening({chosen[0]}, which == 2 ? 0 : ~std::uint64_t{0});
+                list.add(GateKind::X, chosen[1], opening);
+                list.add(GateKind::Z, chosen[1], Controls({chosen[2]}, dice.below(2) << chosen[2]));
+                list.add(GateKind::X, chosen[1], opening);
+            } else {
+                dice.add(list, GateKind::Z, n);
+            }
+        }
+        check_definitions(list, filled<T>(std::size_t{1} << n, Filling::signed_zeros, n), "Z");
+    }
+}
+
 TYPED_TEST(GateLists, ApplyMatricesOfManyQubitsAsTheMembersDo) {
     using T = TypeParam;
     for (const unsigned int n : {5u, 9u, 13u}) {
