@@ -21,16 +21,16 @@ def run_steps(
     report: Callable[[int], object] | None = None,
     done: int = 0,
     accuracy: Accuracy = "exact",
-    run_gates: Callable[[GateList], object] | None = None,
+    run_gates: Callable[[GateList, Callable[[int], object] | None], object] | None = None,
 ) -> int:
     """Applies steps to a state; measurements write `bits`, `values` are those of the
     parameters, `report` is told the number of gates
-    that are through, `done` of them before. Returns that number. `run_gates` applies gates in the
-    place of their own method."""
+    that are through, `done` of them before. Returns that number. `run_gates` applies gates, and
+    reports, in the place of their own method."""
     for step in steps:
         if isinstance(step, GateList):
             if run_gates:
-                run_gates(step)
+                run_gates(step, shifted(report, done))
             else:
                 step.run(core, values, shifted(report, done), accuracy=accuracy)
             done += len(step)

@@ -30,6 +30,7 @@ from .execution import run_steps
 from .gates import GateMethods, as_qubits
 from .parameters import Values, values_in_order
 from .program import Program
+from .progress import Progress, bar_class, check_progress, reporter
 from .readout import Readout
 
 try:
@@ -162,23 +163,35 @@ class StateVector(Readout):
         values: Values | None = None,
         checkpoint: str | os.PathLike[str] | None = None,
         every: SupportsIndex = 0,
+        progress: Progress = None,
     ) -> StateVector:
         """Applies a circuit, measurements and all, to the state as it is. `values` are those of its
         parameters.
 
+        A signal that one rank gets, such as SIGINT, and an exception from its `progress` stop all
+        of them between exchanges: the state then holds the effect of exactly the gates and
+        measurements up to there. That rank raises what it got; the others raise KeyboardInterrupt
+        or RuntimeError, which names the rank.
+
         checkpoint: a file that names the last saved state. A circuit of gates alone is saved every
         `every` gates, and `resume` goes on from there.
+        progress: a function of (gates done, gates), called on every rank that gives one; True or
+        None for a bar on rank 0.
         """
         steps, numbers = self._steps(circuit, values)
         path, interval = self._checkpoint(circuit, checkpoint, every)
         self._bits = [0] * circuit.num_clbits
-        run_steps(
-            self._core,
-            steps,
-            self._bits,
-            numbers,
-            run_gates=lambda gates: self._core.run(gates, numbers, path, interval),
-        )
+        with reporter(self._own(progress), len(circuit), "gate") as report:
+            run_steps(
+                self._core,
+                steps,
+                self._bits,
+                numbers,
+                report,
+                run_gates=lambda gates, report: self._raise_together(
+                    self._core.run(gates, numbers, path, interval, report)
+                ),
+            )
         return self
 
     def resume(
@@ -187,15 +200,35 @@ class StateVector(Readout):
         checkpoint: str | os.PathLike[str],
         every: SupportsIndex = 0,
         values: Values | None = None,
+        progress: Progress = None,
     ) -> StateVector:
         """Loads a checkpoint of a run of the same circuit and values and applies the gates that it
         lacks: the bits are those of a run that was not interrupted, on any number of ranks.
-        ValueError for one of another circuit."""
+        ValueError for one of another circuit. `progress` and signals are those of `run`."""
         steps, numbers = self._steps(circuit, values)
         path, interval = self._checkpoint(circuit, checkpoint, every)
-        for gates in steps:
-            self._core.resume(gates, numbers, path, interval)
+        with reporter(self._own(progress), len(circuit), "gate") as report:
+            for gates in steps:
+                self._raise_together(self._core.resume(gates, numbers, path, interval, report))
         return self
+
+    def _own(self, progress: Progress) -> Progress:
+        """What this rank shows of it: bars are those of rank 0."""
+        check_progress(progress)
+        if progress is True:
+            bar_class()
+        return progress if callable(progress) or self._comm.rank == 0 else False
+
+    def _raise_together(self, error: BaseException | None) -> None:
+        """Raises an error of this rank here and tells the others."""
+        if not self._comm.allreduce(error is not None, MPI.LOR):
+            return
+        found = None if error is None else (isinstance(error, KeyboardInterrupt), repr(error))
+        everybody = self._comm.allgather(found)
+        if error is not None:
+            raise error
+        rank, (interrupted, text) = next(item for item in enumerate(everybody) if item[1])
+        raise (KeyboardInterrupt if interrupted else RuntimeError)(f"rank {rank} raised {text}")
 
     def _steps(self, circuit: Program, values: Values | None) -> tuple[Any, NDArray[np.float64]]:
         if not isinstance(circuit, Program):
@@ -379,10 +412,6 @@ class StateVector(Readout):
 
     def __getstate__(self) -> NoReturn:
         raise TypeError("a state over ranks cannot be copied or pickled; save and load it")
-
-    def expectation_terms(self, observable: Any) -> NoReturn:
-        """TypeError: ask for the expectation value of each term."""
-        raise TypeError("expectation_terms is not there for a state over ranks")
 
     def estimate(self, observable: Any, shots: SupportsIndex) -> NoReturn:
         """TypeError: `expectation` is exact."""

@@ -5,6 +5,7 @@ from __future__ import annotations
 import sys
 from collections.abc import Callable, Iterator
 from contextlib import contextmanager
+from typing import Any
 
 #: What the `progress` argument of long runs takes: a function of (done, total); True or False to
 #: ask for a bar or for none; None for a bar when the terminal is interactive and tqdm is there.
@@ -15,6 +16,15 @@ def check_progress(progress: Progress) -> None:
     """TypeError for what `progress` does not take."""
     if not callable(progress) and not any(progress is known for known in (True, False, None)):
         raise TypeError(f"progress must be a function, True, False or None, got {progress!r}")
+
+
+def bar_class() -> Any:
+    """tqdm, or an ImportError that says what to install."""
+    try:
+        from tqdm import tqdm
+    except ImportError as error:
+        raise ImportError("a bar needs tqdm: pip install 'pblinalg[progress]'") from error
+    return tqdm
 
 
 @contextmanager
@@ -28,12 +38,12 @@ def reporter(progress: Progress, total: int, unit: str) -> Iterator[Callable[[in
         yield lambda done: progress(done, total)
         return
     try:
-        from tqdm import tqdm
-    except ImportError as error:
+        tqdm = bar_class()
+    except ImportError:
         if progress is None:
             yield None
             return
-        raise ImportError("a bar needs tqdm: pip install 'pblinalg[progress]'") from error
+        raise
     # Runs that are over in a second get no bar.
     with tqdm(total=total, unit=unit, delay=0 if progress else 1, leave=bool(progress)) as bar:
         yield lambda done: bar.update(done - bar.n)

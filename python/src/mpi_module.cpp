@@ -12,6 +12,7 @@
 
 #include "gate_lists.hpp"
 #include "records.hpp"
+#include "watch.hpp"
 
 namespace pblinalg::python {
 namespace {
@@ -28,6 +29,27 @@ nb::ndarray<nb::numpy, V, nb::ndim<1>> owned(std::vector<V>&& values) {
 
 std::span<const double> span_of(const Values& values) {
     return {values.data(), values.size()};
+}
+
+/// Runs gates; this rank's signals and what its `progress` raises stop them on all.
+/// @return the error of this rank, or None: the ranks have to tell each other.
+template <class Run>
+nb::object watched(BoundGateList& list, nb::handle progress, const Run& run) {
+    const Reading reading(list);
+    Watch watch(progress);
+    const RunReport report = run([&](std::size_t done) { return watch.goes_on(done); });
+    try {
+        watch.finish(report.gates_done);
+    } catch (nb::python_error& error) {
+        error.restore();
+        PyObject *type, *value, *traceback;
+        PyErr_Fetch(&type, &value, &traceback);
+        PyErr_NormalizeException(&type, &value, &traceback);
+        const auto owned_type = nb::steal(type), owned_traceback = nb::steal(traceback);
+        if (traceback) PyException_SetTraceback(value, traceback);
+        return nb::steal(value);
+    }
+    return nb::none();
 }
 
 template <class T>
@@ -49,18 +71,26 @@ void bind_ranks(nb::module_& module, const char* name) {
                                                nb::device::cpu>& amplitudes) {
                  self.set_amplitudes({amplitudes.data(), amplitudes.size()});
              })
-        .def("run",
-             [](State& self, BoundGateList& list, const Values& values, const std::string& path,
-                std::size_t every) {
-                 const Reading reading(list);
-                 self.run(list.gates, span_of(values), {path, every});
-             })
-        .def("resume",
-             [](State& self, BoundGateList& list, const Values& values, const std::string& path,
-                std::size_t every) {
-                 const Reading reading(list);
-                 self.resume(list.gates, span_of(values), {path, every});
-             })
+        .def(
+            "run",
+            [](State& self, BoundGateList& list, const Values& values, const std::string& path,
+               std::size_t every, nb::handle progress) {
+                return watched(list, progress, [&](const auto& between) {
+                    return self.run(list.gates, span_of(values), {path, every}, between);
+                });
+            },
+            nb::arg("list"), nb::arg("values"), nb::arg("path"), nb::arg("every"),
+            nb::arg("progress").none())
+        .def(
+            "resume",
+            [](State& self, BoundGateList& list, const Values& values, const std::string& path,
+               std::size_t every, nb::handle progress) {
+                return watched(list, progress, [&](const auto& between) {
+                    return self.resume(list.gates, span_of(values), {path, every}, between);
+                });
+            },
+            nb::arg("list"), nb::arg("values"), nb::arg("path"), nb::arg("every"),
+            nb::arg("progress").none())
         .def("amplitudes",
              [](State& self, const std::vector<std::uint64_t>& indices) {
                  return owned(self.amplitudes(indices));
@@ -89,6 +119,10 @@ void bind_ranks(nb::module_& module, const char* name) {
         .def("expectation_value",
              [](State& self, const BoundObservable<T>& observable) {
                  return self.expectation_value(observable);
+             })
+        .def("terms_expectations_values",
+             [](State& self, const BoundObservable<T>& observable) {
+                 return self.terms_expectations_values(observable);
              })
         .def("save", &State::save)
         .def("load", &State::load);

@@ -21,10 +21,11 @@ class Watch {
 
     /// Between pieces of the work. False once a signal or the function has raised something.
     bool goes_on(std::size_t done, Unlocked& unlocked) {
-        if (std::chrono::steady_clock::now() - last_ < patience) return true;
-        unlocked.locked([&] { look(done); });
-        last_ = std::chrono::steady_clock::now();
-        return !raised_;
+        return goes_on(done, [&](const auto& look) { unlocked.locked(look); });
+    }
+    /// The same for a caller that has the interpreter lock.
+    bool goes_on(std::size_t done) {
+        return goes_on(done, [](const auto& look) { look(); });
     }
 
     /// At the end, with the interpreter lock: a last look, and what was raised goes to the caller.
@@ -35,6 +36,14 @@ class Watch {
 
   private:
     static constexpr std::chrono::milliseconds patience{20};
+
+    template <class Locked>
+    bool goes_on(std::size_t done, const Locked& locked) {
+        if (std::chrono::steady_clock::now() - last_ < patience) return true;
+        locked([&] { look(done); });
+        last_ = std::chrono::steady_clock::now();
+        return !raised_;
+    }
 
     void look(std::size_t done) {
         try {

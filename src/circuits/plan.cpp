@@ -128,7 +128,7 @@ Plan<T>::Plan(Program<T> program, const PlanShape& shape)
         Stage all;
         for (std::uint32_t i = 0; i < operations.size(); ++i)
             all.alone.push_back(i);
-        all.front = static_cast<std::uint32_t>(operations.size());
+        all.reached.front = static_cast<std::uint32_t>(operations.size());
         if (!all.alone.empty()) stages_.push_back(std::move(all));
         return;
     }
@@ -253,9 +253,7 @@ void Plan<T>::plan_passes() {
             stage.inactive = planner.inactive(pass);
             stage.steps = compile(local, pass.active);
         }
-        for (const Operation* const operation : planner.left_out())
-            stage.left_out.push_back(number(operation));
-        stage.front = static_cast<std::uint32_t>(planner.front());
+        stage.reached = planner.reached();
     }
 }
 
@@ -274,7 +272,7 @@ void Plan<T>::plan_one_tile() {
             stage.active = low_mask(shape_.nqubits);
             stage.steps = compile(operations.subspan(i, end - i), stage.active);
         }
-        stage.front = static_cast<std::uint32_t>(end);
+        stage.reached.front = static_cast<std::uint32_t>(end);
         i = end;
     }
 }
@@ -358,7 +356,7 @@ std::size_t Plan<T>::run(std::complex<T>* amplitudes, int workers, const T* fact
         std::exception_ptr failure;
         bool goes_on = false;
         try {
-            goes_on = between(gates_done_after(stage));
+            goes_on = between(stage.reached.gates_done(program_.operations, program_.n_gates));
         } catch (...) {
             failure = std::current_exception();
         }
@@ -420,20 +418,11 @@ bool Plan<T>::run_paired(std::complex<T>* ket, std::complex<T>* bra, int workers
         if (stage.alone.empty()) {
             run_paired_pass(stage, ket, bra, workers, factors, scratch, inner_products);
         }
-        if (between && &stage != &stages_.back() && !between(gates_done_after(stage))) return false;
+        if (between && &stage != &stages_.back() &&
+            !between(stage.reached.gates_done(program_.operations, program_.n_gates)))
+            return false;
     }
     return true;
-}
-
-/// The gates that are done, none of the later ones counted.
-template <class T>
-std::size_t Plan<T>::gates_done_after(const Stage& stage) const {
-    const auto& operations = program_.operations;
-    std::size_t first = stage.left_out.empty() ? stage.front : stage.left_out.front();
-    if (first == operations.size()) return program_.n_gates;
-    while (first > 0 && operations[first].gates_before == Operation::inside_a_gate)
-        --first;
-    return operations[first].gates_before;
 }
 
 /// Does what is left of all gates that have begun.
@@ -441,19 +430,10 @@ std::size_t Plan<T>::gates_done_after(const Stage& stage) const {
 template <class T>
 std::size_t Plan<T>::finish_overtaken(const Stage& stage, std::complex<T>* amplitudes, int workers,
                                       const T* factors) const {
-    const auto& operations = program_.operations;
-    std::size_t end = stage.front;
-    while (end < operations.size() && operations[end].gates_before == Operation::inside_a_gate)
-        ++end;
-    std::vector<Operation> rest;
-    for (const std::uint32_t i : stage.left_out)
-        rest.push_back(operations[i]);
-    rest.insert(rest.end(), operations.begin() + stage.front,
-                operations.begin() + static_cast<std::ptrdiff_t>(end));
     Program<T> program(program_);
-    program.operations = std::move(rest);
+    program.operations = stage.reached.rest(program_.operations);
     Plan(std::move(program), shape_).run(amplitudes, workers, factors, {});
-    return end == operations.size() ? program_.n_gates : operations[end].gates_before;
+    return stage.reached.gates_begun(program_.operations, program_.n_gates);
 }
 
 #define PBLINALG_INSTANTIATE(T)                                    \

@@ -5,6 +5,7 @@
 #include <functional>
 
 #include "circuits/lowering.hpp"
+#include "circuits/planner.hpp"
 #include "circuits/step_writer.hpp"
 #include "core/aligned_array.hpp"
 #include "core/team_scratch.hpp"
@@ -71,9 +72,7 @@ class Plan {
         Index active = 0;
         Index inactive = 0;
         PassSteps steps;
-        // What a stop finds after it: operations before `front` are done, but for those left out.
-        std::vector<std::uint32_t> left_out;
-        std::uint32_t front = 0;
+        Reached reached;  ///< what a stop finds after it
     };
 
     void place_tables();
@@ -89,7 +88,6 @@ class Plan {
                          double* inner_products) const;
     void run_pass(const Stage& stage, std::complex<T>* amplitudes, int workers, const T* factors,
                   const TeamScratch& scratch) const;
-    std::size_t gates_done_after(const Stage& stage) const;
     std::size_t finish_overtaken(const Stage& stage, std::complex<T>* amplitudes, int workers,
                                  const T* factors) const;
 

@@ -5,6 +5,35 @@
 
 namespace pblinalg::cpu {
 
+std::size_t Reached::gates_done(std::span<const Operation> operations, std::size_t n_gates) const {
+    std::size_t first = left_out.empty() ? front : left_out.front();
+    if (first == operations.size()) return n_gates;
+    while (first > 0 && operations[first].gates_before == Operation::inside_a_gate)
+        --first;
+    return operations[first].gates_before;
+}
+
+std::size_t Reached::end_of_gate(std::span<const Operation> operations) const {
+    std::size_t end = front;
+    while (end < operations.size() && operations[end].gates_before == Operation::inside_a_gate)
+        ++end;
+    return end;
+}
+
+std::vector<Operation> Reached::rest(std::span<const Operation> operations) const {
+    std::vector<Operation> list;
+    for (const std::uint32_t i : left_out)
+        list.push_back(operations[i]);
+    for (std::size_t i = front; i < end_of_gate(operations); ++i)
+        list.push_back(operations[i]);
+    return list;
+}
+
+std::size_t Reached::gates_begun(std::span<const Operation> operations, std::size_t n_gates) const {
+    const std::size_t end = end_of_gate(operations);
+    return end == operations.size() ? n_gates : operations[end].gates_before;
+}
+
 bool Planner::next(Pass& pass) {
     if (left_out_.empty() && front_ == operations_.size()) return false;
     pass.operations.clear();
@@ -35,6 +64,18 @@ bool Planner::next(Pass& pass) {
     while (count_bits(pass.active) < shape_.part_bits)
         pass.active |= lowest_bit(~pass.active);
     return true;
+}
+
+Reached Planner::reached() const {
+    Reached reached{{}, static_cast<std::uint32_t>(front_)};
+    for (const Operation* const operation : left_out_)
+        reached.left_out.push_back(static_cast<std::uint32_t>(operation - operations_.data()));
+    // What nothing has overtaken yet is as good as not looked at.
+    while (!reached.left_out.empty() && reached.left_out.back() + 1 == reached.front) {
+        reached.left_out.pop_back();
+        --reached.front;
+    }
+    return reached;
 }
 
 bool Planner::take(const Operation& operation, Pass& pass) {

@@ -29,6 +29,23 @@ struct Pass {
     bool alone = false;  ///< its one operation runs on the whole state only
 };
 
+/// How far the passes up to one have come.
+struct Reached {
+    /// Operations before `front` are done, but for those left out, which stand in order.
+    std::vector<std::uint32_t> left_out;
+    std::uint32_t front = 0;
+
+    /// The gates that are done, none of the later ones counted.
+    std::size_t gates_done(std::span<const Operation> operations, std::size_t n_gates) const;
+    /// What is left of all gates that have begun.
+    std::vector<Operation> rest(std::span<const Operation> operations) const;
+    /// The gates that are done once that is.
+    std::size_t gates_begun(std::span<const Operation> operations, std::size_t n_gates) const;
+
+  private:
+    std::size_t end_of_gate(std::span<const Operation> operations) const;
+};
+
 /// Takes the operations of one pass after another from a circuit.
 class Planner {
   public:
@@ -42,6 +59,8 @@ class Planner {
 
     /// The bits of the array that tell the parts of a pass apart.
     Index inactive(const Pass& pass) const { return low_mask(shape_.n_bits) & ~pass.active; }
+
+    Reached reached() const;
 
     /// Operations that the passes so far left out, in order; all others before `front` are done.
     std::span<const Operation* const> left_out() const { return left_out_; }

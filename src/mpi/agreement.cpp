@@ -43,14 +43,14 @@ std::pair<Kind, std::string> describe(const std::exception_ptr& failure) {
 
 }  // namespace
 
-void raise_together(MPI_Comm comm, std::exception_ptr own) {
+bool raise_together(MPI_Comm comm, std::exception_ptr own, bool goes_on) {
     int rank = 0;
     MPI_Comm_rank(comm, &rank);
-    constexpr int nobody = std::numeric_limits<int>::max();
-    const int mine = own ? rank : nobody;
+    constexpr int nobody = std::numeric_limits<int>::max(), stopped = nobody - 1;
+    const int mine = own ? rank : goes_on ? nobody : stopped;
     int first = nobody;
     MPI_Allreduce(&mine, &first, 1, MPI_INT, MPI_MIN, comm);
-    if (first == nobody) return;
+    if (first >= stopped) return first == nobody;
     std::pair<Kind, std::string> failure;
     if (rank == first) failure = describe(own);
     int head[] = {static_cast<int>(failure.first), static_cast<int>(failure.second.size())};
@@ -67,7 +67,7 @@ void raise_together(MPI_Comm comm, std::exception_ptr own) {
             throw std::domain_error(text);
         case Kind::length:
             throw std::length_error(text);
-        case Kind::other:
+        default:
             throw std::runtime_error(text);
     }
 }

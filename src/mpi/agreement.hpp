@@ -12,18 +12,30 @@ namespace pblinalg::mpi {
 
 /// Raises on every rank the error of the lowest one that has one. Its type is kept among those that
 /// the library raises; others become std::runtime_error.
-void raise_together(MPI_Comm comm, std::exception_ptr own);
+/// @return whether all ranks go on.
+bool raise_together(MPI_Comm comm, std::exception_ptr own, bool goes_on = true);
 
-/// Calls `work` on every rank; see `raise_together`.
+/// Calls `work` on every rank, which tells whether to go on; see `raise_together`.
+/// @return whether all ranks do.
 template <class Work>
-void together(MPI_Comm comm, const Work& work) {
+bool all_go_on(MPI_Comm comm, const Work& work) {
     std::exception_ptr failure;
+    bool goes_on = true;
     try {
-        work();
+        goes_on = work();
     } catch (...) {
         failure = std::current_exception();
     }
-    raise_together(comm, failure);
+    return raise_together(comm, failure, goes_on);
+}
+
+/// The same for work that has no answer.
+template <class Work>
+void together(MPI_Comm comm, const Work& work) {
+    all_go_on(comm, [&] {
+        work();
+        return true;
+    });
 }
 
 /// A number that differs for different sequences, all but certainly.

@@ -54,8 +54,8 @@ bool runs_on(const Operation& operation, Index local) {
            !((operation.target_bits | operation.selects) & local);
 }
 
-/// Replaces SWAPs by new names for what follows.
-/// @return by qubit: its name at the end.
+}  // namespace
+
 template <class T>
 std::vector<unsigned int> take_out_swaps(cpu::Program<T>& program) {
     std::vector<unsigned int> name(program.nqubits);
@@ -73,14 +73,18 @@ std::vector<unsigned int> take_out_swaps(cpu::Program<T>& program) {
             qubit = name[qubit];
     };
     std::size_t kept = 0;
+    std::uint32_t gates_before = Operation::inside_a_gate;  // of a SWAP that the next one follows
     for (const Operation& found : program.operations) {
         if (found.action == Action::SWAP) {
+            if (found.gates_before != Operation::inside_a_gate) gates_before = found.gates_before;
             std::swap(name[found.targets[0]], name[found.targets[1]]);
             renamed = true;
             continue;
         }
         Operation& operation = program.operations[kept++];
         operation = found;
+        if (found.gates_before == Operation::inside_a_gate) operation.gates_before = gates_before;
+        gates_before = Operation::inside_a_gate;
         if (!renamed) continue;
         operation.target_bits = rename(found.target_bits);
         operation.controls = rename(found.controls);
@@ -110,6 +114,8 @@ std::vector<unsigned int> take_out_swaps(cpu::Program<T>& program) {
     program.operations.resize(kept);
     return name;
 }
+
+namespace {
 
 /// The bits to hold within ranks for `pass`: those it needs, and of those at hand the ones needed
 /// soonest after it.
@@ -174,8 +180,8 @@ RankPlan plan_ranks(cpu::Program<T>& program, const Layout& layout) {
                                       .look_ahead = look_ahead,
                                       .max_length = std::numeric_limits<std::size_t>::max(),
                                       .keeps_order = true,
-                                      .reach = 0,
-                                      .max_starts = 0,
+                                      .reach = 160,
+                                      .max_starts = 4,
                                       .whole_parts = true});
     for (Pass pass; planner.next(pass);) {
         RankPass& own = plan.passes.emplace_back();
@@ -187,6 +193,7 @@ RankPlan plan_ranks(cpu::Program<T>& program, const Layout& layout) {
                 static_cast<std::uint32_t>(entry.operation - operations.data()));
             renumber(*entry.operation, plan.layout);
         }
+        own.reached = planner.reached();
     }
     plan.layout.relabel(names);
     return plan;
@@ -367,6 +374,7 @@ void localise(const Operation& operation, const cpu::Program<T>& program, const 
 }
 
 #define PBLINALG_INSTANTIATE(T)                                                                  \
+    template std::vector<unsigned int> take_out_swaps<T>(cpu::Program<T>&);                      \
     template RankPlan plan_ranks<T>(cpu::Program<T>&, const Layout&);                            \
     template void localise<T>(const Operation&, const cpu::Program<T>&, const T*, const Layout&, \
                               Index, cpu::Program<T>&);

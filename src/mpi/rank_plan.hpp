@@ -6,6 +6,7 @@
 #include <cstdint>
 
 #include "circuits/lowering.hpp"
+#include "circuits/planner.hpp"
 #include "mpi/layout.hpp"
 
 namespace pblinalg::mpi {
@@ -14,12 +15,18 @@ namespace pblinalg::mpi {
 struct RankPass {
     std::vector<BitSwap> swaps;  ///< distinct bits
     std::vector<std::uint32_t> operations;
+    cpu::Reached reached;  ///< what a stop finds after it
 };
 
 struct RankPlan {
     std::vector<RankPass> passes;
     Layout layout;  ///< what the passes leave
 };
+
+/// Replaces SWAPs by new names of qubits in what follows.
+/// @return by qubit: its name at the end.
+template <class T>
+std::vector<unsigned int> take_out_swaps(cpu::Program<T>& program);
 
 /// Puts `program` into the form that ranks run and plans it.
 ///

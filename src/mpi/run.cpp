@@ -52,18 +52,17 @@ void require_values(const GateList& list, std::span<const double> values) {
 }  // namespace
 
 template <class T>
-void StateVector<T>::State::run(cpu::Program<T>& program, const T* factors) {
-    std::optional<RankPlan> plan;
+const RankPass* StateVector<T>::State::run_passes(const RankPlan& plan,
+                                                  const cpu::Program<T>& program, const T* factors,
+                                                  const Callback& between) {
     std::optional<cpu::TeamScratch> buffer;
-    together(comm(), [&] {
-        plan = plan_ranks(program, layout);
-        buffer.emplace(1, exchange_buffer_bytes<T>(local_bits()));
-    });
-    for (const RankPass& pass : plan->passes) {
+    together(comm(), [&] { buffer.emplace(1, exchange_buffer_bytes<T>(local_bits())); });
+    for (const RankPass& pass : plan.passes) {
         exchange(comm(), amplitudes.get(), local_bits(), pass.swaps, layout.numbers, rank(),
                  static_cast<std::byte*>(buffer->of(0)));
         layout.apply(pass.swaps);
-        together(comm(), [&] {
+        const bool is_last = &pass == &plan.passes.back();
+        const bool goes_on = all_go_on(comm(), [&] {
             cpu::Program<T> local;
             for (const std::uint32_t i : pass.operations) {
                 const cpu::Operation& operation = program.operations[i];
@@ -71,42 +70,87 @@ void StateVector<T>::State::run(cpu::Program<T>& program, const T* factors) {
                     localise(operation, program, factors, layout, number(), local);
             }
             run_here(std::move(local), nullptr);
+            return is_last || between(pass.reached.gates_done(program.operations, program.n_gates));
         });
+        if (!goes_on) return &pass;
     }
-    layout = plan->layout;
+    layout = plan.layout;
+    return nullptr;
 }
 
 template <class T>
-void StateVector<T>::State::run(const GateList& list, std::span<const double> values,
-                                std::size_t first, std::size_t end) {
-    cpu::Program<T> program;
-    program.nqubits = layout.n_qubits();
-    together(comm(), [&] {
-        // Gates keep their numbers in the list, by which `bind` finds their angles.
+void StateVector<T>::State::run(cpu::Program<T>& program, const T* factors) {
+    std::optional<RankPlan> plan;
+    together(comm(), [&] { plan = plan_ranks(program, layout); });
+    run_passes(*plan, program, factors, [](std::size_t) { return true; });
+}
+
+template <class T>
+RunReport StateVector<T>::State::run(const GateList& list, std::span<const double> values,
+                                     std::size_t first, std::size_t end, const Callback& between) {
+    // Gates keep their numbers in the list, by which `bind` finds their angles.
+    const auto lowered = [&](std::size_t last) {
+        cpu::Program<T> program;
+        program.nqubits = layout.n_qubits();
         program.n_gates = static_cast<std::uint32_t>(first);
-        for (std::size_t i = first; i < end; ++i)
+        for (std::size_t i = first; i < last; ++i)
             cpu::lower(list[i], program);
+        return program;
+    };
+    cpu::Program<T> program;
+    std::optional<RankPlan> plan;
+    together(comm(), [&] {
+        program = lowered(end);
         cpu::bind(program, list, values, program.factors.data());
+        plan = plan_ranks(program, layout);
+    });
+    const RankPass* const last = run_passes(*plan, program, program.factors.data(), between);
+    if (!last) return {end, false};
+    const std::size_t gates = last->reached.gates_begun(program.operations, program.n_gates);
+    std::vector<unsigned int> names;
+    together(comm(), [&] {
+        cpu::Program<T> begun = lowered(gates);
+        names = take_out_swaps(begun);
+        program.operations = last->reached.rest(program.operations);
     });
     run(program, program.factors.data());
+    layout.relabel(names);
+    return {gates, true};
 }
 
 template <class T>
-void StateVector<T>::State::go_on(const GateList& list, std::span<const double> values,
-                                  RunProgress progress, const Checkpoint& checkpoint,
-                                  StateVector& owner) {
-    if (checkpoint.every == 0) return run(list, values, progress.gates, list.size());
-    while (progress.gates < list.size()) {
+RunReport StateVector<T>::State::go_on(const GateList& list, std::span<const double> values,
+                                       RunProgress progress, const Checkpoint& checkpoint,
+                                       const Callback& between_passes, StateVector& owner) {
+    // What the function throws stops as its answer does, and is raised once gates are whole.
+    std::exception_ptr failure;
+    const auto between = [&](std::size_t gates) {
+        try {
+            return !between_passes || between_passes(gates);
+        } catch (...) {
+            failure = std::current_exception();
+            return false;
+        }
+    };
+    bool goes_on = true;
+    while (goes_on && progress.gates < list.size()) {
         const std::size_t end =
-            std::min<std::size_t>(list.size(), progress.gates + checkpoint.every);
-        run(list, values, progress.gates, end);
+            checkpoint.every == 0
+                ? list.size()
+                : std::min<std::size_t>(list.size(), progress.gates + checkpoint.every);
+        const RunReport report = run(list, values, progress.gates, end, between);
+        progress.gates = report.gates_done;
+        goes_on = !report.stopped;
+        if (progress.gates < end || checkpoint.every == 0) continue;
         const std::string older = progress.state;
-        progress.gates = end;
         progress.state = checkpoint.path + "." + std::to_string(end) + ".npy";
         owner.save(progress.state);
         write_progress(communicator, checkpoint.path, progress);
         if (rank() == 0 && !older.empty()) std::remove(older.c_str());
+        if (goes_on && end < list.size()) goes_on = all_go_on(comm(), [&] { return between(end); });
     }
+    raise_together(comm(), failure);
+    return {progress.gates, progress.gates < list.size()};
 }
 
 namespace {
@@ -132,15 +176,15 @@ std::uint64_t agree_on_run(const State& state, const GateList& list, std::span<c
 }  // namespace
 
 template <class T>
-void StateVector<T>::run(const GateList& list, std::span<const double> values,
-                         const Checkpoint& checkpoint) {
+RunReport StateVector<T>::run(const GateList& list, std::span<const double> values,
+                              const Checkpoint& checkpoint, const Callback& between_passes) {
     const std::uint64_t digest = agree_on_run(*state_, list, values, checkpoint);
-    state_->go_on(list, values, {0, digest, {}}, checkpoint, *this);
+    return state_->go_on(list, values, {0, digest, {}}, checkpoint, between_passes, *this);
 }
 
 template <class T>
-void StateVector<T>::resume(const GateList& list, std::span<const double> values,
-                            const Checkpoint& checkpoint) {
+RunReport StateVector<T>::resume(const GateList& list, std::span<const double> values,
+                                 const Checkpoint& checkpoint, const Callback& between_passes) {
     const std::uint64_t digest = agree_on_run(*state_, list, values, checkpoint);
     const RunProgress progress = read_progress(state_->communicator, checkpoint.path);
     if (progress.list != digest || progress.gates > list.size()) {
@@ -148,7 +192,7 @@ void StateVector<T>::resume(const GateList& list, std::span<const double> values
                                     " belongs to a run of another list or of other values");
     }
     load(progress.state);
-    state_->go_on(list, values, progress, checkpoint, *this);
+    return state_->go_on(list, values, progress, checkpoint, between_passes, *this);
 }
 
 template <class T>
@@ -178,12 +222,12 @@ void StateVector<T>::run(const PybindLinAlgWCircuit<T>& circuit) {
     }
 }
 
-#define PBLINALG_INSTANTIATE(T)                                                    \
-    template void StateVector<T>::State::run(cpu::Program<T>&, const T*);          \
-    template void StateVector<T>::run(const GateList&, std::span<const double>,    \
-                                      const Checkpoint&);                          \
-    template void StateVector<T>::resume(const GateList&, std::span<const double>, \
-                                         const Checkpoint&);                       \
+#define PBLINALG_INSTANTIATE(T)                                                         \
+    template void StateVector<T>::State::run(cpu::Program<T>&, const T*);               \
+    template RunReport StateVector<T>::run(const GateList&, std::span<const double>,    \
+                                           const Checkpoint&, const Callback&);         \
+    template RunReport StateVector<T>::resume(const GateList&, std::span<const double>, \
+                                              const Checkpoint&, const Callback&);      \
     template void StateVector<T>::run(const PybindLinAlgWCircuit<T>&);
 PBLINALG_INSTANTIATE(float)
 PBLINALG_INSTANTIATE(double)

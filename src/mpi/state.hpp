@@ -11,14 +11,14 @@
 #include "mpi/agreement.hpp"
 #include "mpi/files.hpp"
 #include "mpi/layout.hpp"
+#include "mpi/rank_plan.hpp"
 #include "readout/views.hpp"
 
 namespace pblinalg::mpi {
 
 /// Sums whose pieces would lie on several ranks are taken from a copy of the whole state, up to
-/// this number of qubits; those of Pauli terms, which take longer, always, up to the second one.
+/// this number of qubits.
 inline constexpr unsigned int max_copied_qubits = 20;
-inline constexpr unsigned int max_copied_for_terms = 16;
 
 template <class T>
 MPI_Datatype mpi_type() {
@@ -41,12 +41,19 @@ struct StateVector<T>::State {
     void run(cpu::Program<T>& program, const T* factors);
     /// Runs a program of the bits of this rank, on this rank alone.
     void run_here(cpu::Program<T> program, const T* factors);
+    /// @param between  asked after every pass but the last.
+    /// @return the pass after which somebody wants to stop, if any; `layout` is then what it is
+    ///         there.
+    const RankPass* run_passes(const RankPlan& plan, const cpu::Program<T>& program,
+                               const T* factors, const Callback& between);
     /// Applies gates [first, end) of a list.
-    void run(const GateList& list, std::span<const double> values, std::size_t first,
-             std::size_t end);
+    /// @return the gates done, those before `first` among them: `end` or, when stopped, maybe less.
+    RunReport run(const GateList& list, std::span<const double> values, std::size_t first,
+                  std::size_t end, const Callback& between);
     /// Applies the gates that `progress` lacks and saves in between.
-    void go_on(const GateList& list, std::span<const double> values, RunProgress progress,
-               const Checkpoint& checkpoint, StateVector& owner);
+    RunReport go_on(const GateList& list, std::span<const double> values, RunProgress progress,
+                    const Checkpoint& checkpoint, const Callback& between_passes,
+                    StateVector& owner);
     /// Brings `qubits`, n - p of them, within ranks.
     void bring_in(Index qubits);
     /// As `bring_in`, the lowest of them on bit 0 and so on, and likewise the others in the numbers
@@ -63,10 +70,10 @@ struct StateVector<T>::State {
     /// The sum of the squared magnitudes of the amplitudes with `values` under `mask`.
     T weight(Index mask, Index values);
 
-    /// Writes <P> of the listed terms as far as this rank adds to it. All flip the same bits, some
-    /// of them in the ranks' numbers.
-    void add_crossing_terms(const WObservable<T>& observable, Index flip,
-                            const std::vector<std::size_t>& terms, std::span<T> values);
+    /// <P> of every term.
+    std::vector<T> term_values(const WObservable<T>& observable);
+    T defined_term_value(const WObservable<T>& observable, std::size_t term);
+    class BatchSums;
     /// @param one_by_one  running sums are added up through all ranks, as one process does.
     std::vector<std::uint64_t> sample(std::uint64_t shots, std::span<const unsigned int> qubits,
                                       int root, bool one_by_one);

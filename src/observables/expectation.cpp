@@ -8,36 +8,11 @@
 #include <map>
 #include <pblinalg/state_vector_cpu.hpp>
 
-#include "core/complex_math.hpp"
 #include "core/parallel.hpp"
 #include "observables/pauli_sums.hpp"
 
 namespace pblinalg::cpu {
 namespace {
-
-/// i^power.
-template <class T>
-std::complex<T> phase_of(unsigned int power) {
-    constexpr T re[] = {1, 0, -1, 0};
-    constexpr T im[] = {0, 1, 0, -1};
-    return {re[power % 4], im[power % 4]};
-}
-
-/// <P> of every term on a pure state.
-template <class T>
-std::vector<T> all_term_values(std::complex<T>* amplitudes, WObservable<T>& observable, Index size,
-                               int num_threads) {
-    const Index n_terms = observable.flip_masks.size();
-    std::vector<T> values(n_terms, std::numeric_limits<T>::quiet_NaN());
-    if (size >= min_pauli_sums_size && n_terms > 0) {
-        values = pauli_sums(amplitudes, observable, size, num_threads);
-    }
-    for (Index t = 0; t < n_terms; ++t) {
-        if (std::isfinite(values[t])) continue;
-        values[t] = _term_value(amplitudes, observable, size, num_threads, t).real();
-    }
-    return values;
-}
 
 /// Adds to sums[t], for each term t, the entries (i ^ flip) * dim + i with the signs of the term,
 /// for i in [begin, end). Entries are read once for all `terms`, which flip the same bits.
@@ -99,6 +74,21 @@ std::vector<std::complex<T>> all_term_values_density_matrix(std::complex<T>* amp
 }  // namespace
 
 template <class T>
+std::vector<T> all_term_values(std::complex<T>* amplitudes, WObservable<T>& observable,
+                               unsigned long long size, int num_threads) {
+    const Index n_terms = observable.flip_masks.size();
+    std::vector<T> values(n_terms, std::numeric_limits<T>::quiet_NaN());
+    if (size >= min_pauli_sums_size && n_terms > 0) {
+        values = pauli_sums(amplitudes, observable, size, num_threads);
+    }
+    for (Index t = 0; t < n_terms; ++t) {
+        if (std::isfinite(values[t])) continue;
+        values[t] = _term_value(amplitudes, observable, size, num_threads, t).real();
+    }
+    return values;
+}
+
+template <class T>
 std::complex<T> _term_value(std::complex<T>* amplitudes, WObservable<T>& observable,
                             unsigned long long size, int num_threads, unsigned long long term) {
     const Index flip = observable.flip_masks[term];
@@ -106,10 +96,8 @@ std::complex<T> _term_value(std::complex<T>* amplitudes, WObservable<T>& observa
     const unsigned int power = observable.phase_powers[term];
     return sum_over_pieces<T>(size, size, num_threads, [=](Index begin, Index end) {
         T sum = 0;
-        for (Index i = begin; i < end; ++i) {
-            const std::complex<T> product = cmul(amplitudes[i], std::conj(amplitudes[i ^ flip]));
-            sum += cmul(product, phase_of<T>(power + 2 * count_bits(signs & i))).real();
-        }
+        for (Index i = begin; i < end; ++i)
+            sum += term_product(amplitudes[i], amplitudes[i ^ flip], power, signs & i);
         return sum;
     });
 }
@@ -178,17 +166,19 @@ std::vector<std::complex<T>> PybindLinAlgStateVectorCPU<T>::terms_expectations_v
     return values;
 }
 
-#define PBLINALG_INSTANTIATE(T)                                                                  \
-    template std::complex<T> _term_value(std::complex<T>*, WObservable<T>&, unsigned long long,  \
-                                         int, unsigned long long);                               \
-    template std::complex<T> _term_value_density_matrix(                                         \
-        std::complex<T>*, WObservable<T>&, unsigned long long, int, unsigned long long);         \
-    template std::complex<T> _expectation_value(std::complex<T>*, WObservable<T>,                \
-                                                unsigned long long, int);                        \
-    template std::complex<T> _expectation_value_density_matrix(std::complex<T>*, WObservable<T>, \
-                                                               unsigned long long, int);         \
-    template std::complex<T> PybindLinAlgStateVectorCPU<T>::expectation_value(WObservable<T>);   \
-    template std::vector<std::complex<T>>                                                        \
+#define PBLINALG_INSTANTIATE(T)                                                                    \
+    template std::vector<T> all_term_values(std::complex<T>*, WObservable<T>&, unsigned long long, \
+                                            int);                                                  \
+    template std::complex<T> _term_value(std::complex<T>*, WObservable<T>&, unsigned long long,    \
+                                         int, unsigned long long);                                 \
+    template std::complex<T> _term_value_density_matrix(                                           \
+        std::complex<T>*, WObservable<T>&, unsigned long long, int, unsigned long long);           \
+    template std::complex<T> _expectation_value(std::complex<T>*, WObservable<T>,                  \
+                                                unsigned long long, int);                          \
+    template std::complex<T> _expectation_value_density_matrix(std::complex<T>*, WObservable<T>,   \
+                                                               unsigned long long, int);           \
+    template std::complex<T> PybindLinAlgStateVectorCPU<T>::expectation_value(WObservable<T>);     \
+    template std::vector<std::complex<T>>                                                          \
         PybindLinAlgStateVectorCPU<T>::terms_expectations_values(WObservable<T>);
 PBLINALG_INSTANTIATE(float)
 PBLINALG_INSTANTIATE(double)

@@ -16,7 +16,7 @@ inline constexpr unsigned int max_block_bits = sizeof(T) == sizeof(double) ? 9 :
 
 /// Blocks of a tile, which is read from memory once for all masks of a batch; a tile lies in the
 /// second-level cache.
-inline constexpr unsigned int max_tile_bits = 6;
+inline constexpr unsigned int max_spanned_bits = 6;
 
 /// Terms that sum the same part of the same products.
 struct TermGroup {
@@ -26,8 +26,9 @@ struct TermGroup {
     std::vector<Index> terms;  ///< their positions in the observable
 };
 
-/// Groups whose flip masks, above the bits of a block, lie in the span of at most `max_tile_bits`
-/// masks. Blocks that differ by that span form a tile; the groups need nothing outside of it.
+/// Groups whose flip masks, above the bits of a block, lie in the span of at most
+/// `max_spanned_bits` masks. Blocks that differ by that span form a tile; the groups need nothing
+/// outside of it.
 class TermBatch {
   public:
     std::vector<const TermGroup*> groups;
@@ -39,7 +40,7 @@ class TermBatch {
             if (high_flip & pivot(vector)) high_flip ^= vector;
         }
         if (high_flip != 0) {
-            if (span_.size() == max_tile_bits) return false;
+            if (span_.size() == max_spanned_bits) return false;
             // Every pivot is kept the only vector with its bit.
             for (Index& vector : span_) {
                 if (vector & pivot(high_flip)) vector ^= high_flip;

@@ -1,5 +1,6 @@
 // A run with checkpoints that loses a rank, and the one that goes on from there:
 //   interrupted_run killed FILE    the last rank ends itself once there is a checkpoint
+//   interrupted_run endless FILE   runs again and again
 //   interrupted_run resumed FILE   exits with 0 when the outcome has the bits of a whole run
 #include <mpi.h>
 
@@ -38,6 +39,9 @@ int main(int argc, char** argv) {
                 }).detach();
             }
             state.run(list, values, checkpoint);
+        } else if (std::string(argv[1]) == "endless") {
+            for (;;)
+                state.run(list, values, checkpoint);
         } else {
             state.resume(list, values, checkpoint);
             mpi::StateVector<float> whole(MPI_COMM_WORLD, n);

@@ -4,6 +4,7 @@
 #include <sys/resource.h>
 #include <unistd.h>
 
+#include <array>
 #include <cstdlib>
 #include <filesystem>
 #include <functional>
@@ -58,23 +59,39 @@ int setting(const char* name, int otherwise) {
     return text ? std::atoi(text) : otherwise;
 }
 
-TYPED_TEST(OverRanks, RunsOfRandomListsGiveTheBitsOfOneProcess) {
+TYPED_TEST(OverRanks, RunsOfRandomListsGiveTheBitsAndShotsOfOneProcess) {
     using T = TypeParam;
     auto seed = static_cast<std::uint64_t>(setting("PBLINALG_SEED", 0));
-    const int most = setting("PBLINALG_MAX_QUBITS", 12);
+    const auto most = static_cast<unsigned int>(setting("PBLINALG_MAX_QUBITS", 16));
     // More ranks than processors take long to agree.
     const unsigned int step = rank_bits() > 2 ? 3 : 1;
-    for (unsigned int n = std::max(4u, rank_bits() + 2); n <= static_cast<unsigned int>(most);
-         n += step) {
+    std::vector<unsigned int> sizes;
+    for (unsigned int n = std::max(4u, rank_bits() + 2); n < most; n += step)
+        sizes.push_back(n);
+    sizes.push_back(most);
+    for (const unsigned int n : sizes) {
         for (const Filling filling : all_fillings) {
             for (const int n_gates : {5, 80}) {
+                ++seed;
+                // Of large states a few: one filling, then another.
+                if (n > 12 && (n_gates == 5 || filling != all_fillings[n % 4])) continue;
                 Both<T> both(n, filling, seed);
                 // The second list finds the bits where the first one left them.
                 for (int part = 0; part < 2; ++part) {
                     both.run(Dice(2 * seed + part).list(n, n_gates));
                     ASSERT_TRUE(both.same()) << n << " qubits, seed " << seed << ", part " << part;
                 }
-                ++seed;
+                const Qubits qubits = Dice(seed).qubits(n, 1 + n / 2);
+                const T weight = both.whole.probability(0, Qubits{qubits[0]});
+                if (!(weight > 0) || std::isinf(weight)) continue;
+                both.spread.project({qubits[0]}, 0);
+                both.whole.project({qubits[0]}, 0);
+                both.spread.seed(seed);
+                both.whole.rng.seed(seed);
+                std::vector<unsigned long long> expected(100);
+                both.whole.sample_subset(expected.data(), qubits, expected.size());
+                EXPECT_TRUE(std::ranges::equal(both.spread.sample(100, qubits), expected))
+                    << n << " qubits, seed " << seed;
             }
         }
     }
@@ -113,6 +130,72 @@ TYPED_TEST(OverRanks, ParametersRecordsAndWideMatricesRunAsInOneProcess) {
     const auto got = both.spread.gather();
     for (std::size_t i = 0; i < got.size(); ++i)
         ASSERT_LT(std::abs(got[i] - expected[i]), 100 * std::numeric_limits<T>::epsilon());
+}
+
+/// A file name that all ranks agree on, removed at the end.
+struct SharedFile {
+    SharedFile() {
+        long id = getpid();
+        MPI_Bcast(&id, 1, MPI_LONG, 0, MPI_COMM_WORLD);
+        path = (std::filesystem::temp_directory_path() / ("pblinalg_ranks_" + std::to_string(id)))
+                   .string();
+    }
+    ~SharedFile() {
+        MPI_Barrier(MPI_COMM_WORLD);
+        std::filesystem::remove(path);
+    }
+    std::string path;
+};
+
+TYPED_TEST(OverRanks, StopsLeaveTheFirstGatesDone) {
+    using T = TypeParam;
+    const unsigned int n = rank_bits() + 4;
+    std::size_t stops = 0;
+    for (std::uint64_t seed = 0; seed < 6; ++seed) {
+        const GateList list = Dice(seed).list(n, 60);
+        RunReport report{0, true};
+        for (std::size_t calls = 1; report.stopped; ++calls) {
+            Both<T> both(n, Filling::ordinary, seed);
+            std::size_t called = 0, told = 0;
+            // One rank alone wants to stop.
+            const bool asks = both.spread.rank() == both.spread.ranks() - 1;
+            report = both.spread.run(list, {}, {}, [&](std::size_t done) {
+                EXPECT_GE(done, told);
+                told = done;
+                return ++called < calls || !asks;
+            });
+            ASSERT_LE(told, report.gates_done);
+            ASSERT_EQ(report.stopped, report.gates_done < list.size());
+            stops += report.stopped;
+            GateList first, rest;
+            for (std::size_t i = 0; i < list.size(); ++i)
+                (i < report.gates_done ? first : rest).append(list[i]);
+            pblinalg::run(both.whole, first);
+            ASSERT_TRUE(both.same()) << report.gates_done << " gates, seed " << seed;
+            both.run(rest);
+            ASSERT_TRUE(both.same()) << "after " << report.gates_done << " gates, seed " << seed;
+        }
+    }
+    if (rank_bits() == 0) return;
+    EXPECT_GT(stops, 10u);
+    // Between checkpoints there may be a single pass: these are asked after, too.
+    const SharedFile file;
+    Both<T> saved(n);
+    const GateList list = Dice(4).list(n, 60);
+    const auto at_once = [](std::size_t) { return false; };
+    const RunReport report = saved.spread.run(list, {}, {file.path, 4}, at_once);
+    EXPECT_TRUE(report.stopped && report.gates_done <= 4) << report.gates_done;
+    if (saved.spread.rank() == 0) std::filesystem::remove(file.path + ".4.npy");
+    // What one rank throws is raised on all, and none is out of step.
+    Both<T> both(n);
+    const int rank = both.spread.rank();
+    EXPECT_THROW(both.spread.run(Dice(1).list(n, 60), {}, {},
+                                 [=](std::size_t) -> bool {
+                                     if (rank == 1) throw std::domain_error("no more");
+                                     return true;
+                                 }),
+                 std::domain_error);
+    both.spread.amplitudes(std::vector<std::uint64_t>{0});
 }
 
 /// Small states are copied, from 17 qubits on sums are taken where the amplitudes are.
@@ -185,49 +268,55 @@ TYPED_TEST(OverRanks, ShotsAreThoseOfOneProcess) {
 
 TYPED_TEST(OverRanks, ExpectationValuesAreThoseOfOneProcess) {
     using T = TypeParam;
-    for (const unsigned int n : {9u, 17u}) {
-        Both<T> both(n);
+    const unsigned int p = rank_bits();
+    struct Case {
+        unsigned int n_qubits;
+        unsigned int n_masks;  ///< that terms flip
+        int n_terms;
+        double one_amplitude = 1;  ///< is multiplied by this
+    };
+    // One process sums in as many pieces as groups of terms and the size say: some are fewer than
+    // the ranks, some do not begin and end with them.
+    for (const auto [n, n_masks, n_terms, factor] :
+         {Case{9, 12, 12}, Case{17, 1, 1}, Case{17, 30, 70}, Case{18, 3, 9}, Case{18, 25, 60},
+          Case{18, 20, 40, std::numeric_limits<double>::infinity()}}) {
+        Both<T> both(n, Filling::ordinary, static_cast<std::uint64_t>(n_terms));
         GateList list;
         list.add_diagonal({0}, std::vector<std::complex<double>>(2, std::ldexp(1, -int(n) / 2)));
-        both.run(list);
-        std::mt19937_64 random(n);
+        // Qubits of the ranks' numbers change places among themselves and with others.
+        for (unsigned int q = 0; q < p; ++q)
+            list.add(GateKind::H, q).add(GateKind::X, n - 1 - q, Controls({n - 2 - q}));
+        Qubits others;
+        for (unsigned int q = 1; q < n; ++q)
+            others.push_back(q);
+        list.add_diagonal({0}, std::vector<std::complex<double>>{1, factor}, Controls(others));
+        both.run(list.add(GateKind::X, n - 1).add(GateKind::SWAP, {0, n - 1}));
+        std::mt19937_64 random(n + n_masks + 100 * setting("PBLINALG_SEED", 0));
+        const std::uint64_t all = (std::uint64_t{1} << n) - 1;
+        std::vector<std::uint64_t> masks = {random() & all};
+        // Every second one lies within ranks; most of them are sums of a few.
+        while (masks.size() < n_masks) {
+            masks.push_back(masks.size() < 6
+                                ? random() & random() & all >> (masks.size() % 2 ? p : 0)
+                                : masks[random() % 6] ^ masks[random() % 6]);
+        }
         WObservable<T> observable{{}, {}, {}, {}, T(0.25), 0};
-        for (int t = 0; t < 12; ++t) {
-            const std::uint64_t mask = (std::uint64_t{1} << n) - 1;
-            // Half of the terms flip high qubits, some by pairs of X and Y.
-            const std::uint64_t flips = random() & random() & mask >> (t % 2 ? 0 : rank_bits());
-            const std::uint64_t signs = random() & random() & mask;
-            observable.coefficients.push_back(T(t + 1));
+        for (int t = 0; t < n_terms; ++t) {
+            const std::uint64_t flips = masks[t % masks.size()], signs = random() & random() & all;
+            observable.coefficients.push_back({T(t + 1), T(0.5)});
             observable.flip_masks.push_back(flips);
             observable.sign_masks.push_back(signs);
             observable.phase_powers.push_back(
                 static_cast<unsigned int>(std::popcount(flips & signs)));
         }
-        const auto got = both.spread.expectation_value(observable);
-        const auto expected = both.whole.expectation_value(observable);
-        if (n <= 16) {
-            EXPECT_TRUE(same_bits(got, expected));
-        } else {
-            EXPECT_LT(std::abs(got - expected), 2000 * std::numeric_limits<T>::epsilon())
-                << got << " and " << expected;
-        }
+        EXPECT_TRUE(same_bits(both.spread.expectation_value(observable),
+                              both.whole.expectation_value(observable)))
+            << n << " qubits, " << n_terms << " terms";
+        EXPECT_TRUE(same_bits(both.spread.terms_expectations_values(observable).data(),
+                              both.whole.terms_expectations_values(observable)))
+            << n << " qubits, " << n_terms << " terms";
     }
 }
-
-/// A file name that all ranks agree on, removed at the end.
-struct SharedFile {
-    SharedFile() {
-        long id = getpid();
-        MPI_Bcast(&id, 1, MPI_LONG, 0, MPI_COMM_WORLD);
-        path = (std::filesystem::temp_directory_path() / ("pblinalg_ranks_" + std::to_string(id)))
-                   .string();
-    }
-    ~SharedFile() {
-        MPI_Barrier(MPI_COMM_WORLD);
-        std::filesystem::remove(path);
-    }
-    std::string path;
-};
 
 /// The first `size` ranks of the world; no communicator on the others.
 struct FirstRanks {
@@ -284,6 +373,25 @@ TYPED_TEST(OverRanks, AmplitudesAreFoundWhereverTheyLie) {
     EXPECT_THROW(both.spread.amplitudes(std::vector<std::uint64_t>{both.whole.size}),
                  std::invalid_argument);
     EXPECT_EQ(both.spread.gather(0).size(), both.spread.rank() == 0 ? both.whole.size : 0);
+}
+
+TEST(DryRuns, CountExchangesOfKnownCircuits) {
+    const unsigned int n = 40;
+    GateList brickwork, mixing;
+    for (unsigned int layer = 0; layer < 20; ++layer) {
+        for (unsigned int q = 0; q < n; ++q) {
+            brickwork.add(std::array{GateKind::RX, GateKind::RY, GateKind::RZ}[(layer + q) % 3], q,
+                          0.3);
+            mixing.add(GateKind::RY, q, 0.3);
+        }
+        for (unsigned int q = layer % 2; q + 1 < n; q += 2)
+            brickwork.add(GateKind::X, q + 1, Controls({q}));
+    }
+    const mpi::Traffic moved = mpi::dry_run<double>(brickwork, n, 10).traffic;
+    EXPECT_LE(moved.exchanges, 16u);
+    EXPECT_LT(moved.bytes, std::ldexp(1, 38));
+    // Each pass takes 30 of the 800 gates.
+    EXPECT_EQ(mpi::dry_run<float>(mixing, n, 10).traffic.exchanges, 26u);
 }
 
 TEST(DryRuns, SayWhatIsSentAndHowLongItTakes) {
@@ -349,7 +457,7 @@ TEST(Faults, ReachEveryRankAsTheSameError) {
          }},
         {"argument: qubit 63 of a state of " + std::to_string(p + 3) + " qubits",
          [&] { state.project({63}, 0); }},
-        {"memory: rank 0 has not enough memory", [&] { State(MPI_COMM_WORLD, 60); }},
+        {"memory: rank 0 has not enough memory", [&] { State(MPI_COMM_WORLD, 63); }},
     };
     for (const auto& [text, work, least_ranks] : cases) {
         if (state.ranks() < least_ranks) continue;

@@ -1,5 +1,7 @@
 """States over ranks against one process, from Python; started by mpirun with any ranks."""
 
+import os
+import signal
 import tempfile
 from pathlib import Path
 
@@ -51,6 +53,7 @@ def test_results_are_those_of_one_process() -> None:
         whole.sample(5)
         observable = {"XIIIIIIIIX": 0.5, "ZIIIIYIIIZ": -1.5}
         assert spread.expectation(observable) == whole.expectation(observable)
+        assert spread.expectation_terms(observable) == whole.expectation_terms(observable)
         assert spread.measure([0, 9]) == whole.measure([0, 9])
         assert spread.cx(9, 0).to_array().tobytes() == whole.cx(9, 0).to_array().tobytes()
         assert sum(spread.sample(50, by_pieces=True).values()) == 50
@@ -92,6 +95,35 @@ def test_runs_resume_from_checkpoints(directory: Path) -> None:
     )
 
 
+def test_what_one_rank_raises_stops_all() -> None:
+    circuit = pb.Circuit(NUM_QUBITS)
+    for layer in range(2000):
+        circuit.rx(0.1 * layer, layer % NUM_QUBITS).cx(layer % NUM_QUBITS, (layer + 3) % NUM_QUBITS)
+
+    def interrupt(done: int, total: int) -> None:
+        os.kill(os.getpid(), signal.SIGINT)
+
+    def fail(done: int, total: int) -> None:
+        raise LookupError("no more")
+
+    last = comm.size - 1
+    for progress, own, others in (
+        (interrupt, KeyboardInterrupt, KeyboardInterrupt),
+        (fail, LookupError, RuntimeError),
+    ):
+        state = pb.mpi.StateVector(NUM_QUBITS)
+        here = comm.rank == last
+        raises(
+            own if here else others,
+            "" if here else f"rank {last} raised {own.__name__}",
+            lambda: state.run(circuit, progress=progress if here else False),
+        )
+        assert abs(state.norm() - 1) < 1e-9
+    told: list[int] = []
+    state.reset().run(circuit, progress=lambda done, total: told.append(done))
+    assert told == sorted(told) and told[-1] == len(circuit)
+
+
 def test_bad_arguments_name_themselves() -> None:
     state = pb.mpi.StateVector(NUM_QUBITS)
     raises(ValueError, "too few", lambda: pb.mpi.StateVector(1))
@@ -100,6 +132,7 @@ def test_bad_arguments_name_themselves() -> None:
     raises(IndexError, "qubits", lambda: state.probabilities([NUM_QUBITS]))
     raises(ValueError, "norm", lambda: state.set_amplitudes(np.ones(1024)))
     raises(TypeError, "save", state.copy)
+    raises(TypeError, "progress", lambda: state.run(pb.Circuit(NUM_QUBITS), progress=1))
     if comm.size > 1:
         raises(ValueError, "differs", lambda: state.rx(0.1 * comm.rank, 0))
     assert state["0" * NUM_QUBITS] == 1

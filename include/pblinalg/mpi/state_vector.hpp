@@ -6,11 +6,13 @@
 
 #include <complex>
 #include <cstdint>
+#include <functional>
 #include <memory>
 #include <pblinalg/circuit.hpp>
 #include <pblinalg/export.hpp>
 #include <pblinalg/gate_list.hpp>
 #include <pblinalg/observable.hpp>
+#include <pblinalg/run.hpp>
 #include <span>
 #include <string>
 #include <vector>
@@ -36,6 +38,7 @@ class PBLINALG_EXPORT StateVector {
   public:
     using Amplitude = std::complex<T>;
     using Qubits = std::vector<unsigned int>;
+    using Callback = std::function<bool(std::size_t)>;
 
     /// |0...0>, with a generator seeded from the clock of rank 0.
     /// Errors: std::invalid_argument unless there are 2^p ranks and at least p + 2 qubits, or where
@@ -68,14 +71,19 @@ class PBLINALG_EXPORT StateVector {
     /// gates as have their targets on n - p qubits; `dry_run` tells how many that are.
     /// @param checkpoint  collective saves between gates; `resume` of the same list and values goes
     ///                    on from the last one, to the same bits.
+    /// @param between_passes  called by each rank that gave one, between exchanges, with the number
+    ///                    of gates done so far: where one returns false, all ranks stop once gates
+    ///                    that later ones have overtaken are done, too. What it throws is raised on
+    ///                    every rank after the same steps.
     /// Errors: std::invalid_argument where ranks were given different lists or values, for qubits
     /// that the state does not have, for missing values and for matrices on more than n - p qubits.
-    void run(const GateList& list, std::span<const double> values = {},
-             const Checkpoint& checkpoint = {});
+    RunReport run(const GateList& list, std::span<const double> values = {},
+                  const Checkpoint& checkpoint = {}, const Callback& between_passes = {});
     /// Loads the checkpoint and applies the gates that it lacks.
     /// Errors: those of `load`; std::invalid_argument where it belongs to another list or to other
     /// values.
-    void resume(const GateList& list, std::span<const double> values, const Checkpoint& checkpoint);
+    RunReport resume(const GateList& list, std::span<const double> values,
+                     const Checkpoint& checkpoint, const Callback& between_passes = {});
     /// Applies a circuit record.
     /// Errors: std::invalid_argument for an unknown name; the gates before it stay applied.
     void run(const PybindLinAlgWCircuit<T>& circuit);
@@ -94,8 +102,14 @@ class PBLINALG_EXPORT StateVector {
     T probability(std::uint64_t outcome, const Qubits& qubits);
     /// The 2^L probabilities of the outcomes on L listed, distinct qubits.
     std::vector<T> distribution(const Qubits& qubits);
-    /// constant + sum over terms of coefficient * <P>.
+    /// constant + sum over terms of coefficient * <P>: the bits of one process with any request for
+    /// workers but 1 up to 20 qubits, and beyond on at most 1,024 ranks of 2^17 amplitudes or more.
+    ///
+    /// Cost: terms that flip qubits of the ranks' numbers need amplitudes of other ranks. For each
+    /// pass that one process would make over its memory, a rank sends less than it holds.
     std::complex<T> expectation_value(const WObservable<T>& observable);
+    /// coefficient * <P> of every term.
+    std::vector<Amplitude> terms_expectations_values(const WObservable<T>& observable);
 
     /// Outcomes over the listed qubits, or all for an empty list: the shots that one process draws
     /// with the same seed. On rank `root` alone or, with -1, on all.
