@@ -5,6 +5,7 @@ from __future__ import annotations
 
 import importlib
 import os
+import secrets
 from typing import Any, Literal, NoReturn, SupportsIndex
 
 import numpy as np
@@ -18,6 +19,7 @@ from .arguments import (
     Qubits,
     complex_array,
     count,
+    distinct_qubits,
     index,
     integer,
     outcome_number,
@@ -77,7 +79,7 @@ class StateVector(Readout):
         number = count(num_qubits, "num_qubits", 0, MAX_COUNT)
         workers = count(threads, "threads", 1)
         if seed is None:
-            seed = self._comm.bcast(int.from_bytes(os.urandom(8), "little"))
+            seed = self._drawn_seed()
         self._seed = seed_number(seed)
         self._core = _STATES[self._precision](self._comm.py2f(), number)
         self._core.seed(self._seed)
@@ -85,6 +87,22 @@ class StateVector(Readout):
         self._threads = workers
         self._bits: list[int] = []
         GateMethods.__init__(self)
+
+    def copy(self) -> StateVector:
+        """A state of its own over the same ranks with the same amplitudes, precision and threads,
+        and a generator with a seed of its own."""
+        result = type(self).__new__(type(self))
+        for name in StateVector.__slots__:
+            setattr(result, name, getattr(self, name))
+        result._core = self._core.copy()
+        result._bits = []
+        result.seed = self._drawn_seed()
+        GateMethods.__init__(result)
+        return result
+
+    def _drawn_seed(self) -> int:
+        seed: int = self._comm.bcast(secrets.randbits(64))
+        return seed
 
     @property
     def num_qubits(self) -> int:
@@ -300,6 +318,46 @@ class StateVector(Readout):
         out[...] = values
         return out
 
+    def to_dict(self, threshold: float = 0.0) -> dict[str, complex]:
+        """The amplitudes of magnitude above `threshold` by basis state, qubit 0 leftmost: all of
+        them on every rank."""
+        array = np.asarray(self.to_array())
+        (kept,) = np.nonzero(np.abs(array) > threshold)
+        return {format(i, f"0{self.num_qubits}b"): complex(array[i]) for i in kept}
+
+    def reduced_density_matrix(self, qubits: Qubits) -> NDArray[np.complex128]:
+        """The state of the listed qubits when nothing is known of the others, as a 2^k x 2^k array,
+        the first listed qubit being the most significant bit of rows and columns, on every rank;
+        last digits depend on the number of ranks. ValueError for more than n - p qubits."""
+        listed = distinct_qubits(self._listed(qubits), self.num_qubits)
+        matrix: NDArray[np.complex128] = self._core.reduced_density_matrix(listed)
+        return matrix.reshape(1 << len(listed), -1)
+
+    def entanglement_entropy(self, qubits: Qubits) -> float:
+        """How much the listed qubits are entangled with the others, in bits. ValueError when the
+        probabilities of the state do not add up to 1, and where both are more than n - p qubits."""
+        return self._entanglement(qubits)
+
+    def inner(self, other: StateVector) -> complex:
+        """The inner product <self|other> with a state over the same ranks. ValueError for one of
+        another precision or number of qubits."""
+        if not isinstance(other, StateVector):
+            raise TypeError(f"other must be a StateVector over ranks, got {type(other).__name__}")
+        if other.precision != self.precision:
+            raise ValueError(f"other has precision {other.precision}; expected {self.precision}")
+        return complex(self._core.inner(other._core))
+
+    def fidelity(self, other: Readout | ArrayLike) -> float:
+        """|<a|b>|^2 with a state over the same ranks. Any other state or array is compared with
+        the whole of this one on every rank; see `pblinalg.StateVector.fidelity`."""
+        if isinstance(other, StateVector):
+            return abs(self.inner(other)) ** 2
+        return super().fidelity(other)
+
+    def _in_memory(self) -> NDArray[Any]:
+        array = np.asarray(self.to_array())
+        return array.reshape((2,) * self.num_qubits).T.reshape(-1)
+
     def norm(self) -> float:
         """The square root of the summed squared magnitudes."""
         return float(float(self._core.get_distribution([])[0]) ** 0.5)
@@ -411,7 +469,7 @@ class StateVector(Readout):
         pass
 
     def __getstate__(self) -> NoReturn:
-        raise TypeError("a state over ranks cannot be copied or pickled; save and load it")
+        raise TypeError("a state over ranks cannot be pickled; use its copy(), or save and load it")
 
     def estimate(self, observable: Any, shots: SupportsIndex) -> NoReturn:
         """TypeError: `expectation` is exact."""

@@ -15,6 +15,7 @@ from .arguments import (
     Qubits,
     complex_array,
     count,
+    distinct_qubits,
     outcome_number,
     precision_name,
     seed_number,
@@ -313,6 +314,12 @@ class Readout(GateMethods):
                 f"other has shape {array.shape}; expected ({size},) or ({size}, {size})"
             )
         return fidelity(self.to_array(), array)
+
+    def _entanglement(self, qubits: Qubits) -> float:
+        """The entropy of the listed qubits of a pure state, by way of the fewer ones."""
+        listed = distinct_qubits(as_qubits(qubits), self.num_qubits)
+        others = [qubit for qubit in range(self.num_qubits) if qubit not in listed]
+        return self._entropy(min(listed, others, key=len))
 
     def _entropy(self, qubits: list[Any]) -> float:
         self._require_norm()

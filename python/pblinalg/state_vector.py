@@ -16,7 +16,6 @@ from .arguments import (
     accuracy_name,
     complex_array,
     count,
-    distinct_qubits,
     integer,
     outcome_number,
 )
@@ -330,9 +329,7 @@ class StateVector(Readout):
         entropy, to base 2, of their reduced density matrix or that of the others, whichever is the
         smaller one. k bits is the most for k qubits. ValueError when the probabilities of the state
         do not add up to 1."""
-        listed = distinct_qubits(as_qubits(qubits), self.num_qubits)
-        others = [qubit for qubit in range(self.num_qubits) if qubit not in listed]
-        return self._entropy(min(listed, others, key=len))
+        return self._entanglement(qubits)
 
     def __repr__(self) -> str:
         return f"StateVector(num_qubits={self.num_qubits}, precision={self.precision!r})"

@@ -63,6 +63,7 @@ void bind_ranks(nb::module_& module, const char* name) {
              })
         .def_prop_ro("nqubits", &State::nqubits)
         .def_prop_ro("local_qubits", &State::local_qubits)
+        .def("copy", &State::copy)
         .def("set_num_threads", &State::set_num_threads)
         .def("seed", &State::seed)
         .def("reset", &State::reset)
@@ -107,6 +108,11 @@ void bind_ranks(nb::module_& module, const char* name) {
                  // The lower level lists the least significant qubit first.
                  std::ranges::reverse(qubits);
                  return self.probability(outcome, qubits);
+             })
+        .def("inner", &State::inner)
+        .def("reduced_density_matrix",
+             [](State& self, const Qubits& qubits) {
+                 return owned(self.reduced_density_matrix(qubits));
              })
         .def("sample",
              [](State& self, std::uint64_t shots, const Qubits& qubits, int root, bool by_pieces) {

@@ -21,9 +21,6 @@ using cpu::TermTiles;
 
 namespace {
 
-/// Any request but 1: sums in pieces.
-constexpr int in_pieces = 2;
-
 enum Tag : int { blocks_tag, sums_tag, totals_tag };
 
 /// Tiles of one piece that one rank sums one after the other.

@@ -4,6 +4,8 @@
 #include <algorithm>
 #include <bit>
 #include <cmath>
+#include <optional>
+#include <pblinalg/reduced_density_matrix.hpp>
 #include <stdexcept>
 
 #include "core/parallel.hpp"
@@ -21,8 +23,8 @@ using cpu::count_bits;
 
 namespace {
 
-/// Any request but 1: sums in pieces.
-constexpr int in_pieces = 2;
+/// Amplitudes that one message carries for an inner product.
+constexpr Index max_piece = Index{1} << 16;
 
 /// The bits under `qubits` that hold `outcome`, the first listed one the most significant.
 Index pattern_of(std::span<const unsigned int> qubits, std::uint64_t outcome) {
@@ -92,6 +94,79 @@ template <class T>
 T StateVector<T>::probability(std::uint64_t outcome, const Qubits& qubits) {
     together(state_->comm(), [&] { require_list(qubits, nqubits()); });
     return state_->weight(mask_of(qubits), pattern_of(qubits, outcome));
+}
+
+template <class T>
+std::complex<double> StateVector<T>::inner(StateVector& other) {
+    if (other.nqubits() != nqubits() || other.ranks() != ranks()) {
+        throw std::invalid_argument("the other state has " + std::to_string(other.nqubits()) +
+                                    " qubits on " + std::to_string(other.ranks()) +
+                                    " ranks; expected " + std::to_string(nqubits()) + " on " +
+                                    std::to_string(ranks()));
+    }
+    State& a = *state_;
+    State& b = *other.state_;
+    a.sort();
+    b.sort();
+    // Blocks of equal numbers may lie on different ranks.
+    const auto from = static_cast<int>(b.layout.numbers.rank_of(a.number()));
+    const auto to = static_cast<int>(a.layout.numbers.rank_of(b.number()));
+    const Index length = std::min<Index>(a.local_size(), max_piece);
+    const auto count = static_cast<int>(2 * length);
+    std::vector<Amplitude> piece;
+    together(a.comm(), [&] { piece.resize(length); });
+    std::complex<double> sum;
+    for (Index begin = 0; begin < a.local_size(); begin += length) {
+        MPI_Sendrecv(&b.amplitudes[begin], count, mpi_type<T>(), to, 0, piece.data(), count,
+                     mpi_type<T>(), from, 0, a.comm(), MPI_STATUS_IGNORE);
+        double re = 0, im = 0;
+        for (Index i = 0; i < length; ++i) {
+            const std::complex<double> left(a.amplitudes[begin + i]), right(piece[i]);
+            re += left.real() * right.real() + left.imag() * right.imag();
+            im += left.real() * right.imag() - left.imag() * right.real();
+        }
+        sum += std::complex(re, im);
+    }
+    MPI_Allreduce(MPI_IN_PLACE, &sum, 2, MPI_DOUBLE, MPI_SUM, state_->comm());
+    return sum;
+}
+
+template <class T>
+std::vector<std::complex<double>> StateVector<T>::reduced_density_matrix(const Qubits& qubits) {
+    const auto listed = static_cast<unsigned int>(qubits.size());
+    std::vector<std::complex<double>> result;
+    std::optional<cpu::PybindLinAlgStateVectorCPU<T>> own;
+    together(state_->comm(), [&] {
+        require_list(qubits, nqubits());
+        if (listed > local_qubits()) {
+            throw std::invalid_argument(std::to_string(listed) + " qubits are listed; a rank has " +
+                                        std::to_string(local_qubits()));
+        }
+        result.resize(bit(2 * listed));
+        own.emplace(0u);
+    });
+    Index within = mask_of(qubits);
+    for (Index others = state_->layout.local_qubits() & ~within;
+         count_bits(within) < local_qubits(); others &= others - 1)
+        within |= cpu::lowest_bit(others);
+    state_->bring_in(within);
+    Qubits places;
+    for (const unsigned int qubit : qubits)
+        places.push_back(state_->layout.place[qubit]);
+    // The amplitudes of this rank as a state of its own, lent to it.
+    own->nqubits = local_qubits();
+    own->size = state_->local_size();
+    own->num_threads = state_->num_threads;
+    own->state = cpu::AlignedArray<Amplitude>(state_->amplitudes.get(), [](Amplitude*) {});
+    together(state_->comm(),
+             [&] { pblinalg::reduced_density_matrix(*own, places, result.data()); });
+    // No message may have more numbers than an int counts.
+    constexpr std::size_t longest = 1 << 20;
+    for (std::size_t begin = 0; begin < result.size(); begin += longest) {
+        const auto count = static_cast<int>(2 * std::min(longest, result.size() - begin));
+        MPI_Allreduce(MPI_IN_PLACE, &result[begin], count, MPI_DOUBLE, MPI_SUM, state_->comm());
+    }
+    return result;
 }
 
 template <class T>
@@ -206,12 +281,15 @@ void StateVector<T>::project_then_reset(const Qubits& qubits, std::uint64_t outc
     run(list);
 }
 
-#define PBLINALG_INSTANTIATE(T)                                           \
-    template T StateVector<T>::State::weight(Index, Index);               \
-    template T StateVector<T>::total_probability();                       \
-    template T StateVector<T>::probability(std::uint64_t, const Qubits&); \
-    template std::vector<T> StateVector<T>::distribution(const Qubits&);  \
-    template void StateVector<T>::project(const Qubits&, std::uint64_t);  \
+#define PBLINALG_INSTANTIATE(T)                                                        \
+    template T StateVector<T>::State::weight(Index, Index);                            \
+    template T StateVector<T>::total_probability();                                    \
+    template T StateVector<T>::probability(std::uint64_t, const Qubits&);              \
+    template std::complex<double> StateVector<T>::inner(StateVector&);                 \
+    template std::vector<std::complex<double>> StateVector<T>::reduced_density_matrix( \
+        const Qubits&);                                                                \
+    template std::vector<T> StateVector<T>::distribution(const Qubits&);               \
+    template void StateVector<T>::project(const Qubits&, std::uint64_t);               \
     template void StateVector<T>::project_then_reset(const Qubits&, std::uint64_t);
 PBLINALG_INSTANTIATE(float)
 PBLINALG_INSTANTIATE(double)

@@ -20,6 +20,9 @@ namespace pblinalg::mpi {
 /// this number of qubits.
 inline constexpr unsigned int max_copied_qubits = 20;
 
+/// Any request but 1: sums in pieces.
+inline constexpr int in_pieces = 2;
+
 template <class T>
 MPI_Datatype mpi_type() {
     return sizeof(T) == sizeof(double) ? MPI_DOUBLE : MPI_FLOAT;

@@ -121,6 +121,17 @@ template <class T>
 StateVector<T>& StateVector<T>::operator=(StateVector&&) noexcept = default;
 
 template <class T>
+StateVector<T> StateVector<T>::copy() const {
+    StateVector result(state_->comm(), nqubits());
+    State& to = *result.state_;
+    to.layout = state_->layout;
+    std::copy_n(state_->amplitudes.get(), state_->local_size(), to.amplitudes.get());
+    to.num_threads = state_->num_threads;
+    to.rng = state_->rng;
+    return result;
+}
+
+template <class T>
 unsigned int StateVector<T>::nqubits() const {
     return state_->layout.n_qubits();
 }
@@ -262,6 +273,7 @@ template struct StateVector<double>::State;
     template unsigned int StateVector<T>::local_qubits() const;                 \
     template int StateVector<T>::rank() const;                                  \
     template int StateVector<T>::ranks() const;                                 \
+    template StateVector<T> StateVector<T>::copy() const;                       \
     template void StateVector<T>::set_num_threads(int);                         \
     template void StateVector<T>::seed(std::uint64_t);                          \
     template void StateVector<T>::reset();                                      \

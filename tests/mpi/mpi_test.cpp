@@ -318,6 +318,34 @@ TYPED_TEST(OverRanks, ExpectationValuesAreThoseOfOneProcess) {
     }
 }
 
+TYPED_TEST(OverRanks, CopiesInnerProductsAndReducedMatricesAreThoseOfOneProcess) {
+    using T = TypeParam;
+    const unsigned int n = rank_bits() + 5;
+    Both<T> both(n);
+    both.run(Dice(5).list(n, 40));
+    auto spread = both.spread.copy();
+    const auto before = both.expected();
+    both.run(GateList().add(GateKind::H, n - 1).add(GateKind::SWAP, {0, n - 1}));
+    EXPECT_TRUE(same_bits(spread.gather().data(), before));
+    const auto after = both.expected();
+    std::complex<double> inner = 0;
+    double norm = 0;
+    for (std::size_t i = 0; i < before.size(); ++i) {
+        inner += std::complex<double>(std::conj(after[i])) * std::complex<double>(before[i]);
+        norm += std::norm(std::complex<double>(after[i]));
+    }
+    const double close = norm * (sizeof(T) == sizeof(float) ? 1e-6 : 1e-14);
+    EXPECT_NEAR(std::abs(both.spread.inner(spread) - inner), 0, close);
+    for (const Qubits& qubits : {Qubits{n - 1, 0, 2}, Qubits{}, Qubits{1, 0, 3, n - 1, 2}}) {
+        std::vector<std::complex<double>> expected(std::size_t{1} << 2 * qubits.size());
+        reduced_density_matrix(both.whole, qubits, expected.data());
+        const auto matrix = both.spread.reduced_density_matrix(qubits);
+        ASSERT_EQ(matrix.size(), expected.size());
+        for (std::size_t i = 0; i < matrix.size(); ++i)
+            EXPECT_NEAR(std::abs(matrix[i] - expected[i]), 0, close) << i;
+    }
+}
+
 /// The first `size` ranks of the world; no communicator on the others.
 struct FirstRanks {
     explicit FirstRanks(int size) {
@@ -451,6 +479,11 @@ TEST(Faults, ReachEveryRankAsTheSameError) {
          [&] { State(MPI_COMM_WORLD, p + 1); }},
         {"argument: the number of qubits differs between ranks",
          [&] { State(MPI_COMM_WORLD, p + 4 + here); }, 2},
+        {"argument: 4 qubits are listed; a rank has 3",
+         [&] {
+             state.reduced_density_matrix({0, 1, 2, p + 2});
+         },
+         p > 0 ? 1 : 99},
         {"argument: qubit 1 is listed twice",
          [&] {
              state.distribution({1, 0, 1});

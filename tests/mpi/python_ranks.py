@@ -1,5 +1,6 @@
 """States over ranks against one process, from Python; started by mpirun with any ranks."""
 
+import copy
 import os
 import signal
 import tempfile
@@ -131,11 +132,30 @@ def test_bad_arguments_name_themselves() -> None:
     raises(IndexError, "root", lambda: state.to_array(root=comm.size))
     raises(IndexError, "qubits", lambda: state.probabilities([NUM_QUBITS]))
     raises(ValueError, "norm", lambda: state.set_amplitudes(np.ones(1024)))
-    raises(TypeError, "save", state.copy)
+    raises(TypeError, "save", lambda: copy.copy(state))
     raises(TypeError, "progress", lambda: state.run(pb.Circuit(NUM_QUBITS), progress=1))
     if comm.size > 1:
         raises(ValueError, "differs", lambda: state.rx(0.1 * comm.rank, 0))
     assert state["0" * NUM_QUBITS] == 1
+
+
+def test_copies_and_comparisons_are_those_of_one_process() -> None:
+    spread, whole = both()
+    copied, twin = spread.copy().rx(0.3, 9), whole.copy().rx(0.3, 9)
+    assert copied.to_array().tobytes() == twin.to_array().tobytes()
+    assert spread.to_array().tobytes() == whole.to_array().tobytes()
+    assert copied.seed != spread.seed and copied.seed == comm.bcast(copied.seed)
+    assert np.isclose(spread.inner(copied), whole.inner(twin))
+    for other in (copied, twin, twin.to_array()):
+        assert np.isclose(spread.fidelity(other), whole.fidelity(twin)), type(other)
+    assert spread.to_dict(0.02) == whole.to_dict(0.02)
+    matrix = spread.reduced_density_matrix([9, 0, 4])
+    np.testing.assert_allclose(matrix, whole.reduced_density_matrix([9, 0, 4]), atol=1e-14)
+    few = [9, 2]
+    assert np.isclose(spread.entanglement_entropy(few), whole.entanglement_entropy(few))
+    raises(ValueError, "precision", lambda: spread.inner(both("float")[0]))
+    raises(ValueError, "expected 10 on", lambda: spread.inner(pb.mpi.StateVector(11, comm)))
+    raises(TypeError, "over ranks", lambda: spread.inner(whole))
 
 
 def test_dry_runs_need_no_ranks() -> None:

@@ -47,6 +47,9 @@ class PBLINALG_EXPORT StateVector {
     ~StateVector();
     StateVector(StateVector&&) noexcept;
     StateVector& operator=(StateVector&&) noexcept;
+    /// A state of its own over the same ranks, its generator where this one's stands.
+    /// Errors: std::bad_alloc.
+    StateVector copy() const;
 
     unsigned int nqubits() const;
     unsigned int local_qubits() const;  ///< n - p
@@ -110,6 +113,14 @@ class PBLINALG_EXPORT StateVector {
     std::complex<T> expectation_value(const WObservable<T>& observable);
     /// coefficient * <P> of every term.
     std::vector<Amplitude> terms_expectations_values(const WObservable<T>& observable);
+
+    /// <this|other>. Added up in double; last digits depend on the number of ranks.
+    /// Errors: std::invalid_argument for another number of qubits or ranks.
+    std::complex<double> inner(StateVector& other);
+    /// The state of the listed, distinct qubits, as `pblinalg::reduced_density_matrix` gives it;
+    /// last digits depend on the number of ranks. Each rank takes the memory for all of it.
+    /// Errors: std::invalid_argument for more than n - p qubits.
+    std::vector<std::complex<double>> reduced_density_matrix(const Qubits& qubits);
 
     /// Outcomes over the listed qubits, or all for an empty list: the shots that one process draws
     /// with the same seed. On rank `root` alone or, with -1, on all.
