@@ -110,7 +110,8 @@ TYPED_TEST(Shots, BeyondABatchAreNumberedOn) {
 TYPED_TEST(Shots, ReadWronglyAsOftenAsTheErrorsSay) {
     ShotProgram program(2, 2);
     program.add_gates(GateList().add(GateKind::X, 0));
-    program.add_measurement(0, 0, {0.7, 0.3}).add_measurement(1, 1, {0.1, 0.6});
+    program.add_measurement(0, 0, {0.7, 0.3}).add_gates(GateList().add(GateKind::H, 0));
+    program.add_measurement(1, 1, {0.1, 0.6});
     ShotOptions options;
     options.shots = 100000;
     const Counts counts = count_shots<TypeParam>(program, {}, options);
