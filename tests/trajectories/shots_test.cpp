@@ -107,20 +107,43 @@ TYPED_TEST(Shots, BeyondABatchAreNumberedOn) {
         EXPECT_NEAR(static_cast<double>(times), 0x1p18, 5 * 0x1p9) << text;
 }
 
+/// Counts of 100,000 shots against the shares that they should have.
+template <class T>
+void expect_shares(const ShotProgram& program,
+                   std::initializer_list<std::pair<const char*, double>> shares) {
+    ShotOptions options;
+    options.shots = 100000;
+    const Counts counts = count_shots<T>(program, {}, options);
+    EXPECT_EQ(counts.size(), shares.size());
+    for (const auto& [text, share] : shares) {
+        const double expected = 100000 * share;
+        const auto times = counts.contains(text) ? counts.at(text) : 0;
+        EXPECT_NEAR(static_cast<double>(times), expected, 5 * std::sqrt(expected * (1 - share)))
+            << text;
+    }
+}
+
 TYPED_TEST(Shots, ReadWronglyAsOftenAsTheErrorsSay) {
     ShotProgram program(2, 2);
     program.add_gates(GateList().add(GateKind::X, 0));
     program.add_measurement(0, 0, {0.7, 0.3}).add_gates(GateList().add(GateKind::H, 0));
     program.add_measurement(1, 1, {0.1, 0.6});
-    ShotOptions options;
-    options.shots = 100000;
-    const Counts counts = count_shots<TypeParam>(program, {}, options);
-    for (const auto& [text, share] : {std::pair("00", 0.27), std::pair("01", 0.03),
-                                      std::pair("10", 0.63), std::pair("11", 0.07)}) {
-        const double expected = 100000 * share;
-        EXPECT_NEAR(static_cast<double>(counts.at(text)), expected,
-                    5 * std::sqrt(expected * (1 - share)));
-    }
+    expect_shares<TypeParam>(program, {{"00", 0.27}, {"01", 0.03}, {"10", 0.63}, {"11", 0.07}});
+}
+
+TYPED_TEST(Shots, FollowTheOperatorsOfAChannel) {
+    ShotProgram program(3, 3);
+    program.add_gates(GateList().add(GateKind::X, 0).add(GateKind::X, 1).add(GateKind::X, 2));
+    // Of |11> the first qubit decays, which is qubit 2 here.
+    Matrix kept(16), decay(16);
+    kept[0] = kept[5] = kept[10] = 1;
+    kept[15] = std::sqrt(0.6);
+    decay[4 * 1 + 3] = std::sqrt(0.4);
+    program.add_channel(Channel::kraus(2, std::vector{kept, decay}), {2, 0});
+    program.add_channel(damping(0.1), 1);
+    for (unsigned int q = 0; q < 3; ++q)
+        program.add_measurement(q, q);
+    expect_shares<TypeParam>(program, {{"111", 0.54}, {"110", 0.36}, {"101", 0.06}, {"100", 0.04}});
 }
 
 TYPED_TEST(Shots, StopWhenAskedTo) {
