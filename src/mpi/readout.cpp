@@ -1,6 +1,6 @@
-// Probabilities and projections. Sums are those of one process as long as none of their pieces lies
-// on several ranks: these are small, and up to max_copied_qubits the whole state is copied for
-// them.
+// Probabilities, projections, and what compares states. Probabilities are summed as in one process
+// as long as no piece of a sum lies on several ranks: these are small, and up to max_copied_qubits
+// the whole state is copied for them.
 #include <algorithm>
 #include <bit>
 #include <cmath>
