@@ -59,6 +59,9 @@ struct StateVector<T>::State {
                     StateVector& owner);
     /// Brings `qubits`, n - p of them, within ranks.
     void bring_in(Index qubits);
+    /// Brings listed qubits within ranks, n - p of them at most, with the fewest exchanged bits.
+    /// @return their places.
+    Qubits hold(std::span<const unsigned int> qubits);
     /// As `bring_in`, the lowest of them on bit 0 and so on, and likewise the others in the numbers
     /// of ranks; or all in descending order.
     void sort(Index qubits, bool descending = false);
@@ -66,12 +69,21 @@ struct StateVector<T>::State {
     void sort() { sort(cpu::low_mask(local_bits())); }
     /// This rank's part of a sorted state.
     auto view() const { return cpu::amplitude_view(amplitudes.get(), local_bits()); }
+    /// Calls `load` as one of `oracles/qram.hpp` with this rank's rows of a table of whole ones.
+    /// @param name  that of the table in errors.
+    template <class Entry, class Load>
+    void load_table(std::span<const Entry> table, const Qubits& qubits, unsigned int data_width,
+                    Index row_size, const char* name, const Load& load);
     /// Collects the ranks' blocks of a sorted state in index order, on `root` or, with -1, on all.
     void collect(std::complex<T>* all, int root);
     /// A copy of all amplitudes, each at its index, whose sums are taken in pieces.
     std::unique_ptr<cpu::PybindLinAlgStateVectorCPU<T>> whole();
     /// The sum of the squared magnitudes of the amplitudes with `values` under `mask`.
     T weight(Index mask, Index values);
+
+    /// The sums of squared magnitudes of the 2^L outcomes on L listed, distinct qubits, the first
+    /// listed one the most significant.
+    std::vector<T> outcome_sums(std::span<const unsigned int> qubits);
 
     /// <P> of every term.
     std::vector<T> term_values(const WObservable<T>& observable);

@@ -83,6 +83,19 @@ void StateVector<T>::State::bring_in(Index qubits) {
 }
 
 template <class T>
+auto StateVector<T>::State::hold(std::span<const unsigned int> qubits) -> Qubits {
+    Index within = mask_of(qubits);
+    for (Index others = layout.local_qubits() & ~within; cpu::count_bits(within) < local_bits();
+         others &= others - 1)
+        within |= cpu::lowest_bit(others);
+    bring_in(within);
+    Qubits places;
+    for (const unsigned int qubit : qubits)
+        places.push_back(layout.place[qubit]);
+    return places;
+}
+
+template <class T>
 void StateVector<T>::State::sort(Index qubits, bool descending) {
     bring_in(qubits);
     cpu::Program<T> program;
@@ -163,12 +176,8 @@ void StateVector<T>::reset() {
 
 template <class T>
 void StateVector<T>::set_amplitudes(std::span<const Amplitude> amplitudes) {
-    together(state_->comm(), [&] {
-        if (amplitudes.size() != bit(nqubits())) {
-            throw std::invalid_argument("amplitudes holds " + std::to_string(amplitudes.size()) +
-                                        " elements; expected " + std::to_string(bit(nqubits())));
-        }
-    });
+    together(state_->comm(),
+             [&] { require_count(amplitudes.size(), bit(nqubits()), "amplitudes"); });
     state_->clear(false);
     const Index base = state_->number() << local_qubits();
     for (Index i = 0; i < state_->local_size(); ++i)

@@ -318,6 +318,79 @@ TYPED_TEST(OverRanks, ExpectationValuesAreThoseOfOneProcess) {
     }
 }
 
+TYPED_TEST(OverRanks, EstimatesAreThoseOfOneProcess) {
+    using T = TypeParam;
+    for (const unsigned int n : readout_sizes) {
+        Both<T> both(n);
+        GateList list;
+        list.add_diagonal({0}, std::vector<std::complex<double>>(2, std::ldexp(1.2, -int(n) / 2)));
+        both.run(list.add(GateKind::H, n - 1).add(GateKind::SWAP, {0, n - 1}));
+        both.spread.seed(n);
+        both.whole.rng.seed(n);
+        Dice dice(n);
+        std::vector<SimpleTerm<T>> terms = {{{}, "", T(2)}, {{n - 1, 0, 1}, "YIX", T(-1)}};
+        for (unsigned int t = 0; t < 8; ++t) {
+            SimpleTerm<T> term{dice.qubits(n, 1 + dice.below(7)), "", {T(t), T(1)}};
+            // The qubits without a letter are read as they are.
+            for (unsigned int k = dice.below(1 + term.qubits.size()); k > 0; --k)
+                term.paulis += "XYZ"[dice.below(3)];
+            terms.push_back(term);
+        }
+        for (const unsigned int shots : {1, 300}) {
+            const auto expected = both.whole.evaluate_terms(terms, shots);
+            const auto got = both.spread.evaluate_terms(terms, shots);
+            ASSERT_EQ(got.size(), expected.size());
+            for (std::size_t t = 0; t < got.size(); ++t) {
+                EXPECT_TRUE(same_bits(got[t].first, expected[t].first) &&
+                            same_bits(got[t].second, expected[t].second))
+                    << n << " qubits, term " << t << ", " << shots << " shots";
+            }
+        }
+        EXPECT_TRUE(both.same());
+        EXPECT_EQ(both.spread.measure({1, n - 1}), both.whole.measure({1, n - 1}));
+    }
+}
+
+TYPED_TEST(OverRanks, LoadsHaveTheBitsOfOneProcess) {
+    using T = TypeParam;
+    const unsigned int p = rank_bits();
+    for (std::uint64_t seed = 0; seed < 40; ++seed) {
+        Dice dice(seed);
+        const unsigned int n = p + 2 + dice.below(7);
+        Both<T> both(n, all_fillings[seed % 4], seed);
+        // Comparisons leave the qubits in order, runs do not.
+        both.run(dice.list(n, 15));
+        const unsigned int width = dice.below(n - p + 1);
+        const Qubits qubits = dice.qubits(n, width + dice.below(n - width + 1));
+        auto values = filled<double>(std::size_t{1} << qubits.size(), Filling::ordinary, seed);
+        // Rows of zeros are not normalised.
+        std::fill_n(values.begin(), dice.below(static_cast<unsigned int>(values.size())), 0.0);
+        std::vector<unsigned long long> words(values.size() >> width);
+        for (auto& word : words)
+            word = dice.below(1u << 20);
+        both.spread.apply_qram(values, qubits, width);
+        both.whole.apply_qram(values.data(), qubits, width);
+        EXPECT_TRUE(both.same()) << "table, seed " << seed;
+        both.run(dice.list(n, 5));
+        both.spread.apply_binary_qram(words, qubits, width);
+        both.whole.apply_binary_qram(words.data(), qubits, width);
+        EXPECT_TRUE(both.same()) << "words, seed " << seed;
+        const Qubits prepared = dice.qubits(n, width);
+        auto amplitudes = filled<double>(std::size_t{1} << width, all_fillings[seed % 3], seed);
+        both.run(dice.list(n, 5));
+        both.spread.apply_state_preparation(amplitudes, prepared);
+        both.whole.apply_state_preparation(amplitudes.data(), prepared);
+        EXPECT_TRUE(both.same()) << "preparation, seed " << seed;
+        std::string description;
+        for (unsigned int k = dice.below(n + 2); k > 0; --k)
+            description += k > n ? '+' : "01+-?"[dice.below(5)];
+        both.run(dice.list(n, 5));
+        both.spread.reset_to_str(description);
+        both.whole.reset_to_str(description);
+        EXPECT_TRUE(both.same()) << description;
+    }
+}
+
 TYPED_TEST(OverRanks, CopiesInnerProductsAndReducedMatricesAreThoseOfOneProcess) {
     using T = TypeParam;
     const unsigned int n = rank_bits() + 5;
@@ -459,6 +532,8 @@ TEST(Faults, ReachEveryRankAsTheSameError) {
     const double value[] = {here ? 0.0 : 1.0};
     GateList parametrised;
     parametrised.add(GateKind::RX, 0, Angle::of_parameter(0));
+    const std::vector<std::complex<double>> plus = {0.6, 0.8}, minus = {0.6, -0.8};
+    const std::vector<unsigned long long> ones = {1, 1}, twos = {2, 2};
     struct {
         std::string text;
         std::function<void()> work;
@@ -490,6 +565,54 @@ TEST(Faults, ReachEveryRankAsTheSameError) {
          }},
         {"argument: qubit 63 of a state of " + std::to_string(p + 3) + " qubits",
          [&] { state.project({63}, 0); }},
+        {"argument: the description differs between ranks",
+         [&] { state.reset_to_str(here ? "1" : "0"); }, 2},
+        {"argument: what to prepare differs between ranks",
+         [&] { state.apply_state_preparation(here ? minus : plus, {0}); }, 2},
+        {"argument: what to prepare differs between ranks",
+         [&] { state.apply_state_preparation(plus, {here}); }, 2},
+        {"argument: 4 qubits are listed; a rank has 3",
+         [&] {
+             state.apply_state_preparation(std::vector<std::complex<double>>(16), {0, 1, 2, p + 2});
+         },
+         p > 0 ? 1 : 99},
+        {"argument: amplitudes holds 2 elements; expected 4",
+         [&] {
+             state.apply_state_preparation(plus, {0, 1});
+         }},
+        {"argument: what to load differs between ranks",
+         [&] {
+             state.apply_binary_qram(here ? ones : twos, {0, 1, 2}, 2);
+         },
+         2},
+        {"argument: words holds 2 elements; expected 4",
+         [&] {
+             state.apply_binary_qram(ones, {0, 1, 2}, 1);
+         }},
+        {"argument: amplitudes holds 2 elements; expected 4",
+         [&] {
+             state.apply_qram(plus, {0, 1}, 1);
+         }},
+        {"argument: data_width = 2: expected at most the 1 listed qubits",
+         [&] { state.apply_qram(plus, {0}, 2); }},
+        {"argument: the terms or the number of shots differs between ranks",
+         [&] {
+             state.evaluate_terms({{{0}, here ? "X" : "Y", 1.0}}, 1);
+         },
+         2},
+        {"argument: the terms or the number of shots differs between ranks",
+         [&] {
+             state.evaluate_terms({{{0}, "X", 1.0}}, 1 + here);
+         },
+         2},
+        {"argument: a term has 2 letters; expected at most one for each of its 1 qubits",
+         [&] {
+             state.evaluate_terms({{{0}, "XX", 1.0}}, 1);
+         }},
+        {"argument: qubit 1 is listed twice",
+         [&] {
+             state.evaluate_terms({{{1, 1}, "XX", 1.0}}, 1);
+         }},
         {"memory: rank 0 has not enough memory", [&] { State(MPI_COMM_WORLD, 63); }},
     };
     for (const auto& [text, work, least_ranks] : cases) {

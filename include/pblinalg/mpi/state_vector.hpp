@@ -15,6 +15,7 @@
 #include <pblinalg/run.hpp>
 #include <span>
 #include <string>
+#include <utility>
 #include <vector>
 
 namespace pblinalg::mpi {
@@ -38,6 +39,7 @@ class PBLINALG_EXPORT StateVector {
   public:
     using Amplitude = std::complex<T>;
     using Qubits = std::vector<unsigned int>;
+    using Estimate = std::pair<Amplitude, Amplitude>;
     using Callback = std::function<bool(std::size_t)>;
 
     /// |0...0>, with a generator seeded from the clock of rank 0.
@@ -65,6 +67,33 @@ class PBLINALG_EXPORT StateVector {
     void reset();
     /// Loads 2^n amplitudes, given whole on every rank.
     void set_amplitudes(std::span<const Amplitude> amplitudes);
+
+    /// Sets a product state: character k, one of "0", "1", "+" and "-", governs qubit n-1-k. Any
+    /// other character, or a missing one, leaves its qubit free with factor 1.
+    /// Errors: std::invalid_argument where ranks were given different texts.
+    void reset_to_str(const std::string& description);
+    /// Replaces the amplitudes on `qubits`, for every value of the other qubits, by the 2^m given
+    /// ones, whole on every rank, times the norm that was there. Input index: the lowest-numbered
+    /// listed qubit is bit 0, whatever the order of the list. Nothing is normalised. The bits are
+    /// those of one process.
+    ///
+    /// Cost: one exchange of as many bits as listed qubits lie on bits of the ranks' numbers.
+    /// Errors: std::invalid_argument for qubits that the state does not have or that are listed
+    /// twice, for more than n - p of them, for another number of amplitudes, and where ranks were
+    /// given different ones; std::bad_alloc before any amplitude changes.
+    void apply_state_preparation(std::span<const std::complex<double>> amplitudes,
+                                 const Qubits& qubits);
+    /// Moves the amplitude of each address a from data value 0 to the low `data_width` bits of
+    /// words[a]. The last `data_width` listed qubits are the data register, n - p of them at most,
+    /// those before it the address; in both the first listed qubit is the least significant bit.
+    /// `words` is whole on every rank. Bits, cost (of the data register alone) and errors are those
+    /// of `apply_state_preparation`.
+    void apply_binary_qram(std::span<const unsigned long long> words, const Qubits& qubits,
+                           unsigned int data_width);
+    /// Spreads the amplitude of each address a over the data values in proportion to the real parts
+    /// of the table's row a (2^data_width entries), normalised by row; as `apply_binary_qram`.
+    void apply_qram(std::span<const std::complex<double>> amplitudes, const Qubits& qubits,
+                    unsigned int data_width);
 
     // ---- Running -------------------------------------------------------------------------------
 
@@ -113,6 +142,19 @@ class PBLINALG_EXPORT StateVector {
     std::complex<T> expectation_value(const WObservable<T>& observable);
     /// coefficient * <P> of every term.
     std::vector<Amplitude> terms_expectations_values(const WObservable<T>& observable);
+
+    /// Estimates each term from `nshots` shots in its own basis: (coefficient * mean, coefficient *
+    /// standard error), on every rank. The state is rotated and rotated back. The draws are those
+    /// of one process with the same seed, and the results where `distribution` has its bits.
+    /// Letters from an "I" on are dropped together with the one qubit at that "I".
+    ///
+    /// Cost: per term two runs of its basis gates and one `distribution` over its qubits, of which
+    /// each rank holds 2^L probabilities for L qubits.
+    /// Errors: std::invalid_argument for qubits that the state does not have or that a term lists
+    /// twice, for more letters than qubits, and where ranks were given different terms or numbers
+    /// of shots; std::length_error for a term of more than 61 qubits; std::bad_alloc, the state
+    /// rotated back unless that happens inside a run.
+    std::vector<Estimate> evaluate_terms(std::vector<SimpleTerm<T>> terms, std::uint64_t nshots);
 
     /// <this|other>. Added up in double; last digits depend on the number of ranks.
     /// Errors: std::invalid_argument for another number of qubits or ranks.
