@@ -6,6 +6,8 @@ from __future__ import annotations
 import importlib
 import os
 import secrets
+from collections.abc import Iterable, Iterator
+from contextlib import contextmanager
 from typing import Any, Literal, NoReturn, SupportsIndex
 
 import numpy as np
@@ -17,7 +19,6 @@ from .arguments import (
     MAX_COUNT,
     Precision,
     Qubits,
-    complex_array,
     count,
     distinct_qubits,
     index,
@@ -33,7 +34,8 @@ from .gates import GateMethods, as_qubits
 from .parameters import Values, values_in_order
 from .program import Program
 from .progress import Progress, bar_class, check_progress, reporter
-from .readout import Readout
+from .pure_state import PureState, amplitudes_array, require_norm_1
+from .readout import SHOTS_PER_PIECE, Readout
 
 try:
     _mpi: Any = importlib.import_module("pblinalg._mpi")
@@ -49,7 +51,7 @@ _STATES = {"float": _mpi.StateVectorFloat, "double": _mpi.StateVectorDouble}
 _ALL = -1
 
 
-class StateVector(Readout):
+class StateVector(PureState):
     """The pure state of `num_qubits` qubits, in |0...0> at first, over 2^p ranks of `comm`, each of
     which holds 2^(n-p) amplitudes.
 
@@ -64,7 +66,7 @@ class StateVector(Readout):
     >>> StateVector(30, MPI.COMM_WORLD, seed=7).run(circuit).sample(100)
     """
 
-    __slots__ = ("_comm", "_bits", "_precision", "_threads")
+    __slots__ = ("_comm", "_precision", "_threads")
 
     def __init__(
         self,
@@ -92,10 +94,9 @@ class StateVector(Readout):
         """A state of its own over the same ranks with the same amplitudes, precision and threads,
         and a generator with a seed of its own."""
         result = type(self).__new__(type(self))
-        for name in StateVector.__slots__:
+        for name in ("_bits", *StateVector.__slots__):
             setattr(result, name, getattr(self, name))
         result._core = self._core.copy()
-        result._bits = []
         result.seed = self._drawn_seed()
         GateMethods.__init__(result)
         return result
@@ -103,11 +104,6 @@ class StateVector(Readout):
     def _drawn_seed(self) -> int:
         seed: int = self._comm.bcast(secrets.randbits(64))
         return seed
-
-    @property
-    def num_qubits(self) -> int:
-        """The number of qubits."""
-        return int(self._core.nqubits)
 
     @property
     def local_qubits(self) -> int:
@@ -146,30 +142,13 @@ class StateVector(Readout):
         self._seed = seed_number(seed)
         self._core.seed(self._seed)
 
-    @property
-    def classical_bits(self) -> tuple[int, ...]:
-        """What the measurements of the last `run` read."""
-        return tuple(self._bits)
-
     # ---- Preparing -------------------------------------------------------------------------------
-
-    def reset(self, qubits: Qubits | None = None) -> StateVector:
-        """Returns all qubits to |0>, or measures the listed ones and returns them to |0>."""
-        if qubits is None:
-            self._core.reset()
-        else:
-            self._require_norm()
-            for qubit in self._listed(qubits):
-                self._core.project_then_reset([qubit], self._core.measure([qubit]))
-        return self
 
     def set_amplitudes(self, amplitudes: ArrayLike, check: bool = True) -> StateVector:
         """Loads 2^n amplitudes, given whole on every rank, qubit 0 being the most significant bit
         of an index. ValueError when their norm is not 1, unless `check` is False."""
-        array = complex_array(amplitudes, "amplitudes").reshape(-1)
-        norm = float(np.linalg.norm(array))
-        if check and not abs(norm - 1) < 1e-5:
-            raise ValueError(f"amplitudes has norm {norm:.9g}; expected 1")
+        with self._together():
+            array = amplitudes_array(amplitudes, self.num_qubits, check).reshape(-1)
         self._core.set_amplitudes(array.astype(self._dtype, copy=False))
         return self
 
@@ -237,6 +216,15 @@ class StateVector(Readout):
             bar_class()
         return progress if callable(progress) or self._comm.rank == 0 else False
 
+    @contextmanager
+    def _together(self) -> Iterator[None]:
+        error: BaseException | None = None
+        try:
+            yield
+        except BaseException as raised:
+            error = raised
+        self._raise_together(error)
+
     def _raise_together(self, error: BaseException | None) -> None:
         """Raises an error of this rank here and tells the others."""
         if not self._comm.allreduce(error is not None, MPI.LOR):
@@ -276,7 +264,9 @@ class StateVector(Readout):
     def to_array(self, root: int | None = None) -> NDArray[np.complexfloating[Any, Any]] | None:
         """The 2^n amplitudes with qubit 0 the most significant bit of an index: on all ranks, or on
         rank `root` alone and None on the others."""
-        values: NDArray[Any] = self._core.gather(_ALL if root is None else self._root(root))
+        with self._together():
+            place = self._root(root)
+        values: NDArray[Any] = self._core.gather(place)
         return values if root in (None, self._comm.rank) else None
 
     def __array__(self, dtype: Any = None, copy: bool | None = None) -> NDArray[Any]:
@@ -290,20 +280,22 @@ class StateVector(Readout):
 
     def __getitem__(self, position: SupportsIndex | str) -> complex:
         """One amplitude, by its index in `to_array` or by its basis state as a string."""
-        if isinstance(position, str):
-            number = outcome_number(position, self.num_qubits)
-        else:
-            number = integer(position, "position")
-            if not -len(self) <= number < len(self):
-                raise IndexError(f"position = {number}: expected a value below {len(self)}")
-            number %= len(self)
+        with self._together():
+            if isinstance(position, str):
+                number = outcome_number(position, self.num_qubits)
+            else:
+                number = integer(position, "position")
+                if not -len(self) <= number < len(self):
+                    raise IndexError(f"position = {number}: expected a value below {len(self)}")
+                number %= len(self)
         return complex(self._core.amplitudes([number])[0])
 
     def amplitudes_at(self, indices: ArrayLike) -> NDArray[np.complexfloating[Any, Any]]:
         """The amplitudes at the given indices of `to_array`. ValueError for one beyond them."""
-        numbers = [integer(number, "indices") for number in np.asarray(indices).reshape(-1)]
-        if any(number < 0 for number in numbers):
-            raise ValueError(f"indices must not be negative, got {indices!r}")
+        with self._together():
+            numbers = [integer(number, "indices") for number in np.asarray(indices).reshape(-1)]
+            if any(number < 0 for number in numbers):
+                raise ValueError(f"indices must not be negative, got {indices!r}")
         values: NDArray[Any] = self._core.amplitudes(numbers)
         return values
 
@@ -312,7 +304,9 @@ class StateVector(Readout):
     ) -> NDArray[np.floating[Any]]:
         """The probabilities of all outcomes on `qubits` (all of them by default), the first listed
         qubit being the most significant bit of an index; written into `out` when given."""
-        values: NDArray[Any] = self._core.get_distribution(self._listed(qubits))
+        with self._together():
+            listed = self._listed(qubits)
+        values: NDArray[Any] = self._core.get_distribution(listed)
         if out is None:
             return values
         out[...] = values
@@ -329,7 +323,8 @@ class StateVector(Readout):
         """The state of the listed qubits when nothing is known of the others, as a 2^k x 2^k array,
         the first listed qubit being the most significant bit of rows and columns, on every rank;
         last digits depend on the number of ranks. ValueError for more than n - p qubits."""
-        listed = distinct_qubits(self._listed(qubits), self.num_qubits)
+        with self._together():
+            listed = distinct_qubits(self._listed(qubits), self.num_qubits)
         matrix: NDArray[np.complex128] = self._core.reduced_density_matrix(listed)
         return matrix.reshape(1 << len(listed), -1)
 
@@ -341,10 +336,15 @@ class StateVector(Readout):
     def inner(self, other: StateVector) -> complex:
         """The inner product <self|other> with a state over the same ranks. ValueError for one of
         another precision or number of qubits."""
-        if not isinstance(other, StateVector):
-            raise TypeError(f"other must be a StateVector over ranks, got {type(other).__name__}")
-        if other.precision != self.precision:
-            raise ValueError(f"other has precision {other.precision}; expected {self.precision}")
+        with self._together():
+            if not isinstance(other, StateVector):
+                raise TypeError(
+                    f"other must be a StateVector over ranks, got {type(other).__name__}"
+                )
+            if other.precision != self.precision:
+                raise ValueError(
+                    f"other has precision {other.precision}; expected {self.precision}"
+                )
         return complex(self._core.inner(other._core))
 
     def fidelity(self, other: Readout | ArrayLike) -> float:
@@ -358,33 +358,45 @@ class StateVector(Readout):
         array = np.asarray(self.to_array())
         return array.reshape((2,) * self.num_qubits).T.reshape(-1)
 
-    def norm(self) -> float:
-        """The square root of the summed squared magnitudes."""
-        return float(float(self._core.get_distribution([])[0]) ** 0.5)
-
     def sample_outcomes(  # type: ignore[override]
         self,
         shots: SupportsIndex,
         qubits: Qubits | None = None,
         root: int | None = None,
         by_pieces: bool = False,
+        progress: Progress = None,
     ) -> NDArray[np.uint64] | None:
         """The outcomes of `shots` measurements in order, the first listed qubit being the most
         significant bit: on all ranks, or on rank `root` alone and None on the others.
 
         They are those of one process with the same seed, for which the ranks add up their
         probabilities one after the other. With `by_pieces` they do it at once, and shots on the
-        brink may fall to a neighbouring outcome.
+        brink may fall to a neighbouring outcome. `progress` is that of `run`; what it raises on one
+        rank stops all of them between pieces.
         """
-        number = count(shots, "shots")
-        listed = self._listed(qubits)
+        with self._together():
+            number = count(shots, "shots")
+            listed = self._listed(qubits)
+            place = self._root(root)
+            own = self._own(progress)
+        # What the loop below depends on; the lower level compares the rest.
+        if len(set(self._comm.allgather((number, not listed)))) > 1:
+            raise ValueError("the list of qubits or the number of shots differs between ranks")
         self._require_norm()
-        if not listed:
-            outcomes: NDArray[np.uint64] = np.zeros(number, dtype=np.uint64)
-        else:
-            place = _ALL if root is None else self._root(root)
-            outcomes = self._core.sample(number, listed, place, by_pieces)
-        return outcomes if root in (None, self._comm.rank) else None
+        receives = root in (None, self._comm.rank)
+        with self._together():
+            outcomes = np.zeros(number if receives else 0, dtype=np.uint64)
+        # The lower level reads all qubits for an empty list.
+        pieces = range(0, number if listed else 0, SHOTS_PER_PIECE)
+        with reporter(own if len(pieces) > 1 else False, number, "shot") as report:
+            for begin in pieces:
+                end = min(begin + SHOTS_PER_PIECE, number)
+                with self._together():
+                    drawn = self._core.sample(end - begin, listed, place, by_pieces)
+                    outcomes[begin:end] = drawn
+                    if report:
+                        report(end)
+        return outcomes if receives else None
 
     def sample(  # type: ignore[override]
         self,
@@ -392,29 +404,14 @@ class StateVector(Readout):
         qubits: Qubits | None = None,
         root: int | None = None,
         by_pieces: bool = False,
+        progress: Progress = None,
     ) -> Counts | None:
         """Counts of `shots` measurements of `qubits` (all of them by default); see
         `sample_outcomes`."""
-        listed = self._listed(qubits)
-        outcomes = self.sample_outcomes(shots, listed, root, by_pieces)
+        with self._together():
+            listed = self._listed(qubits)
+        outcomes = self.sample_outcomes(shots, listed, root, by_pieces, progress)
         return None if outcomes is None else Counts.from_outcomes(outcomes, len(listed))
-
-    def measure(self, qubits: Qubits | None = None) -> str:
-        """Measures qubits (all of them by default), collapses the state and returns what was read,
-        the first listed qubit leftmost."""
-        listed = self._listed(qubits)
-        self._require_norm()
-        if not listed:
-            return ""
-        outcome = self._core.measure(listed)
-        self._core.project(listed, outcome)
-        return format(outcome, f"0{len(listed)}b")
-
-    def project(self, outcome: str | SupportsIndex, qubits: Qubits | None = None) -> StateVector:
-        """Collapses qubits onto a chosen outcome. ValueError when its probability is 0."""
-        listed = self._listed(qubits)
-        self._core.project(listed, outcome_number(outcome, len(listed)))
-        return self
 
     # ---- Files -----------------------------------------------------------------------------------
 
@@ -431,9 +428,11 @@ class StateVector(Readout):
         comm: Any = None,
         threads: SupportsIndex = 1,
         seed: SupportsIndex | None = None,
+        check: bool = True,
     ) -> StateVector:
         """The state in a .npy file of 2^n complex numbers. RuntimeError for a file that cannot be
-        read, is cut short or holds something else."""
+        read, is cut short or holds something else; ValueError for one whose norm is not 1, unless
+        `check` is False."""
         world = MPI.COMM_WORLD if comm is None else comm
         name = os.fspath(path)
         found: Any = None
@@ -454,26 +453,32 @@ class StateVector(Readout):
             raise RuntimeError(found)
         state = cls(found[0], world, found[1], threads, seed)
         state._core.load(name)
+        if check:
+            try:
+                require_norm_1(state.inner(state).real ** 0.5)
+            except ValueError as error:
+                raise ValueError(f"{name}: {error}") from None
         return state
 
-    # ---- What one process offers and ranks do not ------------------------------------------------
+    # ---- What all ranks do together --------------------------------------------------------------
 
     def _listed(self, qubits: Qubits | None) -> list[Any]:
         listed = range(self.num_qubits) if qubits is None else as_qubits(qubits)
         return [index(qubit, "qubits", self.num_qubits - 1) for qubit in listed]
 
-    def _root(self, root: int) -> int:
-        return index(root, "root", self._comm.size - 1)
+    def _root(self, root: int | None) -> int:
+        return _ALL if root is None else index(root, "root", self._comm.size - 1)
 
     def _require_amplitudes(self) -> None:
         pass
 
+    def _estimates(self, terms: list[Any], shots: int) -> Iterable[tuple[complex, complex]]:
+        """At once: ranks compare all terms before they rotate to the first."""
+        estimates: list[tuple[complex, complex]] = self._core.evaluate_terms(terms, shots)
+        return estimates
+
     def __getstate__(self) -> NoReturn:
         raise TypeError("a state over ranks cannot be pickled; use its copy(), or save and load it")
-
-    def estimate(self, observable: Any, shots: SupportsIndex) -> NoReturn:
-        """TypeError: `expectation` is exact."""
-        raise TypeError("estimate is not there for a state over ranks; `expectation` is exact")
 
     def __repr__(self) -> str:
         return (

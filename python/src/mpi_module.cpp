@@ -3,6 +3,7 @@
 #include <nanobind/nanobind.h>
 #include <nanobind/ndarray.h>
 #include <nanobind/stl/complex.h>
+#include <nanobind/stl/pair.h>
 #include <nanobind/stl/string.h>
 #include <nanobind/stl/vector.h>
 
@@ -17,7 +18,9 @@
 namespace pblinalg::python {
 namespace {
 
-using Values = nb::ndarray<const double, nb::ndim<1>, nb::c_contig, nb::device::cpu>;
+template <class V>
+using Array = nb::ndarray<const V, nb::ndim<1>, nb::c_contig, nb::device::cpu>;
+using Values = Array<double>;
 
 /// An array that owns what the library returned.
 template <class V>
@@ -27,7 +30,8 @@ nb::ndarray<nb::numpy, V, nb::ndim<1>> owned(std::vector<V>&& values) {
     return {kept->data(), {kept->size()}, owner};
 }
 
-std::span<const double> span_of(const Values& values) {
+template <class V>
+std::span<const V> span_of(const Array<V>& values) {
     return {values.data(), values.size()};
 }
 
@@ -68,10 +72,22 @@ void bind_ranks(nb::module_& module, const char* name) {
         .def("seed", &State::seed)
         .def("reset", &State::reset)
         .def("set_amplitudes",
-             [](State& self, const nb::ndarray<const std::complex<T>, nb::ndim<1>, nb::c_contig,
-                                               nb::device::cpu>& amplitudes) {
-                 self.set_amplitudes({amplitudes.data(), amplitudes.size()});
+             [](State& self, const Array<std::complex<T>>& amplitudes) {
+                 self.set_amplitudes(span_of(amplitudes));
              })
+        .def("reset_to_str", &State::reset_to_str)
+        .def("apply_state_preparation",
+             [](State& self, const Array<std::complex<double>>& amplitudes, const Qubits& qubits) {
+                 self.apply_state_preparation(span_of(amplitudes), qubits);
+             })
+        .def("apply_binary_qram",
+             [](State& self, const Array<unsigned long long>& words, const Qubits& qubits,
+                unsigned int data_width) {
+                 self.apply_binary_qram(span_of(words), qubits, data_width);
+             })
+        .def("apply_qram",
+             [](State& self, const Array<std::complex<double>>& table, const Qubits& qubits,
+                unsigned int data_width) { self.apply_qram(span_of(table), qubits, data_width); })
         .def(
             "run",
             [](State& self, BoundGateList& list, const Values& values, const std::string& path,
@@ -129,6 +145,13 @@ void bind_ranks(nb::module_& module, const char* name) {
         .def("terms_expectations_values",
              [](State& self, const BoundObservable<T>& observable) {
                  return self.terms_expectations_values(observable);
+             })
+        .def("evaluate_terms",
+             [](State& self, const std::vector<BoundTerm<T>*>& terms, std::uint64_t shots) {
+                 std::vector<SimpleTerm<T>> copies;
+                 for (const BoundTerm<T>* const term : terms)
+                     copies.push_back(*term);
+                 return self.evaluate_terms(std::move(copies), shots);
              })
         .def("save", &State::save)
         .def("load", &State::load);

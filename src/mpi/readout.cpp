@@ -85,7 +85,7 @@ T StateVector<T>::total_probability() {
 
 template <class T>
 T StateVector<T>::probability(std::uint64_t outcome, const Qubits& qubits) {
-    together(state_->comm(), [&] { require_list(qubits, nqubits()); });
+    state_->agree_on(qubits, {outcome}, "the list of qubits or the outcome");
     return state_->weight(mask_of(qubits), pattern_of(qubits, outcome));
 }
 
@@ -129,6 +129,7 @@ std::vector<std::complex<double>> StateVector<T>::reduced_density_matrix(const Q
     const auto listed = static_cast<unsigned int>(qubits.size());
     std::vector<std::complex<double>> result;
     std::optional<cpu::PybindLinAlgStateVectorCPU<T>> own;
+    state_->agree_on(qubits, {}, "the list of qubits");
     together(state_->comm(), [&] {
         require_list_within(qubits, nqubits(), local_qubits());
         result.resize(bit(2 * listed));
@@ -230,7 +231,7 @@ std::vector<T> StateVector<T>::State::outcome_sums(std::span<const unsigned int>
 
 template <class T>
 std::vector<T> StateVector<T>::distribution(const Qubits& qubits) {
-    together(state_->comm(), [&] { require_list(qubits, nqubits()); });
+    state_->agree_on(qubits, {}, "the list of qubits");
     std::vector<T> result = state_->outcome_sums(qubits);
     // As the exports do: an entry that is not above 0 is 0.
     for (T& sum : result)
@@ -240,7 +241,7 @@ std::vector<T> StateVector<T>::distribution(const Qubits& qubits) {
 
 template <class T>
 void StateVector<T>::project(const Qubits& qubits, std::uint64_t outcome) {
-    together(state_->comm(), [&] { require_list(qubits, nqubits()); });
+    state_->agree_on(qubits, {outcome}, "the list of qubits or the outcome");
     const Index mask = mask_of(qubits), values = pattern_of(qubits, outcome);
     const T weight = state_->weight(mask, values);
     const Layout& layout = state_->layout;

@@ -7,7 +7,6 @@
 #include <stdexcept>
 
 #include "core/parallel.hpp"
-#include "mpi/checks.hpp"
 #include "mpi/state.hpp"
 #include "readout/draws.hpp"
 #include "readout/probabilities.hpp"
@@ -91,8 +90,9 @@ std::vector<std::uint64_t> StateVector<T>::State::sample(std::uint64_t shots,
     const unsigned int n = layout.n_qubits();
     const bool receives = root < 0 || root == communicator.rank();
     std::vector<std::uint64_t> outcomes;
+    agree_on(qubits, {shots, static_cast<std::uint64_t>(root), one_by_one},
+             "the list of qubits, the number of shots or the root");
     together(comm(), [&] {
-        require_list(qubits, n);
         if (root >= communicator.size()) {
             throw std::invalid_argument("root = " + std::to_string(root) +
                                         ": expected a rank below " +

@@ -38,6 +38,10 @@ struct StateVector<T>::State {
     unsigned int local_bits() const { return layout.local_bits(); }
     Index local_size() const { return cpu::bit(local_bits()); }
 
+    /// Errors: std::invalid_argument for listed qubits that are not those of the state, each once,
+    /// and where they or the `others` differ between ranks, `what` in the text.
+    void agree_on(std::span<const unsigned int> qubits, std::initializer_list<std::uint64_t> others,
+                  const char* what) const;
     /// |0...0>, or zeros everywhere.
     void clear(bool basis_state_0 = true);
     /// Runs the operations of `program`, which is one of n qubits and loses its SWAPs.

@@ -51,6 +51,17 @@ StateVector<T>::State::State(MPI_Comm comm, unsigned int nqubits)
 }
 
 template <class T>
+void StateVector<T>::State::agree_on(std::span<const unsigned int> qubits,
+                                     std::initializer_list<std::uint64_t> others,
+                                     const char* what) const {
+    together(comm(), [&] { require_list(qubits, layout.n_qubits()); });
+    Digest digest;
+    digest.add_all(qubits);
+    digest.add_all(others);
+    require_same(comm(), digest.value(), what);
+}
+
+template <class T>
 void StateVector<T>::State::clear(bool basis_state_0) {
     layout = Layout(layout.n_qubits(), layout.rank_bits);
     std::fill_n(amplitudes.get(), local_size(), std::complex<T>());
@@ -200,6 +211,9 @@ auto StateVector<T>::amplitudes(std::span<const std::uint64_t> indices) -> std::
         }
         values.resize(indices.size());
     });
+    Digest digest;
+    digest.add_all(indices);
+    require_same(state_->comm(), digest.value(), "the list of indices");
     for (std::size_t k = 0; k < indices.size(); ++k) {
         const Index index = cpu::reverse_bits(indices[k], nqubits());
         if ((index & fixed) == own) values[k] = state_->amplitudes[layout.local_places(index)];
@@ -254,6 +268,7 @@ auto StateVector<T>::gather(int root) -> std::vector<Amplitude> {
                                         ": expected a rank below " + std::to_string(ranks()));
         }
     });
+    require_same(state_->comm(), static_cast<std::uint64_t>(root), "the root");
     state_->sort();
     const bool receives = root < 0 || root == rank();
     std::vector<Amplitude> in_order, result;

@@ -55,16 +55,60 @@ def test_results_are_those_of_one_process() -> None:
         observable = {"XIIIIIIIIX": 0.5, "ZIIIIYIIIZ": -1.5}
         assert spread.expectation(observable) == whole.expectation(observable)
         assert spread.expectation_terms(observable) == whole.expectation_terms(observable)
+        assert spread.estimate(observable, 100) == whole.estimate(observable, 100)
         assert spread.measure([0, 9]) == whole.measure([0, 9])
         assert spread.cx(9, 0).to_array().tobytes() == whole.cx(9, 0).to_array().tobytes()
         assert sum(spread.sample(50, by_pieces=True).values()) == 50
+
+
+def test_loads_are_those_of_one_process() -> None:
+    inputs = np.random.default_rng(5)
+    few = inputs.normal(size=4) + 1j * inputs.normal(size=4)
+    few /= np.linalg.norm(few)
+    loads = (
+        lambda state: state.set_product("01+-01+-+-"),
+        lambda state: state.prepare(few, [9, 0]),
+        lambda state: state.prepare(1.0001 * few, [2, 5], check=False),
+        lambda state: state.reset([0, 9, 4]),
+        lambda state: state.load_words([[3, 0], [5, 6]], [8, 1], [0, 9, 4]),
+        lambda state: state.reset([9, 1]),
+        lambda state: state.load_amplitudes(few.real.reshape(2, 2), 5, 9),
+    )
+    for precision in ("float", "double"):
+        spread, whole = both(precision)
+        for number, load in enumerate(loads):
+            assert load(spread) is spread
+            same = spread.to_array().tobytes() == load(whole).to_array().tobytes()
+            assert same, f"load {number} in {precision}"
+
+
+def test_long_samples_tell_how_far_they_are() -> None:
+    spread, whole = both()
+    told: list[tuple[int, int]] = []
+    expected = whole.sample_outcomes(25)
+    pb.mpi.SHOTS_PER_PIECE = 10
+    outcomes = spread.sample_outcomes(25, progress=lambda *report: told.append(report))
+    assert (outcomes == expected).all() and told == [(10, 25), (20, 25), (25, 25)]
+
+    def fail(done: int, total: int) -> None:
+        raise LookupError("no more")
+
+    here = comm.rank == comm.size - 1
+    raises(
+        LookupError if here else RuntimeError,
+        "no more",
+        lambda: spread.sample(30, progress=fail if here else False),
+    )
+    whole.sample(10)
+    pb.mpi.SHOTS_PER_PIECE = 1 << 20
+    assert spread.sample(30) == whole.sample(30)
 
 
 def test_measured_circuits_agree() -> None:
     circuit = pb.Circuit(NUM_QUBITS, 2).h(9).measure(9, 0).cx(9, 0).measure(0, 1)
     spread = pb.mpi.StateVector(NUM_QUBITS, seed=5).run(circuit)
     whole = pb.StateVector(NUM_QUBITS, seed=5).run(circuit)
-    assert spread.classical_bits == whole.classical_bits
+    assert spread.copy().classical_bits == spread.classical_bits == whole.classical_bits
     assert (spread.to_array() == whole.to_array()).all()
 
 
@@ -80,6 +124,16 @@ def test_files_pass_between_numbers_of_ranks(directory: Path) -> None:
     other = pb.mpi.StateVector.load(directory / "other.npy")
     assert other.precision == "float"
     assert (other.to_array() == whole.to_array().astype(np.complex64)).all()
+    scaled = pb.mpi.StateVector(NUM_QUBITS, comm).set_amplitudes(2 * whole.to_array(), check=False)
+    scaled.save(directory / "scaled.npy")
+    texts = []
+    for load in (pb.StateVector.load, pb.mpi.StateVector.load):
+        assert load(directory / "scaled.npy", check=False).norm() == scaled.norm()
+        try:
+            load(directory / "scaled.npy")
+        except ValueError as error:
+            texts.append(str(error))
+    assert len(texts) == 2 and texts[0] == texts[1], texts
     raises(RuntimeError, "nobody.npy", lambda: pb.mpi.StateVector.load(directory / "nobody.npy"))
 
 
@@ -134,8 +188,38 @@ def test_bad_arguments_name_themselves() -> None:
     raises(ValueError, "norm", lambda: state.set_amplitudes(np.ones(1024)))
     raises(TypeError, "save", lambda: copy.copy(state))
     raises(TypeError, "progress", lambda: state.run(pb.Circuit(NUM_QUBITS), progress=1))
+    raises(ValueError, "expected 10 characters", lambda: state.set_product("01"))
+    raises(TypeError, "must be a str", lambda: state.set_product(1))
+    raises(ValueError, "expected 4 for 2", lambda: state.prepare([1], [0, 1]))
+    raises(ValueError, "listed twice", lambda: state.prepare([1, 0, 0, 0], [1, 1]))
+    raises(IndexError, "qubits", lambda: state.prepare([1, 0], [NUM_QUBITS]))
+    raises(TypeError, "integers", lambda: state.load_words([0.5, 1], [0], [1]))
+    raises(ValueError, "between 0 and 1", lambda: state.load_words([2, 1], [0], [1]))
+    raises(ValueError, "expected 4", lambda: state.load_words([1], [0, 2], [1]))
+    raises(ValueError, "real", lambda: state.load_amplitudes([1j, 1], [], [1]))
+    raises(ValueError, "shots", lambda: state.estimate("Z" * NUM_QUBITS, 0))
+    raises(ValueError, "real", lambda: state.estimate({"Z" * NUM_QUBITS: 1j}, 10))
+    one = pb.mpi.StateVector(NUM_QUBITS).x(4)
+    raises(ValueError, "data: the register must be", lambda: one.load_words([1, 0], [0], [4]))
     if comm.size > 1:
+        every = list(range(NUM_QUBITS))
+        raises(ValueError, "a rank has", lambda: state.prepare(np.eye(1, 1 << NUM_QUBITS), every))
+        # What one rank alone is given wrongly reaches all, and so does what differs.
+        last = int(comm.rank == comm.size - 1)
         raises(ValueError, "differs", lambda: state.rx(0.1 * comm.rank, 0))
+        raises(ValueError, "differs", lambda: state.sample(10 + last))
+        raises(ValueError, "differs", lambda: state.probabilities([0] if last else [0, 9]))
+        raises(ValueError, "differs", lambda: state.project(0, [last]))
+        raises(ValueError, "differs", lambda: state.load_words([1, 1], [0], [8 + last]))
+        raises(ValueError, "differs", lambda: state.estimate("ZX"[last] * NUM_QUBITS, 10))
+        kind = ValueError if last else RuntimeError
+        for work in (
+            lambda: state.set_product("?" if last else "0" * NUM_QUBITS),
+            lambda: state.probability(9 * last, [0]),
+            lambda: state.sample(-1 if last else 1),
+            lambda: state.expectation("Z" * (NUM_QUBITS + last)),
+        ):
+            raises(kind, "" if last else f"rank {comm.size - 1} raised ValueError", work)
     assert state["0" * NUM_QUBITS] == 1
 
 

@@ -32,8 +32,9 @@ struct Checkpoint {
 /// qubits are in caller order, qubit 0 the most significant bit; over listed qubits the first
 /// listed one is. Gates give the bits that one process gives, whatever the number of ranks.
 ///
-/// Errors are raised on every rank alike. Where a rank runs out of memory it is std::bad_alloc, and
-/// the state is undefined when that happens inside `run`.
+/// Errors are raised on every rank alike: std::invalid_argument where ranks were given different
+/// lists, values, tables, outcomes or numbers of shots, before anything is done. Where a rank runs
+/// out of memory it is std::bad_alloc, and the state is undefined when that happens inside `run`.
 template <class T>
 class PBLINALG_EXPORT StateVector {
   public:
@@ -70,7 +71,6 @@ class PBLINALG_EXPORT StateVector {
 
     /// Sets a product state: character k, one of "0", "1", "+" and "-", governs qubit n-1-k. Any
     /// other character, or a missing one, leaves its qubit free with factor 1.
-    /// Errors: std::invalid_argument where ranks were given different texts.
     void reset_to_str(const std::string& description);
     /// Replaces the amplitudes on `qubits`, for every value of the other qubits, by the 2^m given
     /// ones, whole on every rank, times the norm that was there. Input index: the lowest-numbered
@@ -79,8 +79,8 @@ class PBLINALG_EXPORT StateVector {
     ///
     /// Cost: one exchange of as many bits as listed qubits lie on bits of the ranks' numbers.
     /// Errors: std::invalid_argument for qubits that the state does not have or that are listed
-    /// twice, for more than n - p of them, for another number of amplitudes, and where ranks were
-    /// given different ones; std::bad_alloc before any amplitude changes.
+    /// twice, for more than n - p of them, and for another number of amplitudes; std::bad_alloc
+    /// before any amplitude changes.
     void apply_state_preparation(std::span<const std::complex<double>> amplitudes,
                                  const Qubits& qubits);
     /// Moves the amplitude of each address a from data value 0 to the low `data_width` bits of
@@ -151,9 +151,8 @@ class PBLINALG_EXPORT StateVector {
     /// Cost: per term two runs of its basis gates and one `distribution` over its qubits, of which
     /// each rank holds 2^L probabilities for L qubits.
     /// Errors: std::invalid_argument for qubits that the state does not have or that a term lists
-    /// twice, for more letters than qubits, and where ranks were given different terms or numbers
-    /// of shots; std::length_error for a term of more than 61 qubits; std::bad_alloc, the state
-    /// rotated back unless that happens inside a run.
+    /// twice and for more letters than qubits; std::length_error for a term of more than 61 qubits;
+    /// std::bad_alloc, the state rotated back unless that happens inside a run.
     std::vector<Estimate> evaluate_terms(std::vector<SimpleTerm<T>> terms, std::uint64_t nshots);
 
     /// <this|other>. Added up in double; last digits depend on the number of ranks.
