@@ -17,8 +17,10 @@ from numpy.typing import ArrayLike, NDArray
 from ._core import GateList
 from .arguments import (
     MAX_COUNT,
+    Accuracy,
     Precision,
     Qubits,
+    accuracy_name,
     count,
     distinct_qubits,
     index,
@@ -161,9 +163,12 @@ class StateVector(PureState):
         checkpoint: str | os.PathLike[str] | None = None,
         every: SupportsIndex = 0,
         progress: Progress = None,
+        accuracy: Accuracy = "exact",
     ) -> StateVector:
         """Applies a circuit, measurements and all, to the state as it is. `values` are those of its
-        parameters.
+        parameters; `accuracy` is that of `pblinalg.run`. "rounding" exchanges far less: gates on
+        different qubits overtake each other, so that more of them run between two exchanges. Its
+        amplitudes agree up to rounding for every number of ranks.
 
         A signal that one rank gets, such as SIGINT, and an exception from its `progress` stop all
         of them between exchanges: the state then holds the effect of exactly the gates and
@@ -177,6 +182,7 @@ class StateVector(PureState):
         """
         steps, numbers = self._steps(circuit, values)
         path, interval = self._checkpoint(circuit, checkpoint, every)
+        accuracy_name(accuracy)
         self._bits = [0] * circuit.num_clbits
         with reporter(self._own(progress), len(circuit), "gate") as report:
             run_steps(
@@ -186,7 +192,7 @@ class StateVector(PureState):
                 numbers,
                 report,
                 run_gates=lambda gates, report: self._raise_together(
-                    self._core.run(gates, numbers, path, interval, report)
+                    self._core.run(gates, numbers, path, interval, report, accuracy)
                 ),
             )
         return self
@@ -198,15 +204,19 @@ class StateVector(PureState):
         every: SupportsIndex = 0,
         values: Values | None = None,
         progress: Progress = None,
+        accuracy: Accuracy = "exact",
     ) -> StateVector:
-        """Loads a checkpoint of a run of the same circuit and values and applies the gates that it
-        lacks: the bits are those of a run that was not interrupted, on any number of ranks.
-        ValueError for one of another circuit. `progress` and signals are those of `run`."""
+        """Loads a checkpoint of a run of the same circuit, values and accuracy and applies the
+        gates that it lacks: exact ones give the bits of a run that was not interrupted, on any
+        number of ranks. ValueError for one of another. `progress` and signals are as in `run`."""
         steps, numbers = self._steps(circuit, values)
         path, interval = self._checkpoint(circuit, checkpoint, every)
+        accuracy_name(accuracy)
         with reporter(self._own(progress), len(circuit), "gate") as report:
             for gates in steps:
-                self._raise_together(self._core.resume(gates, numbers, path, interval, report))
+                self._raise_together(
+                    self._core.resume(gates, numbers, path, interval, report, accuracy)
+                )
         return self
 
     def _own(self, progress: Progress) -> Progress:
@@ -512,6 +522,7 @@ def dry_run(
     memory_bandwidth: float = 40e9,
     network_bandwidth: float = 10e9,
     latency: float = 5e-6,
+    accuracy: Accuracy = "exact",
 ) -> dict[str, float]:
     """What a run of a circuit of gates alone over `num_ranks` would do, without its memory and on
     one process: exchanges and the bytes that each rank sends in them, passes over its memory, and
@@ -521,11 +532,18 @@ def dry_run(
     ranks = count(num_ranks, "num_ranks", 1)
     if ranks & (ranks - 1):
         raise ValueError(f"num_ranks = {ranks}: expected a power of two")
+    accuracy_name(accuracy)
     steps = circuit.steps
     if len(steps) != 1 or not isinstance(steps[0], GateList):
         raise ValueError("circuit measures or is empty; expected one of gates alone")
     single = precision_name(precision) == "float"
     result: dict[str, float] = _mpi.dry_run(
-        steps[0], ranks.bit_length() - 1, single, memory_bandwidth, network_bandwidth, latency
+        steps[0],
+        ranks.bit_length() - 1,
+        single,
+        memory_bandwidth,
+        network_bandwidth,
+        latency,
+        accuracy,
     )
     return result

@@ -91,23 +91,25 @@ void bind_ranks(nb::module_& module, const char* name) {
         .def(
             "run",
             [](State& self, BoundGateList& list, const Values& values, const std::string& path,
-               std::size_t every, nb::handle progress) {
+               std::size_t every, nb::handle progress, nb::handle accuracy) {
                 return watched(list, progress, [&](const auto& between) {
-                    return self.run(list.gates, span_of(values), {path, every}, between);
+                    return self.run(list.gates, span_of(values), {path, every}, between,
+                                    accuracy_argument(accuracy));
                 });
             },
             nb::arg("list"), nb::arg("values"), nb::arg("path"), nb::arg("every"),
-            nb::arg("progress").none())
+            nb::arg("progress").none(), nb::arg("accuracy"))
         .def(
             "resume",
             [](State& self, BoundGateList& list, const Values& values, const std::string& path,
-               std::size_t every, nb::handle progress) {
+               std::size_t every, nb::handle progress, nb::handle accuracy) {
                 return watched(list, progress, [&](const auto& between) {
-                    return self.resume(list.gates, span_of(values), {path, every}, between);
+                    return self.resume(list.gates, span_of(values), {path, every}, between,
+                                       accuracy_argument(accuracy));
                 });
             },
             nb::arg("list"), nb::arg("values"), nb::arg("path"), nb::arg("every"),
-            nb::arg("progress").none())
+            nb::arg("progress").none(), nb::arg("accuracy"))
         .def("amplitudes",
              [](State& self, const std::vector<std::uint64_t>& indices) {
                  return owned(self.amplitudes(indices));
@@ -178,12 +180,15 @@ NB_MODULE(_mpi, module) {
     module.doc() = "States over MPI ranks, for pblinalg.mpi.";
     python::bind_ranks<float>(module, "StateVectorFloat");
     python::bind_ranks<double>(module, "StateVectorDouble");
-    module.def("dry_run", [](python::BoundGateList& list, unsigned int rank_bits, bool single,
-                             double memory, double network, double latency) {
-        const python::Reading reading(list);
-        const pblinalg::mpi::Machine machine{memory, network, latency};
-        return python::as_dict(
-            single ? pblinalg::mpi::dry_run<float>(list.gates, list.nqubits, rank_bits, machine)
-                   : pblinalg::mpi::dry_run<double>(list.gates, list.nqubits, rank_bits, machine));
-    });
+    module.def(
+        "dry_run", [](python::BoundGateList& list, unsigned int rank_bits, bool single,
+                      double memory, double network, double latency, nanobind::handle accuracy) {
+            const python::Reading reading(list);
+            const pblinalg::mpi::Machine machine{memory, network, latency};
+            const auto how = python::accuracy_argument(accuracy);
+            return python::as_dict(single ? pblinalg::mpi::dry_run<float>(list.gates, list.nqubits,
+                                                                          rank_bits, machine, how)
+                                          : pblinalg::mpi::dry_run<double>(
+                                                list.gates, list.nqubits, rank_bits, machine, how));
+        });
 }

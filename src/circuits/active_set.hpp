@@ -22,6 +22,8 @@ struct PartShape {
     unsigned int max_starts;  ///< sets that are grown and compared, 0: what is asked for first
     /// Renumberings move parts as a whole: they touch inactive bits alone.
     bool whole_parts = false;
+    /// Active bits of the first pass, 0: they are chosen as those of the others.
+    Index first_active = 0;
 
     /// A permutation of whole vectors, or of whole parts, may do without active targets.
     bool can_renumber(const Operation& operation, Index active) const {

@@ -47,7 +47,8 @@ bool Planner::next(Pass& pass) {
         upcoming_.push_back(operation);
     for (std::size_t i = front_; i < operations_.size() && upcoming_.size() < shape_.reach; ++i)
         upcoming_.push_back(&operations_[i]);
-    pass.active = chooser_.choose(upcoming_);
+    const bool is_given = front_ == 0 && shape_.first_active != 0;
+    pass.active = is_given ? shape_.first_active : chooser_.choose(upcoming_);
     for (const Operation* const operation : deferred_)
         take_or_leave(*operation, pass);
     while (front_ < operations_.size() && left_out_.size() < shape_.look_ahead && !pass.alone &&

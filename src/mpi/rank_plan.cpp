@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <bit>
+#include <cmath>
 #include <limits>
 
 #include "circuits/planner.hpp"
@@ -16,8 +17,16 @@ using cpu::Pass;
 
 namespace {
 
-/// Operations left out while more are looked at: exchanges cost far more than any search.
-constexpr std::size_t look_ahead = 512;
+/// How far planning looks: exchanges cost far more than any search.
+struct Search {
+    std::size_t look_ahead;   ///< operations left out while more are looked at
+    std::size_t reach;        ///< operations looked at to choose the bits
+    unsigned int max_starts;  ///< sets of bits that are compared
+};
+constexpr Search search_for(Accuracy accuracy) {
+    if (accuracy == Accuracy::rounding) return {4096, 512, 16};
+    return {512, 160, 4};
+}
 
 constexpr std::uint32_t never = ~std::uint32_t{0};
 
@@ -161,28 +170,23 @@ std::vector<BitSwap> swaps_to(Index local, const Layout& layout) {
     return swaps;
 }
 
-}  // namespace
-
-template <class T>
-RankPlan plan_ranks(cpu::Program<T>& program, const Layout& layout) {
-    const std::vector<unsigned int> names = take_out_swaps(program);
-    fold_parity_diagonals(program.operations);
-    // Within a rank they find out for themselves what runs on the whole array only.
-    for (Operation& operation : program.operations)
-        operation.alone = false;
-    const std::span<const Operation> operations = program.operations;
+/// @param first  the bits that the first pass wants within ranks, 0: those with which it takes the
+///               most operations.
+RankPlan plan_passes(std::span<const Operation> operations, const Layout& layout,
+                     const Search& search, bool keeps_order, Index first) {
     RankPlan plan{{}, layout};
-    const Uses uses(operations, program.nqubits);
-    cpu::Planner planner(operations, {.n_bits = program.nqubits,
+    const Uses uses(operations, layout.n_qubits());
+    cpu::Planner planner(operations, {.n_bits = layout.n_qubits(),
                                       .part_bits = layout.local_bits(),
                                       .always = 0,
-                                      .renumbered = cpu::low_mask(program.nqubits),
-                                      .look_ahead = look_ahead,
+                                      .renumbered = cpu::low_mask(layout.n_qubits()),
+                                      .look_ahead = search.look_ahead,
                                       .max_length = std::numeric_limits<std::size_t>::max(),
-                                      .keeps_order = true,
-                                      .reach = 160,
-                                      .max_starts = 4,
-                                      .whole_parts = true});
+                                      .keeps_order = keeps_order,
+                                      .reach = search.reach,
+                                      .max_starts = search.max_starts,
+                                      .whole_parts = true,
+                                      .first_active = first});
     for (Pass pass; planner.next(pass);) {
         RankPass& own = plan.passes.emplace_back();
         own.swaps =
@@ -195,8 +199,37 @@ RankPlan plan_ranks(cpu::Program<T>& program, const Layout& layout) {
         }
         own.reached = planner.reached();
     }
-    plan.layout.relabel(names);
     return plan;
+}
+
+}  // namespace
+
+double RankPass::share_sent() const {
+    return 1 - std::ldexp(1.0, -static_cast<int>(swaps.size()));
+}
+
+template <class T>
+RankPlan plan_ranks(cpu::Program<T>& program, const Layout& layout, Accuracy accuracy) {
+    const std::vector<unsigned int> names = take_out_swaps(program);
+    fold_parity_diagonals(program.operations);
+    // Within a rank they find out for themselves what runs on the whole array only.
+    for (Operation& operation : program.operations)
+        operation.alone = false;
+    const auto cost = [](const RankPlan& plan) {
+        double sum = 0;
+        for (const RankPass& pass : plan.passes)
+            sum += pass.share_sent();
+        return sum;
+    };
+    const auto plan = [&](Index first) {
+        return plan_passes(program.operations, layout, search_for(accuracy),
+                           accuracy == Accuracy::exact, first);
+    };
+    // A first pass on the bits at hand takes fewer operations, and no exchange.
+    RankPlan best = plan(layout.local_qubits());
+    if (RankPlan other = plan(0); cost(other) < cost(best)) best = std::move(other);
+    best.layout.relabel(names);
+    return best;
 }
 
 bool renumber(const Operation& operation, Layout& layout) {
@@ -375,7 +408,7 @@ void localise(const Operation& operation, const cpu::Program<T>& program, const 
 
 #define PBLINALG_INSTANTIATE(T)                                                                  \
     template std::vector<unsigned int> take_out_swaps<T>(cpu::Program<T>&);                      \
-    template RankPlan plan_ranks<T>(cpu::Program<T>&, const Layout&);                            \
+    template RankPlan plan_ranks<T>(cpu::Program<T>&, const Layout&, Accuracy);                  \
     template void localise<T>(const Operation&, const cpu::Program<T>&, const T*, const Layout&, \
                               Index, cpu::Program<T>&);
 PBLINALG_INSTANTIATE(float)

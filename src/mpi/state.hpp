@@ -28,6 +28,13 @@ MPI_Datatype mpi_type() {
     return sizeof(T) == sizeof(double) ? MPI_DOUBLE : MPI_FLOAT;
 }
 
+/// What a run applies.
+struct ListRun {
+    const GateList& list;
+    std::span<const double> values;
+    Accuracy accuracy;
+};
+
 template <class T>
 struct StateVector<T>::State {
     State(MPI_Comm comm, unsigned int nqubits);
@@ -47,20 +54,18 @@ struct StateVector<T>::State {
     /// Runs the operations of `program`, which is one of n qubits and loses its SWAPs.
     void run(cpu::Program<T>& program, const T* factors);
     /// Runs a program of the bits of this rank, on this rank alone.
-    void run_here(cpu::Program<T> program, const T* factors);
+    void run_here(cpu::Program<T> program, Accuracy accuracy = Accuracy::exact);
     /// @param between  asked after every pass but the last.
     /// @return the pass after which somebody wants to stop, if any; `layout` is then what it is
     ///         there.
     const RankPass* run_passes(const RankPlan& plan, const cpu::Program<T>& program,
-                               const T* factors, const Callback& between);
+                               const T* factors, Accuracy accuracy, const Callback& between);
     /// Applies gates [first, end) of a list.
     /// @return the gates done, those before `first` among them: `end` or, when stopped, maybe less.
-    RunReport run(const GateList& list, std::span<const double> values, std::size_t first,
-                  std::size_t end, const Callback& between);
+    RunReport run(const ListRun& run, std::size_t first, std::size_t end, const Callback& between);
     /// Applies the gates that `progress` lacks and saves in between.
-    RunReport go_on(const GateList& list, std::span<const double> values, RunProgress progress,
-                    const Checkpoint& checkpoint, const Callback& between_passes,
-                    StateVector& owner);
+    RunReport go_on(const ListRun& run, RunProgress progress, const Checkpoint& checkpoint,
+                    const Callback& between_passes, StateVector& owner);
     /// Brings `qubits`, n - p of them, within ranks.
     void bring_in(Index qubits);
     /// Brings listed qubits within ranks, n - p of them at most, with the fewest exchanged bits.

@@ -69,11 +69,12 @@ void StateVector<T>::State::clear(bool basis_state_0) {
 }
 
 template <class T>
-void StateVector<T>::State::run_here(cpu::Program<T> program, const T* factors) {
+void StateVector<T>::State::run_here(cpu::Program<T> program, Accuracy accuracy) {
     program.nqubits = local_bits();
     const int workers = cpu::plan_workers<T>(local_bits(), num_threads);
-    const cpu::Plan<T> plan(std::move(program), cpu::plan_shape<T>(local_bits(), workers));
-    plan.run(amplitudes.get(), workers, factors ? factors : plan.program().factors.data(), {});
+    const cpu::Plan<T> plan(std::move(program),
+                            cpu::plan_shape<T>(local_bits(), workers, accuracy));
+    plan.run(amplitudes.get(), workers, plan.program().factors.data(), {});
 }
 
 template <class T>
@@ -129,8 +130,7 @@ void StateVector<T>::State::sort(Index qubits, bool descending) {
         const unsigned int other = layout.qubits_by_place()[to];
         std::swap(layout.place[q], layout.place[other]);
     }
-    if (!program.operations.empty())
-        together(comm(), [&] { run_here(std::move(program), nullptr); });
+    if (!program.operations.empty()) together(comm(), [&] { run_here(std::move(program)); });
 }
 
 template <class T>

@@ -12,6 +12,7 @@
 #include <pblinalg/mpi/state_vector.hpp>
 
 #include "support/random_lists.hpp"
+#include "support/unitary_lists.hpp"
 
 namespace pblinalg::test {
 namespace {
@@ -196,6 +197,62 @@ TYPED_TEST(OverRanks, StopsLeaveTheFirstGatesDone) {
                                  }),
                  std::domain_error);
     both.spread.amplitudes(std::vector<std::uint64_t>{0});
+}
+
+/// The largest difference of an amplitude from those of `whole`.
+template <class T>
+double distance(Both<T>& both) {
+    const auto got = both.spread.gather();
+    return largest_difference(Amplitudes<T>(got.begin(), got.end()), both.expected());
+}
+
+TYPED_TEST(OverRanks, RunsByRoundingAgreeWithExactOnes) {
+    using T = TypeParam;
+    const double angles[] = {0.3, -1.1, 0.9};
+    std::size_t stops = 0;
+    for (std::uint64_t seed = 0; seed < 12; ++seed) {
+        const unsigned int n = rank_bits() + 4 + seed % 3 * 2;
+        const GateList list = UnitaryDice(seed).list(n, 600, 3);
+        Both<T> both(n);
+        both.spread.reset();
+        both.whole.reset();
+        std::size_t told = 0;
+        const auto ask = [&](std::size_t done) {
+            EXPECT_GE(done, told);
+            told = done;
+            return seed % 4 == 0 || both.spread.rank() != 0 || done < 40 * seed;
+        };
+        const RunReport report = both.spread.run(list, angles, {}, ask, Accuracy::rounding);
+        ASSERT_GE(report.gates_done, told);
+        stops += report.stopped;
+        GateList first, rest;
+        for (std::size_t i = 0; i < list.size(); ++i)
+            (i < report.gates_done ? first : rest).append(list[i]);
+        pblinalg::run(both.whole, first, angles);
+        ASSERT_LE(distance(both), tolerance<T>) << n << " qubits, seed " << seed;
+        both.spread.run(rest, angles, {}, {}, Accuracy::rounding);
+        pblinalg::run(both.whole, rest, angles);
+        ASSERT_LE(distance(both), tolerance<T>) << n << " qubits, seed " << seed;
+    }
+    EXPECT_TRUE(rank_bits() == 0 || stops > 2) << stops;
+
+    const SharedFile file;
+    const unsigned int n = rank_bits() + 4;
+    const GateList list = UnitaryDice(1).list(n, 500);
+    Both<T> both(n);
+    both.spread.reset();
+    both.whole.reset();
+    const mpi::Checkpoint checkpoint{file.path, 200};
+    const auto up_to_100 = [](std::size_t done) { return done < 100; };
+    both.spread.run(list, {}, {file.path, 100}, up_to_100, Accuracy::rounding);
+    EXPECT_THROW(both.spread.resume(list, {}, checkpoint), std::invalid_argument);
+    both.spread.resume(list, {}, checkpoint, {}, Accuracy::rounding);
+    pblinalg::run(both.whole, list);
+    EXPECT_LE(distance(both), tolerance<T>);
+    MPI_Barrier(MPI_COMM_WORLD);
+    if (both.spread.rank() != 0) return;
+    for (const int gates : {100, 300, 500})
+        std::filesystem::remove(file.path + "." + std::to_string(gates) + ".npy");
 }
 
 /// Small states are copied, from 17 qubits on sums are taken where the amplitudes are.
@@ -493,6 +550,11 @@ TEST(DryRuns, CountExchangesOfKnownCircuits) {
     EXPECT_LT(moved.bytes, std::ldexp(1, 38));
     // Each pass takes 30 of the 800 gates.
     EXPECT_EQ(mpi::dry_run<float>(mixing, n, 10).traffic.exchanges, 26u);
+    const auto by_rounding = [&](const GateList& list) {
+        return mpi::dry_run<double>(list, n, 10, {}, Accuracy::rounding).traffic.exchanges;
+    };
+    EXPECT_EQ(by_rounding(brickwork), 1u);
+    EXPECT_EQ(by_rounding(mixing), 1u);
 }
 
 TEST(DryRuns, SayWhatIsSentAndHowLongItTakes) {
@@ -539,10 +601,16 @@ TEST(Faults, ReachEveryRankAsTheSameError) {
         std::function<void()> work;
         int least_ranks = 1;
     } const cases[] = {
-        {"argument: the gate list or its values differs between ranks", [&] { state.run(list); },
-         2},
-        {"argument: the gate list or its values differs between ranks",
+        {"argument: the gate list, its values or the accuracy differs between ranks",
+         [&] { state.run(list); }, 2},
+        {"argument: the gate list, its values or the accuracy differs between ranks",
          [&] { state.run(parametrised, value); }, 2},
+        {"argument: the gate list, its values or the accuracy differs between ranks",
+         [&] {
+             state.run(GateList().add(GateKind::X, 0), {}, {}, {},
+                       here ? Accuracy::rounding : Accuracy::exact);
+         },
+         2},
         {"argument: 0 values for 1 parameters", [&] { state.run(parametrised); }},
         {"argument: the list acts on qubit " + std::to_string(p + 3) + "; the state has " +
              std::to_string(p + 3) + " qubits",

@@ -148,6 +148,14 @@ def test_runs_resume_from_checkpoints(directory: Path) -> None:
         "another list",
         lambda: again.resume(a_circuit(), directory / "run", 7, [0.5]),
     )
+    rounded = pb.mpi.StateVector(NUM_QUBITS)
+    rounded.run(a_circuit(), [0.4], directory / "rounded", 7, accuracy="rounding")
+    assert np.allclose(rounded.to_array(), state.to_array(), rtol=0, atol=1e-12)
+    arguments = a_circuit(), directory / "rounded", 7, [0.4]
+    raises(ValueError, "another accuracy", lambda: again.resume(*arguments))
+    again.resume(*arguments, accuracy="rounding")
+    assert np.allclose(again.to_array(), state.to_array(), rtol=0, atol=1e-12)
+    raises(ValueError, "accuracy = 'fast'", lambda: state.run(a_circuit(), [0.4], accuracy="fast"))
 
 
 def test_what_one_rank_raises_stops_all() -> None:
@@ -245,10 +253,13 @@ def test_copies_and_comparisons_are_those_of_one_process() -> None:
 def test_dry_runs_need_no_ranks() -> None:
     circuit = pb.Circuit(40)
     for qubit in range(40):
-        circuit.h(qubit)
+        circuit.rx(0.3, qubit)
     run = pb.mpi.dry_run(circuit, 1024)
     assert run["exchanges"] == 1 and 0.99 < run["bytes_sent"] / 2**34 < 1
     assert run["gate_by_gate_exchanges"] == 10
+    circuit.compose(circuit)
+    assert pb.mpi.dry_run(circuit, 1024)["exchanges"] == 2
+    assert pb.mpi.dry_run(circuit, 1024, accuracy="rounding")["exchanges"] == 1
 
 
 if __name__ == "__main__":

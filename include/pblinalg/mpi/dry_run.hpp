@@ -3,6 +3,7 @@
 #pragma once
 
 #include <cstdint>
+#include <pblinalg/accuracy.hpp>
 #include <pblinalg/export.hpp>
 #include <pblinalg/gate_list.hpp>
 
@@ -38,11 +39,11 @@ struct DryRun {
 /// for matrices on more than n_qubits - rank_bits qubits.
 template <class T>
 PBLINALG_EXPORT DryRun dry_run(const GateList& list, unsigned int n_qubits, unsigned int rank_bits,
-                               const Machine& machine = {});
+                               const Machine& machine = {}, Accuracy accuracy = Accuracy::exact);
 
 extern template PBLINALG_EXPORT DryRun dry_run<float>(const GateList&, unsigned int, unsigned int,
-                                                      const Machine&);
+                                                      const Machine&, Accuracy);
 extern template PBLINALG_EXPORT DryRun dry_run<double>(const GateList&, unsigned int, unsigned int,
-                                                       const Machine&);
+                                                       const Machine&, Accuracy);
 
 }  // namespace pblinalg::mpi

@@ -100,22 +100,26 @@ class PBLINALG_EXPORT StateVector {
     /// Applies the gates of a list, as `pblinalg::run` does.
     ///
     /// Cost: one exchange, in which each amplitude crosses the network at most once, for as many
-    /// gates as have their targets on n - p qubits; `dry_run` tells how many that are.
+    /// gates as have their targets on n - p qubits; `dry_run` tells how many that are. By rounding
+    /// gates on different qubits overtake each other, and they are many more.
     /// @param checkpoint  collective saves between gates; `resume` of the same list and values goes
-    ///                    on from the last one, to the same bits.
+    ///                    on from the last one, to the same bits where runs are exact.
     /// @param between_passes  called by each rank that gave one, between exchanges, with the number
     ///                    of gates done so far: where one returns false, all ranks stop once gates
     ///                    that later ones have overtaken are done, too. What it throws is raised on
     ///                    every rank after the same steps.
+    /// @param accuracy  by rounding the last digits depend on the number of ranks, too.
     /// Errors: std::invalid_argument where ranks were given different lists or values, for qubits
     /// that the state does not have, for missing values and for matrices on more than n - p qubits.
     RunReport run(const GateList& list, std::span<const double> values = {},
-                  const Checkpoint& checkpoint = {}, const Callback& between_passes = {});
+                  const Checkpoint& checkpoint = {}, const Callback& between_passes = {},
+                  Accuracy accuracy = Accuracy::exact);
     /// Loads the checkpoint and applies the gates that it lacks.
-    /// Errors: those of `load`; std::invalid_argument where it belongs to another list or to other
-    /// values.
+    /// Errors: those of `load`; std::invalid_argument where it belongs to another list, to other
+    /// values or to another accuracy.
     RunReport resume(const GateList& list, std::span<const double> values,
-                     const Checkpoint& checkpoint, const Callback& between_passes = {});
+                     const Checkpoint& checkpoint, const Callback& between_passes = {},
+                     Accuracy accuracy = Accuracy::exact);
     /// Applies a circuit record.
     /// Errors: std::invalid_argument for an unknown name; the gates before it stay applied.
     void run(const PybindLinAlgWCircuit<T>& circuit);
