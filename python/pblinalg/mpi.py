@@ -171,9 +171,9 @@ class StateVector(PureState):
         amplitudes agree up to rounding for every number of ranks.
 
         A signal that one rank gets, such as SIGINT, and an exception from its `progress` stop all
-        of them between exchanges: the state then holds the effect of exactly the gates and
-        measurements up to there. That rank raises what it got; the others raise KeyboardInterrupt
-        or RuntimeError, which names the rank.
+        of them, within about a thousand gates: the state then holds the effect of exactly the gates
+        and measurements up to there. That rank raises what it got; the others raise
+        KeyboardInterrupt or RuntimeError, which names the rank.
 
         checkpoint: a file that names the last saved state. A circuit of gates alone is saved every
         `every` gates, and `resume` goes on from there.

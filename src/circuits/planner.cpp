@@ -67,10 +67,15 @@ bool Planner::next(Pass& pass) {
     return true;
 }
 
-Reached Planner::reached() const {
+Reached Planner::reached(std::span<const Pass::Entry> waiting) const {
+    const auto number = [&](const Operation* operation) {
+        return static_cast<std::uint32_t>(operation - operations_.data());
+    };
     Reached reached{{}, static_cast<std::uint32_t>(front_)};
-    for (const Operation* const operation : left_out_)
-        reached.left_out.push_back(static_cast<std::uint32_t>(operation - operations_.data()));
+    if (!waiting.empty()) reached.front = number(waiting.front().operation);
+    for (const Operation* const operation : left_out_) {
+        if (number(operation) < reached.front) reached.left_out.push_back(number(operation));
+    }
     // What nothing has overtaken yet is as good as not looked at.
     while (!reached.left_out.empty() && reached.left_out.back() + 1 == reached.front) {
         reached.left_out.pop_back();

@@ -4,6 +4,7 @@
 #include <bit>
 #include <cmath>
 #include <limits>
+#include <utility>
 
 #include "circuits/planner.hpp"
 #include "core/bit_placement.hpp"
@@ -17,6 +18,10 @@ using cpu::Pass;
 
 namespace {
 
+/// Operations between two chances to stop, at the most: so many that a pass over memory more does
+/// not count.
+constexpr std::size_t max_stretch = 1024;
+
 /// How far planning looks: exchanges cost far more than any search.
 struct Search {
     std::size_t look_ahead;   ///< operations left out while more are looked at
@@ -24,9 +29,12 @@ struct Search {
     unsigned int max_starts;  ///< sets of bits that are compared
 };
 constexpr Search search_for(Accuracy accuracy) {
-    if (accuracy == Accuracy::rounding) return {4096, 512, 16};
+    if (accuracy == Accuracy::rounding) return {1024, 512, 16};
     return {512, 160, 4};
 }
+// Stops count on it that no pass leaves out more.
+static_assert(search_for(Accuracy::exact).look_ahead <= max_stretch &&
+              search_for(Accuracy::rounding).look_ahead <= max_stretch);
 
 constexpr std::uint32_t never = ~std::uint32_t{0};
 
@@ -188,16 +196,21 @@ RankPlan plan_passes(std::span<const Operation> operations, const Layout& layout
                                       .whole_parts = true,
                                       .first_active = first});
     for (Pass pass; planner.next(pass);) {
-        RankPass& own = plan.passes.emplace_back();
-        own.swaps =
+        std::vector<BitSwap> swaps =
             swaps_to(choose_local(pass, plan.layout.local_qubits(), uses, planner), plan.layout);
-        plan.layout.apply(own.swaps);
-        for (const auto& entry : pass.operations) {
-            own.operations.push_back(
-                static_cast<std::uint32_t>(entry.operation - operations.data()));
-            renumber(*entry.operation, plan.layout);
+        plan.layout.apply(swaps);
+        for (std::span<const Pass::Entry> rest = pass.operations; !rest.empty();) {
+            const auto piece = rest.first(std::min(rest.size(), max_stretch));
+            rest = rest.subspan(piece.size());
+            RankPass& own = plan.passes.emplace_back();
+            own.swaps = std::exchange(swaps, {});
+            for (const auto& entry : piece) {
+                own.operations.push_back(
+                    static_cast<std::uint32_t>(entry.operation - operations.data()));
+                renumber(*entry.operation, plan.layout);
+            }
+            own.reached = planner.reached(rest);
         }
-        own.reached = planner.reached();
     }
     return plan;
 }

@@ -11,7 +11,7 @@
 
 namespace pblinalg::mpi {
 
-/// An exchange, then operations that every rank runs by itself.
+/// An exchange, if any, then operations that every rank runs by itself.
 struct RankPass {
     std::vector<BitSwap> swaps;  ///< distinct bits
     std::vector<std::uint32_t> operations;

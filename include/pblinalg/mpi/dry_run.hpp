@@ -24,7 +24,7 @@ struct Traffic {
 
 struct DryRun {
     Traffic traffic;
-    std::size_t rank_passes = 0;    ///< stretches of gates between exchanges
+    std::size_t rank_passes = 0;    ///< stretches of gates, after each of which ranks may stop
     std::size_t memory_passes = 0;  ///< reads and writes of all of a rank's amplitudes
     double seconds = 0;             ///< network and memory one after the other
     /// The same list with one exchange of half of the amplitudes for every gate that mixes or moves

@@ -104,10 +104,11 @@ class PBLINALG_EXPORT StateVector {
     /// gates on different qubits overtake each other, and they are many more.
     /// @param checkpoint  collective saves between gates; `resume` of the same list and values goes
     ///                    on from the last one, to the same bits where runs are exact.
-    /// @param between_passes  called by each rank that gave one, between exchanges, with the number
-    ///                    of gates done so far: where one returns false, all ranks stop once gates
-    ///                    that later ones have overtaken are done, too. What it throws is raised on
-    ///                    every rank after the same steps.
+    /// @param between_passes  called by each rank that gave one, at exchanges and, between
+    ///                    them, once in a thousand operations, with the number of gates done: where
+    ///                    one returns false, all ranks stop once gates that later ones have
+    ///                    overtaken are done, too. What it throws is raised on every rank after the
+    ///                    same steps.
     /// @param accuracy  by rounding the last digits depend on the number of ranks, too.
     /// Errors: std::invalid_argument where ranks were given different lists or values, for qubits
     /// that the state does not have, for missing values and for matrices on more than n - p qubits.
