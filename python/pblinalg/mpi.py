@@ -60,7 +60,8 @@ class StateVector(PureState):
     All methods are collective: every rank calls them in the same order with the same arguments, and
     gets the same result or the same error. Strings, outcomes and arrays have qubit 0 first, as
     those of `pblinalg.StateVector`, whose amplitudes and shots for a seed these are. ValueError for
-    a number of ranks that is no power of two and for fewer than p + 2 qubits.
+    a number of ranks that is no power of two and for fewer than p + 2 qubits. `prepare`, and the
+    data registers of `load_words` and `load_amplitudes`, take n - p qubits at most.
 
     threads: worker threads of every rank, 1 by default.
     seed: of the generator behind shots and measurements, by default one that rank 0 draws.
@@ -180,11 +181,13 @@ class StateVector(PureState):
         progress: a function of (gates done, gates), called on every rank that gives one; True or
         None for a bar on rank 0.
         """
-        steps, numbers = self._steps(circuit, values)
-        path, interval = self._checkpoint(circuit, checkpoint, every)
-        accuracy_name(accuracy)
+        with self._together():
+            steps, numbers = self._steps(circuit, values)
+            path, interval = self._checkpoint(circuit, checkpoint, every)
+            accuracy_name(accuracy)
+            own = self._own(progress)
         self._bits = [0] * circuit.num_clbits
-        with reporter(self._own(progress), len(circuit), "gate") as report:
+        with reporter(own, len(circuit), "gate") as report:
             run_steps(
                 self._core,
                 steps,
@@ -209,10 +212,12 @@ class StateVector(PureState):
         """Loads a checkpoint of a run of the same circuit, values and accuracy and applies the
         gates that it lacks: exact ones give the bits of a run that was not interrupted, on any
         number of ranks. ValueError for one of another. `progress` and signals are as in `run`."""
-        steps, numbers = self._steps(circuit, values)
-        path, interval = self._checkpoint(circuit, checkpoint, every)
-        accuracy_name(accuracy)
-        with reporter(self._own(progress), len(circuit), "gate") as report:
+        with self._together():
+            steps, numbers = self._steps(circuit, values)
+            path, interval = self._checkpoint(circuit, checkpoint, every)
+            accuracy_name(accuracy)
+            own = self._own(progress)
+        with reporter(own, len(circuit), "gate") as report:
             for gates in steps:
                 self._raise_together(
                     self._core.resume(gates, numbers, path, interval, report, accuracy)
@@ -316,10 +321,12 @@ class StateVector(PureState):
         qubit being the most significant bit of an index; written into `out` when given."""
         with self._together():
             listed = self._listed(qubits)
+            if out is not None and out.size != 1 << len(listed):
+                raise ValueError(f"out holds {out.size} elements; expected {1 << len(listed)}")
         values: NDArray[Any] = self._core.get_distribution(listed)
         if out is None:
             return values
-        out[...] = values
+        out.flat[:] = values
         return out
 
     def to_dict(self, threshold: float = 0.0) -> dict[str, complex]:
@@ -501,8 +508,9 @@ def _add_gate(name: str) -> None:
     recorded = getattr(GateMethods, name)
 
     def apply(self: StateVector, *arguments: Any, **options: Any) -> StateVector:
-        circuit = Circuit(self.num_qubits)
-        getattr(circuit, name)(*arguments, **options)
+        with self._together():
+            circuit = Circuit(self.num_qubits)
+            getattr(circuit, name)(*arguments, **options)
         return self.run(circuit)
 
     apply.__name__ = name

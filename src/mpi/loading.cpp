@@ -109,6 +109,7 @@ void StateVector<T>::apply_state_preparation(std::span<const std::complex<double
             in_order = in_order && at == j;
         }
         std::vector<std::complex<double>> moved;
+        moved.reserve(in_order ? 0 : amplitudes.size());
         for (Index i = 0; i < amplitudes.size() && !in_order; ++i)
             moved.push_back(amplitudes[entry_of(i)]);
         cpu::_state_preparation<T>(state_->amplitudes.get(),

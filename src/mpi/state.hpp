@@ -2,6 +2,7 @@
 // order.
 #pragma once
 
+#include <initializer_list>
 #include <pblinalg/mpi/state_vector.hpp>
 #include <pblinalg/state_vector_cpu.hpp>
 #include <random>

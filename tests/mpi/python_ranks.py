@@ -100,6 +100,9 @@ def test_long_samples_tell_how_far_they_are() -> None:
         lambda: spread.sample(30, progress=fail if here else False),
     )
     whole.sample(10)
+    if comm.size > 1:
+        # Rank by rank other numbers of pieces.
+        raises(ValueError, "differs", lambda: spread.sample(20 + 10 * here))
     pb.mpi.SHOTS_PER_PIECE = 1 << 20
     assert spread.sample(30) == whole.sample(30)
 
@@ -225,6 +228,8 @@ def test_bad_arguments_name_themselves() -> None:
             lambda: state.set_product("?" if last else "0" * NUM_QUBITS),
             lambda: state.probability(9 * last, [0]),
             lambda: state.sample(-1 if last else 1),
+            lambda: state.run(pb.Circuit(NUM_QUBITS + last)),
+            lambda: state.z(5, [4 + last]),
             lambda: state.expectation("Z" * (NUM_QUBITS + last)),
         ):
             raises(kind, "" if last else f"rank {comm.size - 1} raised ValueError", work)
