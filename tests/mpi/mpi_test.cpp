@@ -153,13 +153,10 @@ TYPED_TEST(OverRanks, StopsLeaveTheFirstGatesDone) {
     const unsigned int n = rank_bits() + 4;
     std::size_t stops = 0;
     for (std::uint64_t seed = 0; seed < 7; ++seed) {
-        // The last one needs one exchange.
-        const bool is_long = seed == 6;
-        GateList list;
-        if (is_long) list.add(GateKind::H, n - 1);
-        for (const GateView gate : is_long ? Dice(seed).list(3, 4000) : Dice(seed).list(n, 60))
-            list.append(gate);
-        if (is_long) stops = 0;
+        // The last one needs no exchange.
+        const bool stays = seed == 6;
+        const GateList list = stays ? Dice(seed).list(4, 4000) : Dice(seed).list(n, 60);
+        if (stays) stops = 0;
         RunReport report{0, true};
         for (std::size_t calls = 1; report.stopped; ++calls) {
             Both<T> both(n, Filling::ordinary, seed);
@@ -218,7 +215,13 @@ TYPED_TEST(OverRanks, RunsByRoundingAgreeWithExactOnes) {
     std::size_t stops = 0;
     for (std::uint64_t seed = 0; seed < 12; ++seed) {
         const unsigned int n = rank_bits() + 4 + seed % 3 * 2;
-        const GateList list = UnitaryDice(seed).list(n, 600, 3);
+        const bool is_long = seed % 3 == 2;
+        GateList list;
+        for (std::uint64_t part = 0; part < (is_long ? 4 : 1); ++part) {
+            // On one rank, with gates in between that wait for an exchange.
+            list.append(UnitaryDice(seed + part).list(is_long ? 3 : n, is_long ? 900 : 600, 3));
+            if (is_long) list.add(GateKind::H, n - 1 - part % 2);
+        }
         Both<T> both(n);
         both.spread.reset();
         both.whole.reset();
@@ -226,7 +229,7 @@ TYPED_TEST(OverRanks, RunsByRoundingAgreeWithExactOnes) {
         const auto ask = [&](std::size_t done) {
             EXPECT_GE(done, told);
             told = done;
-            return seed % 4 == 0 || both.spread.rank() != 0 || done < 40 * seed;
+            return seed % 4 == 0 || both.spread.rank() != 0 || done < (is_long ? 300 : 40) * seed;
         };
         const RunReport report = both.spread.run(list, angles, {}, ask, Accuracy::rounding);
         ASSERT_GE(report.gates_done, told);
@@ -556,6 +559,12 @@ TEST(DryRuns, CountExchangesOfKnownCircuits) {
     EXPECT_LT(moved.bytes, std::ldexp(1, 38));
     // Each pass takes 30 of the 800 gates.
     EXPECT_EQ(mpi::dry_run<float>(mixing, n, 10).traffic.exchanges, 26u);
+    // Chances to stop are none to exchange.
+    GateList staying;
+    staying.add(GateKind::H, n - 1);
+    for (unsigned int i = 0; i < 3000; ++i)
+        staying.add(GateKind::RX, i % 3, 0.3);
+    EXPECT_EQ(mpi::dry_run<float>(staying, n, 10).traffic.exchanges, 1u);
     const auto by_rounding = [&](const GateList& list) {
         return mpi::dry_run<double>(list, n, 10, {}, Accuracy::rounding).traffic.exchanges;
     };
