@@ -113,7 +113,7 @@ void StateVector<T>::save(const std::string& path) {
     State& state = *state_;
     const bool first = rank() == 0;
     // Now a rank's amplitudes lie in the file as they lie in memory.
-    state.sort(cpu::low_mask(nqubits()) & ~cpu::low_mask(state.layout.rank_bits), true);
+    state.sort_by_caller();
     const std::string unfinished = path + ".part";
     const std::string header = header_of<T>(nqubits());
     together(state.comm(), [&] {

@@ -97,6 +97,10 @@ std::complex<double> StateVector<T>::inner(StateVector& other) {
                                     " ranks; expected " + std::to_string(nqubits()) + " on " +
                                     std::to_string(ranks()));
     }
+    int order = MPI_UNEQUAL;
+    MPI_Comm_compare(state_->comm(), other.state_->comm(), &order);
+    if (order != MPI_CONGRUENT && order != MPI_IDENT)
+        throw std::invalid_argument("the other state lies on other ranks, or in another order");
     State& a = *state_;
     State& b = *other.state_;
     a.sort();
@@ -143,12 +147,9 @@ std::vector<std::complex<double>> StateVector<T>::reduced_density_matrix(const Q
     own->state = cpu::AlignedArray<Amplitude>(state_->amplitudes.get(), [](Amplitude*) {});
     together(state_->comm(),
              [&] { pblinalg::reduced_density_matrix(*own, places, result.data()); });
-    // No message may have more numbers than an int counts.
-    constexpr std::size_t longest = 1 << 20;
-    for (std::size_t begin = 0; begin < result.size(); begin += longest) {
-        const auto count = static_cast<int>(2 * std::min(longest, result.size() - begin));
-        MPI_Allreduce(MPI_IN_PLACE, &result[begin], count, MPI_DOUBLE, MPI_SUM, state_->comm());
-    }
+    in_messages(result.size(), [&](std::size_t begin, int count) {
+        MPI_Allreduce(MPI_IN_PLACE, &result[begin], 2 * count, MPI_DOUBLE, MPI_SUM, state_->comm());
+    });
     return result;
 }
 
@@ -204,28 +205,29 @@ std::vector<T> StateVector<T>::State::outcome_sums(std::span<const unsigned int>
         return static_cast<int>(
             layout.numbers.rank_of((own & held) | cpu::deposit_bits(other, free_numbers)));
     };
-    const auto count = static_cast<int>(own_outcomes);
     std::vector<T> totals;
     together(comm(), [&] { totals.resize(own_outcomes); });
-    if (place > 0) {
-        MPI_Recv(totals.data(), count, mpi_type<T>(), neighbour(place - 1), 0, comm(),
-                 MPI_STATUS_IGNORE);
-    }
-    for (std::size_t i = 0; i < sums.size(); ++i)
-        totals[i % own_outcomes] += sums[i];
-    if (place + 1 < free_ranks) {
-        MPI_Send(totals.data(), count, mpi_type<T>(), neighbour(place + 1), 0, comm());
-    } else {
-        for (Index s = 0; s < own_outcomes; ++s) {
-            const Index index = cpu::deposit_bits(s, listed & inside) | (own << l & listed);
-            Index outcome = 0;
-            for (const unsigned int qubit : qubits)
-                outcome = outcome << 1 | (index >> qubit & 1);
-            result[outcome] = totals[s];
+    in_messages(own_outcomes, [&](std::size_t begin, int count) {
+        T* const total = &totals[begin];
+        if (place > 0) {
+            MPI_Recv(total, count, mpi_type<T>(), neighbour(place - 1), 0, comm(),
+                     MPI_STATUS_IGNORE);
         }
+        for (Index piece = 0; piece < own_pieces; ++piece) {
+            for (int i = 0; i < count; ++i)
+                total[i] += sums[piece * own_outcomes + begin + static_cast<std::size_t>(i)];
+        }
+        if (place + 1 < free_ranks)
+            MPI_Send(total, count, mpi_type<T>(), neighbour(place + 1), 0, comm());
+    });
+    for (Index s = 0; s < own_outcomes && place + 1 == free_ranks; ++s) {
+        const Index index = cpu::deposit_bits(s, listed & inside) | (own << l & listed);
+        Index outcome = 0;
+        for (const unsigned int qubit : qubits)
+            outcome = outcome << 1 | (index >> qubit & 1);
+        result[outcome] = totals[s];
     }
-    MPI_Allreduce(MPI_IN_PLACE, result.data(), static_cast<int>(result.size() * sizeof(T)),
-                  MPI_BYTE, MPI_BOR, comm());
+    or_together(comm(), result);
     return result;
 }
 

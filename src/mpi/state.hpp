@@ -29,6 +29,15 @@ MPI_Datatype mpi_type() {
     return sizeof(T) == sizeof(double) ? MPI_DOUBLE : MPI_FLOAT;
 }
 
+/// Numbers each of which is zero on all ranks but one: gives all of them to all, bit by bit.
+template <class Number>
+void or_together(MPI_Comm comm, std::vector<Number>& numbers) {
+    in_messages(numbers.size(), [&](std::size_t begin, int count) {
+        MPI_Allreduce(MPI_IN_PLACE, &numbers[begin], count * static_cast<int>(sizeof(Number)),
+                      MPI_BYTE, MPI_BOR, comm);
+    });
+}
+
 /// What a run applies.
 struct ListRun {
     const GateList& list;
@@ -38,7 +47,7 @@ struct ListRun {
 
 template <class T>
 struct StateVector<T>::State {
-    State(MPI_Comm comm, unsigned int nqubits);
+    State(MPI_Comm comm, unsigned int nqubits, int num_threads);
 
     MPI_Comm comm() const { return communicator.get(); }
     auto rank() const { return static_cast<Index>(communicator.rank()); }
@@ -77,6 +86,10 @@ struct StateVector<T>::State {
     void sort(Index qubits, bool descending = false);
     /// Every amplitude at its index: the rank with number r holds the r-th block.
     void sort() { sort(cpu::low_mask(local_bits())); }
+    /// The same in caller order.
+    void sort_by_caller() {
+        sort(cpu::low_mask(layout.n_qubits()) & ~cpu::low_mask(layout.rank_bits), true);
+    }
     /// This rank's part of a sorted state.
     auto view() const { return cpu::amplitude_view(amplitudes.get(), local_bits()); }
     /// Calls `load` as one of `oracles/qram.hpp` with this rank's rows of a table of whole ones.
@@ -106,7 +119,7 @@ struct StateVector<T>::State {
     Communicator communicator;
     Layout layout;
     cpu::AlignedArray<std::complex<T>> amplitudes;
-    int num_threads = 1;
+    int num_threads;
     std::mt19937_64 rng;
 };
 

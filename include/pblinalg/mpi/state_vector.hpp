@@ -44,9 +44,12 @@ class PBLINALG_EXPORT StateVector {
     using Callback = std::function<bool(std::size_t)>;
 
     /// |0...0>, with a generator seeded from the clock of rank 0.
+    /// @param num_threads  worker threads of this rank: the memory lies next to those that are
+    /// there
+    ///                    when it is first written.
     /// Errors: std::invalid_argument unless there are 2^p ranks and at least p + 2 qubits, or where
     /// ranks ask for different numbers; std::bad_alloc; std::logic_error without MPI_Init.
-    StateVector(MPI_Comm comm, unsigned int nqubits);
+    StateVector(MPI_Comm comm, unsigned int nqubits, int num_threads = 1);
     ~StateVector();
     StateVector(StateVector&&) noexcept;
     StateVector& operator=(StateVector&&) noexcept;
@@ -58,7 +61,7 @@ class PBLINALG_EXPORT StateVector {
     unsigned int local_qubits() const;  ///< n - p
     int rank() const;
     int ranks() const;
-    /// Worker threads of this rank, 1 at first.
+    /// Worker threads of this rank.
     void set_num_threads(int num_threads);
     /// Of the generator behind shots and measurements.
     void seed(std::uint64_t value);
