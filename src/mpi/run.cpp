@@ -45,6 +45,25 @@ std::uint64_t digest_of(const ListRun& run) {
     return digest.value();
 }
 
+/// Of what ranks have to do alike.
+template <class T>
+std::uint64_t digest_of(const RankPlan& plan, const cpu::Program<T>& program) {
+    Digest digest;
+    for (const RankPass& pass : plan.passes) {
+        for (const BitSwap& swap : pass.swaps) {
+            digest.add(swap.local);
+            digest.add(swap.rank);
+        }
+        for (const std::uint32_t i : pass.operations) {
+            const cpu::Operation& operation = program.operations[i];
+            digest.add(static_cast<std::uint64_t>(operation.action));
+            digest.add(operation.target_bits);
+            digest.add(operation.depends_on());
+        }
+    }
+    return digest.value();
+}
+
 void require_values(const GateList& list, std::span<const double> values) {
     if (values.size() >= list.n_parameters()) return;
     throw std::invalid_argument(std::to_string(values.size()) + " values for " +
@@ -107,6 +126,9 @@ RunReport StateVector<T>::State::run(const ListRun& run, std::size_t first, std:
         cpu::bind(program, run.list, run.values, program.factors.data());
         plan = plan_ranks(program, layout, run.accuracy);
     });
+    // By rounding it follows from coefficients, too, and these from each rank's own C library.
+    if (run.accuracy == Accuracy::rounding)
+        require_same(comm(), digest_of(*plan, program), "what follows from the gate list");
     const RankPass* const last =
         run_passes(*plan, program, program.factors.data(), run.accuracy, between);
     if (!last) return {end, false};
@@ -138,6 +160,9 @@ RunReport StateVector<T>::State::go_on(const ListRun& run, RunProgress progress,
     };
     bool goes_on = true;
     const std::size_t n_gates = run.list.size();
+    // Kept until the next one stands, whichever run it is of.
+    std::string older;
+    if (checkpoint.every != 0 && rank() == 0) older = saved_state(checkpoint.path);
     while (goes_on && progress.gates < n_gates) {
         const std::size_t end =
             checkpoint.every == 0
@@ -147,11 +172,11 @@ RunReport StateVector<T>::State::go_on(const ListRun& run, RunProgress progress,
         progress.gates = report.gates_done;
         goes_on = !report.stopped;
         if (progress.gates < end || checkpoint.every == 0) continue;
-        const std::string older = progress.state;
-        progress.state = checkpoint.path + "." + std::to_string(end) + ".npy";
+        progress.state = state_file(checkpoint.path, progress);
         owner.save(progress.state);
         write_progress(communicator, checkpoint.path, progress);
-        if (rank() == 0 && !older.empty()) std::remove(older.c_str());
+        if (rank() == 0 && !older.empty() && older != progress.state) std::remove(older.c_str());
+        older = progress.state;
         if (goes_on && end < n_gates) goes_on = all_go_on(comm(), [&] { return between(end); });
     }
     raise_together(comm(), failure);
@@ -214,6 +239,13 @@ void StateVector<T>::run(const PybindLinAlgWCircuit<T>& circuit) {
         for (const T angle : circuit.gate_params[i])
             digest.add_number(angle);
     }
+    together(state_->comm(), [&] {
+        for (std::size_t i = 0; i < n_gates; ++i) {
+            // A CNOT may have a control that the state does not have.
+            const std::span<const unsigned int> qubits = circuit.gate_qubits[i];
+            require_list(qubits.subspan(circuit.gate_names[i] == "CNOT"), nqubits());
+        }
+    });
     require_same(state_->comm(), digest.value(), "the circuit");
     for (std::size_t i = 0; i < n_gates;) {
         cpu::Program<T> program;

@@ -27,6 +27,15 @@ template <class T>
 class RunsByRounding : public ::testing::Test {};
 TYPED_TEST_SUITE(RunsByRounding, Precisions);
 
+TYPED_TEST(RunsByRounding, HaveDoneNothingInFrontOfTheirFirstOperation) {
+    GateList list;
+    list.add(GateKind::X, 1, Controls({0})).add(GateKind::H, 3).add(GateKind::H, 2);
+    auto program = cpu::lowered<TypeParam>(list.add(GateKind::X, 1, Controls({0})), 4);
+    cpu::simplify(program);
+    ASSERT_EQ(program.operations.size(), 2u);
+    EXPECT_EQ(program.operations[0].gates_before, 0u);
+}
+
 TYPED_TEST(RunsByRounding, AgreeWithExactOnesAfterAThousandGates) {
     using T = TypeParam;
     for (const unsigned int n : {1u, 2u, 3u, 5u, 6u, 7u, 8u, 10u, 14u, 16u, 17u, 18u}) {

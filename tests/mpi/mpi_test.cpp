@@ -133,7 +133,7 @@ TYPED_TEST(OverRanks, ParametersRecordsAndWideMatricesRunAsInOneProcess) {
         ASSERT_LT(std::abs(got[i] - expected[i]), 100 * std::numeric_limits<T>::epsilon());
 }
 
-/// A file name that all ranks agree on, removed at the end.
+/// A file name that all ranks agree on; all files that begin with it are removed at the end.
 struct SharedFile {
     SharedFile() {
         long id = getpid();
@@ -143,7 +143,16 @@ struct SharedFile {
     }
     ~SharedFile() {
         MPI_Barrier(MPI_COMM_WORLD);
-        std::filesystem::remove(path);
+        for (const auto& found : all())
+            std::filesystem::remove(found);
+    }
+    std::vector<std::string> all() const {
+        std::vector<std::string> paths;
+        const std::filesystem::path folder = std::filesystem::temp_directory_path();
+        for (const auto& entry : std::filesystem::directory_iterator(folder)) {
+            if (entry.path().string().starts_with(path)) paths.push_back(entry.path().string());
+        }
+        return paths;
     }
     std::string path;
 };
@@ -189,7 +198,6 @@ TYPED_TEST(OverRanks, StopsLeaveTheFirstGatesDone) {
     const auto at_once = [](std::size_t) { return false; };
     const RunReport report = saved.spread.run(list, {}, {file.path, 4}, at_once);
     EXPECT_TRUE(report.stopped && report.gates_done <= 4) << report.gates_done;
-    if (saved.spread.rank() == 0) std::filesystem::remove(file.path + ".4.npy");
     // What one rank throws is raised on all, and none is out of step.
     Both<T> both(n);
     const int rank = both.spread.rank();
@@ -258,10 +266,23 @@ TYPED_TEST(OverRanks, RunsByRoundingAgreeWithExactOnes) {
     both.spread.resume(list, {}, checkpoint, {}, Accuracy::rounding);
     pblinalg::run(both.whole, list);
     EXPECT_LE(distance(both), tolerance<T>);
-    MPI_Barrier(MPI_COMM_WORLD);
-    if (both.spread.rank() != 0) return;
-    for (const int gates : {100, 300, 500})
-        std::filesystem::remove(file.path + "." + std::to_string(gates) + ".npy");
+    // A run of another list that stops before it has saved leaves that checkpoint, and one that
+    // saves leaves its own alone.
+    const auto saved = [&] {
+        MPI_Barrier(MPI_COMM_WORLD);
+        return file.all().size();
+    };
+    const GateList other = UnitaryDice(2).list(n, 300);
+    if (rank_bits() > 0) {
+        both.spread.run(other, {}, {file.path, 200}, [](std::size_t) { return false; });
+        EXPECT_EQ(saved(), 2u);
+        both.spread.resume(list, {}, checkpoint, {}, Accuracy::rounding);
+        EXPECT_LE(distance(both), tolerance<T>);
+    }
+    both.spread.run(other, {}, {file.path, 200});
+    EXPECT_EQ(saved(), 2u);
+    EXPECT_THROW(both.spread.resume(list, {}, checkpoint, {}, Accuracy::rounding),
+                 std::invalid_argument);
 }
 
 /// Small states are copied, from 17 qubits on sums are taken where the amplitudes are.
