@@ -6,7 +6,9 @@ from __future__ import annotations
 import importlib
 import os
 import secrets
-from collections.abc import Iterable, Iterator
+import signal
+import threading
+from collections.abc import Callable, Iterable, Iterator
 from contextlib import contextmanager
 from typing import Any, Literal, NoReturn, SupportsIndex
 
@@ -14,6 +16,7 @@ import numpy as np
 from numpy.lib import format as npy
 from numpy.typing import ArrayLike, NDArray
 
+from . import _core
 from ._core import GateList
 from .arguments import (
     MAX_COUNT,
@@ -53,6 +56,53 @@ _STATES = {"float": _mpi.StateVectorFloat, "double": _mpi.StateVectorDouble}
 _ALL = -1
 
 
+class _Interrupts:
+    """Those that came while ranks are not to be torn apart."""
+
+    def __init__(self) -> None:
+        self.signals: list[tuple[Any, Any]] = []
+
+    def error(self) -> KeyboardInterrupt | None:
+        return KeyboardInterrupt() if self.signals else None
+
+    def watched(self, report: Callable[[int], object] | None) -> Callable[[int], None]:
+        """`report`, which raises what came."""
+
+        def told(done: int) -> None:
+            if self.signals:
+                raise KeyboardInterrupt
+            if report:
+                report(done)
+
+        return told
+
+
+@contextmanager
+def _interrupts_held() -> Iterator[_Interrupts]:
+    """Collects SIGINT: an exception between two calls that all ranks take part in would leave the
+    others waiting. One that nobody has raised by the end is handed on then."""
+    held = _Interrupts()
+    before = signal.getsignal(signal.SIGINT)
+    if threading.current_thread() is not threading.main_thread() or not callable(before):
+        yield held
+        return
+    signal.signal(signal.SIGINT, lambda *received: held.signals.append(received))
+    try:
+        yield held
+    finally:
+        signal.signal(signal.SIGINT, before)
+    if held.signals:
+        before(*held.signals[-1])
+
+
+class _ByPieces:
+    """A state of the lower level, measured with running sums that each rank takes on its own."""
+
+    def __init__(self, core: Any) -> None:
+        self.project, self.project_then_reset = core.project, core.project_then_reset
+        self.measure = core.measure_by_pieces
+
+
 class StateVector(PureState):
     """The pure state of `num_qubits` qubits, in |0...0> at first, over 2^p ranks of `comm`, each of
     which holds 2^(n-p) amplitudes.
@@ -69,7 +119,7 @@ class StateVector(PureState):
     >>> StateVector(30, MPI.COMM_WORLD, seed=7).run(circuit).sample(100)
     """
 
-    __slots__ = ("_comm", "_precision", "_threads")
+    __slots__ = ("_comm", "_node_ranks", "_precision", "_threads")
 
     def __init__(
         self,
@@ -80,16 +130,20 @@ class StateVector(PureState):
         seed: SupportsIndex | None = None,
     ) -> None:
         self._comm = MPI.COMM_WORLD if comm is None else comm
-        self._precision = precision_name(precision)
-        number = count(num_qubits, "num_qubits", 0, MAX_COUNT)
-        workers = count(threads, "threads", 1)
-        if seed is None:
-            seed = self._drawn_seed()
-        self._seed = seed_number(seed)
-        self._core = _STATES[self._precision](self._comm.py2f(), number)
+        with self._together():
+            self._precision = precision_name(precision)
+            number = count(num_qubits, "num_qubits", 0, MAX_COUNT)
+            self._threads = count(threads, "threads", 1)
+            given = seed if seed is None else seed_number(seed)
+        if len(set(self._comm.allgather(given is None))) > 1:
+            raise ValueError("seed is given on some ranks only; expected on all or none")
+        self._seed = self._drawn_seed() if given is None else given
+        node = self._comm.Split_type(MPI.COMM_TYPE_SHARED)
+        self._node_ranks = node.size
+        node.Free()
+        self._require_memory(number, self._node_ranks / self._comm.size)
+        self._core = _STATES[self._precision](self._comm.py2f(), number, self._threads)
         self._core.seed(self._seed)
-        self._core.set_num_threads(workers)
-        self._threads = workers
         self._bits: list[int] = []
         GateMethods.__init__(self)
 
@@ -99,10 +153,19 @@ class StateVector(PureState):
         result = type(self).__new__(type(self))
         for name in ("_bits", *StateVector.__slots__):
             setattr(result, name, getattr(self, name))
+        self._require_memory(self.num_qubits, self._node_ranks / self._comm.size)
         result._core = self._core.copy()
         result.seed = self._drawn_seed()
         GateMethods.__init__(result)
         return result
+
+    def _require_memory(self, num_qubits: int, copies: float) -> None:
+        """Asks this machine for that of so many times all amplitudes; the system itself would give
+        more than there is."""
+        with self._together():
+            # Beyond any memory there is no need for the exact number.
+            size = np.dtype(self._dtype).itemsize * 2.0 ** min(num_qubits, 100)
+            _core.require_memory(copies * size, f"the amplitudes of {num_qubits} qubits")
 
     def _drawn_seed(self) -> int:
         seed: int = self._comm.bcast(secrets.randbits(64))
@@ -165,6 +228,7 @@ class StateVector(PureState):
         every: SupportsIndex = 0,
         progress: Progress = None,
         accuracy: Accuracy = "exact",
+        by_pieces: bool = False,
     ) -> StateVector:
         """Applies a circuit, measurements and all, to the state as it is. `values` are those of its
         parameters; `accuracy` is that of `pblinalg.run`. "rounding" exchanges far less: gates on
@@ -180,24 +244,30 @@ class StateVector(PureState):
         `every` gates, and `resume` goes on from there.
         progress: a function of (gates done, gates), called on every rank that gives one; True or
         None for a bar on rank 0.
+        by_pieces: measurements in the circuit as those of `measure`.
         """
-        with self._together():
-            steps, numbers = self._steps(circuit, values)
-            path, interval = self._checkpoint(circuit, checkpoint, every)
-            accuracy_name(accuracy)
-            own = self._own(progress)
-        self._bits = [0] * circuit.num_clbits
-        with reporter(own, len(circuit), "gate") as report:
-            run_steps(
-                self._core,
-                steps,
-                self._bits,
-                numbers,
-                report,
-                run_gates=lambda gates, report: self._raise_together(
-                    self._core.run(gates, numbers, path, interval, report, accuracy)
-                ),
-            )
+        with _interrupts_held() as interrupts:
+            with self._together():
+                steps, numbers = self._steps(circuit, values)
+                path, interval = self._checkpoint(circuit, checkpoint, every)
+                accuracy_name(accuracy)
+                own = self._own(progress)
+            self._bits = [0] * circuit.num_clbits
+            with reporter(own, len(circuit), "gate") as report:
+                run_steps(
+                    _ByPieces(self._core) if by_pieces else self._core,
+                    steps,
+                    self._bits,
+                    numbers,
+                    report,
+                    run_gates=lambda gates, report: self._raise_together(
+                        self._core.run(
+                            gates, numbers, path, interval, interrupts.watched(report), accuracy
+                        )
+                    ),
+                    after_measurement=lambda: self._raise_together(interrupts.error()),
+                )
+            self._raise_together(interrupts.error())
         return self
 
     def resume(
@@ -212,16 +282,20 @@ class StateVector(PureState):
         """Loads a checkpoint of a run of the same circuit, values and accuracy and applies the
         gates that it lacks: exact ones give the bits of a run that was not interrupted, on any
         number of ranks. ValueError for one of another. `progress` and signals are as in `run`."""
-        with self._together():
-            steps, numbers = self._steps(circuit, values)
-            path, interval = self._checkpoint(circuit, checkpoint, every)
-            accuracy_name(accuracy)
-            own = self._own(progress)
-        with reporter(own, len(circuit), "gate") as report:
-            for gates in steps:
-                self._raise_together(
-                    self._core.resume(gates, numbers, path, interval, report, accuracy)
-                )
+        with _interrupts_held() as interrupts:
+            with self._together():
+                steps, numbers = self._steps(circuit, values)
+                path, interval = self._checkpoint(circuit, checkpoint, every)
+                accuracy_name(accuracy)
+                own = self._own(progress)
+            with reporter(own, len(circuit), "gate") as report:
+                for gates in steps:
+                    self._raise_together(
+                        self._core.resume(
+                            gates, numbers, path, interval, interrupts.watched(report), accuracy
+                        )
+                    )
+            self._raise_together(interrupts.error())
         return self
 
     def _own(self, progress: Progress) -> Progress:
@@ -281,6 +355,8 @@ class StateVector(PureState):
         rank `root` alone and None on the others."""
         with self._together():
             place = self._root(root)
+        arrays = self._node_ranks if root is None else int(root == self._comm.rank)
+        self._require_memory(self.num_qubits, arrays)
         values: NDArray[Any] = self._core.gather(place)
         return values if root in (None, self._comm.rank) else None
 
@@ -430,6 +506,12 @@ class StateVector(PureState):
         outcomes = self.sample_outcomes(shots, listed, root, by_pieces, progress)
         return None if outcomes is None else Counts.from_outcomes(outcomes, len(listed))
 
+    def measure(self, qubits: Qubits | None = None, by_pieces: bool = False) -> str:
+        """Measures qubits (all of them by default), collapses the state and returns what was read,
+        the first listed qubit leftmost: that of one process with the same seed or, with
+        `by_pieces`, on the brink its neighbour, as in `sample_outcomes`."""
+        return self._measure(qubits, _ByPieces(self._core) if by_pieces else self._core)
+
     # ---- Files -----------------------------------------------------------------------------------
 
     def save(self, path: str | os.PathLike[str]) -> None:
@@ -455,15 +537,16 @@ class StateVector(PureState):
         found: Any = None
         if world.rank == 0:
             try:
-                header = npy.read_magic, npy.read_array_header_1_0
                 with open(name, "rb") as file:
-                    header[0](file)
-                    shape, _, dtype = header[1](file)
+                    first = npy.read_magic(file) == (1, 0)
+                    header = npy.read_array_header_1_0 if first else npy.read_array_header_2_0
+                    shape, _, dtype = header(file)
                 size = int(np.prod(shape))
                 if dtype not in (np.complex64, np.complex128) or size & (size - 1) or size == 0:
                     raise ValueError(f"holds {shape} of {dtype}; expected 2^n complex numbers")
                 found = size.bit_length() - 1, "float" if dtype == np.complex64 else "double"
-            except (OSError, ValueError) as error:
+            # Headers that are none raise whatever parsing them does; the other ranks wait.
+            except Exception as error:
                 found = f"{name}: {error}"
         found = world.bcast(found)
         if isinstance(found, str):

@@ -128,13 +128,16 @@ class PureState(Readout):
     def measure(self, qubits: Qubits | None = None) -> str:
         """Measures qubits (all of them by default), collapses the state and returns what was read,
         the first listed qubit leftmost."""
+        return self._measure(qubits, self._core)
+
+    def _measure(self, qubits: Qubits | None, core: Any) -> str:
         with self._together():
             listed = self._listed(qubits)
         self._require_norm()
         if not listed:
             return ""
-        outcome = self._core.measure(listed)
-        self._core.project(listed, outcome)
+        outcome = core.measure(listed)
+        core.project(listed, outcome)
         return format(outcome, f"0{len(listed)}b")
 
     def project(self, outcome: str | SupportsIndex, qubits: Qubits | None = None) -> Self:

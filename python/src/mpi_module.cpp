@@ -62,8 +62,8 @@ void bind_ranks(nb::module_& module, const char* name) {
     using Qubits = std::vector<unsigned int>;
     nb::class_<State>(module, name)
         .def("__init__",
-             [](State* self, int comm, unsigned int nqubits) {
-                 new (self) State(MPI_Comm_f2c(comm), nqubits);
+             [](State* self, int comm, unsigned int nqubits, int num_threads) {
+                 new (self) State(MPI_Comm_f2c(comm), nqubits, num_threads);
              })
         .def_prop_ro("nqubits", &State::nqubits)
         .def_prop_ro("local_qubits", &State::local_qubits)
@@ -138,6 +138,7 @@ void bind_ranks(nb::module_& module, const char* name) {
                                         : self.sample(shots, qubits, root));
              })
         .def("measure", &State::measure)
+        .def("measure_by_pieces", &State::measure_by_pieces)
         .def("project", &State::project)
         .def("project_then_reset", &State::project_then_reset)
         .def("expectation_value",

@@ -74,6 +74,12 @@ Index data_offset(const std::string& path, unsigned int n_qubits) {
     return offset;
 }
 
+void require_same_path(MPI_Comm comm, const std::string& path) {
+    Digest digest;
+    digest.add_all(path);
+    require_same(comm, digest.value(), "the path");
+}
+
 void check(int code, const std::string& path) {
     if (code == MPI_SUCCESS) return;
     char text[MPI_MAX_ERROR_STRING];
@@ -113,6 +119,7 @@ template <class T>
 void StateVector<T>::save(const std::string& path) {
     State& state = *state_;
     const bool first = rank() == 0;
+    require_same_path(state.comm(), path);
     // Now a rank's amplitudes lie in the file as they lie in memory.
     state.sort_by_caller();
     const std::string unfinished = path + ".part";
@@ -151,6 +158,7 @@ void StateVector<T>::save(const std::string& path) {
 template <class T>
 void StateVector<T>::load(const std::string& path) {
     State& state = *state_;
+    require_same_path(state.comm(), path);
     Index offset = 0;
     together(state.comm(), [&] {
         if (rank() == 0) offset = data_offset<T>(path, nqubits());

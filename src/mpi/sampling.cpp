@@ -200,11 +200,17 @@ std::uint64_t StateVector<T>::measure(const Qubits& qubits) {
     return state_->sample(1, qubits, -1, true)[0];
 }
 
+template <class T>
+std::uint64_t StateVector<T>::measure_by_pieces(const Qubits& qubits) {
+    return state_->sample(1, qubits, -1, false)[0];
+}
+
 #define PBLINALG_INSTANTIATE(T)                                                                    \
     template std::vector<std::uint64_t> StateVector<T>::sample(std::uint64_t, const Qubits&, int); \
     template std::vector<std::uint64_t> StateVector<T>::sample_by_pieces(std::uint64_t,            \
                                                                          const Qubits&, int);      \
-    template std::uint64_t StateVector<T>::measure(const Qubits&);
+    template std::uint64_t StateVector<T>::measure(const Qubits&);                                 \
+    template std::uint64_t StateVector<T>::measure_by_pieces(const Qubits&);
 PBLINALG_INSTANTIATE(float)
 PBLINALG_INSTANTIATE(double)
 #undef PBLINALG_INSTANTIATE

@@ -183,6 +183,7 @@ void StateVector<T>::set_num_threads(int num_threads) {
 }
 template <class T>
 void StateVector<T>::seed(std::uint64_t value) {
+    require_same(state_->comm(), value, "the seed");
     state_->rng.seed(value);
 }
 
@@ -195,6 +196,12 @@ template <class T>
 void StateVector<T>::set_amplitudes(std::span<const Amplitude> amplitudes) {
     together(state_->comm(),
              [&] { require_count(amplitudes.size(), bit(nqubits()), "amplitudes"); });
+    Digest digest;
+    for (const Amplitude amplitude : amplitudes) {
+        digest.add_number(amplitude.real());
+        digest.add_number(amplitude.imag());
+    }
+    require_same(state_->comm(), digest.value(), "what amplitudes holds");
     state_->clear(false);
     const Index base = state_->number() << local_qubits();
     for (Index i = 0; i < state_->local_size(); ++i)

@@ -5,6 +5,7 @@ import os
 import signal
 import tempfile
 from pathlib import Path
+from typing import Any
 
 import numpy as np
 from mpi4py import MPI
@@ -138,6 +139,16 @@ def test_files_pass_between_numbers_of_ranks(directory: Path) -> None:
             texts.append(str(error))
     assert len(texts) == 2 and texts[0] == texts[1], texts
     raises(RuntimeError, "nobody.npy", lambda: pb.mpi.StateVector.load(directory / "nobody.npy"))
+    if comm.rank == 0:
+        header = b"{'descr': ['<c16', 'shape"
+        broken = b"\x93NUMPY\x01\x00" + bytes([len(header), 0]) + header
+        (directory / "broken.npy").write_bytes(broken)
+        with open(directory / "second.npy", "wb") as file:
+            np.lib.format.write_array(file, whole.to_array(), version=(2, 0))
+    comm.Barrier()
+    raises(RuntimeError, "broken.npy", lambda: pb.mpi.StateVector.load(directory / "broken.npy"))
+    second = pb.mpi.StateVector.load(directory / "second.npy")
+    assert (second.to_array() == whole.to_array()).all()
 
 
 def test_runs_resume_from_checkpoints(directory: Path) -> None:
@@ -190,9 +201,41 @@ def test_what_one_rank_raises_stops_all() -> None:
     assert told == sorted(told) and told[-1] == len(circuit)
 
 
+class InterruptedOnLastRank:
+    """A state of the lower level that gets SIGINT once a measurement has been read."""
+
+    def __init__(self, core: Any) -> None:
+        self.core = core
+
+    def __getattr__(self, name: str) -> Any:
+        return getattr(self.core, name)
+
+    def measure(self, qubits: list[int]) -> int:
+        outcome: int = self.core.measure(qubits)
+        if comm.rank == comm.size - 1:
+            os.kill(os.getpid(), signal.SIGINT)
+        return outcome
+
+
+def test_interrupts_amid_measurements_stop_all() -> None:
+    circuit = pb.Circuit(NUM_QUBITS, 2).h(0).measure(0, 0).x(1).measure(1, 1)
+    state = pb.mpi.StateVector(NUM_QUBITS)
+    core = state._core
+    state._core = InterruptedOnLastRank(core)
+    raises(KeyboardInterrupt, "", lambda: state.run(circuit))
+    state._core = core
+    # What was begun is done, on all ranks.
+    assert sorted(state.probabilities([0])) == [0, 1] and state.probability("0", [1]) == 1
+    assert abs(state.norm() - 1) < 1e-9
+    for by_pieces in (False, True):
+        read = state.run(circuit, by_pieces=by_pieces).classical_bits
+        assert state.measure([1, 0], by_pieces) == f"{read[1]}{read[0]}"
+
+
 def test_bad_arguments_name_themselves() -> None:
     state = pb.mpi.StateVector(NUM_QUBITS)
     raises(ValueError, "too few", lambda: pb.mpi.StateVector(1))
+    raises(MemoryError, "amplitudes of 60", lambda: pb.mpi.StateVector(60))
     raises(ValueError, "circuit acts on 3", lambda: state.run(pb.Circuit(3)))
     raises(IndexError, "root", lambda: state.to_array(root=comm.size))
     raises(IndexError, "qubits", lambda: state.probabilities([NUM_QUBITS]))
@@ -223,6 +266,11 @@ def test_bad_arguments_name_themselves() -> None:
         raises(ValueError, "differs", lambda: state.project(0, [last]))
         raises(ValueError, "differs", lambda: state.load_words([1, 1], [0], [8 + last]))
         raises(ValueError, "differs", lambda: state.estimate("ZX"[last] * NUM_QUBITS, 10))
+        raises(ValueError, "differs", lambda: state.save(f"state_{last}.npy"))
+        raises(ValueError, "differs", lambda: state.set_amplitudes(np.eye(1, 1024, last)))
+        raises(ValueError, "the seed differs", lambda: pb.mpi.StateVector(NUM_QUBITS, seed=last))
+        seed = last or None
+        raises(ValueError, "on some ranks", lambda: pb.mpi.StateVector(NUM_QUBITS, seed=seed))
         kind = ValueError if last else RuntimeError
         for work in (
             lambda: state.set_product("?" if last else "0" * NUM_QUBITS),

@@ -64,6 +64,7 @@ class PBLINALG_EXPORT StateVector {
     /// Worker threads of this rank.
     void set_num_threads(int num_threads);
     /// Of the generator behind shots and measurements.
+    /// Errors: std::invalid_argument where it differs between ranks.
     void seed(std::uint64_t value);
 
     // ---- Preparing -----------------------------------------------------------------------------
@@ -182,8 +183,10 @@ class PBLINALG_EXPORT StateVector {
     /// amplitude's share may fall to its neighbour.
     std::vector<std::uint64_t> sample_by_pieces(std::uint64_t shots, const Qubits& qubits = {},
                                                 int root = -1);
-    /// One outcome over the listed qubits; the state stays as it is.
+    /// One outcome over the listed qubits; the state stays as it is. Cost: that of `sample`.
     std::uint64_t measure(const Qubits& qubits);
+    /// As `measure`, from running sums as those of `sample_by_pieces`.
+    std::uint64_t measure_by_pieces(const Qubits& qubits);
     /// Keeps the amplitudes that agree with `outcome` and divides them by the root of their summed
     /// squared magnitudes.
     /// Errors: std::domain_error when that is 0; the state is then 0.
