@@ -3,6 +3,9 @@
 function(pblinalg_count_branches)
     get_property(kernels GLOBAL PROPERTY PBLINALG_KERNELS)
     list(FILTER kernels INCLUDE REGEX "_baseline$")
+    if(TARGET pblinalg_mpi_objects)
+        list(APPEND kernels pblinalg_mpi_objects)
+    endif()
     foreach(target pblinalg_core ${kernels})
         # Counters of several threads must add up.
         target_compile_options(${target} PRIVATE

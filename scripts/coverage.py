@@ -1,11 +1,13 @@
 #!/usr/bin/env python3
 """Measures which lines and branches of the library the C++ tests reach, with clang: counters stand
 in the ordinary objects and in the baseline kernels, which are the same source as the others.
-Prints, by file, what was reached, and which lines were not. Needs clang, libomp-dev and llvm."""
+Prints, by file, what was reached, and which lines were not. Needs clang, libomp-dev and
+llvm; where there is an MPI, states over ranks count, too."""
 
 import collections
 import json
 import os
+import shutil
 import subprocess
 from pathlib import Path
 
@@ -24,7 +26,8 @@ def run_tests():
         "-DCMAKE_CXX_COMPILER=clang++",
         f"-DCMAKE_PROJECT_pblinalg_INCLUDE={ROOT}/cmake/coverage.cmake",
         f"-DCMAKE_EXE_LINKER_FLAGS={linked}", f"-DCMAKE_SHARED_LINKER_FLAGS={linked}",
-        "-DPBLINALG_BUILD_BENCHMARKS=OFF", "-DPBLINALG_BUILD_EXAMPLES=OFF")  # fmt: skip
+        "-DPBLINALG_BUILD_BENCHMARKS=OFF", "-DPBLINALG_BUILD_EXAMPLES=OFF",
+        f"-DPBLINALG_BUILD_MPI={'ON' if shutil.which('mpicxx') else 'OFF'}")  # fmt: skip
     run("cmake", "--build", BUILD)
     PROFILES.mkdir(exist_ok=True)
     for profile in PROFILES.iterdir():
@@ -39,6 +42,8 @@ def export(form):
     merged = PROFILES / "all.profdata"
     run("llvm-profdata", "merge", "-sparse", "-o", merged, *PROFILES.glob("*.profraw"))
     programs = sorted(path for path in (BUILD / "tests").glob("*_test") if os.access(path, os.X_OK))
+    # Tests of states over ranks link the library that users do.
+    programs += (BUILD / "src" / "mpi").glob("libpblinalg_mpi.so")
     objects = [argument for path in programs[1:] for argument in ("-object", path)]
     command = ["llvm-cov", "export", f"-format={form}", f"-instr-profile={merged}"]
     return run(*command, programs[0], *objects, capture_output=True, text=True).stdout
