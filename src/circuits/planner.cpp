@@ -35,6 +35,13 @@ std::size_t Reached::gates_begun(std::span<const Operation> operations, std::siz
 }
 
 bool Planner::next(Pass& pass) {
+    if (!next(pass, shape_.reach)) return false;
+    // The active bits may be those that operations too far ahead ask for.
+    return !pass.operations.empty() || next(pass, 0);
+}
+
+/// @param reach  operations looked at to choose the active bits, all those left out besides.
+bool Planner::next(Pass& pass, std::size_t reach) {
     if (left_out_.empty() && front_ == operations_.size()) return false;
     pass.operations.clear();
     pass.alone = false;
@@ -45,7 +52,7 @@ bool Planner::next(Pass& pass) {
     upcoming_.clear();
     for (const Operation* const operation : deferred_)
         upcoming_.push_back(operation);
-    for (std::size_t i = front_; i < operations_.size() && upcoming_.size() < shape_.reach; ++i)
+    for (std::size_t i = front_; i < operations_.size() && upcoming_.size() < reach; ++i)
         upcoming_.push_back(&operations_[i]);
     pass.active = chooser_.choose(upcoming_);
     for (const Operation* const operation : deferred_)

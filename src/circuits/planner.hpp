@@ -67,6 +67,7 @@ class Planner {
     std::size_t front() const { return front_; }
 
   private:
+    bool next(Pass& pass, std::size_t reach);
     bool take(const Operation& operation, Pass& pass);
     void take_or_leave(const Operation& operation, Pass& pass);
 
