@@ -56,10 +56,20 @@ class ActiveSetChooser {
         bool alone;
         bool can_renumber;
     };
+    /// Operations that larger sets have to be looked at for.
+    struct Open {
+        std::vector<Ahead> operations;
+        std::vector<Index> needs;  ///< of each: bits that would have to be active, too
+        unsigned int taken = 0;    ///< besides them, by every set
+        bool settled = false;      ///< larger sets only take bits away from `needs`
+    };
 
     /// Counts what the active bits take, and in `gain_` what one bit more would.
-    unsigned int look(Index active);
-    Index grow(Index active);
+    /// @param open  receives what of `from`, which it may be, is open for sets that hold `active`.
+    unsigned int look(Index active, const Open& from, Open& open);
+    unsigned int look_at_needs(Index active, const Open& from, Open& open);
+    bool stays_open(Index needs, unsigned int room);
+    unsigned int grow(Index& active);
     Index first_come() const;
     Index best_gain(Index active) const;
     bool renumbers(const Ahead& operation, Index active) const {
@@ -68,7 +78,7 @@ class ActiveSetChooser {
     }
 
     PartShape shape_;
-    std::vector<Ahead> ahead_;
+    Open ahead_, grown_;
     std::vector<Index> seen_;  ///< sets that have been grown from already
     unsigned int gain_[64] = {};
 };
