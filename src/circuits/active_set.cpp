@@ -177,6 +177,7 @@ Index ActiveSetChooser::choose(std::span<const Operation* const> upcoming) {
                                      shape_.can_renumber(*operation)});
     }
     Index best = first_come();
+    compared_ = {best};
     if (shape_.max_starts == 0) return best;
     look(always, ahead_, ahead_);
     Index starts = 0;
@@ -191,6 +192,7 @@ Index ActiveSetChooser::choose(std::span<const Operation* const> upcoming) {
     for_each_bit(starts, [&](unsigned int b) {
         Index active = always | bit(b);
         const unsigned int taken = grow(active);
+        if (taken > 0) compared_.push_back(active);
         if (taken > most) {
             most = taken;
             best = active;

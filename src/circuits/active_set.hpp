@@ -22,6 +22,9 @@ struct PartShape {
     unsigned int max_starts;  ///< sets that are grown and compared, 0: what is asked for first
     /// Renumberings move parts as a whole: they touch inactive bits alone.
     bool whole_parts = false;
+    /// Of the sets that are compared, that one wins with which this pass and the next take the
+    /// most.
+    bool foresees = false;
 
     /// A permutation of whole vectors, or of whole parts, may do without active targets.
     bool can_renumber(const Operation& operation, Index active) const {
@@ -46,6 +49,9 @@ class ActiveSetChooser {
     /// @param upcoming  operations in order.
     /// @return `part_bits` bits, fewer where nothing is gained by more.
     Index choose(std::span<const Operation* const> upcoming);
+
+    /// The sets that the last choice was made from.
+    const std::vector<Index>& compared() const { return compared_; }
 
   private:
     /// What of an operation decides here.
@@ -79,6 +85,7 @@ class ActiveSetChooser {
 
     PartShape shape_;
     Open ahead_, grown_;
+    std::vector<Index> compared_;
     std::vector<Index> seen_;  ///< sets that have been grown from already
     unsigned int gain_[64] = {};
 };
