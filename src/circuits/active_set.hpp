@@ -22,6 +22,9 @@ struct PartShape {
     unsigned int max_starts;  ///< sets that are grown and compared, 0: what is asked for first
     /// Renumberings move parts as a whole: they touch inactive bits alone.
     bool whole_parts = false;
+    /// Of the sets that are compared, that one wins with which this pass and the next take the
+    /// most.
+    bool foresees = false;
     /// Active bits of the first pass, 0: they are chosen as those of the others.
     Index first_active = 0;
 
@@ -49,6 +52,9 @@ class ActiveSetChooser {
     /// @return `part_bits` bits, fewer where nothing is gained by more.
     Index choose(std::span<const Operation* const> upcoming);
 
+    /// The sets that the last choice was made from.
+    const std::vector<Index>& compared() const { return compared_; }
+
   private:
     /// What of an operation decides here.
     struct Ahead {
@@ -58,10 +64,20 @@ class ActiveSetChooser {
         bool alone;
         bool can_renumber;
     };
+    /// Operations that larger sets have to be looked at for.
+    struct Open {
+        std::vector<Ahead> operations;
+        std::vector<Index> needs;  ///< of each: bits that would have to be active, too
+        unsigned int taken = 0;    ///< besides them, by every set
+        bool settled = false;      ///< larger sets only take bits away from `needs`
+    };
 
     /// Counts what the active bits take, and in `gain_` what one bit more would.
-    unsigned int look(Index active);
-    Index grow(Index active);
+    /// @param open  receives what of `from`, which it may be, is open for sets that hold `active`.
+    unsigned int look(Index active, const Open& from, Open& open);
+    unsigned int look_at_needs(Index active, const Open& from, Open& open);
+    bool stays_open(Index needs, unsigned int room);
+    unsigned int grow(Index& active);
     Index first_come() const;
     Index best_gain(Index active) const;
     bool renumbers(const Ahead& operation, Index active) const {
@@ -70,7 +86,8 @@ class ActiveSetChooser {
     }
 
     PartShape shape_;
-    std::vector<Ahead> ahead_;
+    Open ahead_, grown_;
+    std::vector<Index> compared_;
     std::vector<Index> seen_;  ///< sets that have been grown from already
     unsigned int gain_[64] = {};
 };

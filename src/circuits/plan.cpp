@@ -39,6 +39,9 @@ struct Search {
 /// more by comparing sets than they gain.
 constexpr unsigned int min_compared_qubits = 18;
 
+/// Runs from here on take so long that saving a pass is worth half as much planning again.
+constexpr unsigned int min_foreseen_qubits = 24;
+
 constexpr Search search_for_pass(const PlanShape& shape) {
     if (shape.accuracy == Accuracy::rounding) return {512, 1024, 6};
     return {64, 160, shape.nqubits < min_compared_qubits ? 0u : 4u};
@@ -223,15 +226,18 @@ template <class T>
 void Plan<T>::plan_passes() {
     const std::vector<Operation>& operations = program_.operations;
     const Search search = search_for_pass(shape_);
-    Planner planner(operations, {.n_bits = shape_.nqubits,
-                                 .part_bits = shape_.tile_bits,
-                                 .always = run_qubits<T> + shape_.paired,
-                                 .renumbered = 0,
-                                 .look_ahead = search.look_ahead,
-                                 .max_length = max_pass_length,
-                                 .keeps_order = shape_.accuracy == Accuracy::exact,
-                                 .reach = search.reach,
-                                 .max_starts = search.max_starts});
+    Planner planner(operations,
+                    {.n_bits = shape_.nqubits,
+                     .part_bits = shape_.tile_bits,
+                     .always = run_qubits<T> + shape_.paired,
+                     .renumbered = 0,
+                     .look_ahead = search.look_ahead,
+                     .max_length = max_pass_length,
+                     .keeps_order = shape_.accuracy == Accuracy::exact,
+                     .reach = search.reach,
+                     .max_starts = search.max_starts,
+                     .foresees = shape_.accuracy == Accuracy::rounding && !shape_.paired &&
+                                 shape_.nqubits >= min_foreseen_qubits});
     const auto number = [&](const Operation* operation) {
         return static_cast<std::uint32_t>(operation - operations.data());
     };

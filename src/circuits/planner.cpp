@@ -35,20 +35,57 @@ std::size_t Reached::gates_begun(std::span<const Operation> operations, std::siz
 }
 
 bool Planner::next(Pass& pass) {
+    if (!next(pass, shape_.reach)) return false;
+    // The active bits may be those that operations too far ahead ask for.
+    return !pass.operations.empty() || next(pass, 0);
+}
+
+/// @param reach  operations looked at to choose the active bits, all those left out besides.
+bool Planner::next(Pass& pass, std::size_t reach) {
     if (left_out_.empty() && front_ == operations_.size()) return false;
+    if (front_ == 0 && shape_.first_active != 0) {
+        fill(pass, shape_.first_active);
+        return true;
+    }
+    upcoming_ = left_out_;
+    for (std::size_t i = front_; i < operations_.size() && upcoming_.size() < reach; ++i)
+        upcoming_.push_back(&operations_[i]);
+    Index active = chooser_.choose(upcoming_);
+    if (shape_.foresees && chooser_.compared().size() > 1) active = choose_with_foresight();
+    fill(pass, active);
+    return true;
+}
+
+/// Of the sets compared, the one with which two passes take the most.
+Index Planner::choose_with_foresight() const {
+    Index best = chooser_.compared().front();
+    std::size_t most = 0;
+    for (const Index active : chooser_.compared()) {
+        Planner trial(*this);
+        trial.shape_.foresees = false;
+        Pass pass;
+        trial.fill(pass, active);
+        if (pass.operations.empty()) continue;
+        std::size_t taken = pass.operations.size();
+        // To need no second pass counts, too.
+        taken += trial.next(pass) ? pass.operations.size() : 1;
+        if (taken > most) {
+            most = taken;
+            best = active;
+        }
+    }
+    return best;
+}
+
+/// Takes as many operations as run with the `active` bits.
+void Planner::fill(Pass& pass, Index active) {
+    pass.active = active;
     pass.operations.clear();
     pass.alone = false;
     std::swap(left_out_, deferred_);
     left_out_.clear();
     left_out_targets_ = left_out_depends_ = renumbered_depends_ = renumbered_targets_ = 0;
     arithmetic_blocked_ = false;
-    upcoming_.clear();
-    for (const Operation* const operation : deferred_)
-        upcoming_.push_back(operation);
-    for (std::size_t i = front_; i < operations_.size() && upcoming_.size() < shape_.reach; ++i)
-        upcoming_.push_back(&operations_[i]);
-    const bool is_given = front_ == 0 && shape_.first_active != 0;
-    pass.active = is_given ? shape_.first_active : chooser_.choose(upcoming_);
     for (const Operation* const operation : deferred_)
         take_or_leave(*operation, pass);
     while (front_ < operations_.size() && left_out_.size() < shape_.look_ahead && !pass.alone &&
@@ -64,7 +101,6 @@ bool Planner::next(Pass& pass) {
     // Unused room goes to the lowest bits: longer runs.
     while (count_bits(pass.active) < shape_.part_bits)
         pass.active |= lowest_bit(~pass.active);
-    return true;
 }
 
 Reached Planner::reached(std::span<const Pass::Entry> waiting) const {

@@ -69,6 +69,9 @@ class Planner {
     std::size_t front() const { return front_; }
 
   private:
+    bool next(Pass& pass, std::size_t reach);
+    void fill(Pass& pass, Index active);
+    Index choose_with_foresight() const;
     bool take(const Operation& operation, Pass& pass);
     void take_or_leave(const Operation& operation, Pass& pass);
 
