@@ -23,9 +23,10 @@ int main(int argc, char** argv) {
                                 {"quantum volume, 20 layers", add_quantum_volume, 20},
                                 {"ansatz, 20 layers", add_ansatz, 20}};
     std::printf(
-        "| Circuit | Qubits | Ranks | GiB a rank | Exchanges | GiB sent | one a gate: exchanges | "
-        "GiB sent | Share | Passes | Seconds |\n"
-        "|---|--:|--:|--:|--:|--:|--:|--:|--:|--:|--:|\n");
+        "| Circuit | Qubits | Ranks | GiB a rank | one a gate: exchanges | GiB sent | exact: "
+        "exchanges | GiB sent | share | passes | seconds | by rounding: exchanges | GiB sent | "
+        "share | passes | seconds |\n"
+        "|---|--:|--:|--:|--:|--:|--:|--:|--:|--:|--:|--:|--:|--:|--:|--:|\n");
     constexpr double gib = 1 << 30;
     for (const Circuit& circuit : circuits) {
         for (const unsigned int n : {34u, 40u, 44u}) {
@@ -33,13 +34,19 @@ int main(int argc, char** argv) {
             Source source;
             circuit.add(list, n, circuit.layers, source);
             for (const unsigned int p : {4u, 10u, 14u}) {
-                const mpi::DryRun run = mpi::dry_run<double>(list, n, p, machine);
-                std::printf("| %s | %u | %u | %g | %zu | %.4g | %zu | %.4g | %.3f | %zu | %.3g |\n",
-                            circuit.name, n, 1u << p, std::ldexp(16, n - p) / gib,
-                            run.traffic.exchanges, run.traffic.bytes / gib,
-                            run.gate_by_gate.exchanges, run.gate_by_gate.bytes / gib,
-                            run.traffic.bytes / run.gate_by_gate.bytes, run.memory_passes,
-                            run.seconds);
+                const auto run = [&](Accuracy accuracy) {
+                    return mpi::dry_run<double>(list, n, p, machine, accuracy);
+                };
+                const mpi::Traffic by_gate = run(Accuracy::exact).gate_by_gate;
+                std::printf("| %s | %u | %u | %g | %zu | %.4g |", circuit.name, n, 1u << p,
+                            std::ldexp(16, n - p) / gib, by_gate.exchanges, by_gate.bytes / gib);
+                for (const Accuracy accuracy : {Accuracy::exact, Accuracy::rounding}) {
+                    const mpi::DryRun found = run(accuracy);
+                    std::printf(" %zu | %.4g | %.3f | %zu | %.3g |", found.traffic.exchanges,
+                                found.traffic.bytes / gib, found.traffic.bytes / by_gate.bytes,
+                                found.memory_passes, found.seconds);
+                }
+                std::printf("\n");
             }
         }
     }

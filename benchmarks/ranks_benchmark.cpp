@@ -61,31 +61,35 @@ int main(int argc, char** argv) {
             GateList list;
             Source source;
             circuit.add(list, n, circuit.layers, source);
-            std::vector<double> over_ranks, alone, pass;
-            for (int repeat = 0; repeat <= repeats; ++repeat) {
-                sleep_until_all_are_here();
-                const double here = seconds_of([&] {
-                    spread.run(list);
-                    MPI_Barrier(MPI_COMM_WORLD);
-                });
-                if (first) {
-                    const double there = seconds_of([&] { run(whole, list); });
-                    const double four = seconds_of([&] { whole.apply_RX(3, 0.5); });
-                    // The first round touches memory for the first time.
-                    if (repeat > 0) {
-                        over_ranks.push_back(here);
-                        alone.push_back(there);
-                        pass.push_back(four);
+            for (const Accuracy accuracy : {Accuracy::exact, Accuracy::rounding}) {
+                std::vector<double> over_ranks, alone, pass;
+                for (int repeat = 0; repeat <= repeats; ++repeat) {
+                    sleep_until_all_are_here();
+                    const double here = seconds_of([&] {
+                        spread.run(list, {}, {}, {}, accuracy);
+                        MPI_Barrier(MPI_COMM_WORLD);
+                    });
+                    if (first) {
+                        const double there =
+                            seconds_of([&] { run(whole, list, {}, {.accuracy = accuracy}); });
+                        const double four = seconds_of([&] { whole.apply_RX(3, 0.5); });
+                        // The first round touches memory for the first time.
+                        if (repeat > 0) {
+                            over_ranks.push_back(here);
+                            alone.push_back(there);
+                            pass.push_back(four);
+                        }
                     }
                 }
+                sleep_until_all_are_here();
+                if (!first) continue;
+                std::printf(
+                    "%s%s, %u qubits: %d ranks x 1 worker %.3f s, 1 rank x %d workers %.3f s, "
+                    "ratio %.2f; one RX %.3f s\n",
+                    circuit.name, accuracy == Accuracy::exact ? "" : " by rounding", n,
+                    spread.ranks(), median(over_ranks), spread.ranks(), median(alone),
+                    median(over_ranks) / median(alone), median(pass));
             }
-            sleep_until_all_are_here();
-            if (!first) continue;
-            std::printf(
-                "%s, %u qubits: %d ranks x 1 worker %.3f s, 1 rank x %d workers %.3f s, "
-                "ratio %.2f; one RX %.3f s\n",
-                circuit.name, n, spread.ranks(), median(over_ranks), spread.ranks(), median(alone),
-                median(over_ranks) / median(alone), median(pass));
         }
     }
     MPI_Finalize();

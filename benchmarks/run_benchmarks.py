@@ -19,19 +19,14 @@ LIMIT_NAMES = tuple(f"BM_{family}<" for family in LIMITS)
 # What runs by default, as expressions on names. {all} stands for all of the machine's threads.
 SELECTION = (
     *LIMIT_NAMES,
-    r"BM_Gate<.*, Gate(H|X|Z|RX|RZ)>/qubits:24/target:\d+/threads:{all}/",
-    r"BM_Gate<.*>/qubits:24/target:(0|12)/threads:{all}/",
-    r"BM_Gate<.*, GateH>/qubits:24/target:(0|7|12|23)/threads:1/",
-    r"BM_Gate<.*, Gate(H|X|RX|RZ)>/qubits:(4|10)/target:(0|3)/threads:1/",
-    r"BM_Gate<.*, GateCCNOT>/.*/threads:{all}/",
+    r"BM_Gate<.*, Gate(H|X|RX|RZ)>/qubits:24/target:(0|3|7|12|18|23)/threads:{all}/",
+    r"BM_Gate<.*>/qubits:24/target:12/threads:{all}/",
+    r"BM_Gate<.*, Gate(H|X|RX|RZ)>/qubits:(4|10)/target:0/threads:1/",
     r"BM_ControlledGate<.*, Gate(X|RX|PH)>/qubits:24/target:12/.*/threads:{all}/",
-    r"BM_PairGate<.*>/qubits:24/q1:(0/q2:12|5/q2:1|12/q2:23)/threads:{all}/",
-    r"BM_PairGate<.*, Gate(CNOT|SWAP)>/qubits:(4|10)/",
+    r"BM_PairGate<.*>/qubits:24/q1:(5/q2:1|12/q2:23)/threads:{all}/",
     r"BM_DenseGate<.*>/qubits:24/lowest:(0|12)/controls:0/threads:{all}/",
-    r"BM_Circuit<.*, brickwork>/qubits:10/.*/threads:1/",
-    r"BM_Circuit<.*, brickwork>/qubits:16/.*/threads:{all}/",
-    r"BM_Circuit<.*>/qubits:24/.*/threads:(1|{all})/",
-    r"BM_Circuit<.*>/qubits:26/.*/threads:{all}/",
+    r"BM_Circuit<.*>/qubits:24/.*/threads:{all}/",
+    r"BM_List(ByRounding)?<.*>/qubits:24/.*/threads:{all}/",
 )
 MAX_SLOWDOWN = 1.15
 
@@ -141,6 +136,24 @@ def show_comparison(earlier, later):
     return bool(slower)
 
 
+def output_of(*command):
+    return subprocess.run(command, cwd=ROOT, capture_output=True, text=True, check=False).stdout
+
+
+def made_by(results):
+    """One line: when, on what and of what the results are."""
+    cache = (ROOT / "build/CMakeCache.txt").read_text(encoding="utf-8")
+    compiler = re.search(r"^CMAKE_CXX_COMPILER:\w+=(.+)$", cache, re.MULTILINE).group(1)
+    processor = re.search(r"^Model name:\s*(.+)$", output_of("lscpu"), re.MULTILINE)
+    return ", ".join([
+        results.context["date"],
+        processor.group(1) if processor else "unknown processor",
+        f"{results.context['num_cpus']} processors",
+        output_of(compiler, "--version").split("\n")[0],
+        "commit " + output_of("git", "describe", "--always", "--dirty").strip(),
+    ])
+
+
 def update_docs(results):
     """The plot, and the table between the markers of docs/performance-rows.md."""
     plot = ROOT / "docs/images/benchmarks.svg"
@@ -151,7 +164,7 @@ def update_docs(results):
     text = page.read_text(encoding="utf-8")
     if begin not in text or end not in text:
         raise Refusal(f"{page} lacks its result markers")
-    table = f"```text\n{text_table(results)}\n```\n"
+    table = f"{made_by(results)}\n\n```text\n{text_table(results)}\n```\n"
     text = text[: text.index(begin) + len(begin)] + table + text[text.index(end):]
     page.write_text(text, encoding="utf-8")
     print(f"Updated {page} and {plot}")

@@ -4,7 +4,8 @@
 namespace pblinalg {
 
 enum class Accuracy {
-    /// The bits that the gates give one by one, on every processor.
+    /// The bits that the gates give one by one, on every processor given their coefficients:
+    /// sines and cosines are those of the C library.
     exact,
     /// The same up to rounding: gates on different qubits change places, neighbours become one
     /// matrix, and products are fused into sums. Every amplitude of a normalised state agrees with

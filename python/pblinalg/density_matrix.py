@@ -224,8 +224,8 @@ class DensityMatrix(Readout):
                 )
         else:
             kraus = kraus_operators(operators, size, check)
-        # Checks the numbers: the register has twice the qubits that may be named.
-        Program(self.num_qubits).diagonal(np.ones(size), listed)
+        # The register has twice the qubits that may be named.
+        listed = distinct_qubits(listed, self.num_qubits)
         both = sum(np.kron(operator, operator.conj()) for operator in kraus)
         columns = [qubit + self.num_qubits for qubit in listed]
         self._core.apply_nqbit_ctrl_gate([], listed + columns, both)

@@ -22,11 +22,12 @@ def run_steps(
     done: int = 0,
     accuracy: Accuracy = "exact",
     run_gates: Callable[[GateList, Callable[[int], object] | None], object] | None = None,
+    after_measurement: Callable[[], object] | None = None,
 ) -> int:
-    """Applies steps to a state; measurements write `bits`, `values` are those of the
-    parameters, `report` is told the number of gates
-    that are through, `done` of them before. Returns that number. `run_gates` applies gates, and
-    reports, in the place of their own method."""
+    """Applies steps to a state; measurements write `bits`, `values` are those of the parameters,
+    `report` is told the number of gates that are through, `done` of them before. Returns that
+    number. `run_gates` applies gates, and reports, in the place of their own method;
+    `after_measurement` is called behind every step that reads a qubit."""
     for step in steps:
         if isinstance(step, GateList):
             if run_gates:
@@ -40,10 +41,22 @@ def run_steps(
         elif isinstance(step, Conditional):
             read = "".join(str(bits[clbit]) for clbit in step.clbits)
             if int(read or "0", 2) == step.value:
-                run_steps(core, step.steps, bits, values, report, done, accuracy, run_gates)
+                run_steps(
+                    core,
+                    step.steps,
+                    bits,
+                    values,
+                    report,
+                    done,
+                    accuracy,
+                    run_gates,
+                    after_measurement,
+                )
             done += count_gates(step.steps)
         else:
             core.project_then_reset([step.qubit], core.measure([step.qubit]))
+        if after_measurement and not isinstance(step, (GateList, Conditional)):
+            after_measurement()
     return done
 
 

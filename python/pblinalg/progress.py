@@ -21,7 +21,7 @@ def check_progress(progress: Progress) -> None:
 def bar_class() -> Any:
     """tqdm, or an ImportError that says what to install."""
     try:
-        from tqdm import tqdm
+        from tqdm.auto import tqdm
     except ImportError as error:
         raise ImportError("a bar needs tqdm: pip install 'pblinalg[progress]'") from error
     return tqdm

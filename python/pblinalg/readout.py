@@ -5,6 +5,8 @@ from __future__ import annotations
 
 import copy
 import secrets
+from collections.abc import Iterable
+from contextlib import AbstractContextManager, nullcontext
 from typing import TYPE_CHECKING, Any, Literal, SupportsIndex, Union
 
 import numpy as np
@@ -53,6 +55,9 @@ def default_threads(num_qubits: int) -> int:
 def register_bytes(num_qubits: int, precision: str) -> float:
     """The memory of the amplitudes."""
     return (8.0 if precision_name(precision) == "float" else 16.0) * 2.0 ** min(num_qubits, 1000)
+
+
+_ALONE = nullcontext()
 
 
 class Readout(GateMethods):
@@ -218,8 +223,10 @@ class Readout(GateMethods):
         """The probability of one outcome, a string of 0 and 1 or an integer, on `qubits` (all of
         them by default); the first listed qubit is the first character or most significant bit."""
         self._require_amplitudes()
-        listed = self._listed(qubits)
-        return float(self._core.probability(outcome_number(outcome, len(listed)), listed[::-1]))
+        with self._together():
+            listed = self._listed(qubits)
+            number = outcome_number(outcome, len(listed))
+        return float(self._core.probability(number, listed[::-1]))
 
     def sample(
         self, shots: SupportsIndex, qubits: Qubits | None = None, progress: Progress = None
@@ -266,17 +273,20 @@ class Readout(GateMethods):
     def expectation(self, observable: ObservableLike) -> float:
         """The exact expectation value. ValueError when a coefficient is not real;
         `expectation_complex` takes any."""
-        observable = self._observable(observable, hermitian=True)
+        with self._together():
+            observable = self._observable(observable, hermitian=True)
         return float(self._core.expectation_value(observable.record(self.precision)).real)
 
     def expectation_complex(self, observable: ObservableLike) -> complex:
         """The exact value of <P> summed with complex coefficients."""
-        observable = self._observable(observable)
+        with self._together():
+            observable = self._observable(observable)
         return complex(self._core.expectation_value(observable.record(self.precision)))
 
     def expectation_terms(self, observable: ObservableLike) -> dict[str, complex]:
         """Coefficient times exact expectation value of every string but the identity."""
-        observable = self._observable(observable)
+        with self._together():
+            observable = self._observable(observable)
         values = self._core.terms_expectations_values(observable.record(self.precision))
         names = [letters for letters in observable.terms if letters.strip("I")]
         return dict(zip(names, values))
@@ -317,7 +327,8 @@ class Readout(GateMethods):
 
     def _entanglement(self, qubits: Qubits) -> float:
         """The entropy of the listed qubits of a pure state, by way of the fewer ones."""
-        listed = distinct_qubits(as_qubits(qubits), self.num_qubits)
+        with self._together():
+            listed = distinct_qubits(as_qubits(qubits), self.num_qubits)
         others = [qubit for qubit in range(self.num_qubits) if qubit not in listed]
         return self._entropy(min(listed, others, key=len))
 
@@ -329,17 +340,25 @@ class Readout(GateMethods):
         """The expectation value from `shots` shots for every term, each measured in its own basis,
         and its standard error. The state is rotated and rotated back. ValueError when a coefficient
         is not real, or when the probabilities of the state do not add up to 1."""
-        observable = self._observable(observable, hermitian=True)
-        number = count(shots, "shots", 1)
+        with self._together():
+            observable = self._observable(observable, hermitian=True)
+            number = count(shots, "shots", 1)
         self._require_norm()
         value = observable.masks()[-1].real
         variance = 0.0
-        # Term by term, so that Ctrl-C finds a gap; the draws are the same.
-        for term in observable.simple_terms(self.precision):
-            ((mean, error),) = self._core.evaluate_terms([term], number)
+        for mean, error in self._estimates(observable.simple_terms(self.precision), number):
             value += mean.real
             variance += abs(error) ** 2
         return float(value), float(variance**0.5)
+
+    def _estimates(self, terms: list[Any], shots: int) -> Iterable[tuple[complex, complex]]:
+        """Term by term, so that Ctrl-C finds a gap; the draws are the same."""
+        for term in terms:
+            yield self._core.evaluate_terms([term], shots)[0]
+
+    def _together(self) -> AbstractContextManager[None]:
+        """Around checks of arguments: what they raise on one rank reaches all."""
+        return _ALONE
 
     def _listed(self, qubits: Qubits | None) -> list[Any]:
         return list(range(self.num_qubits)) if qubits is None else as_qubits(qubits)

@@ -1,5 +1,5 @@
-"""The state vector that people use: a register, its gates and how it is loaded and run. What both
-kinds of states have in common is in `readout`."""
+"""The state vector that people use: a register, and how it is made, run and read. What it has in
+common with states over ranks is in `pure_state`, and with density matrices in `readout`."""
 
 from __future__ import annotations
 
@@ -14,28 +14,23 @@ from .arguments import (
     Precision,
     Qubits,
     accuracy_name,
-    complex_array,
     count,
     integer,
     outcome_number,
 )
 from .execution import run_steps
-from .gates import as_qubits
 from .html_tables import state_table, table
 from .parameters import Values, values_in_order
 from .program import Program
 from .progress import Progress, reporter
-from .readout import Readout
+from .pure_state import PureState, amplitudes_array
 from .state_files import FilePath, read_state
 
 if TYPE_CHECKING:
     from typing_extensions import Self
 
-#: How much of a state a loading may lose to values that a data register was not to have.
-LOSS_TOLERANCE = 1e-6
 
-
-class StateVector(Readout):
+class StateVector(PureState):
     """The pure state of `num_qubits` qubits, in |0...0> at first.
 
     precision: "double" (complex128 amplitudes) or "float" (complex64).
@@ -53,7 +48,7 @@ class StateVector(Readout):
     >>> StateVector(2, seed=7).h(0).cx(0, 1).sample(100)
     """
 
-    __slots__ = ("_bits", "__weakref__")
+    __slots__ = ("__weakref__",)
 
     def __init__(
         self,
@@ -73,11 +68,6 @@ class StateVector(Readout):
         self._bits = list(state["bits"])
 
     @property
-    def num_qubits(self) -> int:
-        """The number of qubits."""
-        return int(self._core.nqubits)
-
-    @property
     def amplitudes(self) -> NDArray[np.complexfloating[Any, Any]]:
         """The amplitudes themselves, without a copy: basis state b at index b, qubit q of weight
         2^q (the reverse of every other array here). Writable. While such an array is alive,
@@ -86,105 +76,15 @@ class StateVector(Readout):
         view: NDArray[Any] = self._core.state
         return view
 
-    @property
-    def classical_bits(self) -> tuple[int, ...]:
-        """What the measurements of the last `run` read."""
-        return tuple(self._bits)
-
     # ---- Preparing -------------------------------------------------------------------------------
-
-    def reset(self, qubits: Qubits | None = None) -> Self:
-        """Returns all qubits to |0>, or measures the listed ones and returns them to |0>."""
-        if qubits is None:
-            self._core.reset()
-        else:
-            self._require_norm()
-            for qubit in as_qubits(qubits):
-                self._core.project_then_reset([qubit], self._core.measure([qubit]))
-        return self
-
-    def set_product(self, description: str) -> Self:
-        """Sets a product state, one character 0, 1, + or - per qubit, qubit 0 first."""
-        if not isinstance(description, str):
-            raise TypeError(f"description must be a str, got {description!r}")
-        if len(description) != self.num_qubits or set(description) - set("01+-"):
-            raise ValueError(
-                f"description = {description!r}: expected {self.num_qubits} characters 0, 1, + or -"
-            )
-        # The library's first character governs the last qubit.
-        self._core.reset_to_str(description[::-1])
-        return self
 
     def set_amplitudes(self, amplitudes: ArrayLike, check: bool = True) -> Self:
         """Loads 2^n amplitudes, qubit 0 being the most significant bit of an index. ValueError
         when their norm is not 1, unless `check` is False."""
         self._require_amplitudes()
-        array = np.asarray(amplitudes)
-        # Amplitudes of the state's own precision are read in place; so are this one's own.
-        if array.dtype not in (np.complex64, np.complex128):
-            array = complex_array(amplitudes, "amplitudes")
-        if array.size != self._core.size:
-            raise ValueError(
-                f"amplitudes holds {array.size} elements; expected {self._core.size} for "
-                f"{self.num_qubits} qubits"
-            )
-        if check:
-            _check_norm(array)
+        array = amplitudes_array(amplitudes, self.num_qubits, check)
         self._core.reset(array)
         return self
-
-    def prepare(self, amplitudes: ArrayLike, qubits: Qubits, check: bool = True) -> Self:
-        """Loads 2^m amplitudes on m qubits, the first listed one being the most significant bit of
-        an index. For every value of the other qubits the weight that was there is kept."""
-        listed = as_qubits(qubits)
-        array = complex_array(amplitudes, "amplitudes")
-        if array.size != 1 << len(listed):
-            raise ValueError(
-                f"amplitudes holds {array.size} elements; expected {1 << len(listed)} for "
-                f"{len(listed)} qubits"
-            )
-        if check:
-            _check_norm(array)
-        # The library wants the lowest-numbered qubit least significant.
-        order = sorted(range(len(listed)), key=lambda axis: -integer(listed[axis], "qubits"))
-        values = array.reshape((2,) * len(listed)).transpose(order).reshape(-1)
-        self._core.apply_state_preparation(values, listed)
-        return self
-
-    def load_words(self, words: ArrayLike, address: Qubits, data: Qubits) -> Self:
-        """QRAM with binary words: |a>|0> becomes |a>|words[a]>. In both registers the first listed
-        qubit is the most significant bit. ValueError when the data register is not |0>."""
-        table = np.asarray(words)
-        if table.dtype.kind not in "iu":
-            raise TypeError(f"words must be integers, got {words!r}")
-        place, store = as_qubits(address), as_qubits(data)
-        if table.size and (table.min() < 0 or table.max() >= 1 << len(store)):
-            raise ValueError(f"words must lie between 0 and {(1 << len(store)) - 1}, got {words!r}")
-        self._require_empty(store)
-        self._core.apply_binary_qram(table, place[::-1] + store[::-1], len(store))
-        return self
-
-    def load_amplitudes(self, table: ArrayLike, address: Qubits, data: Qubits) -> Self:
-        """QRAM with real amplitudes: |a>|0> becomes |a> times row a of the table, normalised, on
-        the data register. In both registers the first listed qubit is the most significant bit.
-        ValueError when the data register is not |0>."""
-        rows = complex_array(table, "table")
-        if np.any(np.imag(rows)):
-            raise ValueError("table must hold real numbers")
-        place, store = as_qubits(address), as_qubits(data)
-        self._require_empty(store)
-        self._core.apply_qram(rows, place[::-1] + store[::-1], len(store))
-        return self
-
-    def _require_empty(self, data: list[Any]) -> None:
-        self._require_amplitudes()
-        empty = self._core.probability(0, data)
-        total = float(self._core.get_distribution([])[0])
-        if not total - empty <= LOSS_TOLERANCE:
-            raise ValueError(
-                f"data: the register must be |0>, which has probability {empty:.6g}; what it holds "
-                "otherwise would be lost"
-            )
 
     def resize(self, num_qubits: SupportsIndex) -> Self:
         """Changes the number of qubits and returns to |0...0>. BufferError while arrays from
@@ -293,29 +193,6 @@ class StateVector(Readout):
         entries = self._core.get_mapped_statevector(threshold)
         return {format(key, f"0{n}b") if n else "": value for key, value in entries.items()}
 
-    def measure(self, qubits: Qubits | None = None) -> str:
-        """Measures qubits (all of them by default), collapses the state and returns what was read,
-        the first listed qubit leftmost."""
-        listed = self._listed(qubits)
-        self._require_norm()
-        if not listed:
-            return ""
-        outcome = self._core.measure(listed)
-        self._core.project(listed, outcome)
-        return format(outcome, f"0{len(listed)}b")
-
-    def project(self, outcome: str | SupportsIndex, qubits: Qubits | None = None) -> Self:
-        """Collapses qubits onto a chosen outcome. ValueError when its probability is 0."""
-        self._require_amplitudes()
-        listed = self._listed(qubits)
-        self._core.project(listed, outcome_number(outcome, len(listed)))
-        return self
-
-    def norm(self) -> float:
-        """The square root of the summed squared magnitudes."""
-        self._require_amplitudes()
-        return float(float(self._core.get_distribution([])[0]) ** 0.5)
-
     def inner(self, other: StateVector) -> complex:
         """The inner product <self|other>."""
         if not isinstance(other, StateVector):
@@ -345,11 +222,3 @@ class StateVector(Readout):
             return table(repr(self), (), ())
         amplitudes = self.to_array()
         return state_table(repr(self), np.abs(amplitudes) ** 2, amplitudes)
-
-
-def _check_norm(amplitudes: NDArray[Any]) -> None:
-    norm = float(np.linalg.norm(amplitudes.reshape(-1)))
-    if not abs(norm - 1) < 1e-5:
-        raise ValueError(
-            f"amplitudes has norm {norm:.9g}; expected 1 (pass check=False to load it anyway)"
-        )

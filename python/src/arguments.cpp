@@ -169,6 +169,15 @@ bool bool_argument(nb::handle value, const char* name) {
     return value.ptr() == Py_True;
 }
 
+Accuracy accuracy_argument(nb::handle accuracy) {
+    std::string word;
+    if (nb::try_cast(accuracy, word)) {
+        if (word == "exact") return Accuracy::exact;
+        if (word == "rounding") return Accuracy::rounding;
+    }
+    raise(PyExc_ValueError, "accuracy = %.200R: expected 'exact' or 'rounding'", accuracy.ptr());
+}
+
 unsigned int QubitArguments::add(nb::handle value, const char* name, Py_ssize_t position) {
     const nb::object held = PyLong_CheckExact(value.ptr()) ? nb::borrow(value) : as_integer(value);
     const std::string place =

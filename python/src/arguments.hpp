@@ -7,6 +7,7 @@
 
 #include <complex>
 #include <cstdint>
+#include <pblinalg/accuracy.hpp>
 #include <string>
 #include <vector>
 
@@ -45,6 +46,8 @@ std::complex<T> complex_argument(nb::handle value, const char* name);
 /// Text made of ASCII characters.
 std::string text_argument(nb::handle value, const char* name);
 bool bool_argument(nb::handle value, const char* name);
+/// "exact" or "rounding".
+Accuracy accuracy_argument(nb::handle accuracy);
 
 /// The elements of a list, tuple, range or array, in a tuple of their own, so that no Python code
 /// run by their conversion can change them under our feet.

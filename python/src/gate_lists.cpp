@@ -270,15 +270,6 @@ void bind_parameter(nb::module_& module) {
 
 }  // namespace
 
-Accuracy accuracy_argument(nb::handle accuracy) {
-    std::string word;
-    if (nb::try_cast(accuracy, word)) {
-        if (word == "exact") return Accuracy::exact;
-        if (word == "rounding") return Accuracy::rounding;
-    }
-    raise(PyExc_ValueError, "accuracy = %.200R: expected 'exact' or 'rounding'", accuracy.ptr());
-}
-
 std::vector<double> values_argument(const BoundGateList& self, nb::handle values) {
     const std::vector<std::string>& names = self.names->list();
     std::vector<double> result;

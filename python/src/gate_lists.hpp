@@ -46,9 +46,6 @@ struct AngleArgument {
 /// A finite number, in float32 when `single`, or a parameter.
 AngleArgument angle_argument(nb::handle value, const char* name, bool single);
 
-/// "exact" or "rounding".
-Accuracy accuracy_argument(nb::handle accuracy);
-
 /// Controls and what they must read: `ctrl_state` is None, an integer or a string of 0 and 1, the
 /// first listed control being the most significant bit.
 Controls controls_argument(QubitArguments& qubits, nb::handle controls, nb::handle ctrl_state);

@@ -3,6 +3,7 @@
 #include <nanobind/nanobind.h>
 #include <nanobind/ndarray.h>
 #include <nanobind/stl/complex.h>
+#include <nanobind/stl/pair.h>
 #include <nanobind/stl/string.h>
 #include <nanobind/stl/vector.h>
 
@@ -17,7 +18,9 @@
 namespace pblinalg::python {
 namespace {
 
-using Values = nb::ndarray<const double, nb::ndim<1>, nb::c_contig, nb::device::cpu>;
+template <class V>
+using Array = nb::ndarray<const V, nb::ndim<1>, nb::c_contig, nb::device::cpu>;
+using Values = Array<double>;
 
 /// An array that owns what the library returned.
 template <class V>
@@ -27,7 +30,8 @@ nb::ndarray<nb::numpy, V, nb::ndim<1>> owned(std::vector<V>&& values) {
     return {kept->data(), {kept->size()}, owner};
 }
 
-std::span<const double> span_of(const Values& values) {
+template <class V>
+std::span<const V> span_of(const Array<V>& values) {
     return {values.data(), values.size()};
 }
 
@@ -58,8 +62,8 @@ void bind_ranks(nb::module_& module, const char* name) {
     using Qubits = std::vector<unsigned int>;
     nb::class_<State>(module, name)
         .def("__init__",
-             [](State* self, int comm, unsigned int nqubits) {
-                 new (self) State(MPI_Comm_f2c(comm), nqubits);
+             [](State* self, int comm, unsigned int nqubits, int num_threads) {
+                 new (self) State(MPI_Comm_f2c(comm), nqubits, num_threads);
              })
         .def_prop_ro("nqubits", &State::nqubits)
         .def_prop_ro("local_qubits", &State::local_qubits)
@@ -68,30 +72,44 @@ void bind_ranks(nb::module_& module, const char* name) {
         .def("seed", &State::seed)
         .def("reset", &State::reset)
         .def("set_amplitudes",
-             [](State& self, const nb::ndarray<const std::complex<T>, nb::ndim<1>, nb::c_contig,
-                                               nb::device::cpu>& amplitudes) {
-                 self.set_amplitudes({amplitudes.data(), amplitudes.size()});
+             [](State& self, const Array<std::complex<T>>& amplitudes) {
+                 self.set_amplitudes(span_of(amplitudes));
              })
+        .def("reset_to_str", &State::reset_to_str)
+        .def("apply_state_preparation",
+             [](State& self, const Array<std::complex<double>>& amplitudes, const Qubits& qubits) {
+                 self.apply_state_preparation(span_of(amplitudes), qubits);
+             })
+        .def("apply_binary_qram",
+             [](State& self, const Array<unsigned long long>& words, const Qubits& qubits,
+                unsigned int data_width) {
+                 self.apply_binary_qram(span_of(words), qubits, data_width);
+             })
+        .def("apply_qram",
+             [](State& self, const Array<std::complex<double>>& table, const Qubits& qubits,
+                unsigned int data_width) { self.apply_qram(span_of(table), qubits, data_width); })
         .def(
             "run",
             [](State& self, BoundGateList& list, const Values& values, const std::string& path,
-               std::size_t every, nb::handle progress) {
+               std::size_t every, nb::handle progress, nb::handle accuracy) {
                 return watched(list, progress, [&](const auto& between) {
-                    return self.run(list.gates, span_of(values), {path, every}, between);
+                    return self.run(list.gates, span_of(values), {path, every}, between,
+                                    accuracy_argument(accuracy));
                 });
             },
             nb::arg("list"), nb::arg("values"), nb::arg("path"), nb::arg("every"),
-            nb::arg("progress").none())
+            nb::arg("progress").none(), nb::arg("accuracy"))
         .def(
             "resume",
             [](State& self, BoundGateList& list, const Values& values, const std::string& path,
-               std::size_t every, nb::handle progress) {
+               std::size_t every, nb::handle progress, nb::handle accuracy) {
                 return watched(list, progress, [&](const auto& between) {
-                    return self.resume(list.gates, span_of(values), {path, every}, between);
+                    return self.resume(list.gates, span_of(values), {path, every}, between,
+                                       accuracy_argument(accuracy));
                 });
             },
             nb::arg("list"), nb::arg("values"), nb::arg("path"), nb::arg("every"),
-            nb::arg("progress").none())
+            nb::arg("progress").none(), nb::arg("accuracy"))
         .def("amplitudes",
              [](State& self, const std::vector<std::uint64_t>& indices) {
                  return owned(self.amplitudes(indices));
@@ -120,6 +138,7 @@ void bind_ranks(nb::module_& module, const char* name) {
                                         : self.sample(shots, qubits, root));
              })
         .def("measure", &State::measure)
+        .def("measure_by_pieces", &State::measure_by_pieces)
         .def("project", &State::project)
         .def("project_then_reset", &State::project_then_reset)
         .def("expectation_value",
@@ -129,6 +148,13 @@ void bind_ranks(nb::module_& module, const char* name) {
         .def("terms_expectations_values",
              [](State& self, const BoundObservable<T>& observable) {
                  return self.terms_expectations_values(observable);
+             })
+        .def("evaluate_terms",
+             [](State& self, const std::vector<BoundTerm<T>*>& terms, std::uint64_t shots) {
+                 std::vector<SimpleTerm<T>> copies;
+                 for (const BoundTerm<T>* const term : terms)
+                     copies.push_back(*term);
+                 return self.evaluate_terms(std::move(copies), shots);
              })
         .def("save", &State::save)
         .def("load", &State::load);
@@ -155,12 +181,15 @@ NB_MODULE(_mpi, module) {
     module.doc() = "States over MPI ranks, for pblinalg.mpi.";
     python::bind_ranks<float>(module, "StateVectorFloat");
     python::bind_ranks<double>(module, "StateVectorDouble");
-    module.def("dry_run", [](python::BoundGateList& list, unsigned int rank_bits, bool single,
-                             double memory, double network, double latency) {
-        const python::Reading reading(list);
-        const pblinalg::mpi::Machine machine{memory, network, latency};
-        return python::as_dict(
-            single ? pblinalg::mpi::dry_run<float>(list.gates, list.nqubits, rank_bits, machine)
-                   : pblinalg::mpi::dry_run<double>(list.gates, list.nqubits, rank_bits, machine));
-    });
+    module.def(
+        "dry_run", [](python::BoundGateList& list, unsigned int rank_bits, bool single,
+                      double memory, double network, double latency, nanobind::handle accuracy) {
+            const python::Reading reading(list);
+            const pblinalg::mpi::Machine machine{memory, network, latency};
+            const auto how = python::accuracy_argument(accuracy);
+            return python::as_dict(single ? pblinalg::mpi::dry_run<float>(list.gates, list.nqubits,
+                                                                          rank_bits, machine, how)
+                                          : pblinalg::mpi::dry_run<double>(
+                                                list.gates, list.nqubits, rank_bits, machine, how));
+        });
 }

@@ -6,7 +6,7 @@ import sys
 from pathlib import Path
 
 import pblinalg
-from pblinalg import _core, density_matrix, gates, lowlevel, program, qasm, readout
+from pblinalg import _core, density_matrix, gates, lowlevel, program, pure_state, qasm, readout
 
 TARGET = Path(__file__).resolve().parents[2] / "docs" / "python-api.md"
 
@@ -106,7 +106,9 @@ def native_section(cls) -> list[str]:
 
 def reference() -> str:
     lines = [HEAD]
-    lines += class_section("StateVector", pblinalg.StateVector, readout.Readout)
+    lines += class_section(
+        "StateVector", pblinalg.StateVector, pure_state.PureState, readout.Readout
+    )
     lines += ["## Gates", "", text_of(gates.GateMethods), ""]
     lines += ["`StateVector`, `DensityMatrix` and `Circuit` share these methods.", ""]
     lines += gate_members(_core.GateMethods) + members_of(gates.GateMethods)

@@ -25,6 +25,8 @@ struct PartShape {
     /// Of the sets that are compared, that one wins with which this pass and the next take the
     /// most.
     bool foresees = false;
+    /// Active bits of the first pass, 0: they are chosen as those of the others.
+    Index first_active = 0;
 
     /// A permutation of whole vectors, or of whole parts, may do without active targets.
     bool can_renumber(const Operation& operation, Index active) const {

@@ -43,6 +43,10 @@ bool Planner::next(Pass& pass) {
 /// @param reach  operations looked at to choose the active bits, all those left out besides.
 bool Planner::next(Pass& pass, std::size_t reach) {
     if (left_out_.empty() && front_ == operations_.size()) return false;
+    if (front_ == 0 && shape_.first_active != 0) {
+        fill(pass, shape_.first_active);
+        return true;
+    }
     upcoming_ = left_out_;
     for (std::size_t i = front_; i < operations_.size() && upcoming_.size() < reach; ++i)
         upcoming_.push_back(&operations_[i]);
@@ -99,10 +103,15 @@ void Planner::fill(Pass& pass, Index active) {
         pass.active |= lowest_bit(~pass.active);
 }
 
-Reached Planner::reached() const {
+Reached Planner::reached(std::span<const Pass::Entry> waiting) const {
+    const auto number = [&](const Operation* operation) {
+        return static_cast<std::uint32_t>(operation - operations_.data());
+    };
     Reached reached{{}, static_cast<std::uint32_t>(front_)};
-    for (const Operation* const operation : left_out_)
-        reached.left_out.push_back(static_cast<std::uint32_t>(operation - operations_.data()));
+    if (!waiting.empty()) reached.front = number(waiting.front().operation);
+    for (const Operation* const operation : left_out_) {
+        if (number(operation) < reached.front) reached.left_out.push_back(number(operation));
+    }
     // What nothing has overtaken yet is as good as not looked at.
     while (!reached.left_out.empty() && reached.left_out.back() + 1 == reached.front) {
         reached.left_out.pop_back();

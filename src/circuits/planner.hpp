@@ -60,7 +60,9 @@ class Planner {
     /// The bits of the array that tell the parts of a pass apart.
     Index inactive(const Pass& pass) const { return low_mask(shape_.n_bits) & ~pass.active; }
 
-    Reached reached() const;
+    /// @param waiting  the last operations of the last pass, when they are not to be counted yet;
+    ///                 none that an earlier pass left out.
+    Reached reached(std::span<const Pass::Entry> waiting = {}) const;
 
     /// Operations that the passes so far left out, in order; all others before `front` are done.
     std::span<const Operation* const> left_out() const { return left_out_; }

@@ -626,6 +626,8 @@ class Simplifier {
             program_.operations[i].gates_before = whole ? next[i] : Operation::inside_a_gate;
             done = std::max(done, written_[i].last + 1);
         }
+        // Nothing is done in front of the first one, whatever else is gone.
+        if (n > 0) program_.operations[0].gates_before = gates_[0].first;
     }
 
     Program<T>& program_;

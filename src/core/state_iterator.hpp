@@ -7,6 +7,7 @@
 
 #include "core/bits.hpp"
 
+// The name by which the iterator is known; all else of the core is in pblinalg::cpu.
 namespace orb::core::iterator {
 
 using pblinalg::cpu::Index;

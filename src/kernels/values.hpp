@@ -1,5 +1,5 @@
-// What the gate formulas compute with: one amplitude (Scalar) or a vector of them (Vector), for
-// each instruction set. About the only file that knows how wide a register is.
+// What the gate formulas compute with: one amplitude (Scalar) or a vector of them, interleaved
+// (Vector) or as two vectors of parts (Planar), for each instruction set.
 // Every type carries its instruction set in its name, so that the linker never mixes two builds.
 #pragma once
 

@@ -96,6 +96,8 @@ Communicator::Communicator(MPI_Comm comm) {
     MPI_Finalized(&ended);
     if (!started || ended) throw std::logic_error("MPI is not running: call MPI_Init first");
     MPI_Comm_dup(comm, &comm_);
+    // Nobody could go on after a lost message, whatever the caller's communicator does.
+    MPI_Comm_set_errhandler(comm_, MPI_ERRORS_ARE_FATAL);
     MPI_Comm_rank(comm_, &rank_);
     MPI_Comm_size(comm_, &size_);
 }

@@ -4,6 +4,7 @@
 
 #include <mpi.h>
 
+#include <algorithm>
 #include <cstdint>
 #include <exception>
 #include <string>
@@ -57,6 +58,15 @@ class Digest {
 
 /// Errors: std::invalid_argument, "<what> differs between ranks", where it does.
 void require_same(MPI_Comm comm, std::uint64_t value, const std::string& what);
+
+/// Calls `send(begin, count)` for pieces of `count` elements: messages count by ints, and pieces
+/// may be on their way at once.
+template <class Send>
+void in_messages(std::size_t count, const Send& send) {
+    constexpr std::size_t longest = std::size_t{1} << 16;
+    for (std::size_t begin = 0; begin < count; begin += longest)
+        send(begin, static_cast<int>(std::min(longest, count - begin)));
+}
 
 /// A duplicate of a communicator, so that messages never meet those of the caller.
 class Communicator {

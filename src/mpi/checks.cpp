@@ -1,7 +1,6 @@
 #include "mpi/checks.hpp"
 
 #include <stdexcept>
-#include <string>
 
 namespace pblinalg::mpi {
 
@@ -38,6 +37,21 @@ void require_list(std::span<const unsigned int> qubits, unsigned int n_qubits) {
         if (seen >> qubit & 1)
             throw std::invalid_argument("qubit " + std::to_string(qubit) + " is listed twice");
         seen |= std::uint64_t{1} << qubit;
+    }
+}
+
+void require_count(std::size_t count, std::size_t expected, const std::string& name) {
+    if (count == expected) return;
+    throw std::invalid_argument(name + " holds " + std::to_string(count) + " elements; expected " +
+                                std::to_string(expected));
+}
+
+void require_list_within(std::span<const unsigned int> qubits, unsigned int n_qubits,
+                         unsigned int local_bits) {
+    require_list(qubits, n_qubits);
+    if (qubits.size() > local_bits) {
+        throw std::invalid_argument(std::to_string(qubits.size()) +
+                                    " qubits are listed; a rank has " + std::to_string(local_bits));
     }
 }
 

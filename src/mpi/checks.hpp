@@ -3,6 +3,7 @@
 
 #include <pblinalg/gate_list.hpp>
 #include <span>
+#include <string>
 
 namespace pblinalg::mpi {
 
@@ -18,5 +19,11 @@ void require_runnable(const GateList& list, unsigned int n_qubits, unsigned int 
 
 /// Errors: std::invalid_argument for a qubit that the state does not have and for one listed twice.
 void require_list(std::span<const unsigned int> qubits, unsigned int n_qubits);
+/// The same for qubits that are to be brought within ranks, which hold `local_bits`.
+void require_list_within(std::span<const unsigned int> qubits, unsigned int n_qubits,
+                         unsigned int local_bits);
+
+/// Errors: std::invalid_argument for an array `name` of another number of elements.
+void require_count(std::size_t count, std::size_t expected, const std::string& name);
 
 }  // namespace pblinalg::mpi

@@ -5,6 +5,7 @@
 #include <utility>
 
 #include "circuits/plan.hpp"
+#include "circuits/simplify.hpp"
 #include "mpi/checks.hpp"
 #include "mpi/rank_plan.hpp"
 
@@ -24,7 +25,7 @@ bool crosses(const GateView& gate, unsigned int first) {
 
 template <class T>
 DryRun dry_run(const GateList& list, unsigned int n_qubits, unsigned int rank_bits,
-               const Machine& machine) {
+               const Machine& machine, Accuracy accuracy) {
     if (n_qubits >= 64) {
         throw std::invalid_argument(std::to_string(n_qubits) + " qubits; expected fewer than 64");
     }
@@ -34,8 +35,9 @@ DryRun dry_run(const GateList& list, unsigned int n_qubits, unsigned int rank_bi
     program.nqubits = n_qubits;
     for (const GateView gate : list)
         cpu::lower(gate, program);
+    if (accuracy == Accuracy::rounding) cpu::simplify(program);
     Layout layout(n_qubits, rank_bits);
-    const RankPlan plan = plan_ranks(program, layout);
+    const RankPlan plan = plan_ranks(program, layout, accuracy);
     const unsigned int local_bits = layout.local_bits();
     const double local_bytes = std::ldexp(sizeof(std::complex<T>), static_cast<int>(local_bits));
 
@@ -44,7 +46,7 @@ DryRun dry_run(const GateList& list, unsigned int n_qubits, unsigned int rank_bi
     for (const RankPass& pass : plan.passes) {
         if (!pass.swaps.empty()) {
             const double others = std::ldexp(1, static_cast<int>(pass.swaps.size())) - 1;
-            const double bytes = local_bytes * others / (others + 1);
+            const double bytes = local_bytes * pass.share_sent();
             ++result.traffic.exchanges;
             result.traffic.bytes += bytes;
             result.seconds += bytes / machine.network_bandwidth + others * machine.latency;
@@ -60,7 +62,7 @@ DryRun dry_run(const GateList& list, unsigned int n_qubits, unsigned int rank_bi
             }
         }
         const auto counts =
-            cpu::Plan<T>(std::move(local), cpu::plan_shape<T>(local_bits, 1)).counts();
+            cpu::Plan<T>(std::move(local), cpu::plan_shape<T>(local_bits, 1, accuracy)).counts();
         result.memory_passes += counts.passes + counts.alone;
     }
     result.seconds +=
@@ -73,7 +75,9 @@ DryRun dry_run(const GateList& list, unsigned int n_qubits, unsigned int rank_bi
     return result;
 }
 
-template DryRun dry_run<float>(const GateList&, unsigned int, unsigned int, const Machine&);
-template DryRun dry_run<double>(const GateList&, unsigned int, unsigned int, const Machine&);
+template DryRun dry_run<float>(const GateList&, unsigned int, unsigned int, const Machine&,
+                               Accuracy);
+template DryRun dry_run<double>(const GateList&, unsigned int, unsigned int, const Machine&,
+                                Accuracy);
 
 }  // namespace pblinalg::mpi

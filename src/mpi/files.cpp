@@ -7,6 +7,7 @@
 #include <cstdio>
 #include <filesystem>
 #include <fstream>
+#include <optional>
 #include <sstream>
 #include <stdexcept>
 
@@ -73,6 +74,12 @@ Index data_offset(const std::string& path, unsigned int n_qubits) {
     return offset;
 }
 
+void require_same_path(MPI_Comm comm, const std::string& path) {
+    Digest digest;
+    digest.add_all(path);
+    require_same(comm, digest.value(), "the path");
+}
+
 void check(int code, const std::string& path) {
     if (code == MPI_SUCCESS) return;
     char text[MPI_MAX_ERROR_STRING];
@@ -112,8 +119,9 @@ template <class T>
 void StateVector<T>::save(const std::string& path) {
     State& state = *state_;
     const bool first = rank() == 0;
+    require_same_path(state.comm(), path);
     // Now a rank's amplitudes lie in the file as they lie in memory.
-    state.sort(cpu::low_mask(nqubits()) & ~cpu::low_mask(state.layout.rank_bits), true);
+    state.sort_by_caller();
     const std::string unfinished = path + ".part";
     const std::string header = header_of<T>(nqubits());
     together(state.comm(), [&] {
@@ -150,6 +158,7 @@ void StateVector<T>::save(const std::string& path) {
 template <class T>
 void StateVector<T>::load(const std::string& path) {
     State& state = *state_;
+    require_same_path(state.comm(), path);
     Index offset = 0;
     together(state.comm(), [&] {
         if (rank() == 0) offset = data_offset<T>(path, nqubits());
@@ -176,6 +185,12 @@ void StateVector<T>::load(const std::string& path) {
     MPI_File_close(&file);
 }
 
+std::string state_file(const std::string& path, const RunProgress& progress) {
+    std::ostringstream name;
+    name << path << '.' << std::hex << progress.list << '.' << std::dec << progress.gates << ".npy";
+    return name.str();
+}
+
 void write_progress(const Communicator& communicator, const std::string& path,
                     const RunProgress& progress) {
     const bool first = communicator.rank() == 0;
@@ -183,39 +198,64 @@ void write_progress(const Communicator& communicator, const std::string& path,
     together(communicator.get(), [&] {
         if (!first) return;
         std::ofstream file(unfinished);
+        // Without its folder: both files may move to another one.
+        const std::filesystem::path state(progress.state);
         file << "pblinalg run\ngates " << progress.gates << "\nlist " << progress.list << "\nstate "
-             << progress.state << '\n';
+             << state.filename().string() << '\n';
         file.flush();
         if (!file) throw std::runtime_error(unfinished + " cannot be written");
     });
     rename_on_first_rank(communicator.get(), first, unfinished, path);
 }
 
-RunProgress read_progress(const Communicator& communicator, const std::string& path) {
+namespace {
+
+/// What a checkpoint says, or nothing for a text that is none.
+std::optional<RunProgress> parse_progress(const std::string& text, const std::string& path) {
     RunProgress progress;
+    std::istringstream file(text);
+    std::string title, gates, list, state, name;
+    std::getline(file, title);
+    file >> gates >> progress.gates >> list >> progress.list >> state >> std::ws;
+    std::getline(file, name);
+    if (title != "pblinalg run" || gates != "gates" || list != "list" || state != "state" ||
+        name.empty()) {
+        return std::nullopt;
+    }
+    progress.state = (std::filesystem::path(path).parent_path() / name).string();
+    return progress;
+}
+
+std::string content_of(const std::string& path) {
+    std::ifstream file(path);
+    std::stringstream content;
+    content << file.rdbuf();
+    return content.str();
+}
+
+}  // namespace
+
+std::string saved_state(const std::string& path) {
+    const auto progress = parse_progress(content_of(path), path);
+    return progress ? progress->state : "";
+}
+
+RunProgress read_progress(const Communicator& communicator, const std::string& path) {
     std::string text;
     together(communicator.get(), [&] {
         if (communicator.rank() != 0) return;
-        std::ifstream file(path);
-        if (!file) throw std::runtime_error(path + " cannot be read");
-        std::stringstream content;
-        content << file.rdbuf();
-        text = content.str();
+        if (!std::ifstream(path)) throw std::runtime_error(path + " cannot be read");
+        text = content_of(path);
     });
     auto length = static_cast<std::uint64_t>(text.size());
     MPI_Bcast(&length, 1, MPI_UINT64_T, 0, communicator.get());
     together(communicator.get(), [&] { text.resize(length); });
     MPI_Bcast(text.data(), static_cast<int>(length), MPI_CHAR, 0, communicator.get());
+    RunProgress progress;
     together(communicator.get(), [&] {
-        std::istringstream file(text);
-        std::string title, gates, list, state;
-        std::getline(file, title);
-        file >> gates >> progress.gates >> list >> progress.list >> state >> std::ws;
-        std::getline(file, progress.state);
-        if (title != "pblinalg run" || gates != "gates" || list != "list" || state != "state" ||
-            progress.state.empty()) {
-            throw std::runtime_error(path + " is no checkpoint, or is cut short");
-        }
+        const auto found = parse_progress(text, path);
+        if (!found) throw std::runtime_error(path + " is no checkpoint, or is cut short");
+        progress = *found;
     });
     return progress;
 }

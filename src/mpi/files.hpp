@@ -14,6 +14,13 @@ struct RunProgress {
     std::string state;        ///< file of the amplitudes
 };
 
+/// Where the amplitudes that `progress` tells of go beside the checkpoint at `path`: no other run
+/// writes there.
+std::string state_file(const std::string& path, const RunProgress& progress);
+
+/// The file of the amplitudes of the checkpoint at `path`; empty when there is none.
+std::string saved_state(const std::string& path);
+
 /// Replaces the file at `path` at once; collective.
 /// Errors: std::runtime_error.
 void write_progress(const Communicator& communicator, const std::string& path,

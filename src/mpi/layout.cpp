@@ -7,6 +7,13 @@ namespace pblinalg::mpi {
 
 using cpu::bit;
 
+Index mask_of(std::span<const unsigned int> qubits) {
+    Index mask = 0;
+    for (const unsigned int qubit : qubits)
+        mask |= bit(qubit);
+    return mask;
+}
+
 RankNumbers::RankNumbers(unsigned int bits) {
     for (unsigned int b = 0; b < bits; ++b) {
         rows_.push_back(bit(b));

@@ -13,6 +13,9 @@ namespace pblinalg::mpi {
 
 using cpu::Index;
 
+/// The bits of listed qubits.
+Index mask_of(std::span<const unsigned int> qubits);
+
 /// Numbers of the ranks: number = a linear map of the rank, with some bits flipped. Both directions
 /// are kept.
 class RankNumbers {

@@ -2,7 +2,9 @@
 
 #include <algorithm>
 #include <bit>
+#include <cmath>
 #include <limits>
+#include <utility>
 
 #include "circuits/planner.hpp"
 #include "core/bit_placement.hpp"
@@ -16,8 +18,23 @@ using cpu::Pass;
 
 namespace {
 
-/// Operations left out while more are looked at: exchanges cost far more than any search.
-constexpr std::size_t look_ahead = 512;
+/// Operations between two chances to stop, at the most: so many that a pass over memory more does
+/// not count.
+constexpr std::size_t max_stretch = 1024;
+
+/// How far planning looks: exchanges cost far more than any search.
+struct Search {
+    std::size_t look_ahead;   ///< operations left out while more are looked at
+    std::size_t reach;        ///< operations looked at to choose the bits
+    unsigned int max_starts;  ///< sets of bits that are compared
+};
+constexpr Search search_for(Accuracy accuracy) {
+    if (accuracy == Accuracy::rounding) return {1024, 512, 16};
+    return {512, 160, 4};
+}
+// Stops count on it that no pass leaves out more.
+static_assert(search_for(Accuracy::exact).look_ahead <= max_stretch &&
+              search_for(Accuracy::rounding).look_ahead <= max_stretch);
 
 constexpr std::uint32_t never = ~std::uint32_t{0};
 
@@ -161,42 +178,71 @@ std::vector<BitSwap> swaps_to(Index local, const Layout& layout) {
     return swaps;
 }
 
+/// @param first  the bits that the first pass wants within ranks, 0: those with which it takes the
+///               most operations.
+RankPlan plan_passes(std::span<const Operation> operations, const Layout& layout,
+                     const Search& search, bool keeps_order, Index first) {
+    RankPlan plan{{}, layout};
+    const Uses uses(operations, layout.n_qubits());
+    cpu::Planner planner(operations, {.n_bits = layout.n_qubits(),
+                                      .part_bits = layout.local_bits(),
+                                      .always = 0,
+                                      .renumbered = cpu::low_mask(layout.n_qubits()),
+                                      .look_ahead = search.look_ahead,
+                                      .max_length = std::numeric_limits<std::size_t>::max(),
+                                      .keeps_order = keeps_order,
+                                      .reach = search.reach,
+                                      .max_starts = search.max_starts,
+                                      .whole_parts = true,
+                                      .first_active = first});
+    for (Pass pass; planner.next(pass);) {
+        std::vector<BitSwap> swaps =
+            swaps_to(choose_local(pass, plan.layout.local_qubits(), uses, planner), plan.layout);
+        plan.layout.apply(swaps);
+        for (std::span<const Pass::Entry> rest = pass.operations; !rest.empty();) {
+            const auto piece = rest.first(std::min(rest.size(), max_stretch));
+            rest = rest.subspan(piece.size());
+            RankPass& own = plan.passes.emplace_back();
+            own.swaps = std::exchange(swaps, {});
+            for (const auto& entry : piece) {
+                own.operations.push_back(
+                    static_cast<std::uint32_t>(entry.operation - operations.data()));
+                renumber(*entry.operation, plan.layout);
+            }
+            own.reached = planner.reached(rest);
+        }
+    }
+    return plan;
+}
+
 }  // namespace
 
+double RankPass::share_sent() const {
+    return 1 - std::ldexp(1.0, -static_cast<int>(swaps.size()));
+}
+
 template <class T>
-RankPlan plan_ranks(cpu::Program<T>& program, const Layout& layout) {
+RankPlan plan_ranks(cpu::Program<T>& program, const Layout& layout, Accuracy accuracy) {
     const std::vector<unsigned int> names = take_out_swaps(program);
     fold_parity_diagonals(program.operations);
     // Within a rank they find out for themselves what runs on the whole array only.
     for (Operation& operation : program.operations)
         operation.alone = false;
-    const std::span<const Operation> operations = program.operations;
-    RankPlan plan{{}, layout};
-    const Uses uses(operations, program.nqubits);
-    cpu::Planner planner(operations, {.n_bits = program.nqubits,
-                                      .part_bits = layout.local_bits(),
-                                      .always = 0,
-                                      .renumbered = cpu::low_mask(program.nqubits),
-                                      .look_ahead = look_ahead,
-                                      .max_length = std::numeric_limits<std::size_t>::max(),
-                                      .keeps_order = true,
-                                      .reach = 160,
-                                      .max_starts = 4,
-                                      .whole_parts = true});
-    for (Pass pass; planner.next(pass);) {
-        RankPass& own = plan.passes.emplace_back();
-        own.swaps =
-            swaps_to(choose_local(pass, plan.layout.local_qubits(), uses, planner), plan.layout);
-        plan.layout.apply(own.swaps);
-        for (const auto& entry : pass.operations) {
-            own.operations.push_back(
-                static_cast<std::uint32_t>(entry.operation - operations.data()));
-            renumber(*entry.operation, plan.layout);
-        }
-        own.reached = planner.reached();
-    }
-    plan.layout.relabel(names);
-    return plan;
+    const auto cost = [](const RankPlan& plan) {
+        double sum = 0;
+        for (const RankPass& pass : plan.passes)
+            sum += pass.share_sent();
+        return sum;
+    };
+    const auto plan = [&](Index first) {
+        return plan_passes(program.operations, layout, search_for(accuracy),
+                           accuracy == Accuracy::exact, first);
+    };
+    // A first pass on the bits at hand takes fewer operations, and no exchange.
+    RankPlan best = plan(layout.local_qubits());
+    if (RankPlan other = plan(0); cost(other) < cost(best)) best = std::move(other);
+    best.layout.relabel(names);
+    return best;
 }
 
 bool renumber(const Operation& operation, Layout& layout) {
@@ -375,7 +421,7 @@ void localise(const Operation& operation, const cpu::Program<T>& program, const 
 
 #define PBLINALG_INSTANTIATE(T)                                                                  \
     template std::vector<unsigned int> take_out_swaps<T>(cpu::Program<T>&);                      \
-    template RankPlan plan_ranks<T>(cpu::Program<T>&, const Layout&);                            \
+    template RankPlan plan_ranks<T>(cpu::Program<T>&, const Layout&, Accuracy);                  \
     template void localise<T>(const Operation&, const cpu::Program<T>&, const T*, const Layout&, \
                               Index, cpu::Program<T>&);
 PBLINALG_INSTANTIATE(float)

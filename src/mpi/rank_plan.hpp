@@ -11,11 +11,14 @@
 
 namespace pblinalg::mpi {
 
-/// An exchange, then operations that every rank runs by itself.
+/// An exchange, if any, then operations that every rank runs by itself.
 struct RankPass {
     std::vector<BitSwap> swaps;  ///< distinct bits
     std::vector<std::uint32_t> operations;
     cpu::Reached reached;  ///< what a stop finds after it
+
+    /// Of the amplitudes of a rank.
+    double share_sent() const;
 };
 
 struct RankPlan {
@@ -31,12 +34,13 @@ std::vector<unsigned int> take_out_swaps(cpu::Program<T>& program);
 /// Puts `program` into the form that ranks run and plans it.
 ///
 /// Bits that exchanges bring in are those that targets need soonest, as many as a pass can use;
-/// those that they send out are needed last.
+/// those that they send out are needed last. By rounding, gates on different qubits overtake each
+/// other, so that passes are longer.
 ///
 /// @param program  loses its SWAPs, which become new names of qubits; takes fewer targets in every
 ///                 operation than `layout` has bits within ranks.
 template <class T>
-RankPlan plan_ranks(cpu::Program<T>& program, const Layout& layout);
+RankPlan plan_ranks(cpu::Program<T>& program, const Layout& layout, Accuracy accuracy);
 
 /// Follows an operation that renumbers ranks.
 /// @return whether it is one: an X with its target on a bit of the numbers.

@@ -34,13 +34,6 @@ Index pattern_of(std::span<const unsigned int> qubits, std::uint64_t outcome) {
     return pattern;
 }
 
-Index mask_of(std::span<const unsigned int> qubits) {
-    Index mask = 0;
-    for (const unsigned int qubit : qubits)
-        mask |= bit(qubit);
-    return mask;
-}
-
 }  // namespace
 
 template <class T>
@@ -92,7 +85,7 @@ T StateVector<T>::total_probability() {
 
 template <class T>
 T StateVector<T>::probability(std::uint64_t outcome, const Qubits& qubits) {
-    together(state_->comm(), [&] { require_list(qubits, nqubits()); });
+    state_->agree_on(qubits, {outcome}, "the list of qubits or the outcome");
     return state_->weight(mask_of(qubits), pattern_of(qubits, outcome));
 }
 
@@ -104,6 +97,10 @@ std::complex<double> StateVector<T>::inner(StateVector& other) {
                                     " ranks; expected " + std::to_string(nqubits()) + " on " +
                                     std::to_string(ranks()));
     }
+    int order = MPI_UNEQUAL;
+    MPI_Comm_compare(state_->comm(), other.state_->comm(), &order);
+    if (order != MPI_CONGRUENT && order != MPI_IDENT)
+        throw std::invalid_argument("the other state lies on other ranks, or in another order");
     State& a = *state_;
     State& b = *other.state_;
     a.sort();
@@ -136,23 +133,13 @@ std::vector<std::complex<double>> StateVector<T>::reduced_density_matrix(const Q
     const auto listed = static_cast<unsigned int>(qubits.size());
     std::vector<std::complex<double>> result;
     std::optional<cpu::PybindLinAlgStateVectorCPU<T>> own;
+    state_->agree_on(qubits, {}, "the list of qubits");
     together(state_->comm(), [&] {
-        require_list(qubits, nqubits());
-        if (listed > local_qubits()) {
-            throw std::invalid_argument(std::to_string(listed) + " qubits are listed; a rank has " +
-                                        std::to_string(local_qubits()));
-        }
+        require_list_within(qubits, nqubits(), local_qubits());
         result.resize(bit(2 * listed));
         own.emplace(0u);
     });
-    Index within = mask_of(qubits);
-    for (Index others = state_->layout.local_qubits() & ~within;
-         count_bits(within) < local_qubits(); others &= others - 1)
-        within |= cpu::lowest_bit(others);
-    state_->bring_in(within);
-    Qubits places;
-    for (const unsigned int qubit : qubits)
-        places.push_back(state_->layout.place[qubit]);
+    const Qubits places = state_->hold(qubits);
     // The amplitudes of this rank as a state of its own, lent to it.
     own->nqubits = local_qubits();
     own->size = state_->local_size();
@@ -160,23 +147,19 @@ std::vector<std::complex<double>> StateVector<T>::reduced_density_matrix(const Q
     own->state = cpu::AlignedArray<Amplitude>(state_->amplitudes.get(), [](Amplitude*) {});
     together(state_->comm(),
              [&] { pblinalg::reduced_density_matrix(*own, places, result.data()); });
-    // No message may have more numbers than an int counts.
-    constexpr std::size_t longest = 1 << 20;
-    for (std::size_t begin = 0; begin < result.size(); begin += longest) {
-        const auto count = static_cast<int>(2 * std::min(longest, result.size() - begin));
-        MPI_Allreduce(MPI_IN_PLACE, &result[begin], count, MPI_DOUBLE, MPI_SUM, state_->comm());
-    }
+    in_messages(result.size(), [&](std::size_t begin, int count) {
+        MPI_Allreduce(MPI_IN_PLACE, &result[begin], 2 * count, MPI_DOUBLE, MPI_SUM, state_->comm());
+    });
     return result;
 }
 
 template <class T>
-std::vector<T> StateVector<T>::distribution(const Qubits& qubits) {
-    const unsigned int n = nqubits(), l = local_qubits();
+std::vector<T> StateVector<T>::State::outcome_sums(std::span<const unsigned int> qubits) {
+    const unsigned int n = layout.n_qubits(), l = local_bits();
     const Index inside = cpu::low_mask(l);
     Qubits reversed;
     std::vector<T> result;
-    together(state_->comm(), [&] {
-        require_list(qubits, n);
+    together(comm(), [&] {
         reversed.assign(qubits.rbegin(), qubits.rend());
         result.resize(bit(static_cast<unsigned int>(qubits.size())));
     });
@@ -186,11 +169,15 @@ std::vector<T> StateVector<T>::distribution(const Qubits& qubits) {
     const Index pieces = cpu::outcome_pieces(everything, reversed, in_pieces);
     const Index free_ranks = bit(count_bits(free & ~inside));
     if (pieces < free_ranks && n <= max_copied_qubits) {
-        const auto copy = state_->whole();
-        copy->get_distribution(result.data(), T(0), qubits);
+        const auto copy = whole();
+        together(comm(), [&] {
+            const auto all = cpu::amplitude_view(copy->state.get(), n);
+            const cpu::TeamScratch scratch(1, cpu::outcome_scratch_bytes(all, reversed, in_pieces));
+            cpu::outcome_probabilities(all, reversed, in_pieces, result.data(), scratch.of(0));
+        });
         return result;
     }
-    state_->sort();
+    sort();
     // The pieces of this rank as further outcomes, told apart by the highest qubits that are not
     // listed.
     const Index own_pieces = std::max<Index>(pieces / free_ranks, 1);
@@ -200,53 +187,63 @@ std::vector<T> StateVector<T>::distribution(const Qubits& qubits) {
     Qubits own_list;
     std::vector<T> sums;
     Index own_outcomes = bit(count_bits(listed & inside));
-    together(state_->comm(), [&] {
+    together(comm(), [&] {
         for (const Index part : {listed & inside, piece_qubits}) {
             for (Index rest = part; rest != 0; rest &= rest - 1)
                 own_list.push_back(static_cast<unsigned int>(std::countr_zero(rest)));
         }
         sums.resize(own_outcomes * own_pieces);
-        const cpu::TeamScratch scratch(1, cpu::outcome_scratch_bytes(state_->view(), own_list, 1));
-        cpu::outcome_probabilities(state_->view(), own_list, 1, sums.data(), scratch.of(0));
+        const cpu::TeamScratch scratch(1, cpu::outcome_scratch_bytes(view(), own_list, 1));
+        cpu::outcome_probabilities(view(), own_list, 1, sums.data(), scratch.of(0));
     });
     // A chain through the ranks that share the listed qubits' values adds piece after piece.
-    const Index number = state_->number();
+    const Index own = number();
     const Index held = listed >> l;
     const Index free_numbers = free >> l;
-    const Index place = cpu::extract_bits(number, free_numbers);
+    const Index place = cpu::extract_bits(own, free_numbers);
     const auto neighbour = [&](Index other) {
-        return static_cast<int>(state_->layout.numbers.rank_of(
-            (number & held) | cpu::deposit_bits(other, free_numbers)));
+        return static_cast<int>(
+            layout.numbers.rank_of((own & held) | cpu::deposit_bits(other, free_numbers)));
     };
-    const auto count = static_cast<int>(own_outcomes);
     std::vector<T> totals;
-    together(state_->comm(), [&] { totals.resize(own_outcomes); });
-    if (place > 0) {
-        MPI_Recv(totals.data(), count, mpi_type<T>(), neighbour(place - 1), 0, state_->comm(),
-                 MPI_STATUS_IGNORE);
-    }
-    for (std::size_t i = 0; i < sums.size(); ++i)
-        totals[i % own_outcomes] += sums[i];
-    if (place + 1 < free_ranks) {
-        MPI_Send(totals.data(), count, mpi_type<T>(), neighbour(place + 1), 0, state_->comm());
-    } else {
-        for (Index s = 0; s < own_outcomes; ++s) {
-            const Index index = cpu::deposit_bits(s, listed & inside) | (number << l & listed);
-            Index outcome = 0;
-            for (const unsigned int qubit : qubits)
-                outcome = outcome << 1 | (index >> qubit & 1);
-            // As the exports do: an entry that is not above 0 is 0.
-            result[outcome] = totals[s] > 0 ? totals[s] : T(0);
+    together(comm(), [&] { totals.resize(own_outcomes); });
+    in_messages(own_outcomes, [&](std::size_t begin, int count) {
+        T* const total = &totals[begin];
+        if (place > 0) {
+            MPI_Recv(total, count, mpi_type<T>(), neighbour(place - 1), 0, comm(),
+                     MPI_STATUS_IGNORE);
         }
+        for (Index piece = 0; piece < own_pieces; ++piece) {
+            for (int i = 0; i < count; ++i)
+                total[i] += sums[piece * own_outcomes + begin + static_cast<std::size_t>(i)];
+        }
+        if (place + 1 < free_ranks)
+            MPI_Send(total, count, mpi_type<T>(), neighbour(place + 1), 0, comm());
+    });
+    for (Index s = 0; s < own_outcomes && place + 1 == free_ranks; ++s) {
+        const Index index = cpu::deposit_bits(s, listed & inside) | (own << l & listed);
+        Index outcome = 0;
+        for (const unsigned int qubit : qubits)
+            outcome = outcome << 1 | (index >> qubit & 1);
+        result[outcome] = totals[s];
     }
-    MPI_Allreduce(MPI_IN_PLACE, result.data(), static_cast<int>(result.size() * sizeof(T)),
-                  MPI_BYTE, MPI_BOR, state_->comm());
+    or_together(comm(), result);
+    return result;
+}
+
+template <class T>
+std::vector<T> StateVector<T>::distribution(const Qubits& qubits) {
+    state_->agree_on(qubits, {}, "the list of qubits");
+    std::vector<T> result = state_->outcome_sums(qubits);
+    // As the exports do: an entry that is not above 0 is 0.
+    for (T& sum : result)
+        sum = sum > 0 ? sum : T(0);
     return result;
 }
 
 template <class T>
 void StateVector<T>::project(const Qubits& qubits, std::uint64_t outcome) {
-    together(state_->comm(), [&] { require_list(qubits, nqubits()); });
+    state_->agree_on(qubits, {outcome}, "the list of qubits or the outcome");
     const Index mask = mask_of(qubits), values = pattern_of(qubits, outcome);
     const T weight = state_->weight(mask, values);
     const Layout& layout = state_->layout;
@@ -281,15 +278,16 @@ void StateVector<T>::project_then_reset(const Qubits& qubits, std::uint64_t outc
     run(list);
 }
 
-#define PBLINALG_INSTANTIATE(T)                                                        \
-    template T StateVector<T>::State::weight(Index, Index);                            \
-    template T StateVector<T>::total_probability();                                    \
-    template T StateVector<T>::probability(std::uint64_t, const Qubits&);              \
-    template std::complex<double> StateVector<T>::inner(StateVector&);                 \
-    template std::vector<std::complex<double>> StateVector<T>::reduced_density_matrix( \
-        const Qubits&);                                                                \
-    template std::vector<T> StateVector<T>::distribution(const Qubits&);               \
-    template void StateVector<T>::project(const Qubits&, std::uint64_t);               \
+#define PBLINALG_INSTANTIATE(T)                                                                 \
+    template T StateVector<T>::State::weight(Index, Index);                                     \
+    template T StateVector<T>::total_probability();                                             \
+    template T StateVector<T>::probability(std::uint64_t, const Qubits&);                       \
+    template std::complex<double> StateVector<T>::inner(StateVector&);                          \
+    template std::vector<std::complex<double>> StateVector<T>::reduced_density_matrix(          \
+        const Qubits&);                                                                         \
+    template std::vector<T> StateVector<T>::State::outcome_sums(std::span<const unsigned int>); \
+    template std::vector<T> StateVector<T>::distribution(const Qubits&);                        \
+    template void StateVector<T>::project(const Qubits&, std::uint64_t);                        \
     template void StateVector<T>::project_then_reset(const Qubits&, std::uint64_t);
 PBLINALG_INSTANTIATE(float)
 PBLINALG_INSTANTIATE(double)

@@ -7,7 +7,6 @@
 #include <stdexcept>
 
 #include "core/parallel.hpp"
-#include "mpi/checks.hpp"
 #include "mpi/state.hpp"
 #include "readout/draws.hpp"
 #include "readout/probabilities.hpp"
@@ -91,8 +90,9 @@ std::vector<std::uint64_t> StateVector<T>::State::sample(std::uint64_t shots,
     const unsigned int n = layout.n_qubits();
     const bool receives = root < 0 || root == communicator.rank();
     std::vector<std::uint64_t> outcomes;
+    agree_on(qubits, {shots, static_cast<std::uint64_t>(root), one_by_one},
+             "the list of qubits, the number of shots or the root");
     together(comm(), [&] {
-        require_list(qubits, n);
         if (root >= communicator.size()) {
             throw std::invalid_argument("root = " + std::to_string(root) +
                                         ": expected a rank below " +
@@ -200,11 +200,17 @@ std::uint64_t StateVector<T>::measure(const Qubits& qubits) {
     return state_->sample(1, qubits, -1, true)[0];
 }
 
+template <class T>
+std::uint64_t StateVector<T>::measure_by_pieces(const Qubits& qubits) {
+    return state_->sample(1, qubits, -1, false)[0];
+}
+
 #define PBLINALG_INSTANTIATE(T)                                                                    \
     template std::vector<std::uint64_t> StateVector<T>::sample(std::uint64_t, const Qubits&, int); \
     template std::vector<std::uint64_t> StateVector<T>::sample_by_pieces(std::uint64_t,            \
                                                                          const Qubits&, int);      \
-    template std::uint64_t StateVector<T>::measure(const Qubits&);
+    template std::uint64_t StateVector<T>::measure(const Qubits&);                                 \
+    template std::uint64_t StateVector<T>::measure_by_pieces(const Qubits&);
 PBLINALG_INSTANTIATE(float)
 PBLINALG_INSTANTIATE(double)
 #undef PBLINALG_INSTANTIATE

@@ -8,11 +8,11 @@
 
 #include "circuits/plan.hpp"
 #include "core/bit_placement.hpp"
+#include "core/parallel.hpp"
 #include "core/team_scratch.hpp"
 #include "mpi/checks.hpp"
 #include "mpi/exchange.hpp"
 #include "mpi/state.hpp"
-#include "readout/export.hpp"
 
 namespace pblinalg::mpi {
 
@@ -37,32 +37,48 @@ unsigned int rank_bits_of(const Communicator& communicator, unsigned int nqubits
 }  // namespace
 
 template <class T>
-StateVector<T>::State::State(MPI_Comm comm, unsigned int nqubits)
+StateVector<T>::State::State(MPI_Comm comm, unsigned int nqubits, int num_threads)
     : communicator(comm),
       layout(nqubits, rank_bits_of(communicator, nqubits)),
-      amplitudes(nullptr, cpu::aligned_array_delete<std::complex<T>>) {
+      amplitudes(nullptr, cpu::aligned_array_delete<std::complex<T>>),
+      num_threads(num_threads) {
+    const int workers = cpu::plan_workers<T>(local_bits(), num_threads);
     together(this->comm(),
-             [&] { amplitudes = cpu::new_zeroed_array<std::complex<T>>(local_size(), 1); });
+             [&] { amplitudes = cpu::new_zeroed_array<std::complex<T>>(local_size(), workers); });
     std::uint64_t seed =
         static_cast<std::uint64_t>(std::chrono::system_clock::now().time_since_epoch().count());
     MPI_Bcast(&seed, 1, MPI_UINT64_T, 0, this->comm());
     rng.seed(seed);
-    clear();
+    if (rank() == 0) amplitudes[0] = 1;
+}
+
+template <class T>
+void StateVector<T>::State::agree_on(std::span<const unsigned int> qubits,
+                                     std::initializer_list<std::uint64_t> others,
+                                     const char* what) const {
+    together(comm(), [&] { require_list(qubits, layout.n_qubits()); });
+    Digest digest;
+    digest.add_all(qubits);
+    digest.add_all(others);
+    require_same(comm(), digest.value(), what);
 }
 
 template <class T>
 void StateVector<T>::State::clear(bool basis_state_0) {
     layout = Layout(layout.n_qubits(), layout.rank_bits);
-    std::fill_n(amplitudes.get(), local_size(), std::complex<T>());
+    cpu::for_each_block(local_size(), local_size(), num_threads, [&](Index begin, Index end) {
+        std::fill(&amplitudes[begin], &amplitudes[end], std::complex<T>());
+    });
     if (basis_state_0 && rank() == 0) amplitudes[0] = 1;
 }
 
 template <class T>
-void StateVector<T>::State::run_here(cpu::Program<T> program, const T* factors) {
+void StateVector<T>::State::run_here(cpu::Program<T> program, Accuracy accuracy) {
     program.nqubits = local_bits();
     const int workers = cpu::plan_workers<T>(local_bits(), num_threads);
-    const cpu::Plan<T> plan(std::move(program), cpu::plan_shape<T>(local_bits(), workers));
-    plan.run(amplitudes.get(), workers, factors ? factors : plan.program().factors.data(), {});
+    const cpu::Plan<T> plan(std::move(program),
+                            cpu::plan_shape<T>(local_bits(), workers, accuracy));
+    plan.run(amplitudes.get(), workers, plan.program().factors.data(), {});
 }
 
 template <class T>
@@ -83,15 +99,30 @@ void StateVector<T>::State::bring_in(Index qubits) {
 }
 
 template <class T>
+auto StateVector<T>::State::hold(std::span<const unsigned int> qubits) -> Qubits {
+    Index within = mask_of(qubits);
+    for (Index others = layout.local_qubits() & ~within; cpu::count_bits(within) < local_bits();
+         others &= others - 1)
+        within |= cpu::lowest_bit(others);
+    bring_in(within);
+    Qubits places;
+    for (const unsigned int qubit : qubits)
+        places.push_back(layout.place[qubit]);
+    return places;
+}
+
+template <class T>
 void StateVector<T>::State::sort(Index qubits, bool descending) {
     bring_in(qubits);
+    // What holds once the amplitudes have moved.
+    Layout sorted = layout;
     cpu::Program<T> program;
     unsigned int next_local = 0, next_rank = local_bits();
     for (unsigned int i = 0; i < layout.n_qubits(); ++i) {
         const unsigned int q = descending ? layout.n_qubits() - 1 - i : i;
-        const bool inside = layout.is_local(q);
+        const bool inside = sorted.is_local(q);
         const unsigned int to = inside ? next_local++ : next_rank++;
-        const unsigned int from = layout.place[q];
+        const unsigned int from = sorted.place[q];
         if (from == to) continue;
         if (inside) {
             program.operations.push_back(
@@ -100,18 +131,18 @@ void StateVector<T>::State::sort(Index qubits, bool descending) {
                  .targets = {static_cast<unsigned char>(from), static_cast<unsigned char>(to)},
                  .target_bits = bit(from) | bit(to)});
         } else {
-            layout.numbers.exchange(from - local_bits(), to - local_bits());
+            sorted.numbers.exchange(from - local_bits(), to - local_bits());
         }
-        const unsigned int other = layout.qubits_by_place()[to];
-        std::swap(layout.place[q], layout.place[other]);
+        const unsigned int other = sorted.qubits_by_place()[to];
+        std::swap(sorted.place[q], sorted.place[other]);
     }
-    if (!program.operations.empty())
-        together(comm(), [&] { run_here(std::move(program), nullptr); });
+    if (!program.operations.empty()) together(comm(), [&] { run_here(std::move(program)); });
+    layout = std::move(sorted);
 }
 
 template <class T>
-StateVector<T>::StateVector(MPI_Comm comm, unsigned int nqubits)
-    : state_(std::make_unique<State>(comm, nqubits)) {}
+StateVector<T>::StateVector(MPI_Comm comm, unsigned int nqubits, int num_threads)
+    : state_(std::make_unique<State>(comm, nqubits, num_threads)) {}
 
 template <class T>
 StateVector<T>::~StateVector() = default;
@@ -122,11 +153,10 @@ StateVector<T>& StateVector<T>::operator=(StateVector&&) noexcept = default;
 
 template <class T>
 StateVector<T> StateVector<T>::copy() const {
-    StateVector result(state_->comm(), nqubits());
+    StateVector result(state_->comm(), nqubits(), state_->num_threads);
     State& to = *result.state_;
     to.layout = state_->layout;
     std::copy_n(state_->amplitudes.get(), state_->local_size(), to.amplitudes.get());
-    to.num_threads = state_->num_threads;
     to.rng = state_->rng;
     return result;
 }
@@ -153,6 +183,7 @@ void StateVector<T>::set_num_threads(int num_threads) {
 }
 template <class T>
 void StateVector<T>::seed(std::uint64_t value) {
+    require_same(state_->comm(), value, "the seed");
     state_->rng.seed(value);
 }
 
@@ -163,12 +194,14 @@ void StateVector<T>::reset() {
 
 template <class T>
 void StateVector<T>::set_amplitudes(std::span<const Amplitude> amplitudes) {
-    together(state_->comm(), [&] {
-        if (amplitudes.size() != bit(nqubits())) {
-            throw std::invalid_argument("amplitudes holds " + std::to_string(amplitudes.size()) +
-                                        " elements; expected " + std::to_string(bit(nqubits())));
-        }
-    });
+    together(state_->comm(),
+             [&] { require_count(amplitudes.size(), bit(nqubits()), "amplitudes"); });
+    Digest digest;
+    for (const Amplitude amplitude : amplitudes) {
+        digest.add_number(amplitude.real());
+        digest.add_number(amplitude.imag());
+    }
+    require_same(state_->comm(), digest.value(), "what amplitudes holds");
     state_->clear(false);
     const Index base = state_->number() << local_qubits();
     for (Index i = 0; i < state_->local_size(); ++i)
@@ -191,13 +224,14 @@ auto StateVector<T>::amplitudes(std::span<const std::uint64_t> indices) -> std::
         }
         values.resize(indices.size());
     });
+    Digest digest;
+    digest.add_all(indices);
+    require_same(state_->comm(), digest.value(), "the list of indices");
     for (std::size_t k = 0; k < indices.size(); ++k) {
         const Index index = cpu::reverse_bits(indices[k], nqubits());
         if ((index & fixed) == own) values[k] = state_->amplitudes[layout.local_places(index)];
     }
-    // Bits, not numbers: each is zero on all ranks but one.
-    MPI_Allreduce(MPI_IN_PLACE, values.data(), static_cast<int>(values.size() * sizeof(Amplitude)),
-                  MPI_BYTE, MPI_BOR, state_->comm());
+    or_together(state_->comm(), values);
     return values;
 }
 
@@ -210,9 +244,11 @@ void StateVector<T>::State::collect(std::complex<T>* all, int root) {
             places.push_back(static_cast<int>(layout.numbers.number_of(static_cast<Index>(r))));
         }
     });
-    MPI_Datatype amplitude, block;
-    MPI_Type_contiguous(sizeof(std::complex<T>), MPI_BYTE, &amplitude);
-    MPI_Type_contiguous(static_cast<int>(local_size()), amplitude, &block);
+    // In two steps: there may be more amplitudes than an int counts.
+    const Index page = std::min(local_size(), Index{1} << 16);
+    MPI_Datatype pages, block;
+    MPI_Type_contiguous(static_cast<int>(page * sizeof(std::complex<T>)), MPI_BYTE, &pages);
+    MPI_Type_contiguous(static_cast<int>(local_size() / page), pages, &block);
     MPI_Type_commit(&block);
     if (root < 0) {
         MPI_Allgatherv(amplitudes.get(), 1, block, all, counts.data(), places.data(), block,
@@ -222,7 +258,7 @@ void StateVector<T>::State::collect(std::complex<T>* all, int root) {
                     comm());
     }
     MPI_Type_free(&block);
-    MPI_Type_free(&amplitude);
+    MPI_Type_free(&pages);
 }
 
 template <class T>
@@ -245,27 +281,20 @@ auto StateVector<T>::gather(int root) -> std::vector<Amplitude> {
                                         ": expected a rank below " + std::to_string(ranks()));
         }
     });
-    state_->sort();
-    const bool receives = root < 0 || root == rank();
-    std::vector<Amplitude> in_order, result;
+    require_same(state_->comm(), static_cast<std::uint64_t>(root), "the root");
+    state_->sort_by_caller();
+    std::vector<Amplitude> result;
     together(state_->comm(), [&] {
-        if (!receives) return;
-        in_order.resize(bit(nqubits()));
-        result.resize(bit(nqubits()));
+        if (root < 0 || root == rank()) result.resize(bit(nqubits()));
     });
-    state_->collect(in_order.data(), root);
-    together(state_->comm(), [&] {
-        if (!receives) return;
-        cpu::copy_bit_reversed(cpu::amplitude_view(in_order.data(), nqubits()), result.data(),
-                               state_->num_threads);
-    });
+    state_->collect(result.data(), root);
     return result;
 }
 
 template struct StateVector<float>::State;
 template struct StateVector<double>::State;
 #define PBLINALG_INSTANTIATE(T)                                                 \
-    template StateVector<T>::StateVector(MPI_Comm, unsigned int);               \
+    template StateVector<T>::StateVector(MPI_Comm, unsigned int, int);          \
     template StateVector<T>::~StateVector();                                    \
     template StateVector<T>::StateVector(StateVector&&) noexcept;               \
     template StateVector<T>& StateVector<T>::operator=(StateVector&&) noexcept; \

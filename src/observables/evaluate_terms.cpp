@@ -23,23 +23,6 @@ using Qubits = std::vector<unsigned int>;
 
 constexpr std::size_t max_term_qubits = 61;
 
-template <class T>
-char letter_at(const SimpleTerm<T>& term, std::size_t position) {
-    return position < term.paulis.size() ? term.paulis[position] : 'Z';
-}
-
-/// Drops, from the last "I" to the first, all letters from it on but only the one qubit at it.
-/// Deliberate: a term that goes on after an "I" keeps the qubits of the dropped letters, which
-/// count for the parity without a rotation.
-template <class T>
-void clean(SimpleTerm<T>& term) {
-    for (std::size_t p = term.paulis.size(); p-- > 0;) {
-        if (term.paulis[p] != 'I') continue;
-        term.paulis.erase(p);
-        term.qubits.erase(term.qubits.begin() + static_cast<std::ptrdiff_t>(p));
-    }
-}
-
 /// What one term's estimate works in. It is allocated before the first rotation, so that a failure
 /// leaves every amplitude as it was.
 class Workspace {
@@ -114,17 +97,31 @@ class OutcomeFinder {
 }  // namespace
 
 template <class T>
+void clean(SimpleTerm<T>& term) {
+    for (std::size_t p = term.paulis.size(); p-- > 0;) {
+        if (term.paulis[p] != 'I') continue;
+        term.paulis.erase(p);
+        term.qubits.erase(term.qubits.begin() + static_cast<std::ptrdiff_t>(p));
+    }
+}
+
+template <class T>
+void require_estimable(const SimpleTerm<T>& term) {
+    if (term.qubits.size() > max_term_qubits)
+        throw std::length_error("a term has more than 61 qubits");
+}
+
+template <class T>
 void basis_change(std::complex<T>* amplitudes, const SimpleTerm<T>& term, bool undo,
                   unsigned int num_qubits, int num_threads) {
     const auto apply = [&]<class Gate>(Gate, unsigned int qubit) {
         Template1QBGate<Gate>::apply_controlled(amplitudes, qubit, num_qubits, num_threads, {});
     };
-    for (std::size_t k = 0; k < term.qubits.size(); ++k) {
-        const char letter = letter_at(term, k);
-        if (letter == 'X') apply(GateH(), term.qubits[k]);
-        if (letter == 'Y' && !undo) apply(GateYtoZ(), term.qubits[k]);
-        if (letter == 'Y' && undo) apply(GateZtoY(), term.qubits[k]);
-    }
+    for_each_basis_gate(term, undo, [&](GateKind kind, unsigned int qubit) {
+        if (kind == GateKind::H) apply(GateH(), qubit);
+        if (kind == GateKind::YtoZ) apply(GateYtoZ(), qubit);
+        if (kind == GateKind::ZtoY) apply(GateZtoY(), qubit);
+    });
 }
 
 template <class T>
@@ -134,12 +131,11 @@ void basis_change_deterministic(std::complex<T>* amplitudes, const SimpleTerm<T>
         Template2QBGate<Gate>::template apply_controlled<T>(
             amplitudes, qubit, qubit + num_qubits / 2, num_qubits, num_threads, {});
     };
-    for (std::size_t k = 0; k < term.qubits.size(); ++k) {
-        const char letter = letter_at(term, k);
-        if (letter == 'X') apply(GateHH(), term.qubits[k]);
-        if (letter == 'Y' && !undo) apply(GateYtoZYtoZConj(), term.qubits[k]);
-        if (letter == 'Y' && undo) apply(GateZtoYZtoYConj(), term.qubits[k]);
-    }
+    for_each_basis_gate(term, undo, [&](GateKind kind, unsigned int qubit) {
+        if (kind == GateKind::H) apply(GateHH(), qubit);
+        if (kind == GateKind::YtoZ) apply(GateYtoZYtoZConj(), qubit);
+        if (kind == GateKind::ZtoY) apply(GateZtoYZtoYConj(), qubit);
+    });
 }
 
 namespace {
@@ -212,8 +208,7 @@ std::vector<Estimate<T>> _evaluate_terms(std::complex<T>* amplitudes,
     std::size_t longest = 0;
     std::size_t sum_bytes = 0;
     for (const SimpleTerm<T>& term : terms) {
-        if (term.qubits.size() > max_term_qubits)
-            throw std::length_error("a term has more than 61 qubits");
+        require_estimable(term);
         longest = std::max(longest, term.qubits.size());
         sum_bytes = std::max(sum_bytes, outcome_scratch_bytes(view, term.qubits, num_threads));
     }
@@ -249,6 +244,8 @@ std::vector<Estimate<T>> PybindLinAlgStateVectorCPU<T>::evaluate_terms(
 }
 
 #define PBLINALG_INSTANTIATE(T)                                                                    \
+    template void clean<T>(SimpleTerm<T>&);                                                        \
+    template void require_estimable<T>(const SimpleTerm<T>&);                                      \
     template void basis_change<T>(std::complex<T>*, const SimpleTerm<T>&, bool, unsigned int,      \
                                   int);                                                            \
     template void basis_change_deterministic<T>(std::complex<T>*, const SimpleTerm<T>&, bool,      \

@@ -2,15 +2,36 @@
 // parity, rotate back.
 #pragma once
 
+#include <algorithm>
 #include <complex>
+#include <pblinalg/gates.hpp>
 #include <pblinalg/observable.hpp>
 #include <utility>
 #include <vector>
 
 namespace pblinalg::cpu {
 
-/// Rotates the qubits of `term` so that its letters are read in the Z basis, or back with `undo`.
-/// A qubit without a letter of its own stays as it is.
+/// Drops, from the last "I" to the first, all letters from it on but only the one qubit at it.
+/// Deliberate: a term that goes on after an "I" keeps the qubits of the dropped letters, which
+/// count for the parity without a rotation.
+template <class T>
+void clean(SimpleTerm<T>& term);
+
+/// Errors: std::length_error for a term of more than 61 qubits.
+template <class T>
+void require_estimable(const SimpleTerm<T>& term);
+
+/// Calls `apply(kind, qubit)` for the gates that rotate the qubits of `term` so that its letters
+/// are read in the Z basis, or back with `undo`.
+template <class T, class Apply>
+void for_each_basis_gate(const SimpleTerm<T>& term, bool undo, const Apply& apply) {
+    for (std::size_t k = 0; k < std::min(term.qubits.size(), term.paulis.size()); ++k) {
+        if (term.paulis[k] == 'X') apply(GateKind::H, term.qubits[k]);
+        if (term.paulis[k] == 'Y') apply(undo ? GateKind::ZtoY : GateKind::YtoZ, term.qubits[k]);
+    }
+}
+
+/// Applies the gates of `for_each_basis_gate`. A qubit without a letter of its own stays as it is.
 template <class T>
 void basis_change(std::complex<T>* amplitudes, const SimpleTerm<T>& term, bool undo,
                   unsigned int num_qubits, int num_threads);

@@ -4,8 +4,8 @@
 #include <pblinalg/state_vector_cpu.hpp>
 
 #include "core/aligned_array.hpp"
-#include "core/complex_math.hpp"
 #include "core/parallel.hpp"
+#include "oracles/product_state.hpp"
 #include "readout/export.hpp"
 
 namespace pblinalg {
@@ -84,37 +84,12 @@ void PybindLinAlgStateVectorCPU<T>::reset(std::optional<unsigned long long> sour
 
 template <class T>
 void PybindLinAlgStateVectorCPU<T>::reset_to_str(std::string description) {
-    // Character k governs bit k of an index in caller order.
-    T factor = 1;
-    Index fixed = 0;
-    Index ones = 0;
-    Index minus = 0;
-    bool fits = true;
-    for (std::size_t k = 0; k < description.size(); ++k) {
-        const char letter = description[k];
-        // A character beyond the last qubit meets a bit that is 0 in every index.
-        const Index place = k < nqubits ? bit(static_cast<unsigned int>(k)) : 0;
-        if (letter == '0' || letter == '1') fixed |= place;
-        if (letter == '1') ones |= place;
-        if (letter == '1' && place == 0) fits = false;
-        if (letter == '-') minus |= place;
-        if (letter == '+' || letter == '-') factor *= inv_sqrt2<T>;
-    }
+    const ProductState<T> product(description, nqubits);
     std::complex<T>* const amplitudes = state.get();
-    const std::complex<T> plus_value(factor, T(0));
-    const unsigned int width = nqubits;
-    const Index fixed_index = reverse_bits(fixed, width);
-    const Index ones_index = reverse_bits(ones, width);
-    const Index minus_index = reverse_bits(minus, width);
     // Deliberately the request as it is, not limited to the hardware.
     for_each_block_of_team(size, num_threads, [=](Index begin, Index end) {
-        for (Index i = begin; i < end; ++i) {
-            if (!fits || (i & fixed_index) != ones_index) {
-                amplitudes[i] = std::complex<T>();
-            } else {
-                amplitudes[i] = count_bits(i & minus_index) % 2 ? -plus_value : plus_value;
-            }
-        }
+        for (Index i = begin; i < end; ++i)
+            amplitudes[i] = product(i);
     });
 }
 

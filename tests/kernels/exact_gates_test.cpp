@@ -21,6 +21,12 @@ TEST(InstructionSets, RunTheCodeThatWasCompiledForThem) {
         const auto compiled = []<InstructionSet s>() { return cpu::compiled_register_bytes<s>(); };
         EXPECT_EQ(cpu::dispatch(compiled), bytes);
     });
+#if defined(__x86_64__)
+    for (const auto set : {InstructionSet::avx2, InstructionSet::avx512}) {
+        if (!cpu::supports(set))
+            std::printf("Compiled, but not run on this processor: %s\n", cpu::name_of(set));
+    }
+#endif
 }
 
 /// Correctly rounded: of the angle's half, then of the angle.

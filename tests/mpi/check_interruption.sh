@@ -46,4 +46,4 @@ echo "killed after $gates gates"
 [[ $gates -lt 8000 ]]
 timeout 60 "$1" 2 "$2" resumed "$directory/run"
 # The checkpoint of the end is the only one left.
-[[ $(ls "$directory"/run.*) == "$directory/run.8000.npy" ]]
+[[ $(ls "$directory"/run.*) == "$directory"/run.*.8000.npy ]]

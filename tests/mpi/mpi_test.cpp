@@ -12,6 +12,7 @@
 #include <pblinalg/mpi/state_vector.hpp>
 
 #include "support/random_lists.hpp"
+#include "support/unitary_lists.hpp"
 
 namespace pblinalg::test {
 namespace {
@@ -132,7 +133,7 @@ TYPED_TEST(OverRanks, ParametersRecordsAndWideMatricesRunAsInOneProcess) {
         ASSERT_LT(std::abs(got[i] - expected[i]), 100 * std::numeric_limits<T>::epsilon());
 }
 
-/// A file name that all ranks agree on, removed at the end.
+/// A file name that all ranks agree on; all files that begin with it are removed at the end.
 struct SharedFile {
     SharedFile() {
         long id = getpid();
@@ -142,7 +143,16 @@ struct SharedFile {
     }
     ~SharedFile() {
         MPI_Barrier(MPI_COMM_WORLD);
-        std::filesystem::remove(path);
+        for (const auto& found : all())
+            std::filesystem::remove(found);
+    }
+    std::vector<std::string> all() const {
+        std::vector<std::string> paths;
+        const std::filesystem::path folder = std::filesystem::temp_directory_path();
+        for (const auto& entry : std::filesystem::directory_iterator(folder)) {
+            if (entry.path().string().starts_with(path)) paths.push_back(entry.path().string());
+        }
+        return paths;
     }
     std::string path;
 };
@@ -151,8 +161,11 @@ TYPED_TEST(OverRanks, StopsLeaveTheFirstGatesDone) {
     using T = TypeParam;
     const unsigned int n = rank_bits() + 4;
     std::size_t stops = 0;
-    for (std::uint64_t seed = 0; seed < 6; ++seed) {
-        const GateList list = Dice(seed).list(n, 60);
+    for (std::uint64_t seed = 0; seed < 7; ++seed) {
+        // The last one needs no exchange.
+        const bool stays = seed == 6;
+        const GateList list = stays ? Dice(seed).list(4, 4000) : Dice(seed).list(n, 60);
+        if (stays) stops = 0;
         RunReport report{0, true};
         for (std::size_t calls = 1; report.stopped; ++calls) {
             Both<T> both(n, Filling::ordinary, seed);
@@ -176,8 +189,8 @@ TYPED_TEST(OverRanks, StopsLeaveTheFirstGatesDone) {
             ASSERT_TRUE(both.same()) << "after " << report.gates_done << " gates, seed " << seed;
         }
     }
+    EXPECT_GT(stops, 2u);
     if (rank_bits() == 0) return;
-    EXPECT_GT(stops, 10u);
     // Between checkpoints there may be a single pass: these are asked after, too.
     const SharedFile file;
     Both<T> saved(n);
@@ -185,7 +198,6 @@ TYPED_TEST(OverRanks, StopsLeaveTheFirstGatesDone) {
     const auto at_once = [](std::size_t) { return false; };
     const RunReport report = saved.spread.run(list, {}, {file.path, 4}, at_once);
     EXPECT_TRUE(report.stopped && report.gates_done <= 4) << report.gates_done;
-    if (saved.spread.rank() == 0) std::filesystem::remove(file.path + ".4.npy");
     // What one rank throws is raised on all, and none is out of step.
     Both<T> both(n);
     const int rank = both.spread.rank();
@@ -196,6 +208,81 @@ TYPED_TEST(OverRanks, StopsLeaveTheFirstGatesDone) {
                                  }),
                  std::domain_error);
     both.spread.amplitudes(std::vector<std::uint64_t>{0});
+}
+
+/// The largest difference of an amplitude from those of `whole`.
+template <class T>
+double distance(Both<T>& both) {
+    const auto got = both.spread.gather();
+    return largest_difference(Amplitudes<T>(got.begin(), got.end()), both.expected());
+}
+
+TYPED_TEST(OverRanks, RunsByRoundingAgreeWithExactOnes) {
+    using T = TypeParam;
+    const double angles[] = {0.3, -1.1, 0.9};
+    std::size_t stops = 0;
+    for (std::uint64_t seed = 0; seed < 12; ++seed) {
+        const unsigned int n = rank_bits() + 4 + seed % 3 * 2;
+        const bool is_long = seed % 3 == 2;
+        GateList list;
+        for (std::uint64_t part = 0; part < (is_long ? 4 : 1); ++part) {
+            // On one rank, with gates in between that wait for an exchange.
+            list.append(UnitaryDice(seed + part).list(is_long ? 3 : n, is_long ? 900 : 600, 3));
+            if (is_long) list.add(GateKind::H, n - 1 - part % 2);
+        }
+        Both<T> both(n);
+        both.spread.reset();
+        both.whole.reset();
+        std::size_t told = 0;
+        const auto ask = [&](std::size_t done) {
+            EXPECT_GE(done, told);
+            told = done;
+            return seed % 4 == 0 || both.spread.rank() != 0 || done < (is_long ? 300 : 40) * seed;
+        };
+        const RunReport report = both.spread.run(list, angles, {}, ask, Accuracy::rounding);
+        ASSERT_GE(report.gates_done, told);
+        stops += report.stopped;
+        GateList first, rest;
+        for (std::size_t i = 0; i < list.size(); ++i)
+            (i < report.gates_done ? first : rest).append(list[i]);
+        pblinalg::run(both.whole, first, angles);
+        ASSERT_LE(distance(both), tolerance<T>) << n << " qubits, seed " << seed;
+        both.spread.run(rest, angles, {}, {}, Accuracy::rounding);
+        pblinalg::run(both.whole, rest, angles);
+        ASSERT_LE(distance(both), tolerance<T>) << n << " qubits, seed " << seed;
+    }
+    EXPECT_TRUE(rank_bits() == 0 || stops > 2) << stops;
+
+    const SharedFile file;
+    const unsigned int n = rank_bits() + 4;
+    const GateList list = UnitaryDice(1).list(n, 500);
+    Both<T> both(n);
+    both.spread.reset();
+    both.whole.reset();
+    const mpi::Checkpoint checkpoint{file.path, 200};
+    const auto up_to_100 = [](std::size_t done) { return done < 100; };
+    both.spread.run(list, {}, {file.path, 100}, up_to_100, Accuracy::rounding);
+    EXPECT_THROW(both.spread.resume(list, {}, checkpoint), std::invalid_argument);
+    both.spread.resume(list, {}, checkpoint, {}, Accuracy::rounding);
+    pblinalg::run(both.whole, list);
+    EXPECT_LE(distance(both), tolerance<T>);
+    // A run of another list that stops before it has saved leaves that checkpoint, and one that
+    // saves leaves its own alone.
+    const auto saved = [&] {
+        MPI_Barrier(MPI_COMM_WORLD);
+        return file.all().size();
+    };
+    const GateList other = UnitaryDice(2).list(n, 300);
+    if (rank_bits() > 0) {
+        both.spread.run(other, {}, {file.path, 200}, [](std::size_t) { return false; });
+        EXPECT_EQ(saved(), 2u);
+        both.spread.resume(list, {}, checkpoint, {}, Accuracy::rounding);
+        EXPECT_LE(distance(both), tolerance<T>);
+    }
+    both.spread.run(other, {}, {file.path, 200});
+    EXPECT_EQ(saved(), 2u);
+    EXPECT_THROW(both.spread.resume(list, {}, checkpoint, {}, Accuracy::rounding),
+                 std::invalid_argument);
 }
 
 /// Small states are copied, from 17 qubits on sums are taken where the amplitudes are.
@@ -318,6 +405,79 @@ TYPED_TEST(OverRanks, ExpectationValuesAreThoseOfOneProcess) {
     }
 }
 
+TYPED_TEST(OverRanks, EstimatesAreThoseOfOneProcess) {
+    using T = TypeParam;
+    for (const unsigned int n : readout_sizes) {
+        Both<T> both(n);
+        GateList list;
+        list.add_diagonal({0}, std::vector<std::complex<double>>(2, std::ldexp(1.2, -int(n) / 2)));
+        both.run(list.add(GateKind::H, n - 1).add(GateKind::SWAP, {0, n - 1}));
+        both.spread.seed(n);
+        both.whole.rng.seed(n);
+        Dice dice(n);
+        std::vector<SimpleTerm<T>> terms = {{{}, "", T(2)}, {{n - 1, 0, 1}, "YIX", T(-1)}};
+        for (unsigned int t = 0; t < 8; ++t) {
+            SimpleTerm<T> term{dice.qubits(n, 1 + dice.below(7)), "", {T(t), T(1)}};
+            // The qubits without a letter are read as they are.
+            for (unsigned int k = dice.below(1 + term.qubits.size()); k > 0; --k)
+                term.paulis += "XYZ"[dice.below(3)];
+            terms.push_back(term);
+        }
+        for (const unsigned int shots : {1, 300}) {
+            const auto expected = both.whole.evaluate_terms(terms, shots);
+            const auto got = both.spread.evaluate_terms(terms, shots);
+            ASSERT_EQ(got.size(), expected.size());
+            for (std::size_t t = 0; t < got.size(); ++t) {
+                EXPECT_TRUE(same_bits(got[t].first, expected[t].first) &&
+                            same_bits(got[t].second, expected[t].second))
+                    << n << " qubits, term " << t << ", " << shots << " shots";
+            }
+        }
+        EXPECT_TRUE(both.same());
+        EXPECT_EQ(both.spread.measure({1, n - 1}), both.whole.measure({1, n - 1}));
+    }
+}
+
+TYPED_TEST(OverRanks, LoadsHaveTheBitsOfOneProcess) {
+    using T = TypeParam;
+    const unsigned int p = rank_bits();
+    for (std::uint64_t seed = 0; seed < 40; ++seed) {
+        Dice dice(seed);
+        const unsigned int n = p + 2 + dice.below(7);
+        Both<T> both(n, all_fillings[seed % 4], seed);
+        // Comparisons leave the qubits in order, runs do not.
+        both.run(dice.list(n, 15));
+        const unsigned int width = dice.below(n - p + 1);
+        const Qubits qubits = dice.qubits(n, width + dice.below(n - width + 1));
+        auto values = filled<double>(std::size_t{1} << qubits.size(), Filling::ordinary, seed);
+        // Rows of zeros are not normalised.
+        std::fill_n(values.begin(), dice.below(static_cast<unsigned int>(values.size())), 0.0);
+        std::vector<unsigned long long> words(values.size() >> width);
+        for (auto& word : words)
+            word = dice.below(1u << 20);
+        both.spread.apply_qram(values, qubits, width);
+        both.whole.apply_qram(values.data(), qubits, width);
+        EXPECT_TRUE(both.same()) << "table, seed " << seed;
+        both.run(dice.list(n, 5));
+        both.spread.apply_binary_qram(words, qubits, width);
+        both.whole.apply_binary_qram(words.data(), qubits, width);
+        EXPECT_TRUE(both.same()) << "words, seed " << seed;
+        const Qubits prepared = dice.qubits(n, width);
+        auto amplitudes = filled<double>(std::size_t{1} << width, all_fillings[seed % 3], seed);
+        both.run(dice.list(n, 5));
+        both.spread.apply_state_preparation(amplitudes, prepared);
+        both.whole.apply_state_preparation(amplitudes.data(), prepared);
+        EXPECT_TRUE(both.same()) << "preparation, seed " << seed;
+        std::string description;
+        for (unsigned int k = dice.below(n + 2); k > 0; --k)
+            description += k > n ? '+' : "01+-?"[dice.below(5)];
+        both.run(dice.list(n, 5));
+        both.spread.reset_to_str(description);
+        both.whole.reset_to_str(description);
+        EXPECT_TRUE(both.same()) << description;
+    }
+}
+
 TYPED_TEST(OverRanks, CopiesInnerProductsAndReducedMatricesAreThoseOfOneProcess) {
     using T = TypeParam;
     const unsigned int n = rank_bits() + 5;
@@ -420,6 +580,17 @@ TEST(DryRuns, CountExchangesOfKnownCircuits) {
     EXPECT_LT(moved.bytes, std::ldexp(1, 38));
     // Each pass takes 30 of the 800 gates.
     EXPECT_EQ(mpi::dry_run<float>(mixing, n, 10).traffic.exchanges, 26u);
+    // Chances to stop are none to exchange.
+    GateList staying;
+    staying.add(GateKind::H, n - 1);
+    for (unsigned int i = 0; i < 3000; ++i)
+        staying.add(GateKind::RX, i % 3, 0.3);
+    EXPECT_EQ(mpi::dry_run<float>(staying, n, 10).traffic.exchanges, 1u);
+    const auto by_rounding = [&](const GateList& list) {
+        return mpi::dry_run<double>(list, n, 10, {}, Accuracy::rounding).traffic.exchanges;
+    };
+    EXPECT_EQ(by_rounding(brickwork), 1u);
+    EXPECT_EQ(by_rounding(mixing), 1u);
 }
 
 TEST(DryRuns, SayWhatIsSentAndHowLongItTakes) {
@@ -459,15 +630,23 @@ TEST(Faults, ReachEveryRankAsTheSameError) {
     const double value[] = {here ? 0.0 : 1.0};
     GateList parametrised;
     parametrised.add(GateKind::RX, 0, Angle::of_parameter(0));
+    const std::vector<std::complex<double>> plus = {0.6, 0.8}, minus = {0.6, -0.8};
+    const std::vector<unsigned long long> ones = {1, 1}, twos = {2, 2};
     struct {
         std::string text;
         std::function<void()> work;
         int least_ranks = 1;
     } const cases[] = {
-        {"argument: the gate list or its values differs between ranks", [&] { state.run(list); },
-         2},
-        {"argument: the gate list or its values differs between ranks",
+        {"argument: the gate list, its values or the accuracy differs between ranks",
+         [&] { state.run(list); }, 2},
+        {"argument: the gate list, its values or the accuracy differs between ranks",
          [&] { state.run(parametrised, value); }, 2},
+        {"argument: the gate list, its values or the accuracy differs between ranks",
+         [&] {
+             state.run(GateList().add(GateKind::X, 0), {}, {}, {},
+                       here ? Accuracy::rounding : Accuracy::exact);
+         },
+         2},
         {"argument: 0 values for 1 parameters", [&] { state.run(parametrised); }},
         {"argument: the list acts on qubit " + std::to_string(p + 3) + "; the state has " +
              std::to_string(p + 3) + " qubits",
@@ -490,6 +669,54 @@ TEST(Faults, ReachEveryRankAsTheSameError) {
          }},
         {"argument: qubit 63 of a state of " + std::to_string(p + 3) + " qubits",
          [&] { state.project({63}, 0); }},
+        {"argument: the description differs between ranks",
+         [&] { state.reset_to_str(here ? "1" : "0"); }, 2},
+        {"argument: what to prepare differs between ranks",
+         [&] { state.apply_state_preparation(here ? minus : plus, {0}); }, 2},
+        {"argument: what to prepare differs between ranks",
+         [&] { state.apply_state_preparation(plus, {here}); }, 2},
+        {"argument: 4 qubits are listed; a rank has 3",
+         [&] {
+             state.apply_state_preparation(std::vector<std::complex<double>>(16), {0, 1, 2, p + 2});
+         },
+         p > 0 ? 1 : 99},
+        {"argument: amplitudes holds 2 elements; expected 4",
+         [&] {
+             state.apply_state_preparation(plus, {0, 1});
+         }},
+        {"argument: what to load differs between ranks",
+         [&] {
+             state.apply_binary_qram(here ? ones : twos, {0, 1, 2}, 2);
+         },
+         2},
+        {"argument: words holds 2 elements; expected 4",
+         [&] {
+             state.apply_binary_qram(ones, {0, 1, 2}, 1);
+         }},
+        {"argument: amplitudes holds 2 elements; expected 4",
+         [&] {
+             state.apply_qram(plus, {0, 1}, 1);
+         }},
+        {"argument: data_width = 2: expected at most the 1 listed qubits",
+         [&] { state.apply_qram(plus, {0}, 2); }},
+        {"argument: the terms or the number of shots differs between ranks",
+         [&] {
+             state.evaluate_terms({{{0}, here ? "X" : "Y", 1.0}}, 1);
+         },
+         2},
+        {"argument: the terms or the number of shots differs between ranks",
+         [&] {
+             state.evaluate_terms({{{0}, "X", 1.0}}, 1 + here);
+         },
+         2},
+        {"argument: a term has 2 letters; expected at most one for each of its 1 qubits",
+         [&] {
+             state.evaluate_terms({{{0}, "XX", 1.0}}, 1);
+         }},
+        {"argument: qubit 1 is listed twice",
+         [&] {
+             state.evaluate_terms({{{1, 1}, "XX", 1.0}}, 1);
+         }},
         {"memory: rank 0 has not enough memory", [&] { State(MPI_COMM_WORLD, 63); }},
     };
     for (const auto& [text, work, least_ranks] : cases) {

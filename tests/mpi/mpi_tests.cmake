@@ -9,7 +9,7 @@ foreach(ranks 1 2 4 8 16)
     # Every rank computes the whole state, too: on many of them, what depends on their number.
     set(filter *)
     if(ranks EQUAL 8)
-        set(filter *Runs*:*Files*:*Faults*:*Amplitudes*:*Expectation*)
+        set(filter *Runs*:*Files*:*Faults*:*Amplitudes*:*Expectation*:*Loads*:*Estimates*)
     elseif(ranks EQUAL 16)
         set(filter *RunsOfRandomLists*)
     endif()

@@ -3,6 +3,7 @@
 #pragma once
 
 #include <cstdint>
+#include <pblinalg/accuracy.hpp>
 #include <pblinalg/export.hpp>
 #include <pblinalg/gate_list.hpp>
 
@@ -23,7 +24,7 @@ struct Traffic {
 
 struct DryRun {
     Traffic traffic;
-    std::size_t rank_passes = 0;    ///< stretches of gates between exchanges
+    std::size_t rank_passes = 0;    ///< stretches of gates, after each of which ranks may stop
     std::size_t memory_passes = 0;  ///< reads and writes of all of a rank's amplitudes
     double seconds = 0;             ///< network and memory one after the other
     /// The same list with one exchange of half of the amplitudes for every gate that mixes or moves
@@ -38,11 +39,11 @@ struct DryRun {
 /// for matrices on more than n_qubits - rank_bits qubits.
 template <class T>
 PBLINALG_EXPORT DryRun dry_run(const GateList& list, unsigned int n_qubits, unsigned int rank_bits,
-                               const Machine& machine = {});
+                               const Machine& machine = {}, Accuracy accuracy = Accuracy::exact);
 
 extern template PBLINALG_EXPORT DryRun dry_run<float>(const GateList&, unsigned int, unsigned int,
-                                                      const Machine&);
+                                                      const Machine&, Accuracy);
 extern template PBLINALG_EXPORT DryRun dry_run<double>(const GateList&, unsigned int, unsigned int,
-                                                       const Machine&);
+                                                       const Machine&, Accuracy);
 
 }  // namespace pblinalg::mpi

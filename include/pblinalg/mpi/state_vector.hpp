@@ -15,6 +15,7 @@
 #include <pblinalg/run.hpp>
 #include <span>
 #include <string>
+#include <utility>
 #include <vector>
 
 namespace pblinalg::mpi {
@@ -31,19 +32,24 @@ struct Checkpoint {
 /// qubits are in caller order, qubit 0 the most significant bit; over listed qubits the first
 /// listed one is. Gates give the bits that one process gives, whatever the number of ranks.
 ///
-/// Errors are raised on every rank alike. Where a rank runs out of memory it is std::bad_alloc, and
-/// the state is undefined when that happens inside `run`.
+/// Errors are raised on every rank alike: std::invalid_argument where ranks were given different
+/// lists, values, tables, outcomes or numbers of shots, before anything is done. Where a rank runs
+/// out of memory it is std::bad_alloc, and the state is undefined when that happens inside `run`.
 template <class T>
 class PBLINALG_EXPORT StateVector {
   public:
     using Amplitude = std::complex<T>;
     using Qubits = std::vector<unsigned int>;
+    using Estimate = std::pair<Amplitude, Amplitude>;
     using Callback = std::function<bool(std::size_t)>;
 
     /// |0...0>, with a generator seeded from the clock of rank 0.
+    /// @param num_threads  worker threads of this rank: the memory lies next to those that are
+    /// there
+    ///                    when it is first written.
     /// Errors: std::invalid_argument unless there are 2^p ranks and at least p + 2 qubits, or where
     /// ranks ask for different numbers; std::bad_alloc; std::logic_error without MPI_Init.
-    StateVector(MPI_Comm comm, unsigned int nqubits);
+    StateVector(MPI_Comm comm, unsigned int nqubits, int num_threads = 1);
     ~StateVector();
     StateVector(StateVector&&) noexcept;
     StateVector& operator=(StateVector&&) noexcept;
@@ -55,9 +61,10 @@ class PBLINALG_EXPORT StateVector {
     unsigned int local_qubits() const;  ///< n - p
     int rank() const;
     int ranks() const;
-    /// Worker threads of this rank, 1 at first.
+    /// Worker threads of this rank.
     void set_num_threads(int num_threads);
     /// Of the generator behind shots and measurements.
+    /// Errors: std::invalid_argument where it differs between ranks.
     void seed(std::uint64_t value);
 
     // ---- Preparing -----------------------------------------------------------------------------
@@ -66,27 +73,58 @@ class PBLINALG_EXPORT StateVector {
     /// Loads 2^n amplitudes, given whole on every rank.
     void set_amplitudes(std::span<const Amplitude> amplitudes);
 
+    /// Sets a product state: character k, one of "0", "1", "+" and "-", governs qubit n-1-k. Any
+    /// other character, or a missing one, leaves its qubit free with factor 1.
+    void reset_to_str(const std::string& description);
+    /// Replaces the amplitudes on `qubits`, for every value of the other qubits, by the 2^m given
+    /// ones, whole on every rank, times the norm that was there. Input index: the lowest-numbered
+    /// listed qubit is bit 0, whatever the order of the list. Nothing is normalised. The bits are
+    /// those of one process.
+    ///
+    /// Cost: one exchange of as many bits as listed qubits lie on bits of the ranks' numbers.
+    /// Errors: std::invalid_argument for qubits that the state does not have or that are listed
+    /// twice, for more than n - p of them, and for another number of amplitudes; std::bad_alloc
+    /// before any amplitude changes.
+    void apply_state_preparation(std::span<const std::complex<double>> amplitudes,
+                                 const Qubits& qubits);
+    /// Moves the amplitude of each address a from data value 0 to the low `data_width` bits of
+    /// words[a]. The last `data_width` listed qubits are the data register, n - p of them at most,
+    /// those before it the address; in both the first listed qubit is the least significant bit.
+    /// `words` is whole on every rank. Bits, cost (of the data register alone) and errors are those
+    /// of `apply_state_preparation`.
+    void apply_binary_qram(std::span<const unsigned long long> words, const Qubits& qubits,
+                           unsigned int data_width);
+    /// Spreads the amplitude of each address a over the data values in proportion to the real parts
+    /// of the table's row a (2^data_width entries), normalised by row; as `apply_binary_qram`.
+    void apply_qram(std::span<const std::complex<double>> amplitudes, const Qubits& qubits,
+                    unsigned int data_width);
+
     // ---- Running -------------------------------------------------------------------------------
 
     /// Applies the gates of a list, as `pblinalg::run` does.
     ///
     /// Cost: one exchange, in which each amplitude crosses the network at most once, for as many
-    /// gates as have their targets on n - p qubits; `dry_run` tells how many that are.
+    /// gates as have their targets on n - p qubits; `dry_run` tells how many that are. By rounding
+    /// gates on different qubits overtake each other, and they are many more.
     /// @param checkpoint  collective saves between gates; `resume` of the same list and values goes
-    ///                    on from the last one, to the same bits.
-    /// @param between_passes  called by each rank that gave one, between exchanges, with the number
-    ///                    of gates done so far: where one returns false, all ranks stop once gates
-    ///                    that later ones have overtaken are done, too. What it throws is raised on
-    ///                    every rank after the same steps.
+    ///                    on from the last one, to the same bits where runs are exact.
+    /// @param between_passes  called by each rank that gave one, at exchanges and, between
+    ///                    them, once in a thousand operations, with the number of gates done: where
+    ///                    one returns false, all ranks stop once gates that later ones have
+    ///                    overtaken are done, too. What it throws is raised on every rank after the
+    ///                    same steps.
+    /// @param accuracy  by rounding the last digits depend on the number of ranks, too.
     /// Errors: std::invalid_argument where ranks were given different lists or values, for qubits
     /// that the state does not have, for missing values and for matrices on more than n - p qubits.
     RunReport run(const GateList& list, std::span<const double> values = {},
-                  const Checkpoint& checkpoint = {}, const Callback& between_passes = {});
+                  const Checkpoint& checkpoint = {}, const Callback& between_passes = {},
+                  Accuracy accuracy = Accuracy::exact);
     /// Loads the checkpoint and applies the gates that it lacks.
-    /// Errors: those of `load`; std::invalid_argument where it belongs to another list or to other
-    /// values.
+    /// Errors: those of `load`; std::invalid_argument where it belongs to another list, to other
+    /// values or to another accuracy.
     RunReport resume(const GateList& list, std::span<const double> values,
-                     const Checkpoint& checkpoint, const Callback& between_passes = {});
+                     const Checkpoint& checkpoint, const Callback& between_passes = {},
+                     Accuracy accuracy = Accuracy::exact);
     /// Applies a circuit record.
     /// Errors: std::invalid_argument for an unknown name; the gates before it stay applied.
     void run(const PybindLinAlgWCircuit<T>& circuit);
@@ -114,6 +152,18 @@ class PBLINALG_EXPORT StateVector {
     /// coefficient * <P> of every term.
     std::vector<Amplitude> terms_expectations_values(const WObservable<T>& observable);
 
+    /// Estimates each term from `nshots` shots in its own basis: (coefficient * mean, coefficient *
+    /// standard error), on every rank. The state is rotated and rotated back. The draws are those
+    /// of one process with the same seed, and the results where `distribution` has its bits.
+    /// Letters from an "I" on are dropped together with the one qubit at that "I".
+    ///
+    /// Cost: per term two runs of its basis gates and one `distribution` over its qubits, of which
+    /// each rank holds 2^L probabilities for L qubits.
+    /// Errors: std::invalid_argument for qubits that the state does not have or that a term lists
+    /// twice and for more letters than qubits; std::length_error for a term of more than 61 qubits;
+    /// std::bad_alloc, the state rotated back unless that happens inside a run.
+    std::vector<Estimate> evaluate_terms(std::vector<SimpleTerm<T>> terms, std::uint64_t nshots);
+
     /// <this|other>. Added up in double; last digits depend on the number of ranks.
     /// Errors: std::invalid_argument for another number of qubits or ranks.
     std::complex<double> inner(StateVector& other);
@@ -133,8 +183,10 @@ class PBLINALG_EXPORT StateVector {
     /// amplitude's share may fall to its neighbour.
     std::vector<std::uint64_t> sample_by_pieces(std::uint64_t shots, const Qubits& qubits = {},
                                                 int root = -1);
-    /// One outcome over the listed qubits; the state stays as it is.
+    /// One outcome over the listed qubits; the state stays as it is. Cost: that of `sample`.
     std::uint64_t measure(const Qubits& qubits);
+    /// As `measure`, from running sums as those of `sample_by_pieces`.
+    std::uint64_t measure_by_pieces(const Qubits& qubits);
     /// Keeps the amplitudes that agree with `outcome` and divides them by the root of their summed
     /// squared magnitudes.
     /// Errors: std::domain_error when that is 0; the state is then 0.
