@@ -194,6 +194,7 @@ RankPlan plan_passes(std::span<const Operation> operations, const Layout& layout
                                       .reach = search.reach,
                                       .max_starts = search.max_starts,
                                       .whole_parts = true,
+                                      .foresees = !keeps_order,
                                       .first_active = first});
     for (Pass pass; planner.next(pass);) {
         std::vector<BitSwap> swaps =
