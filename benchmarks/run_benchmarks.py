@@ -156,6 +156,7 @@ def made_by(results):
 
 def update_docs(results):
     """The plot, and the table between the markers of docs/performance-rows.md."""
+    origin = made_by(results)
     plot = ROOT / "docs/images/benchmarks.svg"
     plot.parent.mkdir(parents=True, exist_ok=True)
     plot.write_text(draw(results, THREADS), encoding="utf-8")
@@ -164,7 +165,7 @@ def update_docs(results):
     text = page.read_text(encoding="utf-8")
     if begin not in text or end not in text:
         raise Refusal(f"{page} lacks its result markers")
-    table = f"{made_by(results)}\n\n```text\n{text_table(results)}\n```\n"
+    table = f"{origin}\n\n```text\n{text_table(results)}\n```\n"
     text = text[: text.index(begin) + len(begin)] + table + text[text.index(end):]
     page.write_text(text, encoding="utf-8")
     print(f"Updated {page} and {plot}")
