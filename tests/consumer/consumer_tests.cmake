@@ -34,6 +34,24 @@ add_test(NAME consumer.PkgConfig
 set_tests_properties(consumer.CMakePackage consumer.PkgConfig PROPERTIES
     FIXTURES_REQUIRED consumer_prefix)
 
+if(PBLINALG_BUILD_MPI)
+    add_test(NAME consumer.MPIPackage
+        COMMAND ${CMAKE_CTEST_COMMAND}
+            --build-and-test ${consumer_source}/mpi ${consumer_build}/mpi
+            --build-generator ${CMAKE_GENERATOR}
+            --build-options
+                -DCMAKE_BUILD_TYPE=${CMAKE_BUILD_TYPE}
+                -DCMAKE_CXX_COMPILER=${CMAKE_CXX_COMPILER}
+                -DCMAKE_CXX_FLAGS=${CMAKE_CXX_FLAGS}
+                -DCMAKE_PREFIX_PATH=${prefix}
+                -DPROGRAM=${PROJECT_SOURCE_DIR}/examples/there_and_back.cpp
+                -DRANKS=${PROJECT_SOURCE_DIR}/scripts/ranks.sh
+            --test-command ${CMAKE_CTEST_COMMAND} --output-on-failure --no-tests=error)
+    set_tests_properties(consumer.MPIPackage PROPERTIES
+        FIXTURES_REQUIRED consumer_prefix
+        ENVIRONMENT "OMP_NUM_THREADS=1;ASAN_OPTIONS=detect_leaks=0")
+endif()
+
 add_test(NAME consumer.Subproject
     COMMAND ${CMAKE_COMMAND}
         -S ${consumer_source}/subproject -B ${consumer_build}_subproject
