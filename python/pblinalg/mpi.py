@@ -247,11 +247,9 @@ class StateVector(PureState):
         by_pieces: measurements in the circuit as those of `measure`.
         """
         with _interrupts_held() as interrupts:
-            with self._together():
-                steps, numbers = self._steps(circuit, values)
-                path, interval = self._checkpoint(circuit, checkpoint, every)
-                accuracy_name(accuracy)
-                own = self._own(progress)
+            steps, numbers, path, interval, own = self._agreed(
+                circuit, values, checkpoint, every, accuracy, progress
+            )
             self._bits = [0] * circuit.num_clbits
             with reporter(own, len(circuit), "gate") as report:
                 run_steps(
@@ -283,11 +281,9 @@ class StateVector(PureState):
         gates that it lacks: exact ones give the bits of a run that was not interrupted, on any
         number of ranks. ValueError for one of another. `progress` and signals are as in `run`."""
         with _interrupts_held() as interrupts:
-            with self._together():
-                steps, numbers = self._steps(circuit, values)
-                path, interval = self._checkpoint(circuit, checkpoint, every)
-                accuracy_name(accuracy)
-                own = self._own(progress)
+            steps, numbers, path, interval, own = self._agreed(
+                circuit, values, checkpoint, every, accuracy, progress
+            )
             with reporter(own, len(circuit), "gate") as report:
                 for gates in steps:
                     self._raise_together(
@@ -297,6 +293,21 @@ class StateVector(PureState):
                     )
             self._raise_together(interrupts.error())
         return self
+
+    def _agreed(
+        self,
+        circuit: Program,
+        values: Values | None,
+        checkpoint: str | os.PathLike[str] | None,
+        every: SupportsIndex,
+        accuracy: Accuracy,
+        progress: Progress,
+    ) -> tuple[Any, NDArray[np.float64], str, int, Progress]:
+        """What a run was given, checked on all ranks."""
+        with self._together():
+            accuracy_name(accuracy)
+            steps = self._steps(circuit, values)
+            return *steps, *self._checkpoint(circuit, checkpoint, every), self._own(progress)
 
     def _own(self, progress: Progress) -> Progress:
         """What this rank shows of it: bars are those of rank 0."""

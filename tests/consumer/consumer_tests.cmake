@@ -10,17 +10,23 @@ add_test(NAME consumer.Install
         mv '${consumer_build}/installed' '${prefix}'")
 set_tests_properties(consumer.Install PROPERTIES FIXTURES_SETUP consumer_prefix)
 
-add_test(NAME consumer.CMakePackage
-    COMMAND ${CMAKE_CTEST_COMMAND}
-        --build-and-test ${consumer_source} ${consumer_build}/cmake
-        --build-generator ${CMAKE_GENERATOR}
-        --build-options
-            -DCMAKE_BUILD_TYPE=${CMAKE_BUILD_TYPE}
-            -DCMAKE_CXX_COMPILER=${CMAKE_CXX_COMPILER}
-            -DCMAKE_CXX_FLAGS=${CMAKE_CXX_FLAGS}
-            -DCMAKE_PREFIX_PATH=${prefix}
-            -DREADME=${PROJECT_SOURCE_DIR}/README.md
-        --test-command ${CMAKE_CTEST_COMMAND} --output-on-failure --no-tests=error)
+# A project that finds the installed library; further arguments are options of its own.
+function(pblinalg_add_consumer name source)
+    add_test(NAME consumer.${name}
+        COMMAND ${CMAKE_CTEST_COMMAND}
+            --build-and-test ${source} ${consumer_build}/${name}
+            --build-generator ${CMAKE_GENERATOR}
+            --build-options
+                -DCMAKE_BUILD_TYPE=${CMAKE_BUILD_TYPE}
+                -DCMAKE_CXX_COMPILER=${CMAKE_CXX_COMPILER}
+                -DCMAKE_CXX_FLAGS=${CMAKE_CXX_FLAGS}
+                -DCMAKE_PREFIX_PATH=${prefix}
+                ${ARGN}
+            --test-command ${CMAKE_CTEST_COMMAND} --output-on-failure --no-tests=error)
+    set_tests_properties(consumer.${name} PROPERTIES FIXTURES_REQUIRED consumer_prefix)
+endfunction()
+
+pblinalg_add_consumer(CMakePackage ${consumer_source} -DREADME=${PROJECT_SOURCE_DIR}/README.md)
 
 find_program(PKG_CONFIG pkg-config REQUIRED)
 add_test(NAME consumer.PkgConfig
@@ -31,24 +37,14 @@ add_test(NAME consumer.PkgConfig
             $('${PKG_CONFIG}' --cflags --libs pblinalg) -o '${consumer_build}/with_pkg_config'
         LD_LIBRARY_PATH='${prefix}/${CMAKE_INSTALL_LIBDIR}' '${consumer_build}/with_pkg_config'")
 
-set_tests_properties(consumer.CMakePackage consumer.PkgConfig PROPERTIES
-    FIXTURES_REQUIRED consumer_prefix)
+set_tests_properties(consumer.PkgConfig PROPERTIES FIXTURES_REQUIRED consumer_prefix)
 
 if(PBLINALG_BUILD_MPI)
-    add_test(NAME consumer.MPIPackage
-        COMMAND ${CMAKE_CTEST_COMMAND}
-            --build-and-test ${consumer_source}/mpi ${consumer_build}/mpi
-            --build-generator ${CMAKE_GENERATOR}
-            --build-options
-                -DCMAKE_BUILD_TYPE=${CMAKE_BUILD_TYPE}
-                -DCMAKE_CXX_COMPILER=${CMAKE_CXX_COMPILER}
-                -DCMAKE_CXX_FLAGS=${CMAKE_CXX_FLAGS}
-                -DCMAKE_PREFIX_PATH=${prefix}
-                -DPROGRAM=${PROJECT_SOURCE_DIR}/examples/there_and_back.cpp
-                -DRANKS=${PROJECT_SOURCE_DIR}/scripts/ranks.sh
-            --test-command ${CMAKE_CTEST_COMMAND} --output-on-failure --no-tests=error)
+    pblinalg_add_consumer(MPIPackage ${consumer_source}/mpi
+        -DPROGRAM=${PROJECT_SOURCE_DIR}/examples/there_and_back.cpp
+        -DRANKS=${PROJECT_SOURCE_DIR}/scripts/ranks.sh)
+    # MPI has leaks of its own.
     set_tests_properties(consumer.MPIPackage PROPERTIES
-        FIXTURES_REQUIRED consumer_prefix
         ENVIRONMENT "OMP_NUM_THREADS=1;ASAN_OPTIONS=detect_leaks=0")
 endif()
 
