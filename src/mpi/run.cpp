@@ -162,7 +162,11 @@ RunReport StateVector<T>::State::go_on(const ListRun& run, RunProgress progress,
     const std::size_t n_gates = run.list.size();
     // Kept until the next one stands, whichever run it is of.
     std::string older;
-    if (checkpoint.every != 0 && rank() == 0) older = saved_state(checkpoint.path);
+    if (checkpoint.every != 0) {
+        together(comm(), [&] {
+            if (rank() == 0) older = saved_state(checkpoint.path);
+        });
+    }
     while (goes_on && progress.gates < n_gates) {
         const std::size_t end =
             checkpoint.every == 0
